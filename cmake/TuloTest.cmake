@@ -1,0 +1,43 @@
+# tulo_add_test(NAME tst_xxx [WORKER] [HOST] [SOURCES file...] [LIBRARIES library...])
+#
+# One Qt Test program and the ctest test of the same name. SOURCES defaults to
+# the file named like the test.
+#
+#   WORKER  the test looks inside the worker: it is compiled without access
+#           control and linked with the worker's own code
+#   HOST    the test uses the host library
+#
+# The places a test needs (TULO_PLUGIN_FILE and so on) are defined by
+# tests_support, which every test is linked with.
+function(tulo_add_test)
+    cmake_parse_arguments(PARSE_ARGV 0 arg "WORKER;HOST" "NAME" "SOURCES;LIBRARIES")
+    if(NOT arg_NAME OR arg_UNPARSED_ARGUMENTS)
+        message(FATAL_ERROR "tulo_add_test: no NAME, or unknown: ${arg_UNPARSED_ARGUMENTS}")
+    endif()
+    if(NOT arg_SOURCES)
+        set(arg_SOURCES ${arg_NAME}.cpp)
+    endif()
+
+    add_executable(${arg_NAME} ${arg_SOURCES})
+    set_target_properties(${arg_NAME} PROPERTIES
+        RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
+    target_link_libraries(${arg_NAME} PRIVATE
+        tulo_warnings tests_support ${arg_LIBRARIES} Tulo::Framework log4cplus::log4cplus Qt5::Test)
+    if(arg_WORKER)
+        target_compile_options(${arg_NAME} PRIVATE -fno-access-control)
+        target_link_libraries(${arg_NAME} PRIVATE tests_worker)
+        tulo_precompile(${arg_NAME} OPEN)
+    else()
+        tulo_precompile(${arg_NAME})
+    endif()
+    if(arg_HOST)
+        target_link_libraries(${arg_NAME} PRIVATE tulo_host)
+    endif()
+    # A test starts the built program and loads the built plug-in by file name.
+    add_dependencies(${arg_NAME} tulo_cb_settings tulo-cm)
+
+    add_test(NAME ${arg_NAME} COMMAND ${arg_NAME})
+    set_tests_properties(${arg_NAME} PROPERTIES
+        TIMEOUT ${TULO_TEST_TIMEOUT}
+        ENVIRONMENT "LC_ALL=C.UTF-8;${TULO_TEST_ENVIRONMENT}")
+endfunction()
