@@ -1,0 +1,42 @@
+#pragma once
+
+#include "api/core/tulovalue.h"
+
+#include <QStringList>
+
+/// Applies an operation to a value. Thread-safe: no state is kept; nothing is logged.
+class CMOperation
+{
+public:
+    /// The verbs: set, add, multiply, toggle, append, remove, next, previous.
+    static const QStringList& verbs();
+
+    /// Returns the value that `operation` makes of `current`, within the constraints: a number
+    /// is brought into the range and onto the step as CMEdit::judge() does it. What the
+    /// constraints refuse, an unknown verb, a verb that does not fit the kind, and an operand of
+    /// another kind (but a number that loses nothing will do) leave the value as it was.
+    ///
+    /// The kind is the one that the constraints or the current value tell, otherwise the
+    /// operand's, for toggle a boolean.
+    ///
+    ///     verb            kind            result
+    ///     set             any             the operand
+    ///     add, multiply   number          the sum, the product; saturates at the limits of the
+    ///                                     64-bit integers and of the finite doubles
+    ///     toggle          bool            the other one
+    ///     append          string          the operand's text at the end
+    ///                     list            the operand's elements at the end, or the operand as
+    ///                                     one element if it is no list
+    ///     remove          string          without any occurrence of the operand's text
+    ///                     list            without any element equal to one of the operand's, or
+    ///                                     to the operand if it is no list
+    ///     next, previous  listed values   the neighbour in the list; from outside of the list its
+    ///                                     first, or last
+    ///                     other number    one step up or down, 1 where there is none; from
+    ///                                     between two steps the nearest that way
+    ///
+    /// Next and previous stop at the ends. An empty current value counts as 0, for multiply as
+    /// 1, as false, as the empty text or list, and as lying outside of the listed values.
+    static TuloValue apply(const TuloValue& current, const TuloEdit& edit,
+                           const TuloOperation& operation);
+};

@@ -1,0 +1,82 @@
+#include "api/core/model/cmpath.h"
+
+#include "api/core/tulo.h"
+
+#include <QUrl>
+
+#include <ostream>
+
+CMPath::CMPath(const QString& text)
+    : m_text(text)
+{
+}
+
+bool CMPath::isEmpty() const
+{
+    return m_text.isEmpty();
+}
+
+const QString& CMPath::text() const
+{
+    return m_text;
+}
+
+QString CMPath::base() const
+{
+    const QLatin1Char separator('/');
+    const bool absolute = m_text.startsWith(separator);
+    const int mountEnd = m_text.indexOf(separator, absolute ? 1 : 0);
+    if (mountEnd < 0)
+        return absolute ? QString(separator) : QString();
+    return m_text.mid(absolute ? mountEnd : mountEnd + 1);
+}
+
+QString CMPath::toEncoded() const
+{
+    return QString::fromLatin1(QUrl::toPercentEncoding(m_text, "/"));
+}
+
+bool CMPath::operator==(const CMPath& other) const
+{
+    return m_text == other.m_text;
+}
+
+bool CMPath::operator!=(const CMPath& other) const
+{
+    return m_text != other.m_text;
+}
+
+QVariant CMPath::toVariant() const
+{
+    registerMetaType();
+    return QVariant::fromValue(*this);
+}
+
+bool CMPath::isIn(const QVariant& value)
+{
+    return value.userType() >= QMetaType::User && qstrcmp(value.typeName(), "CMPath") == 0;
+}
+
+CMPath CMPath::fromVariant(const QVariant& value)
+{
+    return isIn(value) ? value.value<CMPath>() : CMPath(value.toString());
+}
+
+void CMPath::registerMetaType()
+{
+    static const bool registered = qRegisterMetaType<CMPath>("CMPath") != QMetaType::UnknownType
+        && QMetaType::registerEqualsComparator<CMPath>()
+        && QMetaType::registerConverter<CMPath, QString>(
+                                       [](const CMPath& path) { return path.text(); });
+    Q_UNUSED(registered)
+}
+
+std::ostream& operator<<(std::ostream& stream, const CMPath& path)
+{
+    return stream << path.text();
+}
+
+uint qHash(const CMPath& path, uint seed)
+{
+    return qHash(path.text(), seed);
+}

@@ -1,0 +1,85 @@
+#pragma once
+
+#include "api/core/model/cmpath.h"
+
+#include <QHash>
+#include <QList>
+#include <QMutex>
+#include <QObject>
+#include <QString>
+#include <QVariant>
+
+/// Receives announcements. Not owned by the registry: it takes itself out with
+/// CMSubscribe::unsubscribe() before it is destroyed. Called on the announcing thread, outside
+/// the registry's lock, so it may subscribe, unsubscribe and ask from inside.
+class CMSubscriber
+{
+public:
+    virtual ~CMSubscriber() = default;
+
+    /// `value` is the new value as a hash.
+    virtual void valueChanged(const CMPath& path, const QVariant& value);
+    virtual void dataChanged(const CMPath& path);
+    /// `command` is the index of the row that changed, with a leading "+" for a row that was
+    /// inserted there; `version` is the directory's rows version from now on.
+    virtual void rowsChanged(const CMPath& path, const QString& command, int version);
+};
+
+/// The subscription registry of one worker: who wants to hear of which path, and through which
+/// every change is announced. All operations are thread-safe; subscribers of exactly the
+/// announced path are told synchronously, in order of subscription, observers after them; each
+/// once. One that is taken out while an announcement is under way is not told any more.
+class CMSubscribe : public QObject
+{
+    Q_OBJECT
+
+public:
+    CMSubscribe() = default;
+
+    // Each emits the path-added signal of its kind, a repeated subscription too.
+    void subscribeValue(const CMPath& path, CMSubscriber* subscriber);
+    void subscribeData(const CMPath& path, CMSubscriber* subscriber);
+    void subscribeRows(const CMPath& path, CMSubscriber* subscriber);
+    /// Takes `subscriber` out of every path and out of the observers.
+    void unsubscribe(CMSubscriber* subscriber);
+    /// An observer hears every announcement, whether anybody subscribed or not.
+    void addObserver(CMSubscriber* observer);
+
+    /// Announces a node's new value.
+    void valueChanged(const CMPath& path, const QVariant& value);
+    /// Announces that a node's data changed.
+    void dataChanged(const CMPath& path);
+    /// Announces a change in a directory's rows and raises its rows version before. The two
+    /// numbers are reserved for ranges; -1 stands for none.
+    void rowsChanged(const CMPath& path, const QString& command, int first, int last);
+
+    /// How often the rows of `path` changed, 0 at first.
+    int rowsVersion(const CMPath& path) const;
+    /// The subscribed data paths that are `prefix` or lie below it, compared by whole
+    /// components with or without the leading "/"; each once, sorted.
+    QList<CMPath> dataPathsStartingWith(const CMPath& prefix) const;
+
+signals:
+    void dataPathAdded(const CMPath& path);
+    void rowsPathAdded(const CMPath& path);
+    void valuePathAdded(const CMPath& path);
+
+private:
+    using Subscribers = QHash<CMPath, QList<CMSubscriber*>>;
+
+    void subscribe(Subscribers& subscribers, const CMPath& path, CMSubscriber* subscriber);
+    /// The subscribers of `path`, then the observers that are not among them.
+    QList<CMSubscriber*> listeners(const Subscribers& subscribers, const CMPath& path) const;
+    /// Calls `tell` for each of them that is still one when its turn comes. Takes the mutex only
+    /// between the calls.
+    template<typename Tell>
+    void announce(const Subscribers& subscribers, const CMPath& path, Tell tell) const;
+
+    mutable QMutex m_mutex;
+    // Under the mutex.
+    Subscribers m_valueSubscribers;
+    Subscribers m_dataSubscribers;
+    Subscribers m_rowsSubscribers;
+    QList<CMSubscriber*> m_observers;
+    QHash<CMPath, int> m_rowsVersions;
+};

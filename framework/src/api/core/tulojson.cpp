@@ -1,0 +1,278 @@
+#include "api/core/tulojson.h"
+
+#include "api/core/model/cmpath.h"
+#include "api/core/trstring.h"
+#include "api/core/tuloroles.h"
+
+#include <rapidjson/error/en.h>
+#include <rapidjson/memorystream.h>
+#include <rapidjson/reader.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// Reading. The parser reports events; the builder keeps the open objects and lists on a stack
+// of its own, so depth costs no call stack.
+// ---------------------------------------------------------------------------------------------
+
+// fromUtf8() takes a leading U+FEFF for a byte order mark and drops it.
+QString textOf(const char* text, int length)
+{
+    const bool startsWithMark = length >= 3 && std::memcmp(text, "\xEF\xBB\xBF", 3) == 0;
+    const QString decoded = QString::fromUtf8(text, length);
+    return startsWithMark ? QChar(QChar::ByteOrderMark) + decoded : decoded;
+}
+
+// The reader lets the escapes \uDC00 to \uDFFF pass alone, as three bytes that no text has: in
+// the document's own bytes it has refused them.
+bool holdsLoneSurrogate(const char* text, int length)
+{
+    const std::string_view bytes(text, std::size_t(length));
+    for (auto lead = bytes.find('\xED'); lead != std::string_view::npos;
+         lead = bytes.find('\xED', lead + 1)) {
+        if (quint8(bytes[lead + 1]) >= 0xA0)
+            return true;
+    }
+    return false;
+}
+
+// Role keys and kinds share one string each: a tree of settings holds them thousands of times.
+QString internedKey(const char* text, int length)
+{
+    static const std::unordered_map<std::string_view, QString> known = [] {
+        static const QList<QByteArray> names = [] {
+            QList<QByteArray> list;
+            for (const QString& key : TuloRoles::keys() + TuloValue::kinds())
+                list.append(key.toLatin1());
+            return list;
+        }();
+        std::unordered_map<std::string_view, QString> map;
+        for (const QByteArray& name : names)
+            map.emplace(std::string_view(name.constData(), std::size_t(name.size())),
+                        QString::fromLatin1(name));
+        return map;
+    }();
+    const auto entry = known.find(std::string_view(text, std::size_t(length)));
+    return entry != known.end() ? entry->second : textOf(text, length);
+}
+
+QString reasonText(rapidjson::ParseErrorCode code)
+{
+    return QString::fromLatin1(rapidjson::GetParseError_En(code));
+}
+
+class VariantBuilder
+{
+public:
+    bool Null() { return add(QVariant()); }
+    bool Bool(bool value) { return add(value); }
+    bool Int(int value) { return add(qlonglong(value)); }
+    bool Uint(unsigned value) { return add(qlonglong(value)); }
+    bool Int64(int64_t value) { return add(qlonglong(value)); }
+    bool Uint64(uint64_t value)
+    {
+        return value <= uint64_t(INT64_MAX) ? add(qlonglong(value)) : add(qulonglong(value));
+    }
+    bool Double(double value) { return add(value); }
+    // Never called: numbers are not asked for as text.
+    bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; }
+    bool String(const char* text, rapidjson::SizeType length, bool)
+    {
+        if (holdsLoneSurrogate(text, int(length)))
+            return refuse(reasonText(rapidjson::kParseErrorStringUnicodeSurrogateInvalid));
+        return add(length == 0 ? QStringLiteral("") : textOf(text, int(length)));
+    }
+    bool Key(const char* text, rapidjson::SizeType length, bool)
+    {
+        if (holdsLoneSurrogate(text, int(length)))
+            return refuse(reasonText(rapidjson::kParseErrorStringUnicodeSurrogateInvalid));
+        m_open.back().key = internedKey(text, int(length));
+        return true;
+    }
+    bool StartObject() { return open(true); }
+    bool EndObject(rapidjson::SizeType) { return close(); }
+    bool StartArray() { return open(false); }
+    bool EndArray(rapidjson::SizeType) { return close(); }
+
+    const QVariant& result() const { return m_result; }
+    /// Why the builder ended the reading.
+    QString refusal() const { return m_refusal; }
+
+private:
+    struct Container
+    {
+        bool isObject = false;
+        QVariantHash hash;
+        QVariantList list;
+        QString key; ///< of the member that comes next
+    };
+
+    bool open(bool isObject)
+    {
+        if (m_open.size() == TuloJson::maximumDepth)
+            return refuse(QStringLiteral("Nested too deeply."));
+        m_open.push_back({ isObject, {}, {}, {} });
+        return true;
+    }
+
+    bool refuse(const QString& reason)
+    {
+        m_refusal = reason;
+        return false;
+    }
+
+    bool close()
+    {
+        const Container container = std::move(m_open.back());
+        m_open.pop_back();
+        return container.isObject ? add(container.hash) : add(container.list);
+    }
+
+    bool add(const QVariant& value)
+    {
+        if (m_open.empty())
+            m_result = value;
+        else if (m_open.back().isObject)
+            m_open.back().hash.insert(m_open.back().key, value);
+        else
+            m_open.back().list.append(value);
+        return true;
+    }
+
+    std::vector<Container> m_open;
+    QVariant m_result;
+    QString m_refusal;
+};
+
+QString placeInText(const QByteArray& text, std::size_t offset)
+{
+    const QByteArray before = text.left(int(offset));
+    const int line = int(before.count('\n')) + 1;
+    const QByteArray lineBefore = before.mid(before.lastIndexOf('\n') + 1);
+    // Continuation bytes belong to the character before them.
+    const auto characters = std::count_if(lineBefore.cbegin(), lineBefore.cend(),
+                                          [](char byte) { return (byte & 0xC0) != 0x80; });
+    return QStringLiteral("line %1, column %2").arg(line).arg(characters + 1);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Writing.
+// ---------------------------------------------------------------------------------------------
+
+class DocumentWriter
+{
+public:
+    bool write(const QVariant& value, int depth)
+    {
+        switch (value.userType()) {
+        case QMetaType::UnknownType:
+        case QMetaType::Nullptr:
+            return m_writer.Null();
+        case QMetaType::Bool:
+            return m_writer.Bool(value.toBool());
+        case QMetaType::Int:
+        case QMetaType::Short:
+        case QMetaType::Long:
+        case QMetaType::LongLong:
+            return m_writer.Int64(value.toLongLong());
+        case QMetaType::UInt:
+        case QMetaType::UShort:
+        case QMetaType::ULong:
+        case QMetaType::ULongLong:
+            return m_writer.Uint64(value.toULongLong());
+        case QMetaType::Double:
+        case QMetaType::Float:
+            return m_writer.Double(value.toDouble()); // false for NaN and infinities
+        case QMetaType::QString:
+            return writeText(value.toString());
+        case QMetaType::QStringList:
+        case QMetaType::QVariantList:
+            return depth < TuloJson::maximumDepth && writeList(value.toList(), depth + 1);
+        case QMetaType::QVariantHash:
+            return depth < TuloJson::maximumDepth && writeObject(value.toHash(), depth + 1);
+        case QMetaType::QVariantMap:
+            return depth < TuloJson::maximumDepth && writeObject(value.toMap(), depth + 1);
+        default:
+            break;
+        }
+        if (TrString::isIn(value))
+            return writeText(value.value<TrString>().toString());
+        if (CMPath::isIn(value))
+            return writeText(value.value<CMPath>().text());
+        return false;
+    }
+
+    QByteArray text() const { return QByteArray(m_buffer.GetString(), int(m_buffer.GetSize())); }
+
+private:
+    bool writeText(const QString& text)
+    {
+        const QByteArray bytes = text.toUtf8();
+        return m_writer.String(bytes.constData(), rapidjson::SizeType(bytes.size()));
+    }
+
+    bool writeList(const QVariantList& list, int depth)
+    {
+        m_writer.StartArray();
+        for (const QVariant& entry : list) {
+            if (!write(entry, depth))
+                return false;
+        }
+        return m_writer.EndArray();
+    }
+
+    template<typename Object>
+    bool writeObject(const Object& object, int depth)
+    {
+        QStringList keys = object.keys();
+        keys.sort();
+        m_writer.StartObject();
+        for (const QString& key : qAsConst(keys)) {
+            if (!writeText(key) || !write(*object.constFind(key), depth))
+                return false;
+        }
+        return m_writer.EndObject();
+    }
+
+    rapidjson::StringBuffer m_buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> m_writer { m_buffer };
+};
+
+} // namespace
+
+QVariant TuloJson::parse(const QByteArray& text, TuloError& error, unsigned int* offset)
+{
+    constexpr unsigned flags = rapidjson::kParseIterativeFlag
+        | rapidjson::kParseValidateEncodingFlag | rapidjson::kParseFullPrecisionFlag;
+    rapidjson::MemoryStream stream(text.constData(), std::size_t(text.size()));
+    rapidjson::Reader reader;
+    VariantBuilder builder;
+    const rapidjson::ParseResult result = reader.Parse<flags>(stream, builder);
+    // A zero byte ends the document for the reader, so what follows it is trailing text.
+    const bool whole = stream.Tell() == std::size_t(text.size());
+    const std::size_t stop = result.IsError() ? result.Offset() : stream.Tell();
+    if (offset != nullptr)
+        *offset = unsigned(stop);
+    if (!result.IsError() && whole)
+        return builder.result();
+    const rapidjson::ParseErrorCode code =
+        result.IsError() ? result.Code() : rapidjson::kParseErrorDocumentRootNotSingular;
+    const QString reason =
+        code == rapidjson::kParseErrorTermination ? builder.refusal() : reasonText(code);
+    error.setMessage(placeInText(text, stop) + QLatin1String(": ") + reason);
+    return QVariant();
+}
+
+QByteArray TuloJson::serialize(const QVariant& value)
+{
+    DocumentWriter writer;
+    return writer.write(value, 0) ? writer.text() : QByteArray();
+}
