@@ -1,0 +1,101 @@
+#pragma once
+
+#include "host/errors.h"
+
+#include "api/core/model/cmrequest.h"
+#include "api/core/model/cmworker.h"
+
+#include <QList>
+#include <QMutex>
+#include <QObject>
+#include <QStringList>
+
+class Guard;
+class Router;
+
+/// One row of a directory. Answers of the worker hold no names; these come from the row's path.
+struct Row
+{
+    QString name;
+    CMPath path;
+    bool isDirectory = false;
+    QList<QVariant> values; ///< of the roles asked for, in that order
+};
+
+/// The answer to Client::getRows(), taken apart.
+struct Rows
+{
+    int count = 0; ///< rows of the whole directory, not of those answered
+    int version = 0;
+    TuloRoles directory; ///< the directory's own roles
+    QList<Row> rows;
+};
+
+/// The client's side of a request: builds it, has it judged by the guard and served by the
+/// worker on the worker's thread, one request at a time, and hands out the reply.
+///
+/// Lives on the worker's thread. The request functions are thread-safe: on the worker's thread
+/// a request is served at once (every reply of the settings worker is then finished when the
+/// function returns), from any other it is queued and wait() waits for it.
+class Client : public QObject
+{
+    Q_OBJECT
+
+public:
+    static constexpr int defaultTimeoutMs = 60000;
+
+    /// `guard` judges every request; without one (for measurements) everything is admitted.
+    /// Both outlive the client.
+    explicit Client(Router* router, const Guard* guard = nullptr);
+    /// Closes.
+    ~Client() override;
+
+    CMGetDataRequest::Reply getData(const CMPath& path, const QStringList& roles);
+    /// `lastRow` is inclusive; at most Guard::maximumRows are answered. Asks for two roles more
+    /// than `roles`; rowsOf() takes the answer apart.
+    CMGetRowsRequest::Reply getRows(const CMPath& path, qint32 firstRow, qint32 lastRow,
+                                    const QStringList& roles);
+    CMSetDataRequest::Reply setValue(const CMPath& path, const TuloValue& value);
+    CMSetDataRequest::Reply setRoles(const CMPath& path, const TuloRoles& roles);
+    CMSetDataRequest::Reply apply(const CMPath& path, const TuloOperation& operation);
+    /// Finished when everything pending was tried, with an invalid variant whatever became of
+    /// it; WriteWatch knows.
+    CMSetDataRequest::Reply flush();
+    CMSetDataRequest::Reply dropCache();
+    /// What the functions above are made of: any role, any value.
+    CMSetDataRequest::Reply setData(const CMPath& path, const QString& role, const QVariant& value);
+
+    /// Serves `request` at once on the worker's thread, queues it from any other.
+    void submit(const CMRequest& request);
+    /// Serves `request` at once on the calling thread, whichever it is, without the guard. For
+    /// tests of what the worker does on a foreign thread.
+    void callDirectly(const CMRequest& request) const;
+
+    /// Waits until `reply` is finished, on any thread but the worker's. After `milliseconds` it
+    /// gets the error TimedOut; an answer that comes later is ignored.
+    static void wait(const CMVoidReply& reply, int milliseconds = defaultTimeoutMs);
+
+    /// Takes an answer to getRows() apart; `roles` are those that were given there.
+    static Rows rowsOf(const TuloRowsRoles& answer, const QStringList& roles);
+
+    /// From now on every request, those that are queued included, gets the error Stopped.
+    /// Worker thread only.
+    void close();
+
+signals:
+    /// The worker accepted a change to the setting `path` (with its leading "/"). Emitted on the
+    /// worker's thread, after the reply was finished.
+    void changeAccepted(const CMPath& path);
+
+private:
+    void serve(const CMRequest& request);
+    void serveQueued();
+
+    Router* const m_router;
+    const Guard* const m_guard;
+
+    QMutex m_mutex;
+    // Under the mutex.
+    QList<CMRequest> m_queue;
+    bool m_closed = false;
+};

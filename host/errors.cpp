@@ -1,0 +1,48 @@
+#include "host/errors.h"
+
+#include <algorithm>
+#include <array>
+
+namespace {
+
+struct NamedKind
+{
+    ErrorKind kind;
+    QLatin1String name;
+};
+
+const std::array<NamedKind, 7> namedKinds { {
+    { ErrorKind::InvalidPath, QLatin1String("InvalidPath") },
+    { ErrorKind::Refused, QLatin1String("Refused") },
+    { ErrorKind::NotModifiable, QLatin1String("NotModifiable") },
+    { ErrorKind::Limits, QLatin1String("Limits") },
+    { ErrorKind::InUse, QLatin1String("InUse") },
+    { ErrorKind::TimedOut, QLatin1String("TimedOut") },
+    { ErrorKind::Stopped, QLatin1String("Stopped") },
+} };
+
+} // namespace
+
+QString errorName(ErrorKind kind)
+{
+    const auto* const entry =
+        std::find_if(namedKinds.cbegin(), namedKinds.cend(),
+                     [kind](const NamedKind& named) { return named.kind == kind; });
+    return entry == namedKinds.cend() ? QString() : QString(entry->name);
+}
+
+ErrorKind errorKind(const CMError& error)
+{
+    const QString name = error.name();
+    if (name.isEmpty())
+        return ErrorKind::None;
+    const auto* const entry =
+        std::find_if(namedKinds.cbegin(), namedKinds.cend(),
+                     [&name](const NamedKind& named) { return named.name == name; });
+    return entry == namedKinds.cend() ? ErrorKind::Other : entry->kind;
+}
+
+CMError hostError(ErrorKind kind, const QString& message)
+{
+    return CMError(errorName(kind), TrString(message));
+}

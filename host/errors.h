@@ -1,0 +1,26 @@
+#pragma once
+
+#include "api/core/model/cmerror.h"
+
+#include <QString>
+
+/// Why a request was not served. The host's own errors carry the kind's name; every other error
+/// of a worker is Other.
+enum class ErrorKind {
+    None, ///< no error
+    InvalidPath, ///< names nothing
+    Refused, ///< turned away by the guard
+    NotModifiable, ///< a change to a read-only setting
+    Limits, ///< too long, too deep or too many
+    InUse, ///< a change by a host that does not own the writable tree
+    TimedOut, ///< no answer in time; what became of the request is not known
+    Stopped, ///< the host has stopped, the worker was not asked
+    Other ///< the worker's own answer
+};
+
+/// The error name of a kind, such as "NotModifiable"; empty for None and Other.
+QString errorName(ErrorKind kind);
+/// The kind of a reply's error.
+ErrorKind errorKind(const CMError& error);
+/// An error of the host: `message` is one line, final and untranslated.
+CMError hostError(ErrorKind kind, const QString& message);

@@ -1,0 +1,450 @@
+#include "host/guard.h"
+
+#include "api/core/model/cmsubscribe.h"
+#include "api/core/model/tulosettingsactions.h"
+#include "api/core/tulo.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QRegExp>
+
+#include <algorithm>
+#include <cmath>
+
+#include <sys/stat.h>
+
+namespace {
+
+const QLatin1Char separator('/');
+constexpr int shownPathLength = 200;
+
+// A path for a one-line message: encoded, and cut when it is long because that is what is wrong
+// with it.
+QString shown(const CMPath& path)
+{
+    const QString text = path.toEncoded();
+    return text.size() <= shownPathLength ? text
+                                          : text.left(shownPathLength) + QLatin1String("...");
+}
+
+CMError refusal(const QString& reason, const CMPath& path, ErrorKind kind = ErrorKind::Refused)
+{
+    return hostError(kind, reason.arg(shown(path)));
+}
+
+// The same for a limit: the path is %1, the limit %2.
+CMError overLimit(const QString& reason, const CMPath& path, int limit)
+{
+    return hostError(ErrorKind::Limits, reason.arg(shown(path), QString::number(limit)));
+}
+
+bool isRefused(const CMError& error)
+{
+    return errorKind(error) != ErrorKind::None;
+}
+
+// The path inside the trees; begins with "/".
+QString settingPathOf(const CMPath& path)
+{
+    const QString base = path.base();
+    return base.startsWith(separator) ? base : separator + base;
+}
+
+QString parentOf(const QString& settingPath)
+{
+    return settingPath.left(settingPath.lastIndexOf(separator));
+}
+
+QString nameOf(const QString& settingPath)
+{
+    return settingPath.mid(settingPath.lastIndexOf(separator) + 1);
+}
+
+bool isControl(QChar character)
+{
+    return character.category() == QChar::Other_Control;
+}
+
+bool isInteger(const QVariant& value)
+{
+    switch (value.userType()) {
+    case QMetaType::Int:
+    case QMetaType::Short:
+    case QMetaType::Long:
+    case QMetaType::LongLong:
+    case QMetaType::UInt:
+    case QMetaType::UShort:
+    case QMetaType::ULong:
+    case QMetaType::ULongLong:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool isFraction(const QVariant& value)
+{
+    return value.userType() == QMetaType::Double || value.userType() == QMetaType::Float;
+}
+
+bool isList(const QVariant& value)
+{
+    return value.userType() == QMetaType::QVariantList
+        || value.userType() == QMetaType::QStringList;
+}
+
+bool fitsKind(const QString& kind, const QVariant& content)
+{
+    if (kind == TuloValue::Bool())
+        return content.userType() == QMetaType::Bool;
+    if (kind == TuloValue::Int())
+        return isInteger(content);
+    if (kind == TuloValue::Double())
+        return isInteger(content) || isFraction(content);
+    if (kind == TuloValue::String())
+        return content.userType() == QMetaType::QString;
+    return isList(content);
+}
+
+CMError judgeText(const CMPath& path, const QString& text)
+{
+    if (!text.isValidUtf16())
+        return refusal(QStringLiteral("A text for '%1' is not valid Unicode"), path);
+    return CMError();
+}
+
+// What JSON cannot hold, or not reliably. `depth` counts the lists and objects around `value`.
+CMError judgeJson(const CMPath& path, const QVariant& value, int depth = 0)
+{
+    const auto judgeMembers = [&path, depth](const auto& members) {
+        if (depth == Guard::maximumDepth) {
+            return overLimit(QStringLiteral("A value for '%1' nests more than %2 deep"), path,
+                             Guard::maximumDepth);
+        }
+        CMError error;
+        for (auto member = members.begin(); member != members.end() && !isRefused(error); ++member)
+            error = judgeJson(path, *member, depth + 1);
+        return error;
+    };
+    const auto judgeObject = [&path, &judgeMembers](const auto& object) {
+        CMError error;
+        for (auto member = object.begin(); member != object.end() && !isRefused(error); ++member)
+            error = judgeText(path, member.key());
+        return isRefused(error) ? error : judgeMembers(object);
+    };
+
+    if (!value.isValid() || value.userType() == QMetaType::Bool
+        || value.userType() == QMetaType::Nullptr || isInteger(value))
+        return CMError();
+    if (isFraction(value)) {
+        if (std::isfinite(value.toDouble()))
+            return CMError();
+        return refusal(QStringLiteral("A number for '%1' is not finite"), path);
+    }
+    if (value.userType() == QMetaType::QString || TrString::isIn(value) || CMPath::isIn(value))
+        return judgeText(path, value.toString());
+    if (isList(value))
+        return judgeMembers(value.toList());
+    if (value.userType() == QMetaType::QVariantHash)
+        return judgeObject(value.toHash());
+    if (value.userType() == QMetaType::QVariantMap)
+        return judgeObject(value.toMap());
+    return refusal(QStringLiteral("A value for '%1' holds something that JSON cannot hold"), path);
+}
+
+CMError judgeRoles(const CMPath& path, const QStringList& roles)
+{
+    if (roles.size() <= Guard::maximumRoles)
+        return CMError();
+    return overLimit(QStringLiteral("A request for '%1' names more than %2 roles"), path,
+                     Guard::maximumRoles);
+}
+
+bool isChange(const QString& role)
+{
+    return role == TuloRoles::Value() || role == TuloRoles::SetRoles()
+        || role == TuloRoles::ValueOperation();
+}
+
+} // namespace
+
+Guard::Guard(CMWorker* worker, const QString& defaultPath, const QString& writePath)
+    : m_worker(worker)
+    , m_defaultPath(defaultPath)
+    , m_writePath(writePath)
+{
+}
+
+void Guard::setReadOnly(const QString& message)
+{
+    m_readOnlyMessage = message;
+}
+
+// ---------------------------------------------------------------------------------------------
+// What is wrong with a request by itself. Touches neither disk nor worker.
+// ---------------------------------------------------------------------------------------------
+
+CMError Guard::judgePath(const CMPath& path)
+{
+    const QString& text = path.text();
+    if (text.isEmpty())
+        return hostError(ErrorKind::Refused, QStringLiteral("The path is empty"));
+    if (!text.isValidUtf16())
+        return refusal(QStringLiteral("Path '%1' is not valid Unicode"), path);
+    if (std::any_of(text.cbegin(), text.cend(), isControl))
+        return refusal(QStringLiteral("Path '%1' holds a control character"), path);
+    if (text.toUtf8().size() > maximumPathBytes) {
+        return overLimit(QStringLiteral("Path '%1' is longer than %2 bytes"), path,
+                         maximumPathBytes);
+    }
+
+    const QStringList names = text.mid(text.startsWith(separator) ? 1 : 0).split(separator);
+    for (const QString& name : names) {
+        if (name.isEmpty())
+            return refusal(QStringLiteral("Path '%1' has an empty component"), path);
+        if (name.startsWith(QLatin1Char('.'))) {
+            return refusal(QStringLiteral("Path '%1' has a component that begins with '.'"), path);
+        }
+        if (name.toUtf8().size() > maximumNameBytes) {
+            return overLimit(QStringLiteral("Path '%1' has a name of more than %2 bytes"), path,
+                             maximumNameBytes);
+        }
+    }
+    if (names.size() > maximumLevels) {
+        return overLimit(QStringLiteral("Path '%1' has more than %2 levels"), path, maximumLevels);
+    }
+    return CMError();
+}
+
+CMError Guard::judgeValue(const CMPath& path, const QVariant& value)
+{
+    if (value.userType() != QMetaType::QVariantHash)
+        return refusal(QStringLiteral("A value for '%1' is not an object"), path);
+    const TuloValue record(value.toHash());
+    if (record.isEmpty())
+        return CMError();
+    if (record.kind().isEmpty())
+        return refusal(QStringLiteral("A value for '%1' does not have one known kind"), path);
+    const CMError error = judgeJson(path, record.content());
+    if (isRefused(error))
+        return error;
+    if (!fitsKind(record.kind(), record.content()))
+        return refusal(QStringLiteral("A value for '%1' is not of the kind it names"), path);
+    return CMError();
+}
+
+bool Guard::isListable(const QString& name)
+{
+    // The worker's own pattern, in the engine that takes it.
+    static const QRegExp pattern(QStringLiteral("^[\\w-_]+$"));
+    return pattern.exactMatch(name);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Requests in front of the trees.
+// ---------------------------------------------------------------------------------------------
+
+CMRequest Guard::admit(const CMRequest& request, CMError* error) const
+{
+    *error = judgePath(request.path());
+    if (isRefused(*error))
+        return CMRequest();
+
+    switch (request.kind()) {
+    case CMRequest::Kind::GetData:
+        *error = judgeRoles(request.path(), CMGetDataRequest(request).roles());
+        break;
+    case CMRequest::Kind::GetRows:
+        *error = judgeRows(CMGetRowsRequest(request));
+        break;
+    case CMRequest::Kind::SetData:
+        *error = judgeSetData(CMSetDataRequest(request));
+        break;
+    case CMRequest::Kind::Ping:
+    case CMRequest::Kind::MatchRow:
+        break;
+    }
+    if (isRefused(*error))
+        return CMRequest();
+
+    if (request.kind() != CMRequest::Kind::GetRows)
+        return request;
+    // In 64 bits: the first row may be the largest number that there is.
+    const CMGetRowsRequest rows(request);
+    const qint64 lastAllowed = qint64(rows.firstRow()) + maximumRows - 1;
+    if (rows.lastRow() <= lastAllowed)
+        return request;
+    return CMGetRowsRequest(rows.path(), rows.firstRow(), qint32(lastAllowed), rows.roles(),
+                            rows.reply());
+}
+
+CMError Guard::judgeRows(const CMGetRowsRequest& request) const
+{
+    const CMPath path = request.path();
+    if (request.firstRow() < 0 || request.lastRow() < 0)
+        return refusal(QStringLiteral("A row index at '%1' is negative"), path);
+    const CMError error = judgeRoles(path, request.roles());
+    if (isRefused(error))
+        return error;
+    // The worker would answer the same, and remember the directory for good.
+    if (isServed(path) && !isDirectory(settingPathOf(path)))
+        return CMAbstractWorker::createErrorInvalidPath(path);
+    return CMError();
+}
+
+CMError Guard::judgeSetData(const CMSetDataRequest& request) const
+{
+    const CMPath path = request.path();
+    if (request.role() == TuloRoles::Activate()) {
+        if (path == TuloSettingsActionsFlush() || path == TuloSettingsActionsDropCache())
+            return CMError();
+        return refusal(QStringLiteral("Path '%1' is not an action"), path);
+    }
+    // The router and the worker have their own answers to these.
+    if (!isServed(path) || !isChange(request.role()))
+        return CMError();
+
+    if (!m_readOnlyMessage.isEmpty())
+        return hostError(ErrorKind::InUse, m_readOnlyMessage);
+    const CMError error = judgeTarget(path);
+    return isRefused(error) ? error : judgeContent(request);
+}
+
+CMError Guard::judgeContent(const CMSetDataRequest& request)
+{
+    const CMPath path = request.path();
+    const QVariant value = request.value();
+    if (request.role() == TuloRoles::Value())
+        return judgeValue(path, value);
+
+    if (value.userType() != QMetaType::QVariantHash)
+        return refusal(QStringLiteral("A change to '%1' is not an object"), path);
+    const QVariantHash entries = value.toHash();
+    // Roles and operations both hold their value under this key.
+    const QString& valueKey = TuloRoles::Value();
+    CMError error;
+    for (auto entry = entries.cbegin(); entry != entries.cend() && !isRefused(error); ++entry) {
+        error = judgeText(path, entry.key());
+        if (!isRefused(error))
+            error = entry.key() == valueKey ? judgeValue(path, *entry) : judgeJson(path, *entry);
+    }
+    return error;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The trees: what a change may go to. The worker is asked for what it knows of a setting, so
+// changes that were accepted and not yet written count; a directory comes into being on disk
+// before anything can be accepted in it, or is known by its rows version.
+// ---------------------------------------------------------------------------------------------
+
+bool Guard::isServed(const CMPath& path) const
+{
+    const QString prefix = m_worker->prefixPath().text();
+    const QString text = path.text().startsWith(separator) ? path.text() : separator + path.text();
+    return text == prefix || text.startsWith(prefix + separator);
+}
+
+bool Guard::isDirectory(const QString& settingPath) const
+{
+    return QFileInfo(m_defaultPath + settingPath).isDir()
+        || QFileInfo(m_writePath + settingPath).isDir()
+        || m_worker->subscribe()->rowsVersion(m_worker->addPrefix(settingPath)) > 0;
+}
+
+CMError Guard::judgeTarget(const CMPath& path) const
+{
+    const QString settingPath = settingPathOf(path);
+    if (isDirectory(settingPath))
+        return refusal(QStringLiteral("Path '%1' is a directory"), path);
+    const CMError error = judgeWritableTree(path, settingPath);
+    if (isRefused(error))
+        return error;
+
+    const std::optional<TuloRoles> roles = rolesOf(settingPath);
+    if (!roles)
+        return judgeNewSetting(path, settingPath);
+    if (!roles->modifiable())
+        return refusal(QStringLiteral("Setting '%1' is not modifiable"), path,
+                       ErrorKind::NotModifiable);
+    return CMError();
+}
+
+CMError Guard::judgeNewSetting(const CMPath& path, const QString& settingPath) const
+{
+    const QString parent = parentOf(settingPath);
+    if (parent.isEmpty())
+        return refusal(QStringLiteral("No setting '%1' can be created at the top"), path);
+    if (!isDirectory(parent)) {
+        return rolesOf(parent)
+            ? refusal(QStringLiteral("Path '%1' is below a setting"), path)
+            : refusal(QStringLiteral("No directory holds the setting '%1'"), path);
+    }
+    if (!QFileInfo(m_defaultPath + parent + QLatin1String("/.meta")).isFile()) {
+        return refusal(
+            QStringLiteral("No setting '%1' can be created: its directory has no template"), path);
+    }
+    if (!isListable(nameOf(settingPath)))
+        return refusal(QStringLiteral("No listing would show the setting '%1'"), path);
+    // A new setting takes its roles from the directory's.
+    const std::optional<TuloRoles> roles = rolesOf(parent);
+    if (roles && !roles->modifiable()) {
+        return refusal(QStringLiteral("No setting '%1' can be created: its template is not "
+                                      "modifiable"),
+                       path, ErrorKind::NotModifiable);
+    }
+    return CMError();
+}
+
+std::optional<TuloRoles> Guard::rolesOf(const QString& settingPath) const
+{
+    const QString modifiable = TuloRoles::Modifiable();
+    const auto reply = CMGetDataRequest::Reply::create();
+    m_worker->getDataRequest(
+        CMGetDataRequest(m_worker->addPrefix(settingPath), { modifiable }, reply));
+    TULO_ASSERT(reply.isFinished());
+    if (isRefused(reply.error()))
+        return std::nullopt;
+    TuloRoles roles;
+    const QVariant answer = reply.value().value(0);
+    if (answer.isValid())
+        roles.__setHashAttribute(modifiable, answer);
+    return roles;
+}
+
+CMError Guard::judgeWritableTree(const CMPath& path, const QString& settingPath) const
+{
+    const auto kindOf = [](const QByteArray& fileName) {
+        struct stat file = {};
+        return ::lstat(fileName.constData(), &file) == 0 ? file.st_mode & S_IFMT : mode_t(0);
+    };
+    const auto judgeKind = [&path](mode_t kind) {
+        if (kind == S_IFLNK) {
+            return refusal(
+                QStringLiteral("A symbolic link in the writable tree is in the way of '%1'"), path);
+        }
+        if (kind != 0 && kind != S_IFDIR && kind != S_IFREG) {
+            return refusal(QStringLiteral("Something in the writable tree that is no file is in "
+                                          "the way of '%1'"),
+                           path);
+        }
+        return CMError();
+    };
+
+    QByteArray directory = QFile::encodeName(m_writePath);
+    const QStringList parents = parentOf(settingPath).split(separator, Qt::SkipEmptyParts);
+    for (const QString& name : parents) {
+        directory += '/' + QFile::encodeName(name);
+        const mode_t kind = kindOf(directory);
+        if (kind == 0)
+            return CMError();
+        if (kind == S_IFREG)
+            return refusal(QStringLiteral("Path '%1' is below a setting"), path);
+        const CMError error = judgeKind(kind);
+        if (isRefused(error))
+            return error;
+    }
+    // The file, and the temporary file that the worker writes first.
+    const QByteArray name = QFile::encodeName(nameOf(settingPath));
+    const CMError error = judgeKind(kindOf(directory + '/' + name));
+    return isRefused(error) ? error : judgeKind(kindOf(directory + "/." + name));
+}

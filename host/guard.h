@@ -1,0 +1,85 @@
+#pragma once
+
+#include "host/errors.h"
+
+#include "api/core/model/cmrequest.h"
+#include "api/core/model/cmworker.h"
+
+#include <QString>
+#include <QVariant>
+
+#include <optional>
+
+/// Stands in front of a settings worker and turns away what the worker must not be asked.
+///
+/// The worker passes paths to the file system as they come, remembers every directory it was
+/// ever asked for, and ends the process on a negative row index. That is right for a part that
+/// is driven by a host, and wrong for the clients of that host. So every request passes here
+/// first, whichever way it came in, and gets one reason when it is refused.
+///
+/// Promises about whatever it admits:
+/// - The path names a node inside the trees: no "..", nothing hidden (so no ".meta", no
+///   temporary file, no lock), nothing that a file system could not hold. "%" is an ordinary
+///   character; nothing is decoded.
+/// - A change never goes through a symbolic link or to a special file in the writable tree.
+///   Reading follows links as the file system does, in both trees: only whoever may write in a
+///   tree can have put them there, no request makes one. The test and the use are two steps, so
+///   it does not protect from somebody who changes the trees at that very moment.
+/// - A change goes to a setting that exists and is modifiable, or creates a listable name in a
+///   directory that the default tree describes by a ".meta".
+/// - It costs the worker no memory that stays: directories that do not exist are answered here.
+///
+/// Judges what is on disk and, by asking the worker, what was accepted and is not yet written.
+/// Keeps no state of its own. Worker thread only.
+class Guard
+{
+public:
+    static constexpr int maximumLevels = 16; ///< components of a path, the mount included
+    static constexpr int maximumNameBytes = 200; ///< of a component, in UTF-8
+    static constexpr int maximumPathBytes = 1000; ///< of a whole path, in UTF-8
+    static constexpr int maximumRows = 500; ///< answered by one request
+    static constexpr int maximumRoles = 64; ///< named by one request
+    static constexpr int maximumDepth = 8; ///< of lists and objects inside a value
+
+    /// `worker` serves the directories `defaultPath` and `writePath` and outlives the guard.
+    Guard(CMWorker* worker, const QString& defaultPath, const QString& writePath);
+
+    /// From now on every change is refused with the kind InUse and this message; an empty one
+    /// admits changes again. The two actions stay admitted.
+    void setReadOnly(const QString& message);
+
+    /// Returns the request to hand to the worker: `request` itself, or one that shares its
+    /// reply and asks for fewer rows. Sets `error` and returns an empty handle when the request
+    /// is refused; the reply is left to the caller.
+    CMRequest admit(const CMRequest& request, CMError* error) const;
+
+    /// What is wrong with a path by itself; an empty error when nothing is. For whoever
+    /// subscribes; admit() looks at the path as well.
+    static CMError judgePath(const CMPath& path);
+    /// What is wrong with a value (as a variant: a hash with one entry under its kind, or an
+    /// empty one); an empty error when nothing is.
+    static CMError judgeValue(const CMPath& path, const QVariant& value);
+    /// Tells whether listings show a child of this name.
+    static bool isListable(const QString& name);
+
+private:
+    CMError judgeRows(const CMGetRowsRequest& request) const;
+    CMError judgeSetData(const CMSetDataRequest& request) const;
+    static CMError judgeContent(const CMSetDataRequest& request);
+    CMError judgeTarget(const CMPath& path) const;
+    CMError judgeNewSetting(const CMPath& path, const QString& settingPath) const;
+    CMError judgeWritableTree(const CMPath& path, const QString& settingPath) const;
+
+    /// Tells whether `path` is the worker's, in either form.
+    bool isServed(const CMPath& path) const;
+    /// Tells whether there is such a directory in a tree, or for an accepted change.
+    bool isDirectory(const QString& settingPath) const;
+    /// What the worker knows of a setting or directory, reduced to whether it is modifiable;
+    /// nothing when there is no such node.
+    std::optional<TuloRoles> rolesOf(const QString& settingPath) const;
+
+    CMWorker* const m_worker;
+    const QString m_defaultPath;
+    const QString m_writePath;
+    QString m_readOnlyMessage;
+};

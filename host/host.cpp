@@ -1,0 +1,229 @@
+#include "host/host.h"
+
+#include "host/loader.h"
+
+#include "api/core/language.h"
+#include "api/core/model/tulosettingsactions.h"
+
+#include <QFileInfo>
+
+namespace {
+
+const QLatin1Char separator('/');
+
+bool isBelow(const QString& path, const QString& directory)
+{
+    return path.startsWith(directory.endsWith(separator) ? directory : directory + separator);
+}
+
+bool fail(HostFailure* failure, HostFailure::Kind kind, const QString& message)
+{
+    failure->kind = kind;
+    failure->message = message;
+    return false;
+}
+
+} // namespace
+
+QString Host::builtInDefaultPath()
+{
+    return QStringLiteral("/etc/tulo/settings-default");
+}
+
+QString Host::builtInWritePath()
+{
+    return QStringLiteral("/settings/");
+}
+
+// ---------------------------------------------------------------------------------------------
+// Opening: directories, ownership, worker, and the guard in front of it.
+// ---------------------------------------------------------------------------------------------
+
+Host::Host(const HostOptions& options)
+    : m_options(options)
+{
+}
+
+std::unique_ptr<Host> Host::open(const HostOptions& options, HostFailure* failure)
+{
+    std::unique_ptr<Host> host(new Host(options));
+    *failure = HostFailure();
+    if (host->chooseDirectories(failure) && host->takeTree(failure) && host->createWorker(failure))
+        return host;
+    return nullptr;
+}
+
+bool Host::chooseDirectories(HostFailure* failure)
+{
+    using Kind = HostFailure::Kind;
+    if (m_options.defaultPath.isEmpty() != m_options.writePath.isEmpty()) {
+        return fail(failure, Kind::Usage,
+                    QStringLiteral("Name both the default path and the write path, or neither"));
+    }
+    const bool isBuiltIn = m_options.defaultPath.isEmpty();
+    const QFileInfo defaultTree(isBuiltIn ? builtInDefaultPath() : m_options.defaultPath);
+    const QFileInfo writeTree(isBuiltIn ? builtInWritePath() : m_options.writePath);
+    for (const QFileInfo& tree : { defaultTree, writeTree }) {
+        if (!tree.exists()) {
+            return fail(failure, Kind::Usage,
+                        QStringLiteral("Directory '%1' does not exist").arg(tree.filePath()));
+        }
+        if (!tree.isDir()) {
+            return fail(failure, Kind::Usage,
+                        QStringLiteral("'%1' is not a directory").arg(tree.filePath()));
+        }
+        if (!tree.isReadable() || !tree.isExecutable()) {
+            return fail(failure, Kind::NoAccess,
+                        QStringLiteral("Directory '%1' cannot be read").arg(tree.filePath()));
+        }
+    }
+    m_defaultPath = defaultTree.canonicalFilePath();
+    m_writePath = writeTree.canonicalFilePath();
+
+    if (m_defaultPath == m_writePath || isBelow(m_defaultPath, m_writePath)
+        || isBelow(m_writePath, m_defaultPath)) {
+        return fail(failure, Kind::Usage,
+                    QStringLiteral("The default tree '%1' and the writable tree '%2' must lie "
+                                   "apart")
+                        .arg(m_defaultPath, m_writePath));
+    }
+    if (m_options.access == HostOptions::Access::Own && !writeTree.isWritable()) {
+        return fail(failure, Kind::NoAccess,
+                    QStringLiteral("Directory '%1' cannot be written").arg(writeTree.filePath()));
+    }
+    return true;
+}
+
+bool Host::takeTree(HostFailure* failure)
+{
+    if (m_options.access == HostOptions::Access::Read) {
+        m_otherOwner = OwnerLock::holderOf(m_writePath);
+        return true;
+    }
+    switch (m_lock.acquire(m_writePath)) {
+    case OwnerLock::Status::Owned:
+        return true;
+    case OwnerLock::Status::InUse:
+        failure->holder = m_lock.holder();
+        return fail(failure, HostFailure::Kind::InUse, m_lock.message());
+    case OwnerLock::Status::Failed:
+        break;
+    }
+    return fail(failure, HostFailure::Kind::NoAccess, m_lock.message());
+}
+
+bool Host::createWorker(HostFailure* failure)
+{
+    QVariantHash configuration { { QStringLiteral("default_path"), m_defaultPath },
+                                 { QStringLiteral("write_path"), m_writePath } };
+    if (!m_options.productPostfix.isNull())
+        configuration.insert(QStringLiteral("product_postfix"), m_options.productPostfix);
+    LoadResult loaded = loadWorker(m_options.pluginFile, configuration);
+    if (!loaded.worker)
+        return fail(failure, HostFailure::Kind::NoPlugin, loaded.message);
+
+    // Had one gone since it was looked at, the worker would now be on the device's own tree.
+    for (const QString& path : { m_defaultPath, m_writePath }) {
+        if (QFileInfo(path).canonicalFilePath() != path) {
+            return fail(failure, HostFailure::Kind::NoAccess,
+                        QStringLiteral("Directory '%1' has gone").arg(path));
+        }
+    }
+
+    m_worker = std::move(loaded.worker);
+    m_writes = std::make_unique<WriteWatch>(m_writePath, m_worker->prefixPath());
+    m_writes->attach();
+    m_router.addWorker(m_worker.get());
+    m_guard = std::make_unique<Guard>(m_worker.get(), m_defaultPath, m_writePath);
+    if (m_options.access == HostOptions::Access::Read) {
+        m_guard->setReadOnly(m_otherOwner.value_or(0) == 0
+                                 ? QStringLiteral("The writable tree '%1' is open for reading "
+                                                  "only")
+                                       .arg(m_writePath)
+                                 : QStringLiteral("The writable tree '%1' is in use by process "
+                                                  "%2")
+                                       .arg(m_writePath, QString::number(*m_otherOwner)));
+    }
+    m_client = std::make_unique<Client>(&m_router, m_guard.get());
+    QObject::connect(m_client.get(), &Client::changeAccepted, m_writes.get(),
+                     &WriteWatch::addPending);
+    if (!m_options.language.isEmpty()) {
+        m_catalogueCount =
+            Language::instance()->setLocale(m_options.language, m_options.catalogues);
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The end, in order.
+// ---------------------------------------------------------------------------------------------
+
+Host::~Host()
+{
+    stop();
+}
+
+bool Host::stop()
+{
+    if (!m_worker)
+        return !m_writes || m_writes->isSaved();
+    m_client->close();
+    if (m_writes->needsFlush()) {
+        // On the worker's own thread: the reply is finished when the call returns.
+        const auto reply = CMSetDataRequest::Reply::create();
+        m_router.request(
+            CMSetDataRequest(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant(), reply));
+        TULO_ASSERT(reply.isFinished());
+    }
+    m_router.removeWorker(m_worker.get());
+    m_worker.reset();
+    m_lock.release();
+    if (!m_options.language.isEmpty())
+        Language::instance()->setLocale(QString(), QStringList());
+    return m_writes->isSaved();
+}
+
+Client& Host::client()
+{
+    return *m_client;
+}
+
+CMSubscribe* Host::registry() const
+{
+    return m_worker ? m_worker->subscribe() : nullptr;
+}
+
+const WriteWatch& Host::writes() const
+{
+    return *m_writes;
+}
+
+WriteWatch& Host::writes()
+{
+    return *m_writes;
+}
+
+QString Host::defaultPath() const
+{
+    return m_defaultPath;
+}
+
+QString Host::writePath() const
+{
+    return m_writePath;
+}
+
+bool Host::ownsTree() const
+{
+    return m_lock.isOwned();
+}
+
+std::optional<qint64> Host::otherOwner() const
+{
+    return m_otherOwner;
+}
+
+int Host::catalogueCount() const
+{
+    return m_catalogueCount;
+}

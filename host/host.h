@@ -1,0 +1,119 @@
+#pragma once
+
+#include "host/client.h"
+#include "host/guard.h"
+#include "host/ownerlock.h"
+#include "host/router.h"
+#include "host/writewatch.h"
+
+#include "api/core/model/cmsubscribe.h"
+
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+#include <optional>
+
+/// What Host::open() needs to know.
+struct HostOptions
+{
+    enum class Access {
+        Read, ///< changes are refused; takes no lock
+        Own ///< owns the writable tree
+    };
+
+    QString pluginFile;
+    // The two trees; both, or neither for the worker's built-in directories.
+    QString defaultPath;
+    QString writePath;
+    QString productPostfix; ///< null: no product variant
+    QString language; ///< a locale such as "de"; empty: the source texts
+    QStringList catalogues; ///< directories to look for the language's catalogues in
+    Access access = Access::Read;
+};
+
+/// Why a host could not be opened.
+struct HostFailure
+{
+    enum class Kind {
+        None,
+        Usage, ///< the directories are no two separate, existing ones
+        NoPlugin, ///< the plug-in gives no worker
+        NoAccess, ///< a directory cannot be read or written
+        InUse ///< another process owns the writable tree
+    };
+
+    Kind kind = Kind::None;
+    QString message; ///< one line
+    qint64 holder = 0; ///< InUse: the owner's process id, 0 when not known
+};
+
+/// Hosts the settings worker: loads it, stands guard, owns the writable tree, and stops in
+/// order.
+///
+/// The worker falls back silently to the device's own directories when one that it was given
+/// does not exist, so the host checks both before, and again after the worker has chosen.
+///
+/// Lives on the thread that opens it, which becomes the worker's thread and runs an event loop
+/// if changes are to be written without a flush. Needs a QCoreApplication. One thread stops it;
+/// the client may be used from all.
+class Host
+{
+public:
+    /// The directories that a worker without configuration uses.
+    static QString builtInDefaultPath();
+    static QString builtInWritePath();
+
+    /// Null when it cannot be opened; `failure` says why.
+    static std::unique_ptr<Host> open(const HostOptions& options, HostFailure* failure);
+    /// Stops.
+    ~Host();
+    Q_DISABLE_COPY(Host)
+
+    /// All requests go through it. Valid as long as the host; refuses after stop().
+    Client& client();
+    /// Where changes are announced: subscribe a CMSubscriber and unsubscribe it before stop().
+    /// The registry keeps every path, so judge a stranger's path with Guard::judgePath() first.
+    /// Null after stop().
+    CMSubscribe* registry() const;
+    const WriteWatch& writes() const;
+    WriteWatch& writes();
+
+    // Canonical.
+    QString defaultPath() const;
+    QString writePath() const;
+
+    /// Tells whether changes are admitted.
+    bool ownsTree() const;
+    /// The process that owned the tree when the host was opened for reading, 0 when it had not
+    /// said its process id.
+    std::optional<qint64> otherOwner() const;
+    /// Catalogues found for the language; 0 when texts stay as they are.
+    int catalogueCount() const;
+
+    /// Ends in order: takes no more requests, flushes if anything accepted may not be safely on
+    /// disk, destroys the worker, gives the tree back. Returns whether everything accepted is
+    /// on disk. A later call changes nothing and returns the same.
+    bool stop();
+
+private:
+    explicit Host(const HostOptions& options);
+
+    bool chooseDirectories(HostFailure* failure);
+    bool takeTree(HostFailure* failure);
+    bool createWorker(HostFailure* failure);
+
+    const HostOptions m_options;
+    QString m_defaultPath;
+    QString m_writePath;
+    OwnerLock m_lock;
+    std::optional<qint64> m_otherOwner;
+    int m_catalogueCount = 0;
+
+    // In the order of construction; each uses those before it.
+    std::unique_ptr<WriteWatch> m_writes;
+    Router m_router;
+    std::unique_ptr<CMWorker> m_worker;
+    std::unique_ptr<Guard> m_guard;
+    std::unique_ptr<Client> m_client;
+};

@@ -1,0 +1,48 @@
+#include "host/router.h"
+
+namespace {
+
+const QLatin1Char separator('/');
+
+} // namespace
+
+void Router::addWorker(CMWorker* worker)
+{
+    m_workers.insert(worker->prefixPath().text(), worker);
+    worker->setRouter(this);
+}
+
+void Router::removeWorker(CMWorker* worker)
+{
+    m_workers.remove(worker->prefixPath().text());
+    worker->setRouter(nullptr);
+}
+
+CMWorker* Router::workerFor(const CMPath& path) const
+{
+    QString prefix = path.text();
+    if (!prefix.startsWith(separator))
+        prefix.prepend(separator);
+    while (!prefix.isEmpty()) {
+        const auto entry = m_workers.constFind(prefix);
+        if (entry != m_workers.cend())
+            return *entry;
+        prefix.truncate(prefix.lastIndexOf(separator));
+    }
+    return nullptr;
+}
+
+void Router::request(const CMRequest& request) const
+{
+    if (CMWorker* const worker = workerFor(request.path()))
+        worker->request(request);
+    else
+        request.voidReply().setError(CMAbstractWorker::createErrorInvalidPath(request.path()));
+}
+
+CMReply<QList<QVariant>> Router::getData(const CMPath& path, const QStringList& roles,
+                                         const CMReply<QList<QVariant>>& reply)
+{
+    request(CMGetDataRequest(path, roles, reply));
+    return reply;
+}
