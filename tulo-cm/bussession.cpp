@@ -1,0 +1,332 @@
+#include "bussession.h"
+
+#include "configurationmanagerproxy.h"
+
+#include "host/service.h"
+
+#include "api/core/model/tulosettingsactions.h"
+
+#include <QDBusConnectionInterface>
+#include <QDBusError>
+#include <QDBusPendingReply>
+
+namespace {
+
+// Long enough for a flush whose sync takes its 30 seconds, and another one before it.
+constexpr int callTimeoutMs = 60000;
+
+const QString connectionName = QStringLiteral("tulo-cm");
+
+struct KnownError
+{
+    const char* name;
+    int exitCode;
+};
+
+const KnownError knownErrors[] = {
+    { "InvalidPath", NoSuchPath }, { "NotModifiable", Refused }, { "Refused", Refused },
+    { "Rejected", Refused },       { "Limits", Refused },        { "NotSaved", NotSaved },
+};
+
+Failure failureOf(const QDBusError& error, const QString& path)
+{
+    Failure failure;
+    failure.path = path;
+    failure.message = error.message();
+    if (error.name().startsWith(Service::errorPrefix())) {
+        failure.exitCode = Failed;
+        failure.name = QStringLiteral("InternalError");
+        for (const KnownError& known : knownErrors) {
+            if (error.name() == Service::errorPrefix() + QLatin1String(known.name)) {
+                failure.exitCode = known.exitCode;
+                failure.name = QLatin1String(known.name);
+            }
+        }
+        return failure;
+    }
+    failure.exitCode = Unavailable;
+    failure.name = QStringLiteral("NoService");
+    if (error.type() == QDBusError::AccessDenied)
+        failure.message = QStringLiteral("the bus does not permit it: ") + error.message();
+    else if (error.type() == QDBusError::NoReply || error.type() == QDBusError::TimedOut)
+        failure.message = QStringLiteral("the service gave no answer: ") + error.message();
+    return failure;
+}
+
+// With its kind, so that the service stores what was asked for here. Invalid for a value that the
+// bus cannot carry.
+QVariant sentValue(const TuloValue& value)
+{
+    const QVariant content = busRole(TuloRoles::Value(), value.__variant());
+    return content.isValid() ? QVariantMap { { value.kind(), content } } : QVariant();
+}
+
+Failure notCarried(const QString& path)
+{
+    return { Refused, QStringLiteral("Rejected"),
+             QStringLiteral("this value holds what a setting on the bus cannot hold"), path };
+}
+
+QVariantHash namedRoles(const QStringList& roles, const QVariantMap& values)
+{
+    QVariantHash result;
+    for (const QString& role : roles) {
+        const auto value = values.constFind(role);
+        result.insert(role, value == values.cend() ? QVariant() : roleFromBus(role, *value));
+    }
+    return result;
+}
+
+template<typename Reply>
+Answer<QVariantHash> changed(const Reply& reply, const QString& path)
+{
+    if (reply.isError())
+        return { {}, failureOf(reply.error(), path) };
+    const QVariantMap values = reply.value();
+    return { namedRoles(values.keys(), values), {} };
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------
+// The way to the service.
+// ---------------------------------------------------------------------------------------------
+
+QDBusConnection BusSession::connectTo(const QString& bus)
+{
+    if (bus == QLatin1String("system"))
+        return QDBusConnection::connectToBus(QDBusConnection::SystemBus, connectionName);
+    if (bus == QLatin1String("session"))
+        return QDBusConnection::connectToBus(QDBusConnection::SessionBus, connectionName);
+    return QDBusConnection::connectToBus(bus, connectionName);
+}
+
+std::unique_ptr<BusSession> BusSession::open(const QString& bus, Failure* failure)
+{
+    registerBusTypes();
+    const bool isNamed = bus == QLatin1String("system") || bus == QLatin1String("session");
+    const QString where =
+        (isNamed ? QStringLiteral("the %1 bus") : QStringLiteral("the bus '%1'")).arg(bus);
+    std::unique_ptr<BusSession> session(new BusSession(connectTo(bus)));
+    QDBusConnectionInterface* const daemon = session->m_connection.interface();
+    // Starting it is what the first call would do; asked for here, its failure can be told apart.
+    const bool isThere = daemon != nullptr
+        && (daemon->isServiceRegistered(Service::busName())
+            || !daemon->startService(Service::busName()).error().isValid());
+    if (isThere)
+        return session;
+    *failure = { Unavailable, QStringLiteral("NoService"),
+                 QStringLiteral("no service on %1; use --in-process, or --default-path and "
+                                "--write-path, to work without one")
+                     .arg(where),
+                 QString() };
+    return nullptr;
+}
+
+BusSession::BusSession(const QDBusConnection& connection)
+    : m_connection(connection)
+    , m_proxy(std::make_unique<ConfigurationManagerProxy>(Service::busName(), Service::objectPath(),
+                                                          m_connection))
+{
+    m_proxy->setTimeout(callTimeoutMs);
+}
+
+BusSession::~BusSession()
+{
+    QDBusConnection::disconnectFromBus(connectionName);
+}
+
+Answer<ServiceStatus> BusSession::status()
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        Service::busName(), Service::objectPath(),
+        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("GetAll"));
+    call << Service::interfaceName();
+    QDBusPendingReply<QVariantMap> reply = m_connection.asyncCall(call, callTimeoutMs);
+    reply.waitForFinished();
+    if (reply.isError())
+        return { {}, failureOf(reply.error(), QString()) };
+    const QVariantMap properties = reply.value();
+    ServiceStatus status;
+    status.version = properties.value(QStringLiteral("Version")).toString();
+    status.defaultPath = properties.value(QStringLiteral("DefaultPath")).toString();
+    status.writePath = properties.value(QStringLiteral("WritePath")).toString();
+    status.pendingWrites = properties.value(QStringLiteral("PendingWrites")).toUInt();
+    status.unsavedPaths = properties.value(QStringLiteral("UnsavedPaths")).toStringList();
+    status.lastWriteError = properties.value(QStringLiteral("LastWriteError")).toString();
+    status.processId = m_connection.interface()->servicePid(Service::busName()).value();
+    return { status, {} };
+}
+
+QString BusSession::defaultPath() const
+{
+    return m_proxy->defaultPath();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Requests. Each waits for its answer; events that arrive meanwhile are delivered by the event
+// loop afterwards.
+// ---------------------------------------------------------------------------------------------
+
+Answer<QVariantHash> BusSession::getData(const QString& path, const QStringList& roles)
+{
+    auto reply = m_proxy->GetData(path, roles);
+    reply.waitForFinished();
+    if (reply.isError())
+        return { {}, failureOf(reply.error(), path) };
+    return { namedRoles(roles, reply.value()), {} };
+}
+
+Answer<RowPage> BusSession::getRows(const QString& path, int first, int last,
+                                    const QStringList& roles)
+{
+    const QStringList rowRoles = roles + QStringList { TuloRoles::Path(), TuloRoles::Type() };
+    auto reply = m_proxy->GetRows(path, first, last, rowRoles);
+    reply.waitForFinished();
+    if (reply.isError())
+        return { {}, failureOf(reply.error(), path) };
+    RowPage page;
+    page.count = int(reply.argumentAt<0>());
+    page.version = reply.argumentAt<1>();
+    const QVariantMap directoryRoles = reply.argumentAt<2>();
+    page.roles = namedRoles(directoryRoles.keys(), directoryRoles);
+    const BusRows rows = reply.argumentAt<3>();
+    for (const BusRow& row : rows) {
+        page.rows.append({ row.roles.value(TuloRoles::Path()).toString(),
+                           row.roles.value(TuloRoles::Type()).toInt() == TuloRolesType::Directory,
+                           namedRoles(roles, row.roles) });
+    }
+    return { page, {} };
+}
+
+Answer<QVariantHash> BusSession::setValue(const QString& path, const TuloValue& value)
+{
+    const QVariant sent = sentValue(value);
+    if (!sent.isValid())
+        return { {}, notCarried(path) };
+    auto reply = m_proxy->SetValue(path, QDBusVariant(sent));
+    reply.waitForFinished();
+    return changed(reply, path);
+}
+
+Answer<QVariantHash> BusSession::setRoles(const QString& path, const QVariantHash& roles)
+{
+    QVariantMap sent;
+    for (auto role = roles.cbegin(); role != roles.cend(); ++role) {
+        const QVariant value = role.key() == TuloRoles::Value()
+            ? sentValue(TuloValue(TuloHash(role->toHash())))
+            : busRole(role.key(), *role);
+        if (!value.isValid())
+            return { {}, notCarried(path) };
+        sent.insert(role.key(), value);
+    }
+    auto reply = m_proxy->SetRoles(path, sent);
+    reply.waitForFinished();
+    return changed(reply, path);
+}
+
+Answer<QVariantHash> BusSession::apply(const QString& path, const QString& verb,
+                                       const TuloValue& operand)
+{
+    QVariantList sent;
+    if (!operand.isEmpty()) {
+        const QVariant value = sentValue(operand);
+        if (!value.isValid())
+            return { {}, notCarried(path) };
+        sent.append(value);
+    }
+    auto reply = m_proxy->Apply(path, verb, sent);
+    reply.waitForFinished();
+    return changed(reply, path);
+}
+
+Failure BusSession::flush()
+{
+    const QString path = TuloSettingsActionsFlush().text();
+    auto reply = m_proxy->Flush();
+    reply.waitForFinished();
+    if (reply.isError())
+        return failureOf(reply.error(), path);
+    if (reply.value() == 0)
+        return {};
+    const Answer<ServiceStatus> now = status();
+    return { NotSaved, QStringLiteral("NotSaved"),
+             QStringLiteral("not on disk: %1 (%2)")
+                 .arg(now.value.unsavedPaths.join(QStringLiteral(", ")), now.value.lastWriteError),
+             path };
+}
+
+Failure BusSession::dropCache()
+{
+    auto reply = m_proxy->DropCache();
+    reply.waitForFinished();
+    if (reply.isError())
+        return failureOf(reply.error(), TuloSettingsActionsDropCache().text());
+    return {};
+}
+
+Failure BusSession::settle(bool forDisk)
+{
+    return forDisk ? flush() : Failure();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Events: the bus delivers those whose first argument is a watched path.
+// ---------------------------------------------------------------------------------------------
+
+Failure BusSession::watch(const QString& path)
+{
+    const Failure failure = getData(path, {}).failure;
+    if (failure || m_watched.contains(path))
+        return failure;
+    m_watched.insert(path);
+    const auto listen = [this, &path](const char* signal, const char* signature, const char* slot) {
+        m_connection.connect(Service::busName(), Service::objectPath(), Service::interfaceName(),
+                             QLatin1String(signal), { path }, QLatin1String(signature), this, slot);
+    };
+    listen("ValueChanged", "sv", SLOT(on_service_valueChanged(QString, QDBusVariant)));
+    listen("DataChanged", "s", SLOT(on_service_dataChanged(QString)));
+    listen("RowsChanged", "ssi", SLOT(on_service_rowsChanged(QString, QString, int)));
+    return {};
+}
+
+void BusSession::unwatch(const QString& path)
+{
+    if (!m_watched.remove(path))
+        return;
+    const auto ignore = [this, &path](const char* signal, const char* signature, const char* slot) {
+        m_connection.disconnect(Service::busName(), Service::objectPath(), Service::interfaceName(),
+                                QLatin1String(signal), { path }, QLatin1String(signature), this,
+                                slot);
+    };
+    ignore("ValueChanged", "sv", SLOT(on_service_valueChanged(QString, QDBusVariant)));
+    ignore("DataChanged", "s", SLOT(on_service_dataChanged(QString)));
+    ignore("RowsChanged", "ssi", SLOT(on_service_rowsChanged(QString, QString, int)));
+}
+
+void BusSession::on_service_valueChanged(const QString& path, const QDBusVariant& value)
+{
+    Event event;
+    event.kind = Event::Kind::Value;
+    event.path = path;
+    event.value = roleFromBus(TuloRoles::Value(), QVariant::fromValue(value)).toHash();
+    emitEvent(event);
+}
+
+void BusSession::on_service_dataChanged(const QString& path)
+{
+    Event event;
+    event.path = path;
+    emitEvent(event);
+}
+
+void BusSession::on_service_rowsChanged(const QString& path, const QString& command,
+                                        int rowsVersion)
+{
+    Event event;
+    event.kind = Event::Kind::Rows;
+    event.path = path;
+    event.command = command;
+    event.rowsVersion = rowsVersion;
+    emitEvent(event);
+}

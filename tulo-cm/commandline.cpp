@@ -1,0 +1,481 @@
+#include "commandline.h"
+
+#include "commands.h"
+
+#include "api/core/model/cmoperation.h"
+
+#include <QCommandLineParser>
+
+#include <algorithm>
+
+namespace {
+
+QString text(const char* utf8)
+{
+    return QString::fromUtf8(utf8);
+}
+
+// ---------------------------------------------------------------------------------------------
+// What there is: the options and the commands.
+// ---------------------------------------------------------------------------------------------
+
+const QVector<Option>& generalOptions()
+{
+    static const QVector<Option> options {
+        { text("default-path"), text("DIR"),
+          text("the tree with the defaults; needs --write-path") },
+        { text("write-path"), text("DIR"), text("the tree with the changed values") },
+        { text("in-process"), QString(), text("serve the built-in directories in this process") },
+        { text("bus"), text("BUS"), text("system (the default), session or an address") },
+        { text("product"), text("POSTFIX"), text("use the defaults of this product variant") },
+        { text("plugin"), text("FILE"), text("the settings worker, instead of the installed one") },
+        { text("language"), text("LOCALE"), text("show texts in this language, such as de") },
+        { text("catalogues"), text("DIR"), text("where the language's catalogues are") },
+        { text("json"), QString(), text("print one JSON object a line") },
+        { text("log-level"), text("LEVEL"),
+          text(
+              "show log records from trace, debug, info, warn (the default), error, fatal or off") },
+        { text("log-config"), text("FILE"),
+          text("configure logging with a log4cplus property file") },
+        { text("help"), QString(), text("print this help, or that of the command") },
+        { text("version"), QString(), text("print the version") },
+    };
+    return options;
+}
+
+const QVector<Option>& commandOptions()
+{
+    static const QVector<Option> options {
+        { text("role"), text("ROLE"), text("a role to print; can be given more than once") },
+        { text("all"), QString(), text("all roles that there are") },
+        { text("first"), text("N"), text("index of the first row, from 0") },
+        { text("last"), text("N"), text("index of the last row, inclusive") },
+        { text("string"), QString(), text("take VALUE as a text as it is") },
+        { text("roles"), text("JSON"), text("send these roles, an object") },
+        { text("default"), QString(), text("go back to the default value") },
+        { text("flush"), QString(), text("wait until the change is on disk") },
+        { text("count"), text("N"), text("stop after N events") },
+        { text("initial"), QString(), text("begin with what is there now") },
+    };
+    return options;
+}
+
+QVector<Command> makeCommands()
+{
+    using Place = Command::Place;
+    using Needs = Command::Needs;
+    QVector<Command> list;
+
+    Command get;
+    get.name = text("get");
+    get.arguments = text("PATH...");
+    get.summary = text("Prints roles of settings: the value when no role is named.");
+    get.example = text("get /settings/audio/volume --role value --role title");
+    get.options = QStringList { text("role"), text("all") };
+    get.minimumArguments = 1;
+    get.maximumArguments = -1;
+    get.run = runGet;
+    list.append(get);
+
+    Command ls;
+    ls.name = text("ls");
+    ls.arguments = text("PATH");
+    ls.summary = text("Prints the rows of a directory, with the value when no role is named.");
+    ls.example = text("ls /settings/audio --first 0 --last 9");
+    ls.options = QStringList { text("first"), text("last"), text("role") };
+    ls.minimumArguments = 1;
+    ls.maximumArguments = 1;
+    ls.run = runLs;
+    list.append(ls);
+
+    Command tree;
+    tree.name = text("tree");
+    tree.arguments = text("[PATH]");
+    tree.summary = text("Prints everything at and below a path, /settings when none is given.");
+    tree.example = text("tree /settings/audio");
+    tree.maximumArguments = 1;
+    tree.run = runTree;
+    list.append(tree);
+
+    Command set;
+    set.name = text("set");
+    set.arguments = text("PATH [VALUE]");
+    set.summary = text(
+        "Changes a setting and prints the value that is stored now. VALUE is read as JSON, else\n"
+        "as a text; \"-\" reads it from standard input. In place of VALUE: --roles or --default.");
+    set.example = text("set /settings/audio/volume 40");
+    set.options = QStringList { text("string"), text("roles"), text("default"), text("flush") };
+    set.minimumArguments = 1;
+    set.maximumArguments = 2;
+    set.needs = Needs::Changes;
+    set.run = runSet;
+    list.append(set);
+
+    Command op;
+    op.name = text("op");
+    op.arguments = text("PATH VERB [VALUE]");
+    op.summary =
+        text("Applies an operation and prints the value that is stored now. VERB is one of\n")
+        + CMOperation::verbs().join(text(", ")) + QLatin1Char('.');
+    op.example = text("op /settings/audio/volume add -5");
+    op.options = QStringList { text("string"), text("flush") };
+    op.minimumArguments = 2;
+    op.maximumArguments = 3;
+    op.needs = Needs::Changes;
+    op.run = runOp;
+    list.append(op);
+
+    Command watch;
+    watch.name = text("watch");
+    watch.arguments = text("PATH...");
+    watch.summary =
+        text("Prints the changes of settings and directories, until interrupted; in the shell\n"
+             "while it goes on.");
+    watch.example = text("watch /settings/audio/volume --count 1");
+    watch.options = QStringList { text("count"), text("initial") };
+    watch.minimumArguments = 1;
+    watch.maximumArguments = -1;
+    watch.place = Place::ServiceOrShell;
+    watch.run = runWatch;
+    list.append(watch);
+
+    Command unwatch;
+    unwatch.name = text("unwatch");
+    unwatch.arguments = text("[PATH]...");
+    unwatch.summary = text("Ends watching these paths, or all.");
+    unwatch.example = text("unwatch /settings/audio/volume");
+    unwatch.maximumArguments = -1;
+    unwatch.place = Place::Shell;
+    unwatch.run = runUnwatch;
+    list.append(unwatch);
+
+    Command flush;
+    flush.name = text("flush");
+    flush.summary = text("Has every accepted change written and the disks synced.");
+    flush.example = text("flush");
+    flush.run = runFlush;
+    list.append(flush);
+
+    Command dropCache;
+    dropCache.name = text("drop-cache");
+    dropCache.summary = text("Has settings read from their files again.");
+    dropCache.example = text("drop-cache");
+    dropCache.place = Place::ServiceOrShell;
+    dropCache.run = runDropCache;
+    list.append(dropCache);
+
+    Command check;
+    check.name = text("check");
+    check.summary = text(
+        "Prints what is wrong in the default tree: files that do not parse or hold no object,\n"
+        "values without a kind or outside their constraints, names that no listing shows.");
+    check.example = text("check");
+    check.needs = Needs::Files;
+    check.run = runCheck;
+    list.append(check);
+
+    Command shell;
+    shell.name = text("shell");
+    shell.summary = text("Runs commands from standard input, one a line, in one process.");
+    shell.example = text("shell");
+    shell.place = Place::CommandLine;
+    shell.needs = Needs::Changes;
+    shell.run = runShell;
+    list.append(shell);
+
+    Command wait;
+    wait.name = text("wait");
+    wait.arguments = text("MS");
+    wait.summary =
+        text("Waits this many milliseconds: events are printed, pending changes written.");
+    wait.example = text("wait 1500");
+    wait.minimumArguments = 1;
+    wait.maximumArguments = 1;
+    wait.place = Place::Shell;
+    wait.run = runWait;
+    list.append(wait);
+
+    Command help;
+    help.name = text("help");
+    help.arguments = text("[COMMAND]");
+    help.summary = text("Prints what the commands do.");
+    help.example = text("help set");
+    help.maximumArguments = 1;
+    help.needs = Needs::Nothing;
+    help.run = runHelp;
+    list.append(help);
+
+    Command quit;
+    quit.name = text("quit");
+    quit.summary = text("Ends the shell, like the end of standard input.");
+    quit.example = text("quit");
+    quit.place = Place::Shell;
+    quit.run = runQuit;
+    list.append(quit);
+    return list;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Parsing. One parser knows every option, so that the command is found wherever it stands.
+// ---------------------------------------------------------------------------------------------
+
+// Cannot occur in an argument of a process, and does not begin an option.
+const QChar guard(0);
+
+bool looksNegative(const QString& word)
+{
+    const QChar second = word.size() > 1 ? word.at(1) : QChar();
+    return word.startsWith(QLatin1Char('-')) && (second.isDigit() || second == QLatin1Char('.'));
+}
+
+QStringList guarded(const QStringList& words)
+{
+    QStringList result;
+    for (const QString& word : words)
+        result.append(looksNegative(word) ? guard + word : word);
+    return result;
+}
+
+QStringList unguarded(const QStringList& words)
+{
+    QStringList result;
+    for (const QString& word : words)
+        result.append(word.startsWith(guard) ? word.mid(1) : word);
+    return result;
+}
+
+// Qt's message in our form: "Missing value after '--role'." becomes "missing value after '--role'".
+QString ourForm(QString message)
+{
+    if (message.endsWith(QLatin1Char('.')))
+        message.chop(1);
+    if (!message.isEmpty())
+        message[0] = message.at(0).toLower();
+    return message;
+}
+
+QString synopsis(const Command& command)
+{
+    QString line = command.name;
+    if (!command.arguments.isEmpty())
+        line += QLatin1Char(' ') + command.arguments;
+    for (const Option& option : commandOptions()) {
+        if (!command.options.contains(option.name))
+            continue;
+        line += text(" [--") + option.name;
+        if (!option.valueName.isEmpty())
+            line += QLatin1Char(' ') + option.valueName;
+        line += QLatin1Char(']');
+    }
+    return line;
+}
+
+bool isListed(const Command& command, bool inShell)
+{
+    return command.place != (inShell ? Command::Place::CommandLine : Command::Place::Shell);
+}
+
+QString namesOfCommands(bool inShell)
+{
+    QStringList names;
+    for (const Command& command : commands()) {
+        if (isListed(command, inShell))
+            names.append(command.name);
+    }
+    return names.join(text(", "));
+}
+
+Failure judge(const Arguments& arguments, bool inShell)
+{
+    const Command& command = *arguments.command;
+    if (inShell && command.place == Command::Place::CommandLine)
+        return usageFailure(text("'%1' is no command of the shell").arg(command.name));
+    if (!inShell && command.place == Command::Place::Shell)
+        return usageFailure(text("'%1' is a command of the shell only").arg(command.name));
+    for (const Option& option : commandOptions()) {
+        if (arguments.isSet(option.name) && !command.options.contains(option.name)) {
+            return usageFailure(text("'%1' takes no option '--%2'").arg(command.name, option.name));
+        }
+    }
+    for (const Option& option : generalOptions()) {
+        if (inShell && option.name != text("help") && arguments.isSet(option.name)) {
+            return usageFailure(
+                text("'--%1' is an option of the program, not of a line of the shell")
+                    .arg(option.name));
+        }
+    }
+    const int count = arguments.positional.size();
+    const bool tooMany = command.maximumArguments >= 0 && count > command.maximumArguments;
+    if (!arguments.isSet(text("help")) && (count < command.minimumArguments || tooMany)) {
+        return usageFailure(text("%1 arguments for '%2'; usage: %3")
+                                .arg(tooMany ? text("too many") : text("missing"), command.name,
+                                     synopsis(command)));
+    }
+    return {};
+}
+
+Arguments parse(const QStringList& words, bool inShell, Failure* failure)
+{
+    QCommandLineParser parser;
+    QVector<Option> all = generalOptions();
+    all += commandOptions();
+    for (const Option& option : qAsConst(all))
+        parser.addOption({ option.name, option.description, option.valueName });
+
+    Arguments arguments;
+    const bool parsed = parser.parse(QStringList(QString()) + guarded(words));
+    const QStringList unknown = parser.unknownOptionNames();
+    if (!unknown.isEmpty()) {
+        const QString& name = unknown.first();
+        *failure = usageFailure(
+            text("unknown option '%1%2'").arg(name.size() == 1 ? text("-") : text("--"), name));
+        return arguments;
+    }
+    if (!parsed) {
+        *failure = usageFailure(ourForm(parser.errorText()));
+        return arguments;
+    }
+    for (const Option& option : qAsConst(all)) {
+        if (parser.isSet(option.name))
+            arguments.set(option.name, unguarded(parser.values(option.name)));
+    }
+
+    arguments.positional = unguarded(parser.positionalArguments());
+    if (arguments.positional.isEmpty()) {
+        if (!arguments.isSet(text("help")) && !arguments.isSet(text("version")))
+            *failure =
+                usageFailure(text("no command; commands are: %1").arg(namesOfCommands(inShell)));
+        return arguments;
+    }
+    const QString name = arguments.positional.takeFirst();
+    arguments.command = findCommand(name);
+    if (arguments.command == nullptr) {
+        *failure = usageFailure(
+            text("unknown command '%1'; commands are: %2").arg(name, namesOfCommands(inShell)));
+        return arguments;
+    }
+    *failure = judge(arguments, inShell);
+    return arguments;
+}
+
+QString describe(const QVector<Option>& options)
+{
+    int width = 0;
+    const auto form = [](const Option& option) {
+        return text("  --") + option.name
+            + (option.valueName.isEmpty() ? QString() : QLatin1Char(' ') + option.valueName);
+    };
+    for (const Option& option : options)
+        width = std::max(width, form(option).size());
+    QString result;
+    for (const Option& option : options)
+        result += form(option).leftJustified(width + 2) + option.description + QLatin1Char('\n');
+    return result;
+}
+
+QString exampleOf(const Command& command)
+{
+    return command.place == Command::Place::Shell ? command.example
+                                                  : text("tulo-cm ") + command.example;
+}
+
+} // namespace
+
+const QVector<Command>& commands()
+{
+    static const QVector<Command> list = makeCommands();
+    return list;
+}
+
+const Command* findCommand(const QString& name)
+{
+    const auto found =
+        std::find_if(commands().cbegin(), commands().cend(),
+                     [&name](const Command& command) { return command.name == name; });
+    return found == commands().cend() ? nullptr : found;
+}
+
+Arguments parseCommandLine(const QStringList& words, Failure* failure)
+{
+    return parse(words, false, failure);
+}
+
+Arguments parseShellLine(const QStringList& words, Failure* failure)
+{
+    return parse(words, true, failure);
+}
+
+int numberOption(const Arguments& arguments, const QString& option, int fallback, Failure* failure)
+{
+    if (!arguments.isSet(option))
+        return fallback;
+    bool isNumber = false;
+    const int number = arguments.value(option).toInt(&isNumber);
+    if (!isNumber) {
+        *failure = usageFailure(
+            text("'--%1' needs a whole number, not '%2'").arg(option, arguments.value(option)));
+    }
+    return number;
+}
+
+Failure usageFailure(const QString& message)
+{
+    return { Usage, QStringLiteral("Usage"), message, QString() };
+}
+
+QString generalHelp(bool inShell)
+{
+    QString result;
+    if (!inShell) {
+        result +=
+            text("Usage: tulo-cm [OPTION]... COMMAND ...\n\n"
+                 "Reads, changes and watches the settings of a device: with --default-path and\n"
+                 "--write-path those of two directories, with --in-process those of the built-in\n"
+                 "directories, otherwise those of the service on the bus.\n\n");
+    }
+    result += text("Commands, each with an example:\n");
+    for (const Command& command : commands()) {
+        if (!isListed(command, inShell))
+            continue;
+        result += text("  ") + synopsis(command) + QLatin1Char('\n');
+        result += text("      ")
+            + command.summary.section(QLatin1Char('\n'), 0)
+                  .replace(QLatin1Char('\n'), text("\n      "))
+            + QLatin1Char('\n');
+        result +=
+            text("      ") + (inShell ? command.example : exampleOf(command)) + QLatin1Char('\n');
+    }
+    if (inShell) {
+        result += text("\nWords are separated by blanks; quote with '...', \"...\" or \\.\n");
+        return result;
+    }
+    result += text("\nOptions:\n") + describe(generalOptions());
+    result +=
+        text("\nExit codes:\n"
+             "  0  done\n"
+             "  1  another error of the worker\n"
+             "  2  usage\n"
+             "  3  no such path\n"
+             "  4  refused: not modifiable, kept as it was by the constraints, or turned away\n"
+             "  5  stored, but adjusted by the setting's constraints\n"
+             "  6  accepted, but not safely on disk\n"
+             "  7  no service, no plug-in, the writable tree is in use by another process, or\n"
+             "     this command needs the service\n"
+             "  8  findings of a check\n");
+    return result;
+}
+
+QString commandHelp(const Command& command)
+{
+    const bool inShell = command.place == Command::Place::Shell;
+    QString result = text("Usage: ") + (inShell ? QString() : text("tulo-cm [OPTION]... "))
+        + synopsis(command) + text("\n\n") + command.summary + QLatin1Char('\n');
+    QVector<Option> options;
+    for (const Option& option : commandOptions()) {
+        if (command.options.contains(option.name))
+            options.append(option);
+    }
+    if (!options.isEmpty())
+        result += text("\nOptions:\n") + describe(options);
+    return result + text("\nExample:\n  ") + exampleOf(command) + QLatin1Char('\n');
+}

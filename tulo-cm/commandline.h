@@ -1,0 +1,89 @@
+#pragma once
+
+#include "session.h"
+
+#include <QHash>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+struct Context;
+class Arguments;
+
+/// One option: "--name" or "--name VALUE".
+struct Option
+{
+    QString name;
+    QString valueName; ///< empty for an option without a value
+    QString description;
+};
+
+/// One command as it is parsed, described and run.
+struct Command
+{
+    /// Where it can be given.
+    enum class Place {
+        Anywhere,
+        ServiceOrShell, ///< not once and for all in a process of its own, which ends at once
+        Shell, ///< only as a line of the shell
+        CommandLine ///< only as the program's command
+    };
+    /// What it needs.
+    enum class Needs {
+        Nothing,
+        Files, ///< the directories
+        Session, ///< the settings, to read them
+        Changes ///< the settings, to change them
+    };
+
+    QString name;
+    QString arguments;
+    QString summary;
+    QString example;
+    QStringList options; ///< names of the options it takes beside the general ones
+    int minimumArguments = 0;
+    int maximumArguments = 0; ///< -1: any number
+    Place place = Place::Anywhere;
+    Needs needs = Needs::Session;
+    int (*run)(Context& context, const Arguments& arguments) = nullptr;
+};
+
+/// A parsed command line, or line of the shell.
+class Arguments
+{
+public:
+    const Command* command = nullptr; ///< null when only --help or --version was asked for
+    QStringList positional; ///< what follows the command
+
+    bool isSet(const QString& option) const { return m_options.contains(option); }
+    /// The last value given, null when the option is not set.
+    QString value(const QString& option) const
+    {
+        return values(option).value(values(option).size() - 1);
+    }
+    /// All values given, in order.
+    QStringList values(const QString& option) const { return m_options.value(option); }
+    void set(const QString& option, const QStringList& values) { m_options.insert(option, values); }
+
+private:
+    QHash<QString, QStringList> m_options;
+};
+
+/// All commands, in the order in which help lists them.
+const QVector<Command>& commands();
+/// Null when there is no command of that name.
+const Command* findCommand(const QString& name);
+
+/// Parses the words of the program's command line, without the program's name.
+Arguments parseCommandLine(const QStringList& words, Failure* failure);
+/// Parses the words of a line of the shell, which takes no general options.
+Arguments parseShellLine(const QStringList& words, Failure* failure);
+/// The index that --first and the like name; `fallback` when the option is not set.
+int numberOption(const Arguments& arguments, const QString& option, int fallback, Failure* failure);
+
+Failure usageFailure(const QString& message);
+
+/// The help for the program, or for the lines of the shell.
+QString generalHelp(bool inShell);
+/// The help for one command.
+QString commandHelp(const Command& command);

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QObject>
+
+#include <functional>
+
+/// Turns SIGINT and SIGTERM into an orderly end: the event loop wakes up for them, and whatever
+/// runs long asks requested() from time to time. One object at a time, on the main thread;
+/// without one these signals end the process as usual.
+class Interrupts : public QObject
+{
+    Q_OBJECT
+
+public:
+    Interrupts();
+    ~Interrupts() override;
+
+    /// Tells whether a signal came since the object was made; false without one.
+    static bool requested();
+};
+
+/// Serves events for `milliseconds` (-1: without limit), until a signal comes or until `ended`
+/// returns true, which is asked after each turn of the event loop.
+void serveEvents(int milliseconds, const std::function<bool()>& ended);

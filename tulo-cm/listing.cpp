@@ -1,0 +1,114 @@
+#include "listing.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr int pageRows = 250;
+// Rows that keep changing are somebody's mistake; a listing comes to an end all the same.
+constexpr int maximumAttempts = 10;
+
+enum class Attempt { Complete, RowsChanged };
+
+class Lister
+{
+public:
+    Lister(Session& session, const QString& path, const QStringList& roles, Progress& progress)
+        : m_session(session)
+        , m_path(path)
+        , m_roles(roles)
+        , m_progress(progress)
+    {
+    }
+
+    Listing list(int first, int last)
+    {
+        for (int attempt = 0; attempt < maximumAttempts; ++attempt) {
+            m_listing = Listing();
+            m_isFirstRequest = true;
+            if (tryOnce(first, last) == Attempt::Complete)
+                return m_listing;
+        }
+        m_listing.failure = { Failed, QStringLiteral("RowsChanging"),
+                              QStringLiteral("the rows change faster than they can be read"),
+                              m_path };
+        return m_listing;
+    }
+
+private:
+    Attempt tryOnce(int first, int last)
+    {
+        int next = first;
+        do {
+            const bool isLastPage = qint64(last) - next < pageRows;
+            const int pageLast = isLastPage ? last : next + pageRows - 1;
+            Answer<RowPage> answer = m_session.getRows(m_path, next, pageLast, m_roles);
+            if (!answer.failure) {
+                if (take(answer.value) == Attempt::RowsChanged)
+                    return Attempt::RowsChanged;
+            } else if (const Answer<RowPage> none = askForNone(); none.failure) {
+                m_listing.failure = answer.failure;
+                return Attempt::Complete;
+            } else if (take(none.value) == Attempt::RowsChanged
+                       || takeOneByOne(next, pageLast) == Attempt::RowsChanged) {
+                return Attempt::RowsChanged;
+            }
+            if (isLastPage)
+                break;
+            next = pageLast + 1;
+        } while (next < m_listing.page.count);
+        return Attempt::Complete;
+    }
+
+    // Tells whether the directory itself can be listed, and how long it is. A range that ends
+    // before it begins is answered without any row.
+    Answer<RowPage> askForNone() { return m_session.getRows(m_path, 1, 0, m_roles); }
+
+    Attempt take(const RowPage& answer)
+    {
+        RowPage& page = m_listing.page;
+        if (!m_isFirstRequest && page.version != answer.version)
+            return Attempt::RowsChanged;
+        m_isFirstRequest = false;
+        page.count = answer.count;
+        page.version = answer.version;
+        page.roles = answer.roles;
+        page.rows += answer.rows;
+        m_progress.add(answer.rows.size());
+        return Attempt::Complete;
+    }
+
+    Attempt takeOneByOne(int first, int last)
+    {
+        last = std::min(last, m_listing.page.count - 1);
+        for (int index = first; index <= last; ++index) {
+            const Answer<RowPage> answer = m_session.getRows(m_path, index, index, m_roles);
+            if (answer.failure) {
+                Failure failure = answer.failure;
+                failure.exitCode = Failed;
+                failure.path = m_path;
+                failure.message =
+                    QStringLiteral("row %1 left out: %2").arg(index).arg(answer.failure.message);
+                m_listing.leftOut.append(failure);
+            } else if (take(answer.value) == Attempt::RowsChanged) {
+                return Attempt::RowsChanged;
+            }
+        }
+        return Attempt::Complete;
+    }
+
+    Session& m_session;
+    const QString m_path;
+    const QStringList m_roles;
+    Progress& m_progress;
+    Listing m_listing;
+    bool m_isFirstRequest = true;
+};
+
+} // namespace
+
+Listing listRows(Session& session, const QString& path, int first, int last,
+                 const QStringList& roles, Progress& progress)
+{
+    return Lister(session, path, roles, progress).list(first, last);
+}

@@ -1,0 +1,291 @@
+#include "localsession.h"
+
+#include "api/core/model/tulosettingsactions.h"
+#include "api/core/trstring.h"
+
+namespace {
+
+int exitCodeOf(ErrorKind kind)
+{
+    switch (kind) {
+    case ErrorKind::None:
+        return Done;
+    case ErrorKind::InvalidPath:
+        return NoSuchPath;
+    case ErrorKind::Refused:
+    case ErrorKind::NotModifiable:
+    case ErrorKind::Limits:
+        return Refused;
+    case ErrorKind::InUse:
+    case ErrorKind::Stopped:
+        return Unavailable;
+    case ErrorKind::TimedOut:
+    case ErrorKind::Other:
+        break;
+    }
+    return Failed;
+}
+
+Failure failureOf(const CMVoidReply& reply, const QString& path)
+{
+    const CMError error = reply.error();
+    Failure failure;
+    failure.exitCode = exitCodeOf(errorKind(error));
+    failure.name = error.name();
+    failure.message = error.message().toString();
+    failure.path = path;
+    failure.title = error.title().toString();
+    return failure;
+}
+
+int exitCodeOf(HostFailure::Kind kind)
+{
+    return kind == HostFailure::Kind::Usage ? Usage : Unavailable;
+}
+
+QString nameOf(HostFailure::Kind kind)
+{
+    switch (kind) {
+    case HostFailure::Kind::None:
+        break;
+    case HostFailure::Kind::Usage:
+        return QStringLiteral("Usage");
+    case HostFailure::Kind::NoPlugin:
+        return QStringLiteral("NoPlugin");
+    case HostFailure::Kind::NoAccess:
+        return QStringLiteral("NoAccess");
+    case HostFailure::Kind::InUse:
+        return errorName(ErrorKind::InUse);
+    }
+    return QString();
+}
+
+// Texts and paths become strings here, where an answer leaves the worker's world.
+QVariant plain(const QVariant& role)
+{
+    if (TrString::isIn(role))
+        return TrString::fromVariant(role).toString();
+    if (CMPath::isIn(role))
+        return CMPath::fromVariant(role).text();
+    return role;
+}
+
+QVariantHash plain(const QVariantHash& roles)
+{
+    QVariantHash result;
+    for (auto role = roles.cbegin(); role != roles.cend(); ++role)
+        result.insert(role.key(), plain(role.value()));
+    return result;
+}
+
+QVariantHash named(const QStringList& roles, const QList<QVariant>& values)
+{
+    QVariantHash result;
+    for (int i = 0; i < roles.size(); ++i)
+        result.insert(roles.at(i), plain(values.value(i)));
+    return result;
+}
+
+Answer<QVariantHash> changed(const CMSetDataRequest::Reply& reply, const QString& path)
+{
+    const Failure failure = failureOf(reply, path);
+    if (failure)
+        return { {}, failure };
+    return { plain(reply.value().toHash()), {} };
+}
+
+} // namespace
+
+std::unique_ptr<LocalSession> LocalSession::open(const HostOptions& options, Access access,
+                                                 Failure* failure)
+{
+    HostOptions hostOptions = options;
+    hostOptions.access =
+        access == Access::Read ? HostOptions::Access::Read : HostOptions::Access::Own;
+    HostFailure reason;
+    QString readOnlyReason;
+    std::unique_ptr<Host> host = Host::open(hostOptions, &reason);
+
+    const bool mayRead =
+        reason.kind == HostFailure::Kind::InUse || reason.kind == HostFailure::Kind::NoAccess;
+    if (!host && access == Access::OwnIfPossible && mayRead) {
+        readOnlyReason = reason.message;
+        hostOptions.access = HostOptions::Access::Read;
+        host = Host::open(hostOptions, &reason);
+    }
+    if (!host) {
+        *failure = { exitCodeOf(reason.kind), nameOf(reason.kind), reason.message, QString() };
+        return nullptr;
+    }
+    return std::unique_ptr<LocalSession>(new LocalSession(std::move(host), readOnlyReason));
+}
+
+LocalSession::LocalSession(std::unique_ptr<Host> host, const QString& readOnlyReason)
+    : m_host(std::move(host))
+    , m_readOnlyReason(readOnlyReason)
+{
+}
+
+LocalSession::~LocalSession()
+{
+    m_host->registry()->unsubscribe(this);
+}
+
+QString LocalSession::readOnlyReason() const
+{
+    return m_readOnlyReason;
+}
+
+std::optional<qint64> LocalSession::otherOwner() const
+{
+    return m_host->otherOwner();
+}
+
+int LocalSession::catalogueCount() const
+{
+    return m_host->catalogueCount();
+}
+
+QString LocalSession::defaultPath() const
+{
+    return m_host->defaultPath();
+}
+
+Answer<QVariantHash> LocalSession::getData(const QString& path, const QStringList& roles)
+{
+    const CMGetDataRequest::Reply reply = m_host->client().getData(CMPath(path), roles);
+    const Failure failure = failureOf(reply, path);
+    if (failure)
+        return { {}, failure };
+    return { named(roles, reply.value()), {} };
+}
+
+Answer<RowPage> LocalSession::getRows(const QString& path, int first, int last,
+                                      const QStringList& roles)
+{
+    const CMGetRowsRequest::Reply reply =
+        m_host->client().getRows(CMPath(path), first, last, roles);
+    const Failure failure = failureOf(reply, path);
+    if (failure)
+        return { {}, failure };
+
+    const Rows rows = Client::rowsOf(reply.value(), roles);
+    RowPage page;
+    page.count = rows.count;
+    page.version = rows.version;
+    page.roles = plain(rows.directory.__variant().toHash());
+    for (const Row& row : rows.rows)
+        page.rows.append({ row.path.text(), row.isDirectory, named(roles, row.values) });
+    return { page, {} };
+}
+
+Answer<QVariantHash> LocalSession::setValue(const QString& path, const TuloValue& value)
+{
+    return changed(m_host->client().setValue(CMPath(path), value), path);
+}
+
+Answer<QVariantHash> LocalSession::setRoles(const QString& path, const QVariantHash& roles)
+{
+    return changed(m_host->client().setRoles(CMPath(path), TuloRoles(TuloHash(roles))), path);
+}
+
+Answer<QVariantHash> LocalSession::apply(const QString& path, const QString& verb,
+                                         const TuloValue& operand)
+{
+    return changed(m_host->client().apply(CMPath(path), TuloOperation(verb, operand)), path);
+}
+
+Failure LocalSession::flush()
+{
+    const QString path = TuloSettingsActionsFlush().text();
+    Failure failure = failureOf(m_host->client().flush(), path);
+    if (!failure) {
+        failure = saved();
+        failure.path = path;
+    }
+    return failure;
+}
+
+Failure LocalSession::dropCache()
+{
+    return failureOf(m_host->client().dropCache(), TuloSettingsActionsDropCache().text());
+}
+
+Failure LocalSession::settle(bool)
+{
+    // Without a change nothing is written, and the other owner of the tree is left in peace.
+    if (m_host->writes().needsFlush()) {
+        const Failure failure = flush();
+        if (failure)
+            return failure;
+    }
+    return saved();
+}
+
+Failure LocalSession::saved() const
+{
+    const WriteWatch& writes = m_host->writes();
+    if (writes.isSaved())
+        return {};
+    const QStringList unsaved = writes.unsavedPaths();
+    QString message = QStringLiteral("not on disk");
+    if (!unsaved.isEmpty())
+        message += QStringLiteral(": ") + unsaved.join(QStringLiteral(", "));
+    if (!writes.lastError().isEmpty())
+        message += QStringLiteral(" (%1)").arg(writes.lastError());
+    return { NotSaved, QStringLiteral("NotSaved"), message, unsaved.value(0) };
+}
+
+Failure LocalSession::watch(const QString& path)
+{
+    const CMPath node(path);
+    // Asking first keeps paths that name nothing out of the registry, which forgets none.
+    const Failure failure = getData(path, {}).failure;
+    if (failure)
+        return failure;
+    if (!m_subscribed.contains(path)) {
+        m_subscribed.insert(path);
+        m_host->registry()->subscribeValue(node, this);
+        m_host->registry()->subscribeData(node, this);
+        m_host->registry()->subscribeRows(node, this);
+    }
+    m_watched.insert(path);
+    return {};
+}
+
+void LocalSession::unwatch(const QString& path)
+{
+    m_watched.remove(path);
+}
+
+void LocalSession::valueChanged(const CMPath& path, const QVariant& value)
+{
+    if (!m_watched.contains(path.text()))
+        return;
+    Event event;
+    event.kind = Event::Kind::Value;
+    event.path = path.text();
+    event.value = value.toHash();
+    emitEvent(event);
+}
+
+void LocalSession::dataChanged(const CMPath& path)
+{
+    if (!m_watched.contains(path.text()))
+        return;
+    Event event;
+    event.path = path.text();
+    emitEvent(event);
+}
+
+void LocalSession::rowsChanged(const CMPath& path, const QString& command, int version)
+{
+    if (!m_watched.contains(path.text()))
+        return;
+    Event event;
+    event.kind = Event::Kind::Rows;
+    event.path = path.text();
+    event.command = command;
+    event.rowsVersion = version;
+    emitEvent(event);
+}

@@ -1,0 +1,55 @@
+#include "logging.h"
+
+#include "commandline.h"
+
+#include <QFileInfo>
+#include <QStringList>
+
+#include <algorithm>
+#include <memory>
+
+#include <log4cplus/configurator.h>
+#include <log4cplus/consoleappender.h>
+#include <log4cplus/layout.h>
+#include <log4cplus/logger.h>
+
+namespace {
+
+const QStringList levelNames { QStringLiteral("trace"), QStringLiteral("debug"),
+                               QStringLiteral("info"),  QStringLiteral("warn"),
+                               QStringLiteral("error"), QStringLiteral("fatal"),
+                               QStringLiteral("off") };
+const log4cplus::LogLevel levels[] { log4cplus::TRACE_LOG_LEVEL, log4cplus::DEBUG_LOG_LEVEL,
+                                     log4cplus::INFO_LOG_LEVEL,  log4cplus::WARN_LOG_LEVEL,
+                                     log4cplus::ERROR_LOG_LEVEL, log4cplus::FATAL_LOG_LEVEL,
+                                     log4cplus::OFF_LOG_LEVEL };
+
+} // namespace
+
+Failure configureLogging(const QString& level, const QString& configurationFile)
+{
+    const int index =
+        level.isNull() ? levelNames.indexOf(QStringLiteral("warn")) : levelNames.indexOf(level);
+    if (index < 0) {
+        return usageFailure(QStringLiteral("unknown log level '%1'; levels are: %2")
+                                .arg(level, levelNames.join(QStringLiteral(", "))));
+    }
+    if (!configurationFile.isNull()) {
+        const QFileInfo file(configurationFile);
+        if (!file.isFile() || !file.isReadable()) {
+            return usageFailure(
+                QStringLiteral("log configuration '%1' cannot be read").arg(configurationFile));
+        }
+        log4cplus::PropertyConfigurator::doConfigure(configurationFile.toStdString());
+        return {};
+    }
+
+    log4cplus::SharedAppenderPtr appender(new log4cplus::ConsoleAppender(true, true));
+    appender->setLayout(std::make_unique<log4cplus::PatternLayout>("%-5p %c: %m%n"));
+    appender->setThreshold(levels[index]);
+    log4cplus::Logger root = log4cplus::Logger::getRoot();
+    root.addAppender(appender);
+    // What is not shown is not made either.
+    root.setLogLevel(levels[index]);
+    return {};
+}

@@ -1,0 +1,12 @@
+#pragma once
+
+#include "session.h"
+
+#include <QString>
+
+/// Where log records go: to standard error by default, `level` and above ("trace" to "fatal",
+/// "off"); or where the log4cplus property file says. Both may be null: default level, no file.
+///
+/// Levels are held back at the output, not at the loggers, of which some are read by the program
+/// itself. To be called before the first worker is made, as its watch comes on top.
+Failure configureLogging(const QString& level, const QString& configurationFile);

@@ -1,0 +1,304 @@
+#include "commands.h"
+#include "interrupts.h"
+#include "localsession.h"
+#include "logging.h"
+#include "textinput.h"
+
+#include "host/guard.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QTextCodec>
+
+#include <clocale>
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+const QString defaultPathOption = QStringLiteral("default-path");
+const QString writePathOption = QStringLiteral("write-path");
+const QString inProcessOption = QStringLiteral("in-process");
+const QString busOption = QStringLiteral("bus");
+const QString productOption = QStringLiteral("product");
+const QString pluginOption = QStringLiteral("plugin");
+const QString languageOption = QStringLiteral("language");
+const QString cataloguesOption = QStringLiteral("catalogues");
+
+// ---------------------------------------------------------------------------------------------
+// Where to work, from the options.
+// ---------------------------------------------------------------------------------------------
+
+bool isOwnProcess(const Arguments& arguments)
+{
+    return arguments.isSet(inProcessOption) || arguments.isSet(defaultPathOption);
+}
+
+Failure judgeDirectory(const QString& path)
+{
+    // An empty name would stand for the built-in directory further down.
+    const QFileInfo directory(path);
+    if (path.isEmpty() || !directory.exists())
+        return usageFailure(QStringLiteral("directory '%1' does not exist").arg(path));
+    if (!directory.isDir())
+        return usageFailure(QStringLiteral("'%1' is no directory").arg(path));
+    return {};
+}
+
+Failure judgePlace(const Arguments& arguments)
+{
+    const bool hasDefault = arguments.isSet(defaultPathOption);
+    const bool hasWrite = arguments.isSet(writePathOption);
+    if (hasDefault != hasWrite) {
+        return usageFailure(QStringLiteral("'--%1' needs '--%2'")
+                                .arg(hasDefault ? defaultPathOption : writePathOption,
+                                     hasDefault ? writePathOption : defaultPathOption));
+    }
+    if (!isOwnProcess(arguments)) {
+        for (const QString& option :
+             { productOption, pluginOption, languageOption, cataloguesOption }) {
+            if (arguments.isSet(option)) {
+                return usageFailure(QStringLiteral("'--%1' needs '--default-path' and "
+                                                   "'--write-path', or '--in-process'")
+                                        .arg(option));
+            }
+        }
+        return {};
+    }
+    if (arguments.isSet(busOption)) {
+        return usageFailure(QStringLiteral("'--bus' and '--%1' exclude each other")
+                                .arg(hasDefault ? defaultPathOption : inProcessOption));
+    }
+    return {};
+}
+
+Failure judgeWorkerOptions(const Arguments& arguments)
+{
+    const QString product = arguments.value(productOption);
+    if (!product.isEmpty() && !Guard::isListable(product)) {
+        return usageFailure(
+            QStringLiteral("'%1' is no product postfix: letters, digits, '_' and '-'")
+                .arg(product));
+    }
+    if (arguments.isSet(languageOption) && !arguments.isSet(cataloguesOption))
+        return usageFailure(QStringLiteral("'--language' needs '--catalogues'"));
+    for (const QString& directory : arguments.values(cataloguesOption)) {
+        const Failure failure = judgeDirectory(directory);
+        if (failure)
+            return failure;
+    }
+    return {};
+}
+
+// Everything that can be said of the options before anything is opened.
+Failure judgeOptions(const Arguments& arguments, QString* defaultPath, QString* writePath)
+{
+    Failure failure = judgePlace(arguments);
+    if (failure || !isOwnProcess(arguments))
+        return failure;
+    const bool isBuiltIn = !arguments.isSet(defaultPathOption);
+    *defaultPath = isBuiltIn ? Host::builtInDefaultPath() : arguments.value(defaultPathOption);
+    *writePath = isBuiltIn ? Host::builtInWritePath() : arguments.value(writePathOption);
+    for (const QString& directory : { *defaultPath, *writePath }) {
+        failure = judgeDirectory(directory);
+        if (failure)
+            return failure;
+    }
+    return judgeWorkerOptions(arguments);
+}
+
+Failure noService(const Arguments& arguments)
+{
+    const QString bus =
+        arguments.isSet(busOption) ? arguments.value(busOption) : QStringLiteral("system");
+    const bool isNamed = bus == QLatin1String("system") || bus == QLatin1String("session");
+    const QString where = isNamed ? QStringLiteral("the %1 bus") : QStringLiteral("the bus '%1'");
+    return { Unavailable, QStringLiteral("NoService"),
+             QStringLiteral("no service on %1; use --in-process, or --default-path and "
+                            "--write-path, to work without one")
+                 .arg(where.arg(bus)),
+             QString() };
+}
+
+QString pluginFile(const Arguments& arguments)
+{
+    if (arguments.isSet(pluginOption))
+        return arguments.value(pluginOption);
+    return QDir::cleanPath(QCoreApplication::applicationDirPath() + QLatin1Char('/')
+                           + QStringLiteral(TULO_DEFAULT_PLUGIN));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Running the command.
+// ---------------------------------------------------------------------------------------------
+
+std::unique_ptr<LocalSession> openSession(const Arguments& arguments, Output& output,
+                                          const QString& defaultPath, const QString& writePath,
+                                          Failure* failure)
+{
+    HostOptions options;
+    options.pluginFile = pluginFile(arguments);
+    options.defaultPath = defaultPath;
+    options.writePath = writePath;
+    options.productPostfix = arguments.value(productOption);
+    options.language = arguments.value(languageOption);
+    options.catalogues = arguments.values(cataloguesOption);
+
+    const Command& command = *arguments.command;
+    auto access = LocalSession::Access::Read;
+    if (command.needs == Command::Needs::Changes)
+        access = command.run == runShell ? LocalSession::Access::OwnIfPossible
+                                         : LocalSession::Access::Own;
+    std::unique_ptr<LocalSession> session = LocalSession::open(options, access, failure);
+    if (!session)
+        return nullptr;
+
+    if (!session->readOnlyReason().isEmpty()) {
+        output.note(QStringLiteral("%1; this shell only reads").arg(session->readOnlyReason()));
+    } else if (session->otherOwner()) {
+        const QString process = *session->otherOwner() == 0
+            ? QStringLiteral("another process")
+            : QStringLiteral("process %1").arg(*session->otherOwner());
+        output.note(QStringLiteral("the writable tree is in use by %1, whose latest changes may "
+                                   "not be in it yet")
+                        .arg(process));
+    }
+    if (!options.language.isEmpty() && session->catalogueCount() == 0) {
+        output.note(
+            QStringLiteral("no catalogue for '%1': texts stay as they are").arg(options.language));
+    }
+    return session;
+}
+
+int runOnSession(Session& session, const Arguments& arguments, Output& output)
+{
+    Watches watches(session, output);
+    Context context { output, &session, &watches, session.defaultPath() };
+    const int exitCode = arguments.command->run(context, arguments);
+
+    const Failure failure = session.settle(arguments.isSet(QStringLiteral("flush")));
+    if (failure)
+        output.failure(failure);
+    // A change that was adjusted is a change all the same, and lost if it is not on disk.
+    if (failure && !context.inShell && exitCode == Adjusted)
+        return failure.exitCode;
+    return firstFailure(exitCode, failure.exitCode);
+}
+
+int runCommand(const Arguments& arguments, Output& output)
+{
+    const Command& command = *arguments.command;
+    Context context { output, nullptr, nullptr, QString() };
+    if (command.needs == Command::Needs::Nothing)
+        return command.run(context, arguments);
+
+    QString writePath;
+    Failure failure = judgeOptions(arguments, &context.defaultPath, &writePath);
+    if (!failure && !isOwnProcess(arguments))
+        failure = noService(arguments);
+    if (!failure && command.place == Command::Place::ServiceOrShell) {
+        failure = { Unavailable, QStringLiteral("NoService"),
+                    QStringLiteral("'%1' works on the service or in the shell; this process would "
+                                   "end at once")
+                        .arg(command.name),
+                    QString() };
+    }
+    if (failure) {
+        output.failure(failure);
+        return failure.exitCode;
+    }
+    if (command.needs == Command::Needs::Files)
+        return command.run(context, arguments);
+
+    // Whoever only reads may be ended at any time.
+    std::optional<Interrupts> interrupts;
+    if (command.needs == Command::Needs::Changes)
+        interrupts.emplace();
+    const std::unique_ptr<LocalSession> session =
+        openSession(arguments, output, context.defaultPath, writePath, &failure);
+    if (!session) {
+        output.failure(failure);
+        return failure.exitCode;
+    }
+    return runOnSession(*session, arguments, output);
+}
+
+int runParsed(const Arguments& arguments, Output& output)
+{
+    const bool forHelp = arguments.isSet(QStringLiteral("help"));
+    if (forHelp || arguments.isSet(QStringLiteral("version"))) {
+        QString text = QStringLiteral("tulo-cm " TULO_VERSION "\n");
+        if (forHelp)
+            text = arguments.command ? commandHelp(*arguments.command) : generalHelp(false);
+        text.chop(1);
+        output.line(text);
+        return Done;
+    }
+    const Failure failure = configureLogging(arguments.value(QStringLiteral("log-level")),
+                                             arguments.value(QStringLiteral("log-config")));
+    if (failure) {
+        output.failure(failure);
+        return failure.exitCode;
+    }
+    return runCommand(arguments, output);
+}
+
+// A file opened in the place of a closed standard stream would get what is meant for that.
+void openStandardStreams()
+{
+    for (const int descriptor : { STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO }) {
+        // The lowest free descriptor is taken, which is this one.
+        if (::fcntl(descriptor, F_GETFD) < 0 && ::open("/dev/null", O_RDWR) != descriptor)
+            std::abort();
+    }
+}
+
+// Words are UTF-8 whatever the locale says, like everything that is read and printed.
+Answer<QStringList> decodeWords(int count, char** words)
+{
+    QStringList result;
+    for (int i = 1; i < count; ++i) {
+        const Answer<QString> word =
+            decode(QByteArray(words[i]), QStringLiteral("argument %1").arg(i));
+        if (word.failure)
+            return { {}, word.failure };
+        result.append(word.value);
+    }
+    return { result, {} };
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    openStandardStreams();
+    const QCoreApplication application(argc, argv);
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+    std::setlocale(LC_CTYPE, "C.UTF-8");
+    // A reader that goes away is noticed when writing to it.
+    std::signal(SIGPIPE, SIG_IGN);
+
+    const Answer<QStringList> words = decodeWords(argc, argv);
+    // Before parsing, as its failures are printed in the form that was asked for.
+    const int optionsEnd = words.value.indexOf(QStringLiteral("--"));
+    const bool isJson = words.value.mid(0, optionsEnd).contains(QStringLiteral("--json"));
+    Output output(isJson ? Output::Form::Json : Output::Form::Text);
+
+    Failure failure = words.failure;
+    Arguments arguments;
+    if (!failure)
+        arguments = parseCommandLine(words.value, &failure);
+    if (failure) {
+        output.failure(failure);
+        return failure.exitCode;
+    }
+    const int exitCode = runParsed(arguments, output);
+    output.flush();
+    return firstFailure(exitCode, output.hasFailed() ? int(Failed) : int(Done));
+}

@@ -1,0 +1,90 @@
+#pragma once
+
+#include "session.h"
+
+#include <QByteArray>
+#include <QElapsedTimer>
+#include <QString>
+#include <QStringList>
+#include <QVariant>
+#include <QVector>
+
+/// What the program prints: results on standard output, everything else on standard error.
+///
+/// A reader that goes away is not an error: what would have been written is dropped, and
+/// isClosed() tells the commands that there is no use in going on.
+class Output
+{
+public:
+    enum class Form { Text, Json };
+
+    explicit Output(Form form);
+    /// Writes what is left.
+    ~Output();
+    Q_DISABLE_COPY(Output)
+
+    bool isJson() const { return m_form == Form::Json; }
+    /// From now on failures are printed among the results if the form is JSON, so that a program
+    /// that drives the shell finds them in their place.
+    void setFailuresInPlace() { m_failuresInPlace = true; }
+
+    /// One line of text for people.
+    void line(const QString& text);
+    /// One object in one line for programs, written at once.
+    void object(const QVariantHash& object);
+    /// Rows of cells in aligned columns. The first line is a heading when `heading` is not empty.
+    void table(const QStringList& heading, const QVector<QStringList>& rows);
+    /// `text` as the name of a directory, coloured on a terminal.
+    QString directoryName(const QString& text) const;
+    /// Text without a line end, for the shell's prompt.
+    void prompt(const QString& text);
+
+    /// One line that says what failed.
+    void failure(const Failure& failure);
+    /// One line beside the results, on standard error.
+    void note(const QString& text);
+
+    /// Writes what was printed so far.
+    void flush();
+    /// Tells whether nobody reads the results any more.
+    bool isClosed() const { return m_closed; }
+    /// Tells whether results could not be written, because the disk is full for example.
+    bool hasFailed() const { return m_failed; }
+
+private:
+    QString emphasised(const QString& text) const;
+
+    const Form m_form;
+    bool m_failuresInPlace = false;
+    bool m_colour = false;
+    bool m_closed = false;
+    bool m_failed = false;
+    QByteArray m_pending;
+};
+
+/// A role for people: the content of a value or text as it is, anything else as JSON, "-" for
+/// one that the node lacks.
+QString shown(const QVariant& role);
+/// The same for a table's cell: a text with control characters is quoted.
+QString shownInCell(const QVariant& role);
+
+/// Tells how far a long operation is, on a terminal, once it has taken a second. Leaves no trace
+/// when it is gone.
+class Progress
+{
+public:
+    explicit Progress(const QString& what);
+    ~Progress();
+    Q_DISABLE_COPY(Progress)
+
+    /// `count` more are done.
+    void add(int count);
+
+private:
+    const QString m_what;
+    const bool m_enabled;
+    bool m_shown = false;
+    int m_count = 0;
+    QElapsedTimer m_time;
+    qint64 m_nextMs;
+};

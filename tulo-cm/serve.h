@@ -1,0 +1,24 @@
+#pragma once
+
+#include "output.h"
+#include "session.h"
+
+#include "host/host.h"
+
+#include <QString>
+
+#include <functional>
+
+/// What `serve` needs to know beside the host's own options.
+struct ServeOptions
+{
+    HostOptions host;
+    QString bus; ///< "system", "session" or an address
+    /// Reads the log configuration again.
+    std::function<void()> configureLogging;
+};
+
+/// Hosts the settings on a bus until SIGINT or SIGTERM, then takes no more calls, flushes and
+/// ends. SIGHUP has the log configuration read again. Tells the service manager when it is ready
+/// and when it stops, if one asks. Returns the exit code.
+int serve(const ServeOptions& options, Output& output);

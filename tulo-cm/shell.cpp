@@ -1,0 +1,130 @@
+#include "commands.h"
+
+#include "interrupts.h"
+#include "textinput.h"
+
+#include <QCoreApplication>
+#include <QSocketNotifier>
+
+#include <cerrno>
+
+#include <poll.h>
+#include <unistd.h>
+
+namespace {
+
+// Standard input, line by line, while events are served.
+class LineReader
+{
+public:
+    /// Waits for the next line; false at the end of the input or when a signal came.
+    bool next(QByteArray* line)
+    {
+        // Events have their turn between two lines, however fast these come.
+        QCoreApplication::processEvents();
+        while (!m_buffer.contains('\n') && !m_ended && !Interrupts::requested()) {
+            if (!isReadable())
+                waitForMore();
+            else
+                read();
+        }
+        if (Interrupts::requested() || m_buffer.isEmpty())
+            return false;
+        const int end = m_buffer.indexOf('\n');
+        *line = m_buffer.left(end);
+        m_buffer.remove(0, end < 0 ? m_buffer.size() : end + 1);
+        return true;
+    }
+
+private:
+    static bool isReadable()
+    {
+        pollfd input { STDIN_FILENO, POLLIN, 0 };
+        return ::poll(&input, 1, 0) != 0;
+    }
+
+    static void waitForMore()
+    {
+        QSocketNotifier notifier(STDIN_FILENO, QSocketNotifier::Read);
+        bool hasMore = false;
+        QObject::connect(&notifier, &QSocketNotifier::activated, &notifier, [&] {
+            notifier.setEnabled(false);
+            hasMore = true;
+        });
+        serveEvents(-1, [&hasMore] { return hasMore; });
+    }
+
+    void read()
+    {
+        char bytes[64 * 1024];
+        const ssize_t count = ::read(STDIN_FILENO, bytes, sizeof bytes);
+        if (count > 0)
+            m_buffer.append(bytes, int(count));
+        else if (count == 0 || (errno != EINTR && errno != EAGAIN))
+            m_ended = true;
+    }
+
+    QByteArray m_buffer;
+    bool m_ended = false;
+};
+
+// A mode of this process has no line to itself: what needs the service has it in the shell.
+int runLine(Context& context, const QByteArray& bytes)
+{
+    const Answer<QString> line = decode(bytes, QStringLiteral("the line"));
+    Failure failure = line.failure;
+    Answer<QStringList> words;
+    if (!failure) {
+        words = splitWords(line.value);
+        failure = words.failure;
+    }
+    if (!failure && words.value.isEmpty())
+        return Done;
+    Arguments arguments;
+    if (!failure)
+        arguments = parseShellLine(words.value, &failure);
+    if (failure) {
+        context.output.failure(failure);
+        return failure.exitCode;
+    }
+    if (arguments.command == nullptr || arguments.isSet(QStringLiteral("help"))) {
+        Arguments help;
+        if (arguments.command != nullptr)
+            help.positional.append(arguments.command->name);
+        return runHelp(context, help);
+    }
+    return arguments.command->run(context, arguments);
+}
+
+} // namespace
+
+int runShell(Context& context, const Arguments&)
+{
+    Output& output = context.output;
+    context.inShell = true;
+    output.setFailuresInPlace();
+    const bool prompts =
+        !output.isJson() && ::isatty(STDIN_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1;
+
+    int exitCode = Done;
+    LineReader reader;
+    QByteArray line;
+    while (!context.quit && !output.isClosed()) {
+        if (prompts)
+            output.prompt(QStringLiteral("tulo-cm> "));
+        if (!reader.next(&line)) {
+            if (prompts)
+                output.line(QString());
+            break;
+        }
+        exitCode = firstFailure(exitCode, runLine(context, line));
+        output.flush();
+    }
+    return exitCode;
+}
+
+int runQuit(Context& context, const Arguments&)
+{
+    context.quit = true;
+    return Done;
+}
