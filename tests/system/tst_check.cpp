@@ -1,0 +1,169 @@
+#include "tests/system/commandline.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <sys/stat.h>
+
+/// What is wrong in a default tree is found before it is met.
+class TstCheck : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void exampleTreeIsClean();
+    void findings_data();
+    void findings();
+    void jsonFindings();
+    void allFindingsInListingOrder();
+    void hiddenDirectoryIsNotEntered();
+    void linksAreFollowedOnce();
+    void specialFilesAreNotOpened();
+};
+
+void TstCheck::exampleTreeIsClean()
+{
+    const QTemporaryDir written;
+
+    const ChildResult result = ChildProcess::run(
+        QStringLiteral(TULO_CM_PROGRAM),
+        { QStringLiteral("--default-path"), QStringLiteral(TULO_EXAMPLE_TREE),
+          QStringLiteral("--write-path"), written.path(), QStringLiteral("check") });
+
+    QCOMPARE(result.standardOutput, QByteArray());
+    QCOMPARE(result.standardError, QByteArray());
+    QCOMPARE(result.exitCode, 0);
+}
+
+void TstCheck::findings_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QByteArray>("message");
+
+    const auto row = [](const char* name, const char* file, const char* content,
+                        const char* message) {
+        QTest::newRow(name) << QString::fromUtf8(file) << QByteArray(content)
+                            << QByteArray(message);
+    };
+    row("empty", "audio/x", "", "line 1, column 1: The document is empty.");
+    row("no JSON", "audio/x", "{\"value\":", "line 1, column 10: Invalid value.");
+    row("directory's roles", "audio/.meta", "{",
+        "line 1, column 2: Missing a name for object member.");
+    row("null", "audio/x", "null", "holds null instead of an object");
+    row("list", "audio/x", "[]", "holds list instead of an object");
+    row("number", "audio/x", "5", "holds int instead of an object");
+    row("value without a kind", "audio/x", "{\"value\":5}", "value: 5 is no value of a known kind");
+    row("value of an unknown kind", "audio/x", "{\"value\":{\"number\":5}}",
+        "value: {\"number\":5} is no value of a known kind");
+    row("value of two kinds", "audio/x", "{\"value\":{\"int\":5,\"double\":5.0}}",
+        "value: {\"double\":5.0,\"int\":5} is no value of a known kind");
+    row("content of another kind", "audio/x", "{\"value\":{\"bool\":1}}",
+        "value: {\"bool\":1} is no value of a known kind");
+    row("default value without a kind", "audio/x", "{\"defaultValue\":\"x\"}",
+        "defaultValue: \"x\" is no value of a known kind");
+    row("template's value", "presets/.meta", "{\"value\":true}",
+        "value: true is no value of a known kind");
+    row("above the range", "audio/x", "{\"value\":{\"int\":5},\"edit\":{\"max\":4}}",
+        "value: 5: it is above 'max' (4)");
+    row("beside the step", "audio/x", "{\"value\":{\"int\":5},\"edit\":{\"step\":2}}",
+        "value: 5: it does not lie on a 'step' (2)");
+    row("not listed", "audio/x",
+        "{\"value\":{\"string\":\"c\"},\"edit\":{\"values\":[\"a\",\"b\"]}}",
+        "value: \"c\": it is not one of the 'values' ([\"a\",\"b\"])");
+    row("of another kind than asked for", "audio/x",
+        "{\"value\":{\"int\":5},\"edit\":{\"kind\":\"string\"}}",
+        "value: 5: it is not of the kind 'string'");
+    row("product variant", "audio/volume_sport", "{\"value\":{\"int\":5},\"edit\":{\"max\":4}}",
+        "value: 5: it is above 'max' (4)");
+    row("name with a dot", "audio/x.json", "{}", "no listing shows this name");
+    row("backup", "audio/volume~", "{}", "no listing shows this name");
+    row("hidden file", "audio/.x", "{}", "no listing shows this name");
+}
+
+void TstCheck::findings()
+{
+    QFETCH(QString, file);
+    QFETCH(QByteArray, content);
+    QFETCH(QByteArray, message);
+    const CommandLine cli;
+    cli.tree.writeDefault(QLatin1Char('/') + file, content);
+
+    const ChildResult result = cli.run("check");
+
+    QCOMPARE(result.standardOutput,
+             cli.tree.defaultPath().toUtf8() + '/' + file.toUtf8() + ": " + message + '\n');
+    QCOMPARE(result.standardError, QByteArray());
+    QCOMPARE(result.exitCode, 8);
+}
+
+void TstCheck::jsonFindings()
+{
+    const CommandLine cli;
+    cli.tree.writeDefault(QStringLiteral("/audio/x"), QByteArray("{"));
+    cli.tree.writeDefault(QStringLiteral("/audio/y~"), QByteArray("{}"));
+
+    const ChildResult result = cli.run("check --json");
+
+    const QByteArray root = cli.tree.defaultPath().toUtf8();
+    QCOMPARE(
+        result.standardOutput,
+        "{\"file\":\"" + root
+            + "/audio/x\",\"finding\":\"unparsable\",\"message\":\"line 1, column 2: Missing a name "
+              "for object member.\"}\n{\"file\":\""
+            + root
+            + "/audio/y~\",\"finding\":\"notListed\",\"message\":\"no listing shows this name\"}\n");
+    QCOMPARE(result.exitCode, 8);
+}
+
+void TstCheck::allFindingsInListingOrder()
+{
+    const CommandLine cli;
+    cli.tree.writeDefault(QStringLiteral("/b"), QByteArray("1"));
+    cli.tree.writeDefault(QStringLiteral("/a/z"), QByteArray("1"));
+    cli.tree.writeDefault(QStringLiteral("/a/Y"), QByteArray("1"));
+
+    const QList<QByteArray> lines = cli.run("check").standardOutput.split('\n');
+
+    QCOMPARE(lines.size(), 4);
+    QVERIFY(lines.at(0).contains("/a/Y: "));
+    QVERIFY(lines.at(1).contains("/a/z: "));
+    QVERIFY(lines.at(2).contains("/b: "));
+}
+
+void TstCheck::hiddenDirectoryIsNotEntered()
+{
+    const CommandLine cli;
+    cli.tree.writeDefault(QStringLiteral("/.hidden/x"), QByteArray("broken"));
+
+    QCOMPARE(cli.run("check").standardOutput,
+             cli.tree.defaultPath().toUtf8() + "/.hidden: no listing shows this name\n");
+}
+
+void TstCheck::linksAreFollowedOnce()
+{
+    const CommandLine cli;
+    const QString root = cli.tree.defaultPath();
+    QVERIFY(QFile::link(root, root + QStringLiteral("/audio/loop")));
+    QVERIFY(QFile::link(root + QStringLiteral("/none"), root + QStringLiteral("/broken")));
+
+    QCOMPARE(cli.run("check").standardOutput,
+             root.toUtf8() + "/audio/loop: is a link to a directory that it lies in\n"
+                 + root.toUtf8() + "/broken: is a link that leads nowhere\n");
+}
+
+void TstCheck::specialFilesAreNotOpened()
+{
+    const CommandLine cli;
+    const QByteArray pipe = cli.tree.defaultPath().toUtf8() + "/pipe";
+    QCOMPARE(::mkfifo(pipe.constData(), 0644), 0);
+
+    const ChildResult result = cli.run("check");
+
+    QCOMPARE(result.standardOutput, pipe + ": is neither a file nor a directory\n");
+    QCOMPARE(result.exitCode, 8);
+}
+
+QTEST_GUILESS_MAIN(TstCheck)
+#include "tst_check.moc"

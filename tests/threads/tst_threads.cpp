@@ -1,0 +1,346 @@
+#include "cm_settings.h"
+
+#include "host/client.h"
+#include "host/guard.h"
+#include "host/router.h"
+
+#include "api/core/model/tulosettingsactions.h"
+#include "tests/support/logcapture.h"
+#include "tests/support/replywaiter.h"
+#include "tests/support/temporarytree.h"
+
+#include <QEventLoop>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <random>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr int threadCount = 8;
+constexpr int requestsPerThread = 12500;
+
+/// Runs `body` on so many threads, with the number of each.
+class Threads
+{
+public:
+    Threads(int count, const std::function<void(int)>& body)
+    {
+        for (int number = 0; number < count; ++number)
+            m_threads.emplace_back(body, number);
+    }
+    ~Threads() { join(); }
+    Q_DISABLE_COPY(Threads)
+
+    void join()
+    {
+        for (std::thread& thread : m_threads) {
+            if (thread.joinable())
+                thread.join();
+        }
+    }
+    /// The calling thread serves its events until all threads have ended.
+    void joinServingEvents()
+    {
+        QEventLoop loop;
+        std::thread waiter([this, &loop] {
+            join();
+            QMetaObject::invokeMethod(&loop, &QEventLoop::quit, Qt::QueuedConnection);
+        });
+        loop.exec();
+        waiter.join();
+    }
+
+private:
+    std::vector<std::thread> m_threads;
+};
+
+TuloValue intValue(qlonglong number)
+{
+    return TuloValue::of(TuloValue::Int(), number);
+}
+
+CMPath ownSetting(int thread)
+{
+    return CMPath(QStringLiteral("/settings/own/s%1").arg(thread));
+}
+
+CMPath sharedSetting(int number)
+{
+    return CMPath(QStringLiteral("/settings/shared/s%1").arg(number));
+}
+
+/// A worker with its host's parts, on the main thread.
+class Stage
+{
+public:
+    static constexpr int sharedCount = 20;
+
+    Stage()
+    {
+        m_tree.writeDefault(QStringLiteral("/own/.meta"), QVariantHash {});
+        const QByteArray content = QByteArrayLiteral("{\"value\":{\"int\":0},\"title\":\"T\"}");
+        for (int thread = 0; thread < threadCount; ++thread)
+            m_tree.writeDefault(ownSetting(thread).base(), content);
+        for (int number = 0; number < sharedCount; ++number)
+            m_tree.writeDefault(sharedSetting(number).base(), content);
+        worker = std::make_unique<CMSettingsWorker>(m_tree.config());
+        delete std::exchange(worker->m_encryptionHandler, &m_handler);
+        router.addWorker(worker.get());
+        m_guard = std::make_unique<Guard>(worker.get(), m_tree.defaultPath(), m_tree.writePath());
+        client = std::make_unique<Client>(&router, m_guard.get());
+    }
+    ~Stage()
+    {
+        client.reset();
+        router.removeWorker(worker.get());
+    }
+    Q_DISABLE_COPY(Stage)
+
+    TuloRoles written(const CMPath& path) const
+    {
+        return TuloRoles(TuloHash(m_tree.readWrittenRoles(path.base())));
+    }
+
+    Router router;
+    std::unique_ptr<CMSettingsWorker> worker;
+    std::unique_ptr<Client> client;
+
+private:
+    const TemporaryTree m_tree;
+    NoOpEncryptionHandler m_handler;
+    std::unique_ptr<Guard> m_guard;
+};
+
+/// A client thread: asks for everything, in random order, and judges each answer. What it finds
+/// wrong it counts; QtTest is for the main thread.
+class Requester
+{
+public:
+    Requester(Client* client, int number)
+        : m_client(client)
+        , m_number(number)
+        , m_random(unsigned(number) + 1)
+    {
+    }
+
+    void run()
+    {
+        for (int i = 0; i < requestsPerThread; ++i)
+            request();
+    }
+    qlonglong lastNumber() const { return m_lastNumber; }
+    int failures() const { return m_failures; }
+
+private:
+    int below(int bound) { return int(m_random() % unsigned(bound)); }
+    CMPath anyShared() { return sharedSetting(below(Stage::sharedCount)); }
+
+    void expect(bool fulfilled)
+    {
+        if (!fulfilled)
+            ++m_failures;
+    }
+    void expectSuccess(const CMVoidReply& reply)
+    {
+        Client::wait(reply);
+        expect(errorKind(reply.error()) == ErrorKind::None);
+    }
+
+    void request()
+    {
+        const int dice = below(1000);
+        if (dice < 300)
+            expectSuccess(
+                m_client->getData(anyShared(), { TuloRoles::Value(), TuloRoles::Title() }));
+        else if (dice < 450)
+            readOwn();
+        else if (dice < 600)
+            writeOwn();
+        else if (dice < 750)
+            expectSuccess(m_client->setValue(anyShared(), intValue(below(100))));
+        else if (dice < 850)
+            expectSuccess(m_client->apply(anyShared(), { QStringLiteral("add"), intValue(1) }));
+        else if (dice < 900)
+            list();
+        else if (dice < 950)
+            refused();
+        else if (dice < 995)
+            severalAtOnce();
+        else if (dice < 998)
+            expectSuccess(m_client->dropCache());
+        else
+            expectSuccess(m_client->flush());
+    }
+
+    // Nobody else changes it.
+    void readOwn()
+    {
+        const auto reply = m_client->getData(ownSetting(m_number), { TuloRoles::Value() });
+        expectSuccess(reply);
+        const TuloValue value(TuloHash(reply.value().value(0).toHash()));
+        expect(value == intValue(m_lastNumber));
+    }
+
+    void writeOwn()
+    {
+        TuloRoles roles;
+        roles.setValue(intValue(m_lastNumber + 1));
+        const auto reply = m_client->setRoles(ownSetting(m_number), roles);
+        expectSuccess(reply);
+        ++m_lastNumber;
+        expect(TuloRoles(TuloHash(reply.value().toHash())).value() == intValue(m_lastNumber));
+    }
+
+    void list()
+    {
+        const auto reply = m_client->getRows(CMPath(QStringLiteral("/settings/shared")), 0, 9,
+                                             { TuloRoles::Value() });
+        expectSuccess(reply);
+        const Rows rows = Client::rowsOf(reply.value(), { TuloRoles::Value() });
+        expect(rows.count == Stage::sharedCount);
+        expect(rows.rows.size() == 10);
+    }
+
+    void refused()
+    {
+        const auto reply =
+            m_client->setValue(CMPath(QStringLiteral("/settings/../up")), intValue(1));
+        Client::wait(reply);
+        expect(errorKind(reply.error()) == ErrorKind::Refused);
+    }
+
+    // Several requests on their way before the first is waited for: answered in order.
+    void severalAtOnce()
+    {
+        const auto write = m_client->setValue(ownSetting(m_number), intValue(m_lastNumber + 1));
+        const auto read = m_client->getData(ownSetting(m_number), { TuloRoles::Value() });
+        ++m_lastNumber;
+        expectSuccess(read);
+        expect(write.isFinished());
+        const TuloValue value(TuloHash(read.value().value(0).toHash()));
+        expect(value == intValue(m_lastNumber));
+    }
+
+    Client* const m_client;
+    const int m_number;
+    std::mt19937 m_random;
+    qlonglong m_lastNumber = 0;
+    int m_failures = 0;
+};
+
+} // namespace
+
+class tst_Threads : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init() { m_log = std::make_unique<LogCapture>(log4cplus::WARN_LOG_LEVEL); }
+    void cleanup()
+    {
+        m_log->verifyNothingUnexpected();
+        m_log.reset();
+    }
+
+    void eightThreadsAreServedInOrder();
+    void callsFromForeignThreadsReachTheIdleLoopLater();
+    void flushFromAForeignThreadWaitsForTheLoop();
+
+private:
+    QTemporaryDir m_programs;
+    std::unique_ptr<LogCapture> m_log;
+};
+
+// Hundreds of flushes need no disk that is as slow.
+void tst_Threads::initTestCase()
+{
+    QVERIFY(QFile::link(QStringLiteral("/bin/true"), m_programs.filePath(QStringLiteral("sync"))));
+    qputenv("PATH", QFile::encodeName(m_programs.path()) + ':' + qgetenv("PATH"));
+}
+
+void tst_Threads::eightThreadsAreServedInOrder()
+{
+    const Stage stage;
+    std::vector<std::unique_ptr<Requester>> requesters;
+    for (int number = 0; number < threadCount; ++number)
+        requesters.push_back(std::make_unique<Requester>(stage.client.get(), number));
+
+    Threads threads(threadCount, [&requesters](int number) { requesters[number]->run(); });
+    threads.joinServingEvents();
+    stage.client->flush();
+
+    for (int number = 0; number < threadCount; ++number) {
+        QCOMPARE(requesters[number]->failures(), 0);
+        QVERIFY(requesters[number]->lastNumber() > 0);
+        QCOMPARE(stage.written(ownSetting(number)).value().content().toLongLong(),
+                 requesters[number]->lastNumber());
+    }
+}
+
+void tst_Threads::callsFromForeignThreadsReachTheIdleLoopLater()
+{
+    constexpr int rounds = 250;
+    const Stage stage;
+    std::atomic<int> failures { 0 };
+
+    // The loop of the worker's thread does not run: this thread waits for the others.
+    Threads threads(threadCount, [&stage, &failures](int number) {
+        for (int round = 1; round <= rounds; ++round) {
+            const auto reply = CMReply<QVariant>::create();
+            stage.client->callDirectly(CMSetDataRequest(ownSetting(number), TuloRoles::Value(),
+                                                        intValue(round).__variant(), reply));
+            const auto answer = CMReply<QList<QVariant>>::create();
+            stage.client->callDirectly(
+                CMGetDataRequest(ownSetting(number), { TuloRoles::Value() }, answer));
+            if (!reply.isFinished()
+                || TuloValue(TuloHash(answer.value().value(0).toHash())) != intValue(round))
+                ++failures;
+        }
+    });
+    threads.join();
+
+    QCOMPARE(failures.load(), 0);
+    QVERIFY(stage.worker->m_pendingWrites.isEmpty());
+    QVERIFY(!stage.worker->m_writeTimer->isActive());
+
+    QCoreApplication::sendPostedEvents(stage.worker.get());
+
+    QCOMPARE(stage.worker->m_pendingWrites.size(), threadCount);
+    QVERIFY(stage.worker->m_writeTimer->isActive());
+    stage.worker->on_writeTimer_timeout();
+    for (int number = 0; number < threadCount; ++number)
+        QCOMPARE(stage.written(ownSetting(number)).value().content().toInt(), rounds);
+}
+
+void tst_Threads::flushFromAForeignThreadWaitsForTheLoop()
+{
+    const Stage stage;
+    stage.client->setValue(ownSetting(0), intValue(5));
+    const auto reply = CMReply<QVariant>::create();
+
+    Threads threads(1, [&stage, &reply](int) {
+        stage.client->callDirectly(
+            CMSetDataRequest(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant(), reply));
+    });
+    threads.join();
+
+    QVERIFY(!reply.isFinished());
+    QVERIFY(stage.written(ownSetting(0)).isEmpty());
+
+    QCoreApplication::sendPostedEvents(stage.worker.get());
+
+    QVERIFY(reply.isFinished());
+    QCOMPARE(stage.written(ownSetting(0)).value().content().toInt(), 5);
+}
+
+QTEST_GUILESS_MAIN(tst_Threads)
+#include "tst_threads.moc"

@@ -1,0 +1,352 @@
+#include "host/client.h"
+#include "host/guard.h"
+#include "host/router.h"
+
+#include "api/core/model/tulosettingsactions.h"
+#include "tests/support/replywaiter.h"
+#include "tests/unit/hostfixture.h"
+
+#include <QTest>
+#include <QThread>
+
+#include <future>
+#include <memory>
+#include <vector>
+
+namespace {
+
+const QStringList noRoles;
+
+CMPath node(const QString& path)
+{
+    return CMPath(path);
+}
+
+/// A client with its worker on a thread of their own, which runs an event loop.
+class WorkerThread
+{
+public:
+    WorkerThread()
+    {
+        m_router.addWorker(&worker);
+        worker.moveToThread(&m_thread);
+        client.moveToThread(&m_thread);
+        m_thread.start();
+    }
+
+    ~WorkerThread()
+    {
+        m_thread.quit();
+        m_thread.wait();
+    }
+
+    QThread* thread() { return &m_thread; }
+
+private:
+    QThread m_thread;
+    Router m_router;
+
+public:
+    NotingWorker worker;
+    Client client { &m_router };
+};
+
+} // namespace
+
+class tst_client : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void requestOnTheWorkersThreadIsServedAtOnce();
+    void requestFromAnotherThreadIsServedOnTheWorkersThread();
+    void requestsOfManyThreadsAreServedOneAtATime();
+    void directCallRunsOnTheCallingThread();
+    void requestsCarryWhatWasAsked();
+    void actionsAreActivated();
+    void waitingEndsWithTheAnswer();
+    void waitingTimesOutAndTheAnswerThatComesLaterIsIgnored();
+    void closedClientAnswersStopped();
+    void queuedRequestIsAnsweredStoppedWhenTheClientCloses();
+    void queuedRequestIsAnsweredStoppedWhenTheClientIsDestroyed();
+    void refusedRequestDoesNotReachTheWorker();
+    void acceptedChangeIsSignalled_data();
+    void acceptedChangeIsSignalled();
+    void rowsGetTheirNamesFromTheirPaths();
+    void rowsOfAnEmptyAnswerAreEmpty();
+
+private:
+    std::unique_ptr<NotingWorker> m_worker;
+    std::unique_ptr<Router> m_router;
+    std::unique_ptr<Client> m_client;
+};
+
+void tst_client::init()
+{
+    m_worker = std::make_unique<NotingWorker>();
+    m_router = std::make_unique<Router>();
+    m_router->addWorker(m_worker.get());
+    m_client = std::make_unique<Client>(m_router.get());
+}
+
+void tst_client::cleanup()
+{
+    m_client.reset();
+    m_router.reset();
+    m_worker.reset();
+}
+
+void tst_client::requestOnTheWorkersThreadIsServedAtOnce()
+{
+    const auto reply = m_client->getData(node(QStringLiteral("/settings/a")), noRoles);
+
+    QVERIFY(reply.isFinished());
+    QCOMPARE(reply.value(), QList<QVariant>({ QStringLiteral("/settings/a") }));
+}
+
+void tst_client::requestFromAnotherThreadIsServedOnTheWorkersThread()
+{
+    WorkerThread other;
+
+    const auto reply = other.client.getData(node(QStringLiteral("/settings/a")), noRoles);
+    Client::wait(reply);
+
+    QCOMPARE(errorText(reply), QString());
+    QCOMPARE(reply.value(), QList<QVariant>({ QStringLiteral("/settings/a") }));
+    QCOMPARE(other.worker.notes().size(), 1);
+    QCOMPARE(other.worker.notes().at(0).thread, other.thread());
+}
+
+void tst_client::requestsOfManyThreadsAreServedOneAtATime()
+{
+    constexpr int threads = 8;
+    constexpr int requests = 50;
+    WorkerThread other;
+
+    std::vector<std::future<int>> clients;
+    for (int client = 0; client < threads; ++client) {
+        clients.push_back(std::async(std::launch::async, [&other, client] {
+            int own = 0;
+            for (int request = 0; request < requests; ++request) {
+                const QString path = QStringLiteral("/settings/%1/%2").arg(client).arg(request);
+                const auto reply = other.client.getData(node(path), noRoles);
+                Client::wait(reply);
+                own += reply.value() == QList<QVariant>({ path }) ? 1 : 0;
+            }
+            return own;
+        }));
+    }
+    for (std::future<int>& client : clients)
+        QCOMPARE(client.get(), requests);
+
+    const QList<NotingWorker::Note> notes = other.worker.notes();
+    QCOMPARE(notes.size(), threads * requests);
+    for (const NotingWorker::Note& note : notes)
+        QCOMPARE(note.thread, other.thread());
+}
+
+void tst_client::directCallRunsOnTheCallingThread()
+{
+    WorkerThread other;
+    const auto reply = CMGetDataRequest::Reply::create();
+
+    other.client.callDirectly(
+        CMGetDataRequest(node(QStringLiteral("/settings/a")), noRoles, reply));
+
+    QVERIFY(reply.isFinished());
+    QCOMPARE(other.worker.notes().size(), 1);
+    QCOMPARE(other.worker.notes().at(0).thread, QThread::currentThread());
+}
+
+void tst_client::requestsCarryWhatWasAsked()
+{
+    const CMPath path = node(QStringLiteral("/settings/a"));
+    const TuloValue value = TuloValue::of(TuloValue::Int(), 5);
+    const TuloOperation operation(QStringLiteral("add"), value);
+    TuloRoles roles;
+    roles.setId(QStringLiteral("x"));
+
+    m_client->getData(path, { TuloRoles::Title(), TuloRoles::Value() });
+    m_client->getRows(path, 2, 7, { TuloRoles::Title() });
+    m_client->setValue(path, value);
+    m_client->setRoles(path, roles);
+    m_client->apply(path, operation);
+
+    const QList<NotingWorker::Note> notes = m_worker->notes();
+    QCOMPARE(notes.size(), 5);
+    QCOMPARE(m_worker->paths(), QStringList(5, path.text()));
+    QCOMPARE(CMGetDataRequest(notes.at(0).request).roles(),
+             QStringList({ TuloRoles::Title(), TuloRoles::Value() }));
+    const CMGetRowsRequest rows(notes.at(1).request);
+    QCOMPARE(rows.firstRow(), 2);
+    QCOMPARE(rows.lastRow(), 7);
+    QCOMPARE(rows.roles(),
+             QStringList({ TuloRoles::Title(), TuloRoles::Path(), TuloRoles::Type() }));
+    QCOMPARE(CMSetDataRequest(notes.at(2).request).role(), TuloRoles::Value());
+    QCOMPARE(CMSetDataRequest(notes.at(2).request).value(), value.__variant());
+    QCOMPARE(CMSetDataRequest(notes.at(3).request).role(), TuloRoles::SetRoles());
+    QCOMPARE(CMSetDataRequest(notes.at(3).request).value(), roles.__variant());
+    QCOMPARE(CMSetDataRequest(notes.at(4).request).role(), TuloRoles::ValueOperation());
+    QCOMPARE(CMSetDataRequest(notes.at(4).request).value(), operation.__variant());
+}
+
+void tst_client::actionsAreActivated()
+{
+    m_client->flush();
+    m_client->dropCache();
+
+    QCOMPARE(
+        m_worker->paths(),
+        QStringList({ TuloSettingsActionsFlush().text(), TuloSettingsActionsDropCache().text() }));
+    const QList<NotingWorker::Note> notes = m_worker->notes();
+    for (const NotingWorker::Note& note : notes)
+        QCOMPARE(CMSetDataRequest(note.request).role(), TuloRoles::Activate());
+}
+
+void tst_client::waitingEndsWithTheAnswer()
+{
+    m_worker->setAnswering(false);
+    const auto reply = m_client->getData(node(QStringLiteral("/settings/a")), noRoles);
+    QVERIFY(!reply.isFinished());
+    const auto answering =
+        std::async(std::launch::async, [reply] { reply.setValue({ QStringLiteral("x") }); });
+
+    Client::wait(reply);
+
+    QCOMPARE(errorText(reply), QString());
+    QCOMPARE(reply.value(), QList<QVariant>({ QStringLiteral("x") }));
+}
+
+void tst_client::waitingTimesOutAndTheAnswerThatComesLaterIsIgnored()
+{
+    m_worker->setAnswering(false);
+    const auto reply = m_client->getData(node(QStringLiteral("/settings/a")), noRoles);
+
+    Client::wait(reply, 1);
+    reply.setValue({ QStringLiteral("x") });
+
+    QCOMPARE(errorKind(reply.error()), ErrorKind::TimedOut);
+    QCOMPARE(errorText(reply), QStringLiteral("TimedOut: No answer within 1 ms"));
+    QCOMPARE(reply.value(), QList<QVariant>());
+}
+
+void tst_client::closedClientAnswersStopped()
+{
+    m_client->close();
+
+    const auto reply = m_client->getData(node(QStringLiteral("/settings/a")), noRoles);
+
+    QVERIFY(reply.isFinished());
+    QCOMPARE(errorKind(reply.error()), ErrorKind::Stopped);
+    QCOMPARE(errorText(reply), QStringLiteral("Stopped: The host has stopped"));
+    QVERIFY(m_worker->notes().isEmpty());
+}
+
+void tst_client::queuedRequestIsAnsweredStoppedWhenTheClientCloses()
+{
+    const auto reply = std::async(std::launch::async, [this] {
+                           return m_client->getData(node(QStringLiteral("/settings/a")), noRoles);
+                       }).get();
+    QVERIFY(!reply.isFinished());
+
+    m_client->close();
+    QCoreApplication::sendPostedEvents();
+
+    QCOMPARE(errorKind(reply.error()), ErrorKind::Stopped);
+    QVERIFY(m_worker->notes().isEmpty());
+}
+
+void tst_client::queuedRequestIsAnsweredStoppedWhenTheClientIsDestroyed()
+{
+    const auto reply = std::async(std::launch::async, [this] {
+                           return m_client->getData(node(QStringLiteral("/settings/a")), noRoles);
+                       }).get();
+
+    m_client.reset();
+
+    QCOMPARE(errorKind(reply.error()), ErrorKind::Stopped);
+}
+
+void tst_client::refusedRequestDoesNotReachTheWorker()
+{
+    const Guard guard(m_worker.get(), QStringLiteral("/nowhere"), QStringLiteral("/nowhere"));
+    Client client(m_router.get(), &guard);
+
+    const auto reply = client.getData(node(QStringLiteral("/settings/../etc")), noRoles);
+
+    QVERIFY(reply.isFinished());
+    QCOMPARE(errorKind(reply.error()), ErrorKind::Refused);
+    QVERIFY(m_worker->notes().isEmpty());
+}
+
+void tst_client::acceptedChangeIsSignalled_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QString>("role");
+    QTest::addColumn<QStringList>("signalled");
+    const QString path = QStringLiteral("/settings/a");
+    QTest::newRow("value") << path << TuloRoles::Value() << QStringList(path);
+    QTest::newRow("operation") << path << TuloRoles::ValueOperation() << QStringList(path);
+    QTest::newRow("path without its slash")
+        << path.mid(1) << TuloRoles::Value() << QStringList(path);
+    QTest::newRow("action") << TuloSettingsActionsFlush().text() << TuloRoles::Activate()
+                            << QStringList();
+    QTest::newRow("error") << QStringLiteral("/media/a") << TuloRoles::Value() << QStringList();
+}
+
+void tst_client::acceptedChangeIsSignalled()
+{
+    QFETCH(QString, path);
+    QFETCH(QString, role);
+    QFETCH(QStringList, signalled);
+    QStringList paths;
+    connect(m_client.get(), &Client::changeAccepted, this,
+            [&paths](const CMPath& accepted) { paths.append(accepted.text()); });
+
+    m_client->setData(node(path), role, QVariantHash());
+
+    QCOMPARE(paths, signalled);
+}
+
+void tst_client::rowsGetTheirNamesFromTheirPaths()
+{
+    const QVariantList setting { QStringLiteral("Volume"),
+                                 node(QStringLiteral("/settings/audio/volume")).toVariant(), 101 };
+    const QVariantList directory { QVariant(),
+                                   node(QStringLiteral("/settings/audio/presets")).toVariant(), 1 };
+    TuloRoles directoryRoles;
+    directoryRoles.setId(QStringLiteral("x"));
+    TuloRowsRoles answer;
+    answer.setRows(QVariantList { QVariant(setting), QVariant(directory) });
+    answer.setRowsCount(7);
+    answer.setRowsVersion(3);
+    answer.setRoles(directoryRoles);
+
+    const Rows rows = Client::rowsOf(answer, { TuloRoles::Title() });
+
+    QCOMPARE(rows.count, 7);
+    QCOMPARE(rows.version, 3);
+    QCOMPARE(rows.directory.id(), QStringLiteral("x"));
+    QCOMPARE(rows.rows.size(), 2);
+    QCOMPARE(rows.rows.at(0).name, QStringLiteral("volume"));
+    QCOMPARE(rows.rows.at(0).path.text(), QStringLiteral("/settings/audio/volume"));
+    QCOMPARE(rows.rows.at(0).isDirectory, false);
+    QCOMPARE(rows.rows.at(0).values, QList<QVariant>({ QStringLiteral("Volume") }));
+    QCOMPARE(rows.rows.at(1).name, QStringLiteral("presets"));
+    QCOMPARE(rows.rows.at(1).isDirectory, true);
+    QCOMPARE(rows.rows.at(1).values, QList<QVariant>({ QVariant() }));
+}
+
+void tst_client::rowsOfAnEmptyAnswerAreEmpty()
+{
+    const Rows rows = Client::rowsOf(TuloRowsRoles(), { TuloRoles::Title() });
+
+    QCOMPARE(rows.count, 0);
+    QVERIFY(rows.rows.isEmpty());
+}
+
+QTEST_GUILESS_MAIN(tst_client)
+#include "tst_client.moc"

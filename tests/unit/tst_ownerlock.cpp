@@ -1,0 +1,419 @@
+#include "host/ownerlock.h"
+
+#include "tests/support/childprocess.h"
+#include "tests/support/temporarytree.h"
+
+#include <QFile>
+#include <QTest>
+
+#include <csignal>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+Q_DECLARE_METATYPE(OwnerLock::Status)
+
+namespace {
+
+constexpr uid_t nobody = 65534;
+const QString holdOption = QStringLiteral("--hold");
+
+// What this program is when it is started as the other process: owns the tree until its input
+// ends.
+int holdTree(const QString& writePath)
+{
+    OwnerLock lock;
+    if (lock.acquire(writePath) != OwnerLock::Status::Owned) {
+        std::fprintf(stderr, "%s\n", qPrintable(lock.message()));
+        return 1;
+    }
+    std::puts("owned");
+    std::fflush(stdout);
+    while (std::getchar() != EOF) { }
+    return 0;
+}
+
+/// Another process that owns a tree.
+class Holder : public ChildProcess
+{
+public:
+    explicit Holder(const QString& writePath)
+        : ChildProcess(QCoreApplication::applicationFilePath(), { holdOption, writePath })
+    {
+    }
+
+    bool hold() { return start() && waitForOutput("owned"); }
+};
+
+QByteArray lockName(const TemporaryTree& tree)
+{
+    return QFile::encodeName(OwnerLock::fileName(tree.writePath()));
+}
+
+void writeLockFile(const TemporaryTree& tree, const QByteArray& content)
+{
+    tree.writeWritten(QStringLiteral("/.tulo-cm.lock"), content);
+}
+
+QByteArray readLockFile(const TemporaryTree& tree)
+{
+    return tree.readWritten(QStringLiteral("/.tulo-cm.lock"));
+}
+
+struct stat statOf(const QByteArray& fileName)
+{
+    struct stat file = {};
+    if (::lstat(fileName.constData(), &file) != 0)
+        qFatal("cannot examine %s", fileName.constData());
+    return file;
+}
+
+} // namespace
+
+class tst_ownerlock : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void freeTreeIsTaken();
+    void secondLockOfTheSameProcessIsRefused();
+    void secondProcessIsRefusedWithTheHoldersProcessId();
+    void holderThatHasNotSaidIsAnotherProcess();
+    void treeIsFreeAfterRelease();
+    void treeIsFreeAfterDestruction();
+    void treeOfAKilledProcessIsTakenOver();
+    void staleFileIsTakenOver();
+    void childProcessDoesNotInheritTheLock();
+    void askingDisturbsNobody();
+    void missingFileMeansNoHolder();
+
+    void fileOfTheWrongSortIsRefused_data();
+    void fileOfTheWrongSortIsRefused();
+    void linkedFileKeepsItsContent();
+    void missingTreeIsToldWithTheReason();
+    void fileIsForItsOwnerOnly();
+    void otherUserCannotHoldTheLockFirst();
+    void fileOfAnotherUserIsRefused();
+    void fileThatRootCreatesBelongsToTheTreesOwner();
+    void fileOfTheTreesOwnerIsTakenOverByRoot();
+};
+
+void tst_ownerlock::freeTreeIsTaken()
+{
+    const TemporaryTree tree;
+    OwnerLock lock;
+
+    const OwnerLock::Status status = lock.acquire(tree.writePath());
+
+    QCOMPARE(status, OwnerLock::Status::Owned);
+    QVERIFY(lock.isOwned());
+    QCOMPARE(lock.message(), QString());
+    QCOMPARE(tree.writtenEntries(), QStringList(QStringLiteral("/.tulo-cm.lock")));
+    QCOMPARE(readLockFile(tree), QByteArray::number(qint64(::getpid())) + '\n');
+    QCOMPARE(OwnerLock::holderOf(tree.writePath()), std::optional<qint64>(::getpid()));
+}
+
+void tst_ownerlock::secondLockOfTheSameProcessIsRefused()
+{
+    const TemporaryTree tree;
+    OwnerLock first;
+    QCOMPARE(first.acquire(tree.writePath()), OwnerLock::Status::Owned);
+    OwnerLock second;
+
+    QCOMPARE(second.acquire(tree.writePath()), OwnerLock::Status::InUse);
+
+    QVERIFY(!second.isOwned());
+    QCOMPARE(second.holder(), qint64(::getpid()));
+    QVERIFY(first.isOwned());
+}
+
+void tst_ownerlock::secondProcessIsRefusedWithTheHoldersProcessId()
+{
+    const TemporaryTree tree;
+    Holder holder(tree.writePath());
+    QVERIFY(holder.hold());
+    OwnerLock lock;
+
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::InUse);
+
+    QCOMPARE(lock.holder(), holder.processId());
+    QCOMPARE(lock.message(),
+             QStringLiteral("The writable tree '%1' is in use by process %2")
+                 .arg(tree.writePath(), QString::number(holder.processId())));
+    QCOMPARE(OwnerLock::holderOf(tree.writePath()), std::optional<qint64>(holder.processId()));
+    holder.closeInput();
+    QCOMPARE(holder.finish().exitCode, 0);
+}
+
+void tst_ownerlock::holderThatHasNotSaidIsAnotherProcess()
+{
+    const TemporaryTree tree;
+    Holder holder(tree.writePath());
+    QVERIFY(holder.hold());
+    QCOMPARE(::truncate(lockName(tree).constData(), 0), 0);
+    OwnerLock lock;
+
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::InUse);
+
+    QCOMPARE(lock.holder(), 0);
+    QCOMPARE(lock.message(),
+             QStringLiteral("The writable tree '%1' is in use by another process")
+                 .arg(tree.writePath()));
+    QCOMPARE(OwnerLock::holderOf(tree.writePath()), std::optional<qint64>(0));
+}
+
+void tst_ownerlock::treeIsFreeAfterRelease()
+{
+    const TemporaryTree tree;
+    OwnerLock first;
+    QCOMPARE(first.acquire(tree.writePath()), OwnerLock::Status::Owned);
+
+    first.release();
+
+    QVERIFY(!first.isOwned());
+    QCOMPARE(readLockFile(tree), QByteArray(""));
+    QCOMPARE(OwnerLock::holderOf(tree.writePath()), std::nullopt);
+    OwnerLock second;
+    QCOMPARE(second.acquire(tree.writePath()), OwnerLock::Status::Owned);
+}
+
+void tst_ownerlock::treeIsFreeAfterDestruction()
+{
+    const TemporaryTree tree;
+    {
+        OwnerLock first;
+        QCOMPARE(first.acquire(tree.writePath()), OwnerLock::Status::Owned);
+    }
+    OwnerLock second;
+
+    QCOMPARE(second.acquire(tree.writePath()), OwnerLock::Status::Owned);
+}
+
+void tst_ownerlock::treeOfAKilledProcessIsTakenOver()
+{
+    const TemporaryTree tree;
+    Holder holder(tree.writePath());
+    QVERIFY(holder.hold());
+
+    holder.sendSignal(SIGKILL);
+    QCOMPARE(holder.finish().signal, SIGKILL);
+
+    QCOMPARE(OwnerLock::holderOf(tree.writePath()), std::nullopt);
+    OwnerLock lock;
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+}
+
+void tst_ownerlock::staleFileIsTakenOver()
+{
+    const TemporaryTree tree;
+    writeLockFile(tree, "123456789\n");
+    OwnerLock lock;
+
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+
+    QCOMPARE(readLockFile(tree), QByteArray::number(qint64(::getpid())) + '\n');
+}
+
+void tst_ownerlock::childProcessDoesNotInheritTheLock()
+{
+    const TemporaryTree tree;
+    OwnerLock lock;
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+    ChildProcess child(QStringLiteral("cat"));
+    QVERIFY(child.start());
+
+    lock.release();
+
+    QVERIFY(child.isRunning());
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+}
+
+void tst_ownerlock::askingDisturbsNobody()
+{
+    const TemporaryTree tree;
+    OwnerLock lock;
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+
+    // Closing one of its files must not cost the process its lock.
+    QVERIFY(OwnerLock::holderOf(tree.writePath()).has_value());
+
+    Holder other(tree.writePath());
+    QVERIFY(other.start());
+    const ChildResult result = other.finish();
+    QCOMPARE(result.exitCode, 1);
+}
+
+void tst_ownerlock::missingFileMeansNoHolder()
+{
+    const TemporaryTree tree;
+
+    QCOMPARE(OwnerLock::holderOf(tree.writePath()), std::nullopt);
+
+    QCOMPARE(tree.writtenEntries(), QStringList());
+}
+
+void tst_ownerlock::fileOfTheWrongSortIsRefused_data()
+{
+    QTest::addColumn<QString>("sort");
+    QTest::addColumn<QString>("reason");
+    QTest::newRow("link to a file")
+        << QStringLiteral("link") << QStringLiteral("is a symbolic link");
+    QTest::newRow("link to nothing")
+        << QStringLiteral("dangling link") << QStringLiteral("is a symbolic link");
+    QTest::newRow("pipe") << QStringLiteral("pipe") << QStringLiteral("is not a regular file");
+    QTest::newRow("directory") << QStringLiteral("directory")
+                               << QStringLiteral("cannot be opened: Is a directory");
+    QTest::newRow("second name") << QStringLiteral("second name")
+                                 << QStringLiteral("has more than one name");
+}
+
+void tst_ownerlock::fileOfTheWrongSortIsRefused()
+{
+    QFETCH(QString, sort);
+    QFETCH(QString, reason);
+    const TemporaryTree tree;
+    const QByteArray name = lockName(tree);
+    tree.writeWritten(QStringLiteral("/other"), "{}");
+    const QByteArray other = QFile::encodeName(tree.writePath()) + "/other";
+    if (sort == QStringLiteral("link"))
+        QCOMPARE(::symlink(other.constData(), name.constData()), 0);
+    else if (sort == QStringLiteral("dangling link"))
+        QCOMPARE(::symlink("/no/such/file", name.constData()), 0);
+    else if (sort == QStringLiteral("pipe"))
+        QCOMPARE(::mkfifo(name.constData(), 0600), 0);
+    else if (sort == QStringLiteral("directory"))
+        QCOMPARE(::mkdir(name.constData(), 0700), 0);
+    else
+        QCOMPARE(::link(other.constData(), name.constData()), 0);
+    OwnerLock lock;
+
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Failed);
+
+    QVERIFY(!lock.isOwned());
+    QCOMPARE(
+        lock.message(),
+        QStringLiteral("Lock file '%1' %2").arg(OwnerLock::fileName(tree.writePath()), reason));
+    QCOMPARE(OwnerLock::holderOf(tree.writePath()), std::nullopt);
+}
+
+void tst_ownerlock::linkedFileKeepsItsContent()
+{
+    const TemporaryTree tree;
+    tree.writeWritten(QStringLiteral("/other"), "{}");
+    const QByteArray other = QFile::encodeName(tree.writePath()) + "/other";
+    QCOMPARE(::link(other.constData(), lockName(tree).constData()), 0);
+    const mode_t mode = statOf(other).st_mode;
+    OwnerLock lock;
+
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Failed);
+
+    QCOMPARE(tree.readWritten(QStringLiteral("/other")), QByteArray("{}"));
+    QCOMPARE(statOf(other).st_mode, mode);
+}
+
+void tst_ownerlock::missingTreeIsToldWithTheReason()
+{
+    OwnerLock lock;
+
+    QCOMPARE(lock.acquire(QStringLiteral("/no/such/tree")), OwnerLock::Status::Failed);
+
+    QCOMPARE(lock.message(),
+             QStringLiteral("Lock file '/no/such/tree/.tulo-cm.lock' cannot be opened: No such "
+                            "file or directory"));
+}
+
+void tst_ownerlock::fileIsForItsOwnerOnly()
+{
+    const TemporaryTree tree;
+    writeLockFile(tree, "1\n");
+    QCOMPARE(::chmod(lockName(tree).constData(), 0666), 0);
+    OwnerLock lock;
+
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+
+    QCOMPARE(statOf(lockName(tree)).st_mode, mode_t(S_IFREG | 0600));
+}
+
+void tst_ownerlock::otherUserCannotHoldTheLockFirst()
+{
+    if (::geteuid() != 0)
+        QSKIP("needs root to become another user");
+    const TemporaryTree tree;
+    {
+        OwnerLock lock;
+        QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+    }
+    const QString writePath = tree.writePath();
+
+    // As the child runs this function again on a tree of its own, it is all done in there.
+    const ChildResult child = ChildProcess::runInChild(
+        [&tree] {
+            OwnerLock lock;
+            QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Failed);
+            QVERIFY(lock.message().endsWith(QStringLiteral("cannot be opened: Permission denied")));
+            QCOMPARE(::open(lockName(tree).constData(), O_RDONLY), -1);
+            QCOMPARE(OwnerLock::holderOf(tree.writePath()), std::nullopt);
+        },
+        ChildProcess::User::Nobody);
+
+    QVERIFY2(child.exitCode == 0, child.standardOutput.constData());
+    OwnerLock lock;
+    QCOMPARE(lock.acquire(writePath), OwnerLock::Status::Owned);
+}
+
+void tst_ownerlock::fileOfAnotherUserIsRefused()
+{
+    if (::geteuid() != 0)
+        QSKIP("needs root to give a file away");
+    const TemporaryTree tree;
+    writeLockFile(tree, "");
+    QCOMPARE(::chown(lockName(tree).constData(), nobody, nobody), 0);
+    OwnerLock lock;
+
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Failed);
+
+    QCOMPARE(lock.message(),
+             QStringLiteral("Lock file '%1' belongs to another user (65534)")
+                 .arg(OwnerLock::fileName(tree.writePath())));
+}
+
+void tst_ownerlock::fileThatRootCreatesBelongsToTheTreesOwner()
+{
+    if (::geteuid() != 0)
+        QSKIP("needs root to give a file away");
+    const TemporaryTree tree;
+    QCOMPARE(::chown(QFile::encodeName(tree.writePath()).constData(), nobody, nobody), 0);
+    OwnerLock lock;
+
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+
+    QCOMPARE(statOf(lockName(tree)).st_uid, nobody);
+    QCOMPARE(statOf(lockName(tree)).st_mode, mode_t(S_IFREG | 0600));
+}
+
+void tst_ownerlock::fileOfTheTreesOwnerIsTakenOverByRoot()
+{
+    if (::geteuid() != 0)
+        QSKIP("needs root to give a file away");
+    const TemporaryTree tree;
+    QCOMPARE(::chown(QFile::encodeName(tree.writePath()).constData(), nobody, nobody), 0);
+    writeLockFile(tree, "1\n");
+    QCOMPARE(::chown(lockName(tree).constData(), nobody, nobody), 0);
+    OwnerLock lock;
+
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+}
+
+int main(int argc, char** argv)
+{
+    QCoreApplication application(argc, argv);
+    const QStringList arguments = QCoreApplication::arguments();
+    if (arguments.value(1) == holdOption)
+        return holdTree(arguments.value(2));
+    tst_ownerlock test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_ownerlock.moc"
