@@ -1,0 +1,140 @@
+// bench_count DIRECTORY OPERATION COUNT: does one kind of work COUNT times, for whoever counts
+// instructions or system calls from outside: the work is done inside the function `measured`,
+// and the same work with COUNT 0 shows what is done around it. Makes its own stores in
+// DIRECTORY where they are missing. Prints the memory allocations of one operation.
+
+#include "operations.h"
+#include "stores.h"
+
+#include <QCoreApplication>
+
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <map>
+
+// ---------------------------------------------------------------------------------------------
+// Every allocation of the process passes here.
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+unsigned long allocations = 0;
+
+} // namespace
+
+extern "C" {
+
+// The C library's own names for what is replaced below.
+void* __libc_malloc(std::size_t size); // NOLINT
+void* __libc_calloc(std::size_t count, std::size_t size); // NOLINT
+void* __libc_realloc(void* block, std::size_t size); // NOLINT
+
+void* malloc(std::size_t size) noexcept
+{
+    ++allocations;
+    return __libc_malloc(size);
+}
+
+void* calloc(std::size_t count, std::size_t size) noexcept
+{
+    ++allocations;
+    return __libc_calloc(count, size);
+}
+
+void* realloc(void* block, std::size_t size) noexcept
+{
+    ++allocations;
+    return __libc_realloc(block, size);
+}
+
+[[gnu::noinline]] void measured(const std::function<void(int)>& operation, int count)
+{
+    for (int i = 0; i < count; ++i)
+        operation(i);
+}
+
+} // extern "C"
+
+namespace {
+
+// The store with this shape below `work`, made if it is not there.
+std::string storeOf(const std::string& work, const Shape& shape)
+{
+    const std::string directory = storeDirectory(work, tuloStore, shape);
+    if (std::filesystem::create_directories(directory))
+        tuloStore.fill(directory, shape);
+    return directory;
+}
+
+using Factory = std::function<Operation(const std::string& work)>;
+
+template<typename Make>
+Factory onStore(const Shape& shape, Make make)
+{
+    return [=](const std::string& work) {
+        return make(storeOf(work, shape), shape);
+    };
+}
+
+template<typename Make>
+Factory alone(Make make)
+{
+    return [=](const std::string&) {
+        return make();
+    };
+}
+
+const std::map<std::string, Factory>& operations()
+{
+    constexpr Shape manyDirectories { 1000, 20 };
+    constexpr Shape oneDirectory { 1000, 1000 };
+    static const std::map<std::string, Factory> all {
+        { "get", onStore(manyDirectories, warmGet) },
+        { "get_floor", alone(getFloor) },
+        { "rows", onStore(manyDirectories, warmRows) },
+        { "load", onStore(manyDirectories, firstLoad) },
+        { "load_floor", onStore(manyDirectories, loadFloor) },
+        { "list_first", onStore(oneDirectory, firstListing) },
+        { "list_floor", onStore(oneDirectory, listFloor) },
+        { "list_cached", onStore(oneDirectory, cachedListing) },
+        { "accept", onStore(manyDirectories, acceptChange) },
+        { "accept_directory", onStore(oneDirectory, acceptChange) },
+        { "durable", onStore(manyDirectories, durableChange) },
+        { "changes_1000", onStore(manyDirectories, thousandChanges) },
+        { "json_parse", alone(parseJson) },
+        { "json_floor", alone(buildHash) },
+        { "json_serialize", alone(serializeJson) },
+    };
+    return all;
+}
+
+void count(const std::string& work, const std::string& name, int times)
+{
+    const Operation operation = operations().at(name)(work);
+    const unsigned long before = allocations;
+    measured(operation, times);
+    const unsigned long after = allocations;
+    std::printf("%.2f\n", times == 0 ? 0.0 : double(after - before) / times);
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    const QCoreApplication application(argc, argv);
+    if (argc != 4 || operations().count(argv[2]) == 0) {
+        std::fprintf(stderr, "usage: bench_count DIRECTORY OPERATION COUNT\noperations:");
+        for (const auto& operation : operations())
+            std::fprintf(stderr, " %s", operation.first.c_str());
+        std::fputc('\n', stderr);
+        return 2;
+    }
+    try {
+        count(argv[1], argv[2], std::stoi(argv[3]));
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "bench_count: %s\n", failure.what());
+        return 1;
+    }
+}
