@@ -59,6 +59,14 @@ void call(const QDBusMessage& message)
     requireAnswer(QDBusConnection::sessionBus().call(message));
 }
 
+// A service does not end with its standard input.
+class Service : public Child
+{
+public:
+    using Child::Child;
+    ~Service() { terminate(); }
+};
+
 void waitForService()
 {
     QDBusConnection bus = QDBusConnection::sessionBus();
@@ -123,8 +131,8 @@ void measure(const Arguments& arguments)
     const std::string directory = storeDirectory(arguments.work, tuloStore, shape);
     Child echo({ std::string(TULO_BENCH_PROGRAMS) + "/bench_echo" });
     echo.readLine();
-    const Child server({ TULO_CM_PROGRAM, "--default-path", defaultTree(directory), "--write-path",
-                         writableTree(directory), "--bus", "session", "serve" });
+    const Service server({ TULO_CM_PROGRAM, "--default-path", defaultTree(directory),
+                           "--write-path", writableTree(directory), "--bus", "session", "serve" });
     waitForService();
 
     const QString group = QLatin1String("/settings/") + QString::fromStdString(shape.directory(0));
@@ -176,7 +184,6 @@ void measure(const Arguments& arguments)
                         measurement.function());
         }
     }
-    server.terminate();
 }
 
 } // namespace

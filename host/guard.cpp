@@ -60,6 +60,11 @@ QString nameOf(const QString& settingPath)
     return settingPath.mid(settingPath.lastIndexOf(separator) + 1);
 }
 
+bool isAction(const CMPath& path)
+{
+    return path == TuloSettingsActionsFlush() || path == TuloSettingsActionsDropCache();
+}
+
 bool isControl(QChar character)
 {
     return character.category() == QChar::Other_Control;
@@ -296,7 +301,7 @@ CMError Guard::judgeSetData(const CMSetDataRequest& request) const
 {
     const CMPath path = request.path();
     if (request.role() == TuloRoles::Activate()) {
-        if (path == TuloSettingsActionsFlush() || path == TuloSettingsActionsDropCache())
+        if (isAction(path))
             return CMError();
         return refusal(QStringLiteral("Path '%1' is not an action"), path);
     }
@@ -354,6 +359,10 @@ bool Guard::isDirectory(const QString& settingPath) const
 CMError Guard::judgeTarget(const CMPath& path) const
 {
     const QString settingPath = settingPathOf(path);
+    // The worker answers for the flush action as if it were a setting.
+    const CMPath node = m_worker->addPrefix(settingPath);
+    if (isAction(node))
+        return refusal(QStringLiteral("Path '%1' is an action"), path);
     if (isDirectory(settingPath))
         return refusal(QStringLiteral("Path '%1' is a directory"), path);
     const CMError error = judgeWritableTree(path, settingPath);

@@ -60,7 +60,7 @@ void printRoleLines(Output& output, const QVector<Node>& nodes, const QStringLis
         QVector<QStringList> lines;
         for (const QString& role : roles) {
             if (node.roles.contains(role))
-                lines.append({ role, shownInCell(node.roles.value(role)) });
+                lines.append(QStringList { role, shownInCell(node.roles.value(role)) });
         }
         if (withPaths)
             output.line(node.path);
@@ -229,9 +229,10 @@ private:
         } else {
             const QString indented = QString(2 * depth, QLatin1Char(' ')) + name;
             if (row.isDirectory)
-                m_lines.append({ indented + QLatin1Char('/') });
+                m_lines.append(QStringList(indented + QLatin1Char('/')));
             else
-                m_lines.append({ indented, shownInCell(row.roles.value(TuloRoles::Value())) });
+                m_lines.append(
+                    QStringList { indented, shownInCell(row.roles.value(TuloRoles::Value())) });
         }
         if (row.isDirectory)
             children(row.path, depth + 1);

@@ -45,7 +45,8 @@ Failure configureLogging(const QString& level, const QString& configurationFile)
     }
 
     log4cplus::SharedAppenderPtr appender(new log4cplus::ConsoleAppender(true, true));
-    appender->setLayout(std::make_unique<log4cplus::PatternLayout>("%-5p %c: %m%n"));
+    appender->setLayout(
+        std::make_unique<log4cplus::PatternLayout>(LOG4CPLUS_TEXT("%-5p %c: %m%n")));
     appender->setThreshold(levels[index]);
     log4cplus::Logger root = log4cplus::Logger::getRoot();
     root.addAppender(appender);

@@ -192,7 +192,7 @@ void Output::flush()
         m_closed = errno == EPIPE;
         m_failed = !m_closed;
         if (m_failed) {
-            writeError(QByteArrayLiteral("tulo-cm: standard output: ") + std::strerror(errno)
+            writeError(QByteArrayLiteral("tulo-cm: standard output: ") + QByteArray(std::strerror(errno))
                        + '\n');
         }
     }

@@ -68,7 +68,7 @@ private:
     bool m_ended = false;
 };
 
-// A mode of this process has no line to itself: what needs the service has it in the shell.
+// Parses and runs one line; its failures are printed and end nothing.
 int runLine(Context& context, const QByteArray& bytes)
 {
     const Answer<QString> line = decode(bytes, QStringLiteral("the line"));

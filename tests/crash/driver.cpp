@@ -26,8 +26,6 @@
 
 namespace {
 
-using WorkerCreate = CMWorker* (*)(void*, const QVariantHash&);
-
 bool set(CMWorker* worker, const QString& path, const QVariantHash& roles)
 {
     const auto reply = CMReply<QVariant>::create();
@@ -72,8 +70,8 @@ int main(int argc, char** argv)
     log4cplus::Logger::getRoot().addAppender(
         log4cplus::SharedAppenderPtr(new log4cplus::NullAppender));
 
-    const auto create =
-        reinterpret_cast<WorkerCreate>(QLibrary(arguments.at(1)).resolve("worker_create"));
+    auto* const create =
+        reinterpret_cast<CMWorkerCreate*>(QLibrary(arguments.at(1)).resolve("worker_create"));
     if (create == nullptr)
         return 2;
     CMWorker* const worker = create(nullptr,

@@ -18,13 +18,14 @@
 #include <QFile>
 #include <QtTest>
 
-#include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -306,10 +307,11 @@ void tst_PowerCut::powerCutAtAnyStepLeavesAWholeFile()
     beforeCall = nullptr;
     cutPower("after the save");
 
-    QStringList expected { QStringLiteral("open"), QStringLiteral("write"), QStringLiteral("fsync"),
-                           QStringLiteral("rename"), QStringLiteral("after the save") };
-    if (!targetExists)
-        expected.prepend(QStringLiteral("mkdir"));
+    // Directories are made, or found to be there, before all this.
+    calls.removeAll(QStringLiteral("mkdir"));
+    const QStringList expected { QStringLiteral("open"), QStringLiteral("write"),
+                                 QStringLiteral("fsync"), QStringLiteral("rename"),
+                                 QStringLiteral("after the save") };
     QCOMPARE(calls, expected);
     if (journalIsCommitted)
         QVERIFY(disk.contentAfterPowerCut(targetExists) == Content::New);

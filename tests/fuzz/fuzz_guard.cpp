@@ -1,7 +1,7 @@
 // Whatever path the guard lets pass names a place inside the trees, and whatever value it lets
 // pass can be written.
 //
-//   byte    which kind of request; whether text or value is a text of UTF-16 units
+//   byte    which kind of request
 //   chunks  the path, the value as JSON
 
 #include "fuzzinput.h"

@@ -1,5 +1,6 @@
 #include "tests/support/childprocess.h"
 
+#include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>

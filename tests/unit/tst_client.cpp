@@ -177,7 +177,8 @@ void tst_client::requestsCarryWhatWasAsked()
 
     const QList<NotingWorker::Note> notes = m_worker->notes();
     QCOMPARE(notes.size(), 5);
-    QCOMPARE(m_worker->paths(), QStringList(5, path.text()));
+    QCOMPARE(m_worker->paths(),
+             QStringList({ path.text(), path.text(), path.text(), path.text(), path.text() }));
     QCOMPARE(CMGetDataRequest(notes.at(0).request).roles(),
              QStringList({ TuloRoles::Title(), TuloRoles::Value() }));
     const CMGetRowsRequest rows(notes.at(1).request);

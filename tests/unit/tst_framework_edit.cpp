@@ -24,6 +24,12 @@ QByteArray json(const TuloHash& record)
     return TuloJson::serialize(record.__variant());
 }
 
+// The text as the writer writes it: large doubles have their shortest form there.
+QByteArray canonical(const QByteArray& text)
+{
+    return json(TuloHash(hash(text)));
+}
+
 const QString belowMin = QStringLiteral("it is below 'min'");
 const QString aboveMax = QStringLiteral("it is above 'max'");
 const QString besideStep = QStringLiteral("it does not lie on a 'step'");
@@ -186,7 +192,10 @@ void tst_framework_edit::contentTellsItsKind()
     QFETCH(QByteArray, content);
     TuloError error;
 
-    QTEST(json(TuloValue::ofContent(TuloJson::parse(content, error, nullptr))), "value");
+    QFETCH(QByteArray, value);
+
+    QCOMPARE(json(TuloValue::ofContent(TuloJson::parse(content, error, nullptr))),
+             canonical(value));
 }
 
 void tst_framework_edit::numberChangesItsKindWithoutLossOnly_data()
@@ -244,7 +253,9 @@ void tst_framework_edit::numberChangesItsKindWithoutLossOnly()
     QFETCH(QByteArray, value);
     QFETCH(QString, kind);
 
-    QTEST(json(TuloValue(TuloHash(hash(value))).convertedTo(kind)), "converted");
+    QFETCH(QByteArray, converted);
+
+    QCOMPARE(json(TuloValue(TuloHash(hash(value))).convertedTo(kind)), canonical(converted));
 }
 
 void tst_framework_edit::contentThatJsonCannotHoldHasNoKind()
@@ -366,11 +377,11 @@ void tst_framework_edit::judge()
     const CMEdit::Judgement judgement =
         CMEdit::judge(TuloValue(), TuloValue(TuloHash(hash(requested))), constraints);
 
-    QCOMPARE(json(judgement.value), result);
+    QCOMPARE(json(judgement.value), canonical(result));
     QCOMPARE(judgement.reason, reason);
     // What was accepted once is accepted as it is.
     const CMEdit::Judgement again = CMEdit::judge(judgement.value, judgement.value, constraints);
-    QCOMPARE(json(again.value), result);
+    QCOMPARE(json(again.value), canonical(result));
     QCOMPARE(again.reason, QString());
 }
 
@@ -569,7 +580,7 @@ void tst_framework_edit::doubles()
     row(R"({"kind": "double", "step": 0.5})", R"({"double": -0.25})", R"({"double":0.0})",
         besideStep);
     row(R"({"max": -0.7, "step": 0.5})", R"({"double": -0.7})", R"({"double":-1.0})", besideStep);
-    refused(R"({"max": -1e308, "step": 1e308})", R"({"double": -1.2e308})", noneFits);
+    refused(R"({"max": -1.5e308, "step": 1e308})", R"({"double": -1.6e308})", noneFits);
     row(R"({"kind": "double", "step": 0.001})", R"({"double": 100000000.0004})",
         R"({"double":100000000.0})", besideStep);
     // Finer than the doubles are there: nothing to move to.

@@ -173,7 +173,7 @@ void tst_framework_json::faultsAreToldWithTheirPlace_data()
     row("open object", "{\"a\": 1",
         "line 1, column 8: Missing a comma or '}' after an object member.");
     row("open list", "[1", "line 1, column 3: Missing a comma or ']' after an array element.");
-    row("bad word", "nul", "line 1, column 3: Invalid value.");
+    row("bad word", "nul", "line 1, column 4: Invalid value.");
     row("not a number", "NaN", "line 1, column 1: Invalid value.");
     row("infinity", "-Infinity", "line 1, column 2: Invalid value.");
     row("leading zero", "01",
@@ -193,7 +193,7 @@ void tst_framework_json::faultsAreToldWithTheirPlace_data()
     row("lone low surrogate in a key", "{\"a\\udfff\": 1}",
         "line 1, column 11: The surrogate pair in string is invalid.");
     row("zero byte in a string", QByteArray("\"a\0b\"", 5),
-        "line 1, column 1: Missing a closing quotation mark in string.");
+        "line 1, column 3: Missing a closing quotation mark in string.");
     row("columns are characters", "{\"\xC3\xA4\xE2\x82\xAC\": x}",
         "line 1, column 8: Invalid value.");
     row("lines", "{\n\n  \"a\": x}", "line 3, column 8: Invalid value.");
@@ -288,7 +288,7 @@ void tst_framework_json::writesDocuments_data()
     row("3", QVariant::fromValue(short(3)));
     row("5.0", 5.0);
     row("0.5", QVariant::fromValue(0.5F));
-    row("\"a\\\"\\\\\\n\\u0001/\"", QStringLiteral("a\"\\\n\u0001/"));
+    row("\"a\\\"\\\\\\n\\u0001/\"", QStringLiteral("a\"\\\n\x01/"));
     row("\"\xC3\xA4\xF0\x9F\x98\x80\"", QStringLiteral(u"\u00e4\U0001F600"));
     row("\"\"", QString());
     row("[]", QVariantList());
@@ -382,7 +382,7 @@ void tst_framework_json::doublesRoundTripAndStayDoubles_data()
                                  Limits::lowest(),
                                  Limits::min(),
                                  Limits::denorm_min(),
-                                 5e-324,
+
                                  2.2250738585072011e-308,
                                  Limits::epsilon() })
         QTest::addRow("%.17g", number) << number;
@@ -419,7 +419,7 @@ void tst_framework_json::randomDoublesRoundTrip()
 void tst_framework_json::textsRoundTrip_data()
 {
     QTest::addColumn<QString>("text");
-    QTest::newRow("controls") << QStringLiteral("\u0000\u0001\u001f\u007f\b\f\r\t");
+    QTest::newRow("controls") << QStringLiteral("\0\x01\x1f\x7f\b\f\r\t");
     QTest::newRow("zero") << QString(QChar(0));
     QTest::newRow("quotes") << QStringLiteral("\"\\/'");
     QTest::newRow("planes") << QStringLiteral(u"\u00e4\u20ac\uffff\U0001F600\U0010FFFF");

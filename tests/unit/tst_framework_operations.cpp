@@ -274,7 +274,7 @@ void tst_framework_operations::stepRows()
     row(R"({"int": -9})", fives, "next", "{}", R"({"int":0})");
     row(R"({"int": 5})", "{}", "next", "{}", R"({"int":6})");
     row(R"({"int": 5})", "{}", "previous", "{}", R"({"int":4})");
-    row(R"({"int": 5})", R"({"kind": "int", "step": 3})", "next", "{}", R"({"int":9})");
+    row(R"({"int": 5})", R"({"kind": "int", "step": 3})", "next", "{}", R"({"int":6})");
     row(R"({"int": 9223372036854775807})", "{}", "next", "{}", R"({"int":9223372036854775807})");
     row(R"({"int": -9223372036854775808})", "{}", "previous", "{}",
         R"({"int":-9223372036854775808})");

@@ -11,6 +11,9 @@
 
 namespace {
 
+// Long enough for a shell to start and to say something on a busy machine.
+constexpr int shortTimeOutMs = 3000;
+
 TuloProcessResult shell(const char* script, int timeout = ChildProcess::waitMs)
 {
     return TuloProcessHandler::startSync(
@@ -151,7 +154,7 @@ void tst_framework_process_handler::standardInputIsEmpty()
 
 void tst_framework_process_handler::timeOutKillsAndIsMinusTwo()
 {
-    const TuloProcessResult result = shell("echo $$; exec tail -f /dev/null", 500);
+    const TuloProcessResult result = shell("echo $$; exec tail -f /dev/null", shortTimeOutMs);
 
     QCOMPARE(result.returnCode, -2);
     // It is gone, and so is its entry in the process table.
@@ -165,7 +168,7 @@ void tst_framework_process_handler::programThatIgnoresTerminationIsKilled()
     QElapsedTimer timer;
     timer.start();
     const TuloProcessResult result =
-        shell("trap '' TERM HUP INT; echo ready; exec tail -f /dev/null", 500);
+        shell("trap '' TERM HUP INT; echo ready; exec tail -f /dev/null", shortTimeOutMs);
 
     QCOMPARE(result.returnCode, -2);
     QVERIFY(timer.elapsed() < ChildProcess::waitMs);
@@ -173,7 +176,8 @@ void tst_framework_process_handler::programThatIgnoresTerminationIsKilled()
 
 void tst_framework_process_handler::timeOutKeepsTheOutputSoFar()
 {
-    QCOMPARE(shell("echo before; exec tail -f /dev/null", 1000).output, QByteArray("before\n"));
+    QCOMPARE(shell("echo before; exec tail -f /dev/null", shortTimeOutMs).output,
+             QByteArray("before\n"));
 }
 
 void tst_framework_process_handler::noTimeOutWaitsForTheEnd()

@@ -6,9 +6,13 @@
 #include <QTest>
 #include <QThread>
 
+#include <atomic>
 #include <csignal>
+#include <cstddef>
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <vector>
 
 namespace {
 

@@ -5,7 +5,6 @@
 #include "tests/support/childprocess.h"
 
 #include <QDir>
-#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 

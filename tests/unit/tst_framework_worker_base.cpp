@@ -5,6 +5,7 @@
 #include <QTest>
 
 #include <csignal>
+#include <cstddef>
 #include <cstring>
 
 namespace {

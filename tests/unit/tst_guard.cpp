@@ -11,6 +11,7 @@
 #include <QDir>
 #include <QFile>
 #include <QTest>
+#include <QVector>
 
 #include <algorithm>
 #include <climits>
@@ -175,6 +176,8 @@ void tst_guard::init()
     m_router->addWorker(m_worker.get());
     m_guard = std::make_unique<Guard>(m_worker.get(), m_tree->defaultPath(), m_tree->writePath());
     m_client = std::make_unique<Client>(m_router.get(), m_guard.get());
+    // What the worker says of its start.
+    m_log->take();
 }
 
 void tst_guard::cleanup()
@@ -509,7 +512,7 @@ void tst_guard::rowsOfADirectoryThatHoldsAnAcceptedChangeAreServed()
 
 void tst_guard::tooManyRolesAreRefused()
 {
-    const QStringList roles(64, TuloRoles::Value());
+    const QStringList roles = QVector<QString>(64, TuloRoles::Value()).toList();
     const QString error = QStringLiteral("Limits: A request for '%1' names more than 64 roles");
 
     // Listings add two of their own.
@@ -614,7 +617,11 @@ void tst_guard::changeIsRefused_data()
     row("name of a symbol", "/settings/list/\xF0\x9F\x8E\xB5",
         "Refused: No listing would show the setting '/settings/list/%F0%9F%8E%B5'");
     row("action", "/settings/actions/flush",
-        "Refused: No directory holds the setting '/settings/actions/flush'");
+        "Refused: Path '/settings/actions/flush' is an action");
+    row("action without the slash", "settings/actions/flush",
+        "Refused: Path 'settings/actions/flush' is an action");
+    row("other action", "/settings/actions/dropCache",
+        "Refused: Path '/settings/actions/dropCache' is an action");
 }
 
 void tst_guard::changeIsRefused()

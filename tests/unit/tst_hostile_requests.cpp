@@ -298,8 +298,8 @@ void addStrayPaths()
            QStringLiteral("Refused: The path is empty"), QStringLiteral("answer [1]"),
            corrected.arg(QString()));
     addRow(QStringLiteral("rows: empty path"), rowsAttempt(QString()),
-           QStringLiteral("Refused: The path is empty"), QStringLiteral("rows [[1], [1], [1], [1]]"),
-           corrected.arg(QString()));
+           QStringLiteral("Refused: The path is empty"),
+           QStringLiteral("rows [[1], [1], [1], [1]]"), corrected.arg(QString()));
     addRow(QStringLiteral("set: empty path"), setAttempt(QString()),
            QStringLiteral("Refused: The path is empty"),
            QStringLiteral("saved / {value: {int: 5}}"), corrected.arg(QString()));
@@ -517,7 +517,7 @@ void addBadChanges()
     add("role name with a lone surrogate", TuloRoles::SetRoles(),
         QVariantHash { { QString(QChar(0xD800)), 1 } },
         "Refused: A text for '%1' is not valid Unicode",
-        QStringLiteral("saved /audio/volume {?: 1, value: {int: 7}}"));
+        QStringLiteral("saved /audio/volume {value: {int: 7}, ?: 1}"));
     add("verb that is a number without end", TuloRoles::ValueOperation(),
         QVariantHash { { QStringLiteral("op"), infinity } },
         "Refused: A number for '%1' is not finite", kept);

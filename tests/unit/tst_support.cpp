@@ -13,6 +13,7 @@
 #include <log4cplus/loggingmacros.h>
 
 #include <csignal>
+#include <cstdlib>
 
 #include <unistd.h>
 

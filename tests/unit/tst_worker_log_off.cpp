@@ -16,6 +16,8 @@
 
 namespace {
 
+using Operation = void (*)(CMSettingsWorker* worker);
+
 int formatted = 0;
 
 std::ostream& counted(std::ostream& stream)
@@ -62,6 +64,8 @@ std::string dbglog_scopedFunction(const std::string&, const std::string&)
     return {};
 }
 
+Q_DECLARE_METATYPE(Operation)
+
 class tst_worker_log_off : public QObject
 {
     Q_OBJECT
@@ -70,12 +74,7 @@ private slots:
     void initTestCase();
     void nothingIsFormattedBelowLevel_data();
     void nothingIsFormattedBelowLevel();
-
-private:
-    using Operation = void (*)(CMSettingsWorker* worker);
 };
-
-Q_DECLARE_METATYPE(void (*)(CMSettingsWorker*))
 
 void tst_worker_log_off::initTestCase()
 {

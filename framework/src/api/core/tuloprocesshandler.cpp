@@ -19,6 +19,7 @@ TuloProcessResult TuloProcessHandler::startSync(const QString& program,
 {
     auto process = std::make_unique<QProcess>();
     process->setProcessChannelMode(QProcess::MergedChannels);
+    process->setStandardInputFile(QProcess::nullDevice());
     const QDeadlineTimer deadline(timeout);
     process->start(program, arguments, QIODevice::ReadOnly);
     // Asked for apart: the exit code of a program that never ran reads 0. Not under the time-out,
