@@ -782,8 +782,7 @@ void tst_WorkerSaving::pathWithoutASlashAborts()
     });
 
     QCOMPARE(child.signal, SIGABRT);
-    QVERIFY2(
-        child.standardError.contains(R"("path.startsWith("/")")"), child.standardError);
+    QVERIFY2(child.standardError.contains("\"path.startsWith(\"/\")\""), child.standardError);
 }
 
 QTEST_GUILESS_MAIN(tst_WorkerSaving)
