@@ -26,9 +26,9 @@ function(tulo_add_test)
     if(arg_WORKER)
         target_compile_options(${arg_NAME} PRIVATE -fno-access-control)
         target_link_libraries(${arg_NAME} PRIVATE tests_worker)
-        tulo_precompile(${arg_NAME} OPEN)
+        tulo_precompile(${arg_NAME} TEST OPEN)
     else()
-        tulo_precompile(${arg_NAME})
+        tulo_precompile(${arg_NAME} TEST)
     endif()
     if(arg_HOST)
         target_link_libraries(${arg_NAME} PRIVATE tulo_host)
@@ -36,11 +36,6 @@ function(tulo_add_test)
     # A test starts the built program and loads the built plug-in by file name.
     add_dependencies(${arg_NAME} tulo_cb_settings tulo-cm)
 
-    # See tests/CMakeLists.txt.
-    if(NOT TULO_ALL_TESTS AND NOT arg_NAME IN_LIST TULO_PROVEN_TESTS)
-        set_target_properties(${arg_NAME} PROPERTIES EXCLUDE_FROM_ALL ON)
-        return()
-    endif()
     add_test(NAME ${arg_NAME} COMMAND ${arg_NAME})
     set_tests_properties(${arg_NAME} PROPERTIES
         TIMEOUT ${TULO_TEST_TIMEOUT}

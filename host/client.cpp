@@ -4,6 +4,7 @@
 #include "host/router.h"
 
 #include "api/core/model/tulosettingsactions.h"
+#include "api/core/tulo.h"
 
 #include <QMutexLocker>
 #include <QThread>
@@ -28,6 +29,8 @@ Client::Client(Router* router, const Guard* guard)
     : m_router(router)
     , m_guard(guard)
 {
+    checkedConnect(this, &Client::privateRequestQueued, this, &Client::serveQueued,
+                   Qt::QueuedConnection);
 }
 
 Client::~Client()
@@ -41,7 +44,7 @@ Client::~Client()
 
 CMGetDataRequest::Reply Client::getData(const CMPath& path, const QStringList& roles)
 {
-    const auto reply = CMGetDataRequest::Reply::create();
+    auto reply = CMGetDataRequest::Reply::create();
     submit(CMGetDataRequest(path, roles, reply));
     return reply;
 }
@@ -49,7 +52,7 @@ CMGetDataRequest::Reply Client::getData(const CMPath& path, const QStringList& r
 CMGetRowsRequest::Reply Client::getRows(const CMPath& path, qint32 firstRow, qint32 lastRow,
                                         const QStringList& roles)
 {
-    const auto reply = CMGetRowsRequest::Reply::create();
+    auto reply = CMGetRowsRequest::Reply::create();
     const QStringList rowRoles = roles + QStringList { TuloRoles::Path(), TuloRoles::Type() };
     submit(CMGetRowsRequest(path, firstRow, lastRow, rowRoles, reply));
     return reply;
@@ -83,7 +86,7 @@ CMSetDataRequest::Reply Client::dropCache()
 CMSetDataRequest::Reply Client::setData(const CMPath& path, const QString& role,
                                         const QVariant& value)
 {
-    const auto reply = CMSetDataRequest::Reply::create();
+    auto reply = CMSetDataRequest::Reply::create();
     submit(CMSetDataRequest(path, role, value, reply));
     return reply;
 }
@@ -137,7 +140,7 @@ void Client::submit(const CMRequest& request)
     }
     m_queue.append(request);
     // Under the lock, so that close() and destruction come before it or find the request.
-    QMetaObject::invokeMethod(this, &Client::serveQueued, Qt::QueuedConnection);
+    emit privateRequestQueued();
 }
 
 void Client::serveQueued()

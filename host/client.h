@@ -86,6 +86,8 @@ signals:
     /// The worker accepted a change to the setting `path` (with its leading "/"). Emitted on the
     /// worker's thread, after the reply was finished.
     void changeAccepted(const CMPath& path);
+    /// Hands the turn to the worker's thread, once for each queued request.
+    void privateRequestQueued();
 
 private:
     void serve(const CMRequest& request);

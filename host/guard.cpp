@@ -230,7 +230,7 @@ CMError Guard::judgeValue(const CMPath& path, const QVariant& value)
         return CMError();
     if (record.kind().isEmpty())
         return refusal(QStringLiteral("A value for '%1' does not have one known kind"), path);
-    const CMError error = judgeJson(path, record.content());
+    CMError error = judgeJson(path, record.content());
     if (isRefused(error))
         return error;
     if (!fitsKind(record.kind(), record.content()))
@@ -288,7 +288,7 @@ CMError Guard::judgeRows(const CMGetRowsRequest& request) const
     const CMPath path = request.path();
     if (request.firstRow() < 0 || request.lastRow() < 0)
         return refusal(QStringLiteral("A row index at '%1' is negative"), path);
-    const CMError error = judgeRoles(path, request.roles());
+    CMError error = judgeRoles(path, request.roles());
     if (isRefused(error))
         return error;
     // The worker would answer the same, and remember the directory for good.
@@ -311,7 +311,7 @@ CMError Guard::judgeSetData(const CMSetDataRequest& request) const
 
     if (!m_readOnlyMessage.isEmpty())
         return hostError(ErrorKind::InUse, m_readOnlyMessage);
-    const CMError error = judgeTarget(path);
+    CMError error = judgeTarget(path);
     return isRefused(error) ? error : judgeContent(request);
 }
 
@@ -365,7 +365,7 @@ CMError Guard::judgeTarget(const CMPath& path) const
         return refusal(QStringLiteral("Path '%1' is an action"), path);
     if (isDirectory(settingPath))
         return refusal(QStringLiteral("Path '%1' is a directory"), path);
-    const CMError error = judgeWritableTree(path, settingPath);
+    CMError error = judgeWritableTree(path, settingPath);
     if (isRefused(error))
         return error;
 
@@ -448,12 +448,12 @@ CMError Guard::judgeWritableTree(const CMPath& path, const QString& settingPath)
             return CMError();
         if (kind == S_IFREG)
             return refusal(QStringLiteral("Path '%1' is below a setting"), path);
-        const CMError error = judgeKind(kind);
+        CMError error = judgeKind(kind);
         if (isRefused(error))
             return error;
     }
     // The file, and the temporary file that the worker writes first.
     const QByteArray name = QFile::encodeName(nameOf(settingPath));
-    const CMError error = judgeKind(kindOf(directory + '/' + name));
+    CMError error = judgeKind(kindOf(directory + '/' + name));
     return isRefused(error) ? error : judgeKind(kindOf(directory + "/." + name));
 }

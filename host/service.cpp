@@ -95,8 +95,9 @@ bool Service::offer(const QDBusConnection& bus, QString* reason)
         return true;
     const QString detail = m_bus.lastError().message();
     *reason = QStringLiteral("The name '%1' is not to be had on this bus%2")
-                  .arg(busName(), detail.isEmpty() ? QStringLiteral(": another service has it")
-                                                   : QStringLiteral(": ") + detail);
+                  .arg(busName(),
+                       detail.isEmpty() ? QStringLiteral(": another service has it")
+                                        : QStringLiteral(": ") + detail);
     withdraw();
     return false;
 }
@@ -160,9 +161,9 @@ void Service::announceProperties()
     m_announced = now;
     if (changed.isEmpty())
         return;
-    QDBusMessage signal = QDBusMessage::createSignal(
-        objectPath(), QStringLiteral("org.freedesktop.DBus.Properties"),
-        QStringLiteral("PropertiesChanged"));
+    QDBusMessage signal =
+        QDBusMessage::createSignal(objectPath(), QStringLiteral("org.freedesktop.DBus.Properties"),
+                                   QStringLiteral("PropertiesChanged"));
     signal << interfaceName() << changed << QStringList();
     m_bus.send(signal);
 }

@@ -46,7 +46,9 @@ private:
             if (!answer.failure) {
                 if (take(answer.value) == Attempt::RowsChanged)
                     return Attempt::RowsChanged;
-            } else if (const Answer<RowPage> none = askForNone(); none.failure) {
+            } else if (const Answer<RowPage> none = askForNone();
+                       none.failure || answer.failure.exitCode == Refused) {
+                // Not the fault of one row.
                 m_listing.failure = answer.failure;
                 return Attempt::Complete;
             } else if (take(none.value) == Attempt::RowsChanged
@@ -87,8 +89,8 @@ private:
                 Failure failure = answer.failure;
                 failure.exitCode = Failed;
                 failure.path = m_path;
-                failure.message =
-                    QStringLiteral("row %1 left out: %2").arg(index).arg(answer.failure.message);
+                failure.message = QStringLiteral("row %1 of '%2' left out: %3")
+                                      .arg(QString::number(index), m_path, answer.failure.message);
                 m_listing.leftOut.append(failure);
             } else if (take(answer.value) == Attempt::RowsChanged) {
                 return Attempt::RowsChanged;

@@ -197,13 +197,8 @@ Answer<QVariantHash> LocalSession::apply(const QString& path, const QString& ver
 
 Failure LocalSession::flush()
 {
-    const QString path = TuloSettingsActionsFlush().text();
-    Failure failure = failureOf(m_host->client().flush(), path);
-    if (!failure) {
-        failure = saved();
-        failure.path = path;
-    }
-    return failure;
+    const Failure failure = failureOf(m_host->client().flush(), TuloSettingsActionsFlush().text());
+    return failure ? failure : saved();
 }
 
 Failure LocalSession::dropCache()

@@ -192,8 +192,8 @@ void Output::flush()
         m_closed = errno == EPIPE;
         m_failed = !m_closed;
         if (m_failed) {
-            writeError(QByteArrayLiteral("tulo-cm: standard output: ") + QByteArray(std::strerror(errno))
-                       + '\n');
+            writeError(QByteArrayLiteral("tulo-cm: standard output: ")
+                       + QByteArray(std::strerror(errno)) + '\n');
         }
     }
     m_pending.clear();

@@ -30,9 +30,11 @@ public:
         }
         if (Interrupts::requested() || m_buffer.isEmpty())
             return false;
+        // The last line needs no end.
         const int end = m_buffer.indexOf('\n');
-        *line = m_buffer.left(end);
-        m_buffer.remove(0, end < 0 ? m_buffer.size() : end + 1);
+        const int length = end < 0 ? m_buffer.size() : end;
+        *line = m_buffer.left(length);
+        m_buffer.remove(0, length + 1);
         return true;
     }
 

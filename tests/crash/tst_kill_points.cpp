@@ -8,7 +8,7 @@
 #include <QFile>
 #include <QMap>
 #include <QRegularExpression>
-#include <QtTest>
+#include <QTest>
 
 #include <algorithm>
 #include <csignal>

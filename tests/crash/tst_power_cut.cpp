@@ -16,7 +16,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
-#include <QtTest>
+#include <QTest>
 
 #include <cstdarg>
 #include <cstdio>

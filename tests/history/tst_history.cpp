@@ -18,7 +18,7 @@
 #include <QMap>
 #include <QSet>
 #include <QTemporaryDir>
-#include <QtTest>
+#include <QTest>
 
 #include <algorithm>
 #include <memory>

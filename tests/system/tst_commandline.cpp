@@ -502,7 +502,7 @@ void TstCommandline::listingLeavesOutTheRowThatCannotBeRead()
                         "sources   [\"fm\",\"usb\"]\n"
                         "volume    35\n"));
     QCOMPARE(result.standardError,
-             QByteArray("tulo-cm: /settings/audio: row 1 left out: Invalid path "
+             QByteArray("tulo-cm: row 1 of '/settings/audio' left out: Invalid path "
                         "'/settings/audio/hollow'\n"));
     QCOMPARE(result.exitCode, 1);
 }
@@ -520,7 +520,7 @@ void TstCommandline::treeLeavesOutTheRowThatCannotBeRead()
                  "{\"path\":\"/settings/presets/one\",\"roles\":{\"type\":101,\"value\":null}}\n"));
     QCOMPARE(
         result.standardError,
-        QByteArray("{\"error\":{\"message\":\"row 0 left out: Invalid path "
+        QByteArray("{\"error\":{\"message\":\"row 0 of '/settings/presets' left out: Invalid path "
                    "'/settings/presets/hollow'\",\"name\":\"InvalidPath\",\"title\":\"Error\"},"
                    "\"path\":\"/settings/presets\"}\n"));
     QCOMPARE(result.exitCode, 1);
@@ -546,14 +546,14 @@ void TstCommandline::changeIsOnDiskWhenTheCommandEnds()
 void TstCommandline::changeThatIsNotOnDisk()
 {
     const CommandLine cli;
-    // A file where the setting's directory has to be.
-    cli.tree.writeWritten(QStringLiteral("/audio"), QByteArray("{}"));
+    // A directory where the temporary file has to be.
+    cli.tree.writeWritten(QStringLiteral("/audio/.volume/kept"), QByteArray("{}"));
 
     const ChildResult result = cli.run("set /settings/audio/volume 40");
 
     QVERIFY(result.standardError.contains("ERROR CMSettingsWorker: Settings: path '"
                                           + cli.tree.writePath().toUtf8()
-                                          + "/audio/volume' could not create parent directory\n"));
+                                          + "/audio/.volume' open file failed\n"));
     QVERIFY(result.standardError.contains("tulo-cm: not on disk: /settings/audio/volume"));
     QCOMPARE(result.exitCode, 6);
 }

@@ -381,8 +381,8 @@ void TstShell::dropCacheReadsFilesAgain()
 void TstShell::unsavedChangeIsToldAtTheEnd()
 {
     const CommandLine cli;
-    // A file where the setting's directory has to be.
-    cli.tree.writeWritten(QStringLiteral("/audio"), QByteArray("{}"));
+    // A directory where the temporary file has to be.
+    cli.tree.writeWritten(QStringLiteral("/audio/.volume/kept"), QByteArray("{}"));
 
     const ChildResult result =
         cli.run({ QStringLiteral("--log-level"), QStringLiteral("off"), QStringLiteral("shell") },

@@ -12,7 +12,7 @@
 #include <QEventLoop>
 #include <QFile>
 #include <QTemporaryDir>
-#include <QtTest>
+#include <QTest>
 
 #include <atomic>
 #include <functional>

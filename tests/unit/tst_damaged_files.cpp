@@ -6,7 +6,7 @@
 #include "tests/support/replywaiter.h"
 #include "tests/support/temporarytree.h"
 
-#include <QtTest>
+#include <QTest>
 
 #include <algorithm>
 #include <csignal>
@@ -184,7 +184,7 @@ void tst_DamagedFiles::damagedDefaultFileEndsTheProcess_data()
         << QStringLiteral("line 1, column 2: Missing a name for object member.");
     QTest::newRow("default file cut in the middle")
         << plain << plain << QByteArrayLiteral("{\"value\":{\"int\":7}")
-        << QStringLiteral("line 1, column 19: Missing a comma or } after an object member.");
+        << QStringLiteral("line 1, column 19: Missing a comma or '}' after an object member.");
     QTest::newRow("default file with a flipped bit")
         << plain << plain << flipped << QStringLiteral("line 1, column 1: Invalid value.");
     QTest::newRow("product file") << product << plain << defaultRoles.left(1)

@@ -21,6 +21,7 @@ constexpr char firstGerman[] = R"(<?xml version="1.0" encoding="utf-8"?>
     <message><source>Volume</source><translation>Lautstärke</translation></message>
     <message><source>%1 of %2</source><translation>%2 davon %1</translation></message>
     <message><source>Off</source><comment>switch</comment><translation>Aus</translation></message>
+    <message><source>Off</source><comment>distance</comment><translation>entfernt</translation></message>
     <message numerus="yes"><source>%n station(s)</source><translation>
         <numerusform>%n Sender hier</numerusform><numerusform>%n Sender da</numerusform>
     </translation></message>
@@ -278,7 +279,7 @@ void tst_framework_texts::disambiguationIsPartOfTheKey()
     Language::instance()->setLocale(QStringLiteral("de"), directories());
 
     QCOMPARE(text("Off", {}, "@settings/audio", "switch").toString(), QStringLiteral("Aus"));
-    QCOMPARE(text("Off").toString(), QStringLiteral("Off"));
+    QCOMPARE(text("Off", {}, "@settings/audio", "distance").toString(), QStringLiteral("entfernt"));
 }
 
 void tst_framework_texts::numberPicksThePluralForm()

@@ -14,7 +14,7 @@
 #include "tests/support/temporarytree.h"
 
 #include <QFile>
-#include <QtTest>
+#include <QTest>
 
 #include <climits>
 #include <csignal>
@@ -228,6 +228,21 @@ void addBadPath(const char* name, const QString& path, const char* refusal, int 
            QStringLiteral("saved %1 {value: {int: 5}}").arg(CMPath(path).base()));
 }
 
+// Qt drops a last character that is half of one when it looks at a file, but writes "?" for it
+// when it opens the file: the worker takes the setting for the directory that it is in.
+void addLoneSurrogate(const char* name, const QString& path, const char* refusal)
+{
+    const QString label = QString::fromLatin1(name);
+    const QString row = QLatin1String("/settings/audio/?/serial");
+    addRow(QLatin1String("get: ") + label, getAttempt(path), about(path, refusal),
+           QStringLiteral("answer [%1]").arg(TuloRolesType::Directory));
+    addRow(QLatin1String("rows: ") + label, rowsAttempt(path), about(path, refusal),
+           QLatin1String("error ") + invalidPath(row),
+           QLatin1String("ERROR Loaded path is invalid: ") + row);
+    addRow(QLatin1String("set: ") + label, setAttempt(path), about(path, refusal),
+           QStringLiteral("saved %1 {value: {int: 5}}").arg(CMPath(path).base()));
+}
+
 void addBadPaths()
 {
     const char* const hidden = "Refused: Path '%1' has a component that begins with '.'";
@@ -272,8 +287,8 @@ void addBadPaths()
     addBadPath("escape sequence", audio("\033[31m"), control);
     addBadPath("delete", audio("a\177"), control);
     addBadPath("control character beyond ASCII", audio("a\302\205"), control);
-    addBadPath("lone high surrogate", audioWith(QChar(0xD800)), unicode);
-    addBadPath("lone low surrogate", audioWith(QChar(0xDC00)), unicode);
+    addLoneSurrogate("lone high surrogate", audioWith(QChar(0xD800)), unicode);
+    addLoneSurrogate("lone low surrogate", audioWith(QChar(0xDC00)), unicode);
     addBadPath("surrogates in the wrong order", audioWith(QString(QChar(0xDC00)) + QChar(0xD800)),
                unicode);
     addBadPath("seventeen levels", QLatin1String("/settings") + QStringLiteral("/a").repeated(16),

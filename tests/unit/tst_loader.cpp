@@ -2,11 +2,14 @@
 
 #include "api/core/tulo.h"
 #include "tests/support/logcapture.h"
-#include "tests/support/replywaiter.h"
 #include "tests/support/temporarytree.h"
 
+#include <QDir>
 #include <QFile>
 #include <QTest>
+#include <QThread>
+
+#include <memory>
 
 #include <dlfcn.h>
 
@@ -30,18 +33,34 @@ class tst_loader : public QObject
     Q_OBJECT
 
 private slots:
+    void init();
+    void cleanup();
+
     void workerIsCreatedWithItsConfiguration();
     void relativeNameIsTakenFromTheWorkingDirectory();
     void sameFileCreatesSeveralWorkers();
     void libraryStaysLoadedWithoutItsWorker();
     void failuresAreToldApart_data();
     void failuresAreToldApart();
+
+private:
+    std::unique_ptr<LogCapture> m_log;
 };
+
+void tst_loader::init()
+{
+    m_log = std::make_unique<LogCapture>();
+}
+
+void tst_loader::cleanup()
+{
+    m_log->verifyNothingUnexpected();
+    m_log.reset();
+}
 
 void tst_loader::workerIsCreatedWithItsConfiguration()
 {
     const TemporaryTree tree;
-    LogCapture log;
 
     const LoadResult result = loadWorker(QStringLiteral(TULO_PLUGIN_FILE), tree.config());
 
@@ -50,11 +69,10 @@ void tst_loader::workerIsCreatedWithItsConfiguration()
     QVERIFY(result.worker);
     QCOMPARE(result.worker->workerName(), QStringLiteral("CMSettingsWorker"));
     QCOMPARE(result.worker->thread(), QThread::currentThread());
-    QCOMPARE(log.messages(log4cplus::INFO_LOG_LEVEL),
+    QCOMPARE(m_log->messages(log4cplus::INFO_LOG_LEVEL),
              QStringList(
                  { QStringLiteral("Using path %1 for default settings").arg(tree.defaultPath()),
                    QStringLiteral("Using path %1 for writable settings").arg(tree.writePath()) }));
-    log.verifyNothingUnexpected();
 }
 
 void tst_loader::relativeNameIsTakenFromTheWorkingDirectory()

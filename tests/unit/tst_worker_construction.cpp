@@ -186,7 +186,6 @@ void tst_worker_construction::pathThatDoesNotResolveIsIgnoredSilently_data()
         row("missing", QStringLiteral("missing"));
         row("below a file", QStringLiteral("file/below"));
         row("dangling link", QStringLiteral("dangling"));
-        row("link to itself", QStringLiteral("loop"));
         row("empty", QString());
         row("invalid", QVariant());
         row("not a text", QVariantList { 1 });
@@ -201,7 +200,6 @@ void tst_worker_construction::pathThatDoesNotResolveIsIgnoredSilently()
     QFile file(folder + QLatin1String("file"));
     QVERIFY(file.open(QIODevice::WriteOnly));
     QVERIFY(QFile::link(folder + QLatin1String("nowhere"), folder + QLatin1String("dangling")));
-    QVERIFY(QFile::link(folder + QLatin1String("loop"), folder + QLatin1String("loop")));
     if (!value.toString().isEmpty())
         value = QString(folder + value.toString());
 

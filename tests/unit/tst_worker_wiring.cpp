@@ -359,8 +359,8 @@ struct WorkerWithForeignRegistry
     explicit WorkerWithForeignRegistry(const QVariantHash& config)
     {
         const RecordHook hook([this](const QString&) {
-            auto* const worker = reinterpret_cast<CMSettingsWorker*>(memory);
-            worker->subscribe()->moveToThread(&thread);
+            auto* const unfinished = reinterpret_cast<CMSettingsWorker*>(memory);
+            unfinished->subscribe()->moveToThread(&thread);
         });
         worker = new (memory) CMSettingsWorker(config);
     }

@@ -134,8 +134,7 @@ QString CMSettingsWorker::getRequestSettingPath(const CMPath& path)
         return base;
     LOG4CPLUS_WARN(logger,
                    "Wrong settings path detected: '"
-                       << path
-                       << "' - please fix your code. Adding missing leading '/' for now.");
+                       << path << "' - please fix your code. Adding missing leading '/' for now.");
     return separator + base;
 }
 
@@ -167,9 +166,8 @@ void CMSettingsWorker::getDataRequest(const CMGetDataRequest& request)
 
     if (request.path() == TuloSettingsActionsFlush()) {
         for (const QString& roleName : roleNames) {
-            values.append(roleName == TuloRoles::Permission()
-                              ? QVariant(TuloPermission::Default_())
-                              : QVariant());
+            values.append(roleName == TuloRoles::Permission() ? QVariant(TuloPermission::Default_())
+                                                              : QVariant());
         }
         request.reply().setValue(values);
         return;
@@ -177,9 +175,8 @@ void CMSettingsWorker::getDataRequest(const CMGetDataRequest& request)
 
     const QString settingPath = getRequestSettingPath(request.path());
     if (settingPath.isEmpty()) {
-        request.reply().setError(
-            requestError(QStringLiteral("Invalid get data request path '%1'")
-                             .arg(request.path().toEncoded())));
+        request.reply().setError(requestError(
+            QStringLiteral("Invalid get data request path '%1'").arg(request.path().toEncoded())));
         return;
     }
 
@@ -211,9 +208,8 @@ void CMSettingsWorker::getRowsRequest(const CMGetRowsRequest& request)
     QMutexLocker locker(&m_mutex);
     const QString settingPath = getRequestSettingPath(request.path());
     if (settingPath.isEmpty()) {
-        request.reply().setError(
-            requestError(QStringLiteral("Invalid get rows request path '%1'")
-                             .arg(request.path().toEncoded())));
+        request.reply().setError(requestError(
+            QStringLiteral("Invalid get rows request path '%1'").arg(request.path().toEncoded())));
         return;
     }
     LOG4CPLUS_TRACE(logger, "path  : " << request.path());
@@ -238,8 +234,8 @@ void CMSettingsWorker::getRowsRequest(const CMGetRowsRequest& request)
         TULO_ASSERT_TEXT(row >= 0, "index out of range");
         const CMPath rowPath = addPrefix(rowPrefix + entries.at(row));
         LOG4CPLUS_TRACE(logger, "row path: " << rowPath);
-        const CMReply<QList<QVariant>> rowReply = getData(
-            rowPath, roleNames, CMReply<QList<QVariant>>(new CMReplyData<QList<QVariant>>));
+        const CMReply<QList<QVariant>> rowReply =
+            getData(rowPath, roleNames, CMReply<QList<QVariant>>(new CMReplyData<QList<QVariant>>));
         TULO_ASSERT(rowReply.isFinished());
         const CMError error = rowReply.error();
         if (!error.__hashAttribute(CMError::Name()).toString().isEmpty()) {
@@ -452,8 +448,8 @@ void CMSettingsWorker::decryptRoles(const QString& path, const TuloRoles& defaul
     const auto defaultType = EncryptionHandler::DefaultSetting;
     if (!defaultRoles.encryptedValue().isEmpty() && roles->encrypted()
         && m_encryptionHandler->encryptionEnabled(defaultType)) {
-        roles->setDefaultValue(m_encryptionHandler->decryptValue(defaultRoles.encryptedValue(),
-                                                                 defaultType, path));
+        roles->setDefaultValue(
+            m_encryptionHandler->decryptValue(defaultRoles.encryptedValue(), defaultType, path));
     } else if (!defaultRoles.value().__isEmpty()) {
         roles->setDefaultValue(defaultRoles.value());
     }
@@ -742,8 +738,8 @@ void CMSettingsWorker::on_flush_invoked(const CMSetDataRequest& request)
         TuloProcessHandler::startSync(QStringLiteral("sync"), QStringList(), syncTimeoutMs);
     if (sync.returnCode != 0) {
         LOG4CPLUS_ERROR(logger,
-                        "Sync failed with return code" << sync.returnCode << ", output is: "
-                                                       << sync.output.toStdString());
+                        "Sync failed with return code"
+                            << sync.returnCode << ", output is: " << sync.output.toStdString());
     }
     request.reply().setValue(QVariant());
 }
