@@ -74,10 +74,12 @@ bool canTrace()
     return ChildProcess::run(QStringLiteral("strace"), { QStringLiteral("true") }).exitCode == 0;
 }
 
-/// Every system call between the two marks of a driver's trace.
+/// Every system call of the first thread between the two marks of a driver's trace. strace counts
+/// the calls of each thread by itself, and the logging library's threads start when they like.
 std::vector<KillPoint> killPoints(const QByteArray& trace)
 {
-    const QRegularExpression line(QStringLiteral("^\\d+ +(\\w+)\\("));
+    const QRegularExpression line(QStringLiteral("^(\\d+) +(\\w+)\\("));
+    QString firstThread;
     QMap<QString, int> counts;
     std::vector<KillPoint> points;
     int marks = 0;
@@ -86,7 +88,11 @@ std::vector<KillPoint> killPoints(const QByteArray& trace)
         const QRegularExpressionMatch match = line.match(QString::fromUtf8(text));
         if (!match.hasMatch())
             continue;
-        const QString call = match.captured(1);
+        if (firstThread.isEmpty())
+            firstThread = match.captured(1);
+        if (match.captured(1) != firstThread)
+            continue;
+        const QString call = match.captured(2);
         const int count = ++counts[call];
         if (call == QLatin1String("getppid"))
             ++marks;
