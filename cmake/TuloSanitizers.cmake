@@ -17,6 +17,9 @@ if(TULO_SANITIZE)
     endif()
     add_compile_options(-fsanitize=${TULO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g)
     add_link_options(-fsanitize=${TULO_SANITIZE})
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        add_compile_options(-fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/sanitizers.ignore)
+    endif()
     set(TULO_TEST_TIMEOUT 300)
     list(APPEND TULO_TEST_ENVIRONMENT
         UBSAN_OPTIONS=print_stacktrace=1

@@ -98,6 +98,11 @@ void tst_framework_json::readsDocuments_data()
     row("5.0", 5.0);
     row("1e2", 100.0);
     row("-1E-2", -0.01);
+    row("0e308", 0.0);
+    row("-0", qlonglong(0));
+    row("1e-400", 0.0);
+    row("5e-324", 5e-324);
+    row("1.7976931348623157e308", 1.7976931348623157e308);
     row("\"\"", QStringLiteral(""));
     row("\"a\\n\\\"\\\\\\/\\u00e4\\ud83d\\ude00\"", QStringLiteral(u"a\n\"\\/\u00e4\U0001F600"));
     row("\"\xC3\xA4\"", QStringLiteral(u"\u00e4"));
@@ -182,6 +187,7 @@ void tst_framework_json::faultsAreToldWithTheirPlace_data()
     row("no fraction", "1.", "line 1, column 3: Miss fraction part in number.");
     row("no exponent", "1e", "line 1, column 3: Miss exponent in number.");
     row("too big", "1e400", "line 1, column 1: Number too big to be stored in double.");
+    row("just too big", "1.8e308", "line 1, column 1: Number too big to be stored in double.");
     row("single quotes", "'a'", "line 1, column 1: Invalid value.");
     row("comment", "// a\n1", "line 1, column 1: Invalid value.");
     row("bad hex digits", "\"\\u00zz\"",

@@ -10,7 +10,10 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <QtNumeric>
+
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 #include <string_view>
 #include <unordered_map>
@@ -74,16 +77,30 @@ class VariantBuilder
 public:
     bool Null() { return add(QVariant()); }
     bool Bool(bool value) { return add(value); }
-    bool Int(int value) { return add(qlonglong(value)); }
-    bool Uint(unsigned value) { return add(qlonglong(value)); }
-    bool Int64(int64_t value) { return add(qlonglong(value)); }
-    bool Uint64(uint64_t value)
+    // Never called: numbers are asked for as text. The parser's own conversion of a zero with a
+    // large exponent has no defined result.
+    bool Int(int) { return false; }
+    bool Uint(unsigned) { return false; }
+    bool Int64(int64_t) { return false; }
+    bool Uint64(uint64_t) { return false; }
+    bool Double(double) { return false; }
+    bool RawNumber(const char* text, rapidjson::SizeType length, bool)
     {
-        return value <= uint64_t(INT64_MAX) ? add(qlonglong(value)) : add(qulonglong(value));
+        const char* const end = text + length;
+        qlonglong integer = 0;
+        if (const auto all = std::from_chars(text, end, integer);
+            all.ec == std::errc() && all.ptr == end)
+            return add(integer);
+        qulonglong natural = 0;
+        if (const auto all = std::from_chars(text, end, natural);
+            all.ec == std::errc() && all.ptr == end)
+            return add(natural);
+        // Tells overflow from underflow, which from_chars() does not.
+        const double number = QByteArray::fromRawData(text, int(length)).toDouble();
+        if (qIsInf(number))
+            return refuse(reasonText(rapidjson::kParseErrorNumberTooBig));
+        return add(number);
     }
-    bool Double(double value) { return add(value); }
-    // Never called: numbers are not asked for as text.
-    bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; }
     bool String(const char* text, rapidjson::SizeType length, bool)
     {
         if (holdsLoneSurrogate(text, int(length)))
@@ -251,7 +268,7 @@ private:
 QVariant TuloJson::parse(const QByteArray& text, TuloError& error, unsigned int* offset)
 {
     constexpr unsigned flags = rapidjson::kParseIterativeFlag
-        | rapidjson::kParseValidateEncodingFlag | rapidjson::kParseFullPrecisionFlag;
+        | rapidjson::kParseValidateEncodingFlag | rapidjson::kParseNumbersAsStringsFlag;
     rapidjson::MemoryStream stream(text.constData(), std::size_t(text.size()));
     rapidjson::Reader reader;
     VariantBuilder builder;
