@@ -4,6 +4,7 @@
 
 #include "api/core/model/cmoperation.h"
 
+#include <QDBusConnectionInterface>
 #include <QDBusError>
 #include <QTimer>
 
@@ -107,9 +108,17 @@ void Service::withdraw()
     if (!m_isOffered)
         return;
     m_isOffered = false;
+    // Whoever calls from now on waits for the next owner of the name, where there will be one.
     m_bus.unregisterService(busName());
     m_bus.unregisterObject(objectPath());
     answerFlushes();
+    // Asked and answered after everything that was sent, which is then out of the process.
+    m_bus.interface()->isServiceRegistered(busName());
+}
+
+bool Service::isConnected() const
+{
+    return m_bus.isConnected();
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -47,8 +47,10 @@ public:
     /// Offers the object and takes the bus name. False when the bus or another service does not
     /// allow it; `reason`, one line, says why.
     bool offer(const QDBusConnection& bus, QString* reason);
-    /// Takes no more calls; answers the flushes that wait.
+    /// Takes no more calls; answers the flushes that wait. Can be offered again.
     void withdraw();
+    /// False once the bus has closed the connection. The event loop wakes up for that.
+    bool isConnected() const;
 
     QString version() const;
     uint pendingWrites() const;

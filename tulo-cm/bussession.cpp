@@ -94,6 +94,8 @@ Answer<QVariantHash> changed(const Reply& reply, const QString& path)
 
 QDBusConnection BusSession::connectTo(const QString& bus)
 {
+    // An earlier one, which the bus may have closed, stays closed.
+    QDBusConnection::disconnectFromBus(connectionName);
     if (bus == QLatin1String("system"))
         return QDBusConnection::connectToBus(QDBusConnection::SystemBus, connectionName);
     if (bus == QLatin1String("session"))

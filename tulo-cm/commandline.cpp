@@ -174,6 +174,24 @@ QVector<Command> makeCommands()
     check.run = runCheck;
     list.append(check);
 
+    Command serve;
+    serve.name = text("serve");
+    serve.summary = text(
+        "Serves the directories on the bus, the built-in ones when none are named, until it is\n"
+        "interrupted; then flushes. SIGHUP has the log configuration read again.");
+    serve.example = text("--bus session serve");
+    serve.place = Place::CommandLine;
+    serve.needs = Needs::Bus;
+    list.append(serve);
+
+    Command status;
+    status.name = text("status");
+    status.summary = text("Prints how the service is doing.");
+    status.example = text("status");
+    status.place = Place::Service;
+    status.run = runStatus;
+    list.append(status);
+
     Command shell;
     shell.name = text("shell");
     shell.summary = text("Runs commands from standard input, one a line, in one process.");

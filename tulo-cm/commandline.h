@@ -25,6 +25,7 @@ struct Command
     enum class Place {
         Anywhere,
         ServiceOrShell, ///< not once and for all in a process of its own, which ends at once
+        Service, ///< only on the service
         Shell, ///< only as a line of the shell
         CommandLine ///< only as the program's command
     };
@@ -33,7 +34,8 @@ struct Command
         Nothing,
         Files, ///< the directories
         Session, ///< the settings, to read them
-        Changes ///< the settings, to change them
+        Changes, ///< the settings, to change them
+        Bus ///< a bus to offer the directories on
     };
 
     QString name;
@@ -45,6 +47,7 @@ struct Command
     int maximumArguments = 0; ///< -1: any number
     Place place = Place::Anywhere;
     Needs needs = Needs::Session;
+    /// Null for `serve`, which is started before there is anything to work with.
     int (*run)(Context& context, const Arguments& arguments) = nullptr;
 };
 

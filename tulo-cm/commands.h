@@ -5,13 +5,16 @@
 #include "session.h"
 #include "watches.h"
 
+class BusSession;
+
 /// What a command works with. The same for all commands of one process.
 struct Context
 {
     Output& output;
     Session* session; ///< null for a command that needs none
+    BusSession* service; ///< the same when it is the service, otherwise null
     Watches* watches; ///< null where nothing can be watched
-    QString defaultPath; ///< the default tree
+    QString defaultPath; ///< the default tree; empty where the session has to be asked
     bool inShell = false;
     bool quit = false; ///< the shell ends after this line
 };
@@ -37,6 +40,9 @@ int runWait(Context& context, const Arguments& arguments);
 
 // commands_check.cpp
 int runCheck(Context& context, const Arguments& arguments);
+
+// commands_status.cpp
+int runStatus(Context& context, const Arguments& arguments);
 
 // commands_help.cpp
 int runHelp(Context& context, const Arguments& arguments);

@@ -4,9 +4,11 @@
 
 int runCheck(Context& context, const Arguments&)
 {
-    const QVector<TreeFinding> findings = checkDefaultTree(context.defaultPath);
+    const QString directory =
+        context.defaultPath.isEmpty() ? context.session->defaultPath() : context.defaultPath;
+    const QVector<TreeFinding> findings = checkDefaultTree(directory);
     for (const TreeFinding& finding : findings) {
-        const QString file = context.defaultPath + QLatin1Char('/') + finding.file;
+        const QString file = directory + QLatin1Char('/') + finding.file;
         if (context.output.isJson()) {
             context.output.object({ { QStringLiteral("file"), file },
                                     { QStringLiteral("finding"), findingName(finding.kind) },

@@ -14,54 +14,76 @@
 namespace {
 
 // What the signal handler may touch.
-volatile std::sig_atomic_t signalCame = 0;
+volatile std::sig_atomic_t endCame = 0;
+volatile std::sig_atomic_t hangUpCame = 0;
 int wakePipe[2] = { -1, -1 };
 
-void handleSignal(int)
+void handleSignal(int number)
 {
     const int errorBefore = errno;
-    signalCame = 1;
+    if (number == SIGHUP)
+        hangUpCame = 1;
+    else
+        endCame = 1;
     // A full pipe wakes the event loop just as well.
     (void)!::write(wakePipe[1], "", 1);
     errno = errorBefore;
 }
 
-void setHandler(void (*handler)(int))
+void setHandler(int number, void (*handler)(int))
 {
     struct sigaction action
     {
     };
     action.sa_handler = handler;
     ::sigemptyset(&action.sa_mask);
-    ::sigaction(SIGINT, &action, nullptr);
-    ::sigaction(SIGTERM, &action, nullptr);
+    ::sigaction(number, &action, nullptr);
 }
 
 } // namespace
 
 Interrupts::Interrupts()
 {
-    signalCame = 0;
+    endCame = 0;
+    hangUpCame = 0;
     if (::pipe2(wakePipe, O_CLOEXEC | O_NONBLOCK) != 0)
         qFatal("no pipe for signals");
     auto* const notifier = new QSocketNotifier(wakePipe[0], QSocketNotifier::Read, this);
-    // One waking is enough: whoever serves events asks requested().
-    connect(notifier, &QSocketNotifier::activated, notifier,
-            [notifier] { notifier->setEnabled(false); });
-    setHandler(handleSignal);
+    // For the end, waking is all: whoever serves events asks requested().
+    connect(notifier, &QSocketNotifier::activated, this, [this] {
+        char bytes[64];
+        while (::read(wakePipe[0], bytes, sizeof bytes) > 0) { }
+        if (hangUpCame != 0) {
+            hangUpCame = 0;
+            emit hangUp();
+        }
+    });
+    setHandler(SIGINT, handleSignal);
+    setHandler(SIGTERM, handleSignal);
 }
 
 Interrupts::~Interrupts()
 {
-    setHandler(SIG_DFL);
+    setHandler(SIGINT, SIG_DFL);
+    setHandler(SIGTERM, SIG_DFL);
+    // One that nobody asked to catch may have been ignored from the start.
+    if (m_catchesHangUp)
+        setHandler(SIGHUP, SIG_DFL);
     ::close(wakePipe[0]);
     ::close(wakePipe[1]);
-    signalCame = 0;
+    endCame = 0;
+    hangUpCame = 0;
+}
+
+void Interrupts::catchHangUp()
+{
+    m_catchesHangUp = true;
+    setHandler(SIGHUP, handleSignal);
 }
 
 bool Interrupts::requested()
 {
-    return signalCame != 0;
+    return endCame != 0;
 }
 
 void serveEvents(int milliseconds, const std::function<bool()>& ended)

@@ -15,8 +15,18 @@ public:
     Interrupts();
     ~Interrupts() override;
 
-    /// Tells whether a signal came since the object was made; false without one.
+    /// From now on SIGHUP, which otherwise ends the process, emits hangUp().
+    void catchHangUp();
+
+    /// Tells whether SIGINT or SIGTERM came since the object was made; false without one.
     static bool requested();
+
+signals:
+    /// From the event loop.
+    void hangUp();
+
+private:
+    bool m_catchesHangUp = false;
 };
 
 /// Serves events for `milliseconds` (-1: without limit), until a signal comes or until `ended`

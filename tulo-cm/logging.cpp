@@ -49,6 +49,7 @@ Failure configureLogging(const QString& level, const QString& configurationFile)
         std::make_unique<log4cplus::PatternLayout>(LOG4CPLUS_TEXT("%-5p %c: %m%n")));
     appender->setThreshold(levels[index]);
     log4cplus::Logger root = log4cplus::Logger::getRoot();
+    root.removeAllAppenders();
     root.addAppender(appender);
     // What is not shown is not made either.
     root.setLogLevel(levels[index]);

@@ -8,5 +8,6 @@
 /// "off"); or where the log4cplus property file says. Both may be null: default level, no file.
 ///
 /// Levels are held back at the output, not at the loggers, of which some are read by the program
-/// itself. To be called before the first worker is made, as its watch comes on top.
+/// itself. Can be called again, to read the file anew; whoever reads records then has to hang
+/// itself on again.
 Failure configureLogging(const QString& level, const QString& configurationFile);

@@ -1,7 +1,9 @@
+#include "bussession.h"
 #include "commands.h"
 #include "interrupts.h"
 #include "localsession.h"
 #include "logging.h"
+#include "serve.h"
 #include "textinput.h"
 
 #include "host/guard.h"
@@ -35,9 +37,20 @@ const QString cataloguesOption = QStringLiteral("catalogues");
 // Where to work, from the options.
 // ---------------------------------------------------------------------------------------------
 
+bool isServing(const Arguments& arguments)
+{
+    return arguments.command->needs == Command::Needs::Bus;
+}
+
 bool isOwnProcess(const Arguments& arguments)
 {
-    return arguments.isSet(inProcessOption) || arguments.isSet(defaultPathOption);
+    return arguments.isSet(inProcessOption) || arguments.isSet(defaultPathOption)
+        || isServing(arguments);
+}
+
+QString busName(const Arguments& arguments)
+{
+    return arguments.isSet(busOption) ? arguments.value(busOption) : QStringLiteral("system");
 }
 
 Failure judgeDirectory(const QString& path)
@@ -70,6 +83,11 @@ Failure judgePlace(const Arguments& arguments)
             }
         }
         return {};
+    }
+    if (isServing(arguments)) {
+        return arguments.isSet(inProcessOption)
+            ? usageFailure(QStringLiteral("'serve' takes no option '--%1'").arg(inProcessOption))
+            : Failure();
     }
     if (arguments.isSet(busOption)) {
         return usageFailure(QStringLiteral("'--bus' and '--%1' exclude each other")
@@ -113,19 +131,6 @@ Failure judgeOptions(const Arguments& arguments, QString* defaultPath, QString* 
     return judgeWorkerOptions(arguments);
 }
 
-Failure noService(const Arguments& arguments)
-{
-    const QString bus =
-        arguments.isSet(busOption) ? arguments.value(busOption) : QStringLiteral("system");
-    const bool isNamed = bus == QLatin1String("system") || bus == QLatin1String("session");
-    const QString where = isNamed ? QStringLiteral("the %1 bus") : QStringLiteral("the bus '%1'");
-    return { Unavailable, QStringLiteral("NoService"),
-             QStringLiteral("no service on %1; use --in-process, or --default-path and "
-                            "--write-path, to work without one")
-                 .arg(where.arg(bus)),
-             QString() };
-}
-
 QString pluginFile(const Arguments& arguments)
 {
     if (arguments.isSet(pluginOption))
@@ -138,9 +143,8 @@ QString pluginFile(const Arguments& arguments)
 // Running the command.
 // ---------------------------------------------------------------------------------------------
 
-std::unique_ptr<LocalSession> openSession(const Arguments& arguments, Output& output,
-                                          const QString& defaultPath, const QString& writePath,
-                                          Failure* failure)
+HostOptions hostOptions(const Arguments& arguments, const QString& defaultPath,
+                        const QString& writePath)
 {
     HostOptions options;
     options.pluginFile = pluginFile(arguments);
@@ -149,7 +153,18 @@ std::unique_ptr<LocalSession> openSession(const Arguments& arguments, Output& ou
     options.productPostfix = arguments.value(productOption);
     options.language = arguments.value(languageOption);
     options.catalogues = arguments.values(cataloguesOption);
+    return options;
+}
 
+Failure configureLogging(const Arguments& arguments)
+{
+    return configureLogging(arguments.value(QStringLiteral("log-level")),
+                            arguments.value(QStringLiteral("log-config")));
+}
+
+std::unique_ptr<LocalSession> openLocal(const HostOptions& options, const Arguments& arguments,
+                                        Output& output, Failure* failure)
+{
     const Command& command = *arguments.command;
     auto access = LocalSession::Access::Read;
     if (command.needs == Command::Needs::Changes)
@@ -176,10 +191,10 @@ std::unique_ptr<LocalSession> openSession(const Arguments& arguments, Output& ou
     return session;
 }
 
-int runOnSession(Session& session, const Arguments& arguments, Output& output)
+int runOnSession(Session& session, BusSession* service, const Arguments& arguments, Output& output)
 {
     Watches watches(session, output);
-    Context context { output, &session, &watches, session.defaultPath() };
+    Context context { output, &session, service, &watches, QString() };
     const int exitCode = arguments.command->run(context, arguments);
 
     const Failure failure = session.settle(arguments.isSet(QStringLiteral("flush")));
@@ -191,18 +206,50 @@ int runOnSession(Session& session, const Arguments& arguments, Output& output)
     return firstFailure(exitCode, failure.exitCode);
 }
 
+int runInOwnProcess(const HostOptions& options, const Arguments& arguments, Output& output)
+{
+    const Command& command = *arguments.command;
+    // Whoever only reads may be ended at any time.
+    std::optional<Interrupts> interrupts;
+    if (command.needs == Command::Needs::Changes)
+        interrupts.emplace();
+    Failure failure;
+    const std::unique_ptr<LocalSession> session = openLocal(options, arguments, output, &failure);
+    if (!session) {
+        output.failure(failure);
+        return failure.exitCode;
+    }
+    return runOnSession(*session, nullptr, arguments, output);
+}
+
+int runOnService(const Arguments& arguments, Output& output)
+{
+    // The service is as safe as before when one of its clients ends; only whoever serves events
+    // waits for the signal.
+    const Command& command = *arguments.command;
+    std::optional<Interrupts> interrupts;
+    if (command.run == runWatch || command.run == runShell)
+        interrupts.emplace();
+    Failure failure;
+    const std::unique_ptr<BusSession> session = BusSession::open(busName(arguments), &failure);
+    if (!session) {
+        output.failure(failure);
+        return failure.exitCode;
+    }
+    return runOnSession(*session, session.get(), arguments, output);
+}
+
 int runCommand(const Arguments& arguments, Output& output)
 {
     const Command& command = *arguments.command;
-    Context context { output, nullptr, nullptr, QString() };
+    Context context { output, nullptr, nullptr, nullptr, QString() };
     if (command.needs == Command::Needs::Nothing)
         return command.run(context, arguments);
 
     QString writePath;
     Failure failure = judgeOptions(arguments, &context.defaultPath, &writePath);
-    if (!failure && !isOwnProcess(arguments))
-        failure = noService(arguments);
-    if (!failure && command.place == Command::Place::ServiceOrShell) {
+    const bool isOnService = !isOwnProcess(arguments);
+    if (!failure && !isOnService && command.place == Command::Place::ServiceOrShell) {
         failure = { Unavailable, QStringLiteral("NoService"),
                     QStringLiteral("'%1' works on the service or in the shell; this process would "
                                    "end at once")
@@ -213,20 +260,19 @@ int runCommand(const Arguments& arguments, Output& output)
         output.failure(failure);
         return failure.exitCode;
     }
+    if (isOnService)
+        return runOnService(arguments, output);
     if (command.needs == Command::Needs::Files)
         return command.run(context, arguments);
-
-    // Whoever only reads may be ended at any time.
-    std::optional<Interrupts> interrupts;
-    if (command.needs == Command::Needs::Changes)
-        interrupts.emplace();
-    const std::unique_ptr<LocalSession> session =
-        openSession(arguments, output, context.defaultPath, writePath, &failure);
-    if (!session) {
-        output.failure(failure);
-        return failure.exitCode;
+    const HostOptions options = hostOptions(arguments, context.defaultPath, writePath);
+    if (isServing(arguments)) {
+        return serve({ options, busName(arguments),
+                       [&arguments] {
+                           return configureLogging(arguments);
+                       } },
+                     output);
     }
-    return runOnSession(*session, arguments, output);
+    return runInOwnProcess(options, arguments, output);
 }
 
 int runParsed(const Arguments& arguments, Output& output)
@@ -240,8 +286,7 @@ int runParsed(const Arguments& arguments, Output& output)
         output.line(text);
         return Done;
     }
-    const Failure failure = configureLogging(arguments.value(QStringLiteral("log-level")),
-                                             arguments.value(QStringLiteral("log-config")));
+    const Failure failure = configureLogging(arguments);
     if (failure) {
         output.failure(failure);
         return failure.exitCode;

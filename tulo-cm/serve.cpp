@@ -7,8 +7,13 @@
 #include "host/startcheck.h"
 #include "host/treecheck.h"
 
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusError>
 #include <QFile>
 #include <QFileInfo>
+
+#include <memory>
 
 #include <systemd/sd-daemon.h>
 
@@ -74,46 +79,81 @@ void removeLeftOver(const QString& writePath, Output& output)
     }
 }
 
+// Takes the log configuration as it is now; one that cannot be read changes nothing.
+void reloadLogging(const ServeOptions& options, Host& host, Output& output)
+{
+    const Failure failure = options.configureLogging();
+    if (failure)
+        output.failure(failure);
+    // The configuration may have dropped it.
+    host.writes().attach();
+}
+
+// Offers the service anew on a connection of its own.
+bool offer(Service& service, const QString& busName, QString* reason)
+{
+    const QDBusConnection bus = BusSession::connectTo(busName);
+    if (bus.isConnected())
+        return service.offer(bus, reason);
+    *reason = QStringLiteral("no %1 bus: %2").arg(busName, bus.lastError().message());
+    return false;
+}
+
+// Serves until a signal comes, or the bus is gone for good: one that only closed this connection
+// (it does so to whoever sends too much) has the service back at once. Returns whether there is
+// a bus.
+bool serveOnBus(Service& service, const QString& busName, Output& output)
+{
+    while (!Interrupts::requested()) {
+        serveEvents(-1, [&service] { return !service.isConnected(); });
+        if (Interrupts::requested())
+            break;
+        service.withdraw();
+        QString reason;
+        if (!offer(service, busName, &reason)) {
+            report(output, Unavailable, QStringLiteral("NoBus"),
+                   QStringLiteral("the bus has gone; ") + reason);
+            return false;
+        }
+        output.note(QStringLiteral("the bus closed the connection; connected again"));
+    }
+    return true;
+}
+
 } // namespace
 
 int serve(const ServeOptions& options, Output& output)
 {
     // Before anything is opened, so that no signal finds a half-made service.
     Interrupts interrupts;
+    interrupts.catchHangUp();
     const int judged = judgeTrees(options.host, output);
     if (judged != Done)
         return judged;
 
+    HostOptions hostOptions = options.host;
+    hostOptions.access = HostOptions::Access::Own;
     HostFailure failure;
-    const std::unique_ptr<Host> host = Host::open(options.host, &failure);
+    const std::unique_ptr<Host> host = Host::open(hostOptions, &failure);
     if (!host) {
         return report(output, failure.kind == HostFailure::Kind::Usage ? Usage : Unavailable,
                       QStringLiteral("NotStarted"), failure.message);
     }
     removeLeftOver(host->writePath(), output);
+    QObject::connect(&interrupts, &Interrupts::hangUp, &interrupts,
+                     [&options, &host, &output] { reloadLogging(options, *host, output); });
 
-    const QDBusConnection bus = BusSession::connectTo(options.bus);
-    if (!bus.isConnected()) {
-        return report(output, Unavailable, QStringLiteral("NoBus"),
-                      QStringLiteral("no %1 bus: %2").arg(options.bus, bus.lastError().message()));
-    }
     Service service(*host);
     QString reason;
-    if (!service.offer(bus, &reason))
+    if (!offer(service, options.bus, &reason))
         return report(output, Unavailable, QStringLiteral("NoBus"), reason);
-
-    QObject::connect(&interrupts, &Interrupts::hangUp, &interrupts, [&options, &host] {
-        options.configureLogging();
-        // The configuration may have dropped it.
-        host->writes().attach();
-    });
-    output.note(
-        QStringLiteral("serving '%1' over '%2'").arg(host->writePath(), host->defaultPath()));
+    output.note(QStringLiteral("serving '%1' over '%2'; process %3")
+                    .arg(host->writePath(), host->defaultPath(),
+                         QString::number(QCoreApplication::applicationPid())));
     sd_notify(0, "READY=1");
-    serveEvents(-1, [&bus] { return !bus.isConnected(); });
+    const bool hasBus = serveOnBus(service, options.bus, output);
     sd_notify(0, "STOPPING=1");
 
-    const bool isBusGone = !bus.isConnected();
     service.withdraw();
     if (!host->stop()) {
         return report(output, NotSaved, QStringLiteral("NotSaved"),
@@ -121,8 +161,5 @@ int serve(const ServeOptions& options, Output& output)
                           .arg(host->writes().unsavedPaths().join(QStringLiteral(", ")),
                                host->writes().lastError()));
     }
-    if (isBusGone)
-        return report(output, Unavailable, QStringLiteral("NoBus"),
-                      QStringLiteral("the bus has gone"));
-    return Done;
+    return hasBus ? Done : Unavailable;
 }

@@ -15,7 +15,7 @@ struct ServeOptions
     HostOptions host;
     QString bus; ///< "system", "session" or an address
     /// Reads the log configuration again.
-    std::function<void()> configureLogging;
+    std::function<Failure()> configureLogging;
 };
 
 /// Hosts the settings on a bus until SIGINT or SIGTERM, then takes no more calls, flushes and

@@ -297,8 +297,8 @@ void TstCommandline::usage_data()
     const auto row = [](const char* name, const QStringList& arguments, const char* error) {
         QTest::newRow(name) << arguments << QByteArray(error);
     };
-    const char* const commands = "get, ls, tree, set, op, watch, flush, drop-cache, check, shell, "
-                                 "help";
+    const char* const commands = "get, ls, tree, set, op, watch, flush, drop-cache, check, "
+                                 "serve, status, shell, help";
     row("no command", {}, (QByteArray("no command; commands are: ") + commands).constData());
     row("unknown command", words("gte"),
         (QByteArray("unknown command 'gte'; commands are: ") + commands).constData());

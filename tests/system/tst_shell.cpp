@@ -191,10 +191,11 @@ void TstShell::jsonLines_data()
         << 3;
     QTest::newRow("usage in its place")
         << QByteArray("gte")
-        << QByteArray(R"({"error":{"message":"unknown command 'gte'; commands are: get, ls, tree, )"
-                      R"(set, op, watch, unwatch, flush, drop-cache, check, wait, help, quit",)"
-                      R"("name":"Usage","title":"Error"},"path":""})"
-                      "\n")
+        << QByteArray(
+               R"({"error":{"message":"unknown command 'gte'; commands are: get, ls, tree, )"
+               R"(set, op, watch, unwatch, flush, drop-cache, check, status, wait, help, quit",)"
+               R"("name":"Usage","title":"Error"},"path":""})"
+               "\n")
         << 2;
     QTest::newRow("flush") << QByteArray("flush")
                            << QByteArray(R"({"done":true,"path":"/settings/actions/flush"})"
