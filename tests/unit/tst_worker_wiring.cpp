@@ -326,8 +326,8 @@ void tst_worker_wiring::constructionRegistersNoPathAndNoText()
 void tst_worker_wiring::argumentTypesAreRegisteredUnderPlainNamesOnFirstNeed()
 {
     const ChildResult child = ChildProcess::runInChild([] {
-        const QMetaObject& type = CMSettingsWorker::staticMetaObject;
-        const auto argument = [&type](int method, int parameter) {
+        const auto argument = [](int method, int parameter) {
+            const QMetaObject& type = CMSettingsWorker::staticMetaObject;
             return type.method(type.methodOffset() + method).parameterType(parameter);
         };
         for (const char* name : { "TuloRoles", "CMSetDataRequest", "CMPath" })
