@@ -1,6 +1,6 @@
 // A setting loaded from a default tree and a writable tree that the input describes.
 //
-//   byte    which of the files are there, and whether log texts are built
+//   byte    which of the files are there, and whether log texts are built, for one in sixteen
 //   chunks  the default file, the product file, the directory's .meta, the written file
 
 #include "fuzzinput.h"
@@ -21,7 +21,7 @@ namespace {
 const QString path = QStringLiteral("/audio/volume");
 const QString node = QStringLiteral("/settings/audio/volume");
 
-enum Flag : unsigned { HasDefault = 1, HasProduct = 2, HasMeta = 4, HasWritten = 8, IsLoud = 16 };
+enum Flag : unsigned { HasDefault = 1, HasProduct = 2, HasMeta = 4, HasWritten = 8 };
 
 class Trees
 {
@@ -95,7 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static Trees trees;
     FuzzInput input(data, size);
     const unsigned flags = input.byte();
-    setLogging((flags & IsLoud) != 0);
+    setLogging(flags >> 4 == 15);
     const QVariantHash plain = trees.putDefault(path, flags & HasDefault, input.chunk());
     const QVariantHash product =
         trees.putDefault(QStringLiteral("/audio/volume_sport"), flags & HasProduct, input.chunk());
