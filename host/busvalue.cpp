@@ -30,9 +30,11 @@ QVariant busPlain(const QVariant& value)
     switch (value.userType()) {
     case QMetaType::Bool:
     case QMetaType::Double:
-    case QMetaType::QString:
     case QMetaType::ULongLong:
         return value;
+    case QMetaType::QString:
+        // A string on the bus ends there.
+        return value.toString().contains(QChar(0)) ? QVariant() : value;
     case QMetaType::Int:
     case QMetaType::UInt:
     case QMetaType::LongLong:
@@ -83,8 +85,11 @@ QVariant demarshalled(const QDBusArgument& argument, bool* accepted)
         return plainFromBus(argument.asVariant(), accepted);
     case QDBusArgument::ArrayType: {
         QVariantList list;
+        // Bytes in a list would pass for numbers, those by themselves do not.
+        *accepted = *accepted && argument.currentSignature() != QLatin1String("ay");
         argument.beginArray();
-        while (!argument.atEnd())
+        // What is not accepted is not consumed either, so the end would never come.
+        while (*accepted && !argument.atEnd())
             list.append(demarshalled(argument, accepted));
         argument.endArray();
         return list;
@@ -92,7 +97,7 @@ QVariant demarshalled(const QDBusArgument& argument, bool* accepted)
     case QDBusArgument::MapType: {
         QVariantHash hash;
         argument.beginMap();
-        while (!argument.atEnd()) {
+        while (*accepted && !argument.atEnd()) {
             argument.beginMapEntry();
             const QVariant key = demarshalled(argument, accepted);
             const QVariant value = demarshalled(argument, accepted);
@@ -159,6 +164,34 @@ QVariantMap busRoles(const QVariantHash& roles)
             map.insert(role.key(), value);
     }
     return map;
+}
+
+int busSize(const QVariant& value)
+{
+    // A signature of at most five characters with its ends, and what aligns the content.
+    constexpr int variantBytes = 16;
+    constexpr int lengthBytes = 8;
+    const auto textBytes = [](const QString& text) {
+        return lengthBytes + text.toUtf8().size();
+    };
+
+    int size = variantBytes;
+    if (value.userType() == QMetaType::QString) {
+        size += textBytes(value.toString());
+    } else if (value.userType() == QMetaType::QVariantList) {
+        size += lengthBytes;
+        const QVariantList entries = value.toList();
+        for (const QVariant& entry : entries)
+            size += busSize(entry);
+    } else if (value.userType() == QMetaType::QVariantMap) {
+        size += lengthBytes;
+        const QVariantMap entries = value.toMap();
+        for (auto entry = entries.cbegin(); entry != entries.cend(); ++entry)
+            size += lengthBytes + textBytes(entry.key()) + busSize(entry.value());
+    } else {
+        size += int(sizeof(qint64));
+    }
+    return size;
 }
 
 // ---------------------------------------------------------------------------------------------

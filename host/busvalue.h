@@ -29,11 +29,15 @@ void registerBusTypes();
 
 /// A role as the bus carries it: values without their kind, integers as x (t above), texts and
 /// paths as strings, hashes as a{sv}. Entries that are null are left out of maps; a null in a
-/// list, which the bus cannot carry, gives an invalid variant.
+/// list, which the bus cannot carry, and a text with a zero character, which it would cut off,
+/// give an invalid variant.
 QVariant busRole(const QString& role, const QVariant& value);
 
 /// The roles that are there, of a hash whose keys are role names.
 QVariantMap busRoles(const QVariantHash& roles);
+
+/// At most so many bytes of a message does `value`, which came from the two above, take.
+int busSize(const QVariant& value);
 
 /// A role that came over the bus as the worker's clients know it: a value is a hash under its
 /// kind again, integers are 64 bits wide. The reverse of busRole().

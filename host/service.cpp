@@ -137,7 +137,17 @@ uint Service::pendingWrites() const
 
 QStringList Service::unsavedPaths() const
 {
-    return m_host.writes().unsavedPaths();
+    // Half a message, as other properties may travel with this one.
+    const QStringList all = m_host.writes().unsavedPaths();
+    QStringList paths;
+    int size = 0;
+    for (const QString& path : all) {
+        size += busSize(path);
+        if (size > maximumBodyBytes / 2)
+            break;
+        paths.append(path);
+    }
+    return paths;
 }
 
 QString Service::lastWriteError() const
@@ -186,6 +196,25 @@ void Service::refuse(const QString& error, const QString& message)
     sendErrorReply(errorPrefix() + error, message);
 }
 
+void Service::refuseSize(const QString& path)
+{
+    refuse(errorName(ErrorKind::Limits),
+           QStringLiteral("Too much for one message; path:'%1'").arg(path));
+}
+
+// For every call with a path, which from then on is short enough for any answer.
+bool Service::accepted(const QString& path)
+{
+    if (!message().isReplyRequired())
+        return false;
+    const CMError error = Guard::judgePath(CMPath(path));
+    const ErrorKind kind = errorKind(error);
+    if (kind == ErrorKind::None)
+        return true;
+    refuse(busErrorOf(kind), error.message().toString());
+    return false;
+}
+
 bool Service::refused(const CMVoidReply& reply)
 {
     const CMError error = reply.error();
@@ -198,6 +227,8 @@ bool Service::refused(const CMVoidReply& reply)
 
 QVariantMap Service::GetData(const QString& path, const QStringList& roles)
 {
+    if (!accepted(path))
+        return {};
     const auto reply = m_host.client().getData(CMPath(path), roles);
     if (refused(reply))
         return {};
@@ -205,23 +236,39 @@ QVariantMap Service::GetData(const QString& path, const QStringList& roles)
     QVariantHash answer;
     for (int i = 0; i < roles.size(); ++i)
         answer.insert(roles.at(i), values.at(i));
-    return busRoles(answer);
+    const QVariantMap present = busRoles(answer);
+    if (busSize(present) > maximumBodyBytes) {
+        refuseSize(path);
+        return {};
+    }
+    return present;
 }
 
 uint Service::GetRows(const QString& path, int first, int last, const QStringList& roles,
                       int& rowsVersion, QVariantMap& directoryRoles, BusRows& rows)
 {
+    if (!accepted(path))
+        return 0;
     const auto reply = m_host.client().getRows(CMPath(path), first, last, roles);
     if (refused(reply))
         return 0;
     const Rows answer = Client::rowsOf(reply.value(), roles);
     rowsVersion = answer.version;
     directoryRoles = busRoles(answer.directory.__variant().toHash());
+    int size = busSize(directoryRoles);
     for (const Row& row : answer.rows) {
         QVariantHash rowRoles;
         for (int i = 0; i < roles.size(); ++i)
             rowRoles.insert(roles.at(i), row.values.at(i));
-        rows.append({ row.name, busRoles(rowRoles) });
+        const BusRow busRow { row.name, busRoles(rowRoles) };
+        size += busSize(busRow.name) + busSize(busRow.roles);
+        if (size > maximumBodyBytes) {
+            // Those that fit; the client asks for the rest.
+            if (rows.isEmpty())
+                refuseSize(path);
+            break;
+        }
+        rows.append(busRow);
     }
     return uint(answer.count);
 }
@@ -258,45 +305,59 @@ bool Service::acceptedValue(const QString& path, const QVariant& sent, TuloValue
                QStringLiteral("A setting cannot hold this value; path:'%1'").arg(path));
         return false;
     }
+    // On the bus it takes more than it took: a list of numbers becomes one of variants.
+    if (busSize(busRole(TuloRoles::Value(), value->__variant())) > maximumValueBytes) {
+        refuseSize(path);
+        return false;
+    }
     return true;
 }
 
 QVariantMap Service::stored(const CMSetDataRequest::Reply& reply)
 {
-    return refused(reply) ? QVariantMap() : busRoles(reply.value().toHash());
+    if (refused(reply))
+        return {};
+    // Done is done: roles that do not fit are left out.
+    QVariantMap roles = busRoles(reply.value().toHash());
+    while (busSize(roles) > maximumBodyBytes)
+        roles.erase(roles.begin());
+    return roles;
 }
 
 QVariantMap Service::SetValue(const QString& path, const QDBusVariant& value)
 {
     TuloValue settingValue;
-    if (!acceptedValue(path, value.variant(), &settingValue))
+    if (!accepted(path) || !acceptedValue(path, value.variant(), &settingValue))
         return {};
     return stored(m_host.client().setValue(CMPath(path), settingValue));
 }
 
 QVariantMap Service::SetRoles(const QString& path, const QVariantMap& roles)
 {
+    if (!accepted(path))
+        return {};
     TuloRoles changed;
     for (auto role = roles.cbegin(); role != roles.cend(); ++role) {
         if (!settableRoles().contains(role.key())) {
             refuse(errorName(ErrorKind::Refused),
-                   QStringLiteral("The role '%1' cannot be set; path:'%2'").arg(role.key(), path));
+                   QStringLiteral("A role that cannot be set; those that can are %1; path:'%2'")
+                       .arg(settableRoles().join(QStringLiteral(", ")), path));
             return {};
         }
-        bool accepted = true;
-        const QVariant plain = plainFromBus(*role, &accepted);
+        bool isPlain = true;
+        const QVariant plain = plainFromBus(*role, &isPlain);
         if (role.key() == TuloRoles::Value()) {
             TuloValue value;
             if (!acceptedValue(path, *role, &value))
                 return {};
             changed.setValue(value);
-        } else if (role.key() == TuloRoles::Timestamp() && accepted
+        } else if (role.key() == TuloRoles::Timestamp() && isPlain
                    && plain.userType() == QMetaType::LongLong) {
             changed.setTimestamp(plain.toLongLong());
-        } else if (role.key() == TuloRoles::Id() && accepted
+        } else if (role.key() == TuloRoles::Id() && isPlain
                    && plain.userType() == QMetaType::QString) {
             changed.setId(plain.toString());
-        } else if (role.key() == TuloRoles::Disabled() && accepted
+        } else if (role.key() == TuloRoles::Disabled() && isPlain
                    && plain.userType() == QMetaType::Bool) {
             changed.setDisabled(plain.toBool());
         } else {
@@ -306,11 +367,17 @@ QVariantMap Service::SetRoles(const QString& path, const QVariantMap& roles)
             return {};
         }
     }
+    if (busSize(busRoles(changed.__variant().toHash())) > maximumValueBytes) {
+        refuseSize(path);
+        return {};
+    }
     return stored(m_host.client().setRoles(CMPath(path), changed));
 }
 
 QVariantMap Service::Apply(const QString& path, const QString& verb, const QVariantList& operand)
 {
+    if (!accepted(path))
+        return {};
     if (!CMOperation::verbs().contains(verb) || operand.size() > 1) {
         refuse(errorName(ErrorKind::Refused),
                QStringLiteral("An operation is one of %1, with one operand at most; path:'%2'")
@@ -325,6 +392,8 @@ QVariantMap Service::Apply(const QString& path, const QString& verb, const QVari
 
 uint Service::Flush()
 {
+    if (!message().isReplyRequired())
+        return 0;
     const QString client = message().service();
     const auto waiting =
         std::count_if(m_waitingFlushes.cbegin(), m_waitingFlushes.cend(),
@@ -359,7 +428,8 @@ void Service::answerFlushes()
 
 void Service::DropCache()
 {
-    refused(m_host.client().dropCache());
+    if (message().isReplyRequired())
+        refused(m_host.client().dropCache());
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -376,7 +446,8 @@ bool Service::isEncrypted(const CMPath& path)
 void Service::valueChanged(const CMPath& path, const QVariant& value)
 {
     const QVariant plain = busRole(TuloRoles::Value(), value);
-    if (plain.isValid() && !isEncrypted(path))
+    // One that a file brought may be too large for the bus; that it changed is told all the same.
+    if (plain.isValid() && busSize(plain) <= maximumValueBytes && !isEncrypted(path))
         emit ValueChanged(path.text(), QDBusVariant(plain));
 }
 

@@ -20,6 +20,9 @@
 /// share one run, and a client has at most maximumWaiting of them. Null and wrong values are
 /// turned away before they reach the worker; what the worker announces goes out as broadcast
 /// signals, which no slow reader holds up.
+///
+/// A call whose sender wants no answer is not served: the bus limits the answers that a client
+/// waits for, and nothing else keeps one client from filling the queue for all.
 class Service : public QObject, protected QDBusContext, private CMSubscriber
 {
     Q_OBJECT
@@ -32,6 +35,11 @@ class Service : public QObject, protected QDBusContext, private CMSubscriber
 
 public:
     static constexpr int maximumWaiting = 16;
+    /// The bus closes the connection of whoever sends more than 64 KiB, so the service sends
+    /// less: what follows a message's header has at most so many bytes ...
+    static constexpr int maximumBodyBytes = 62 * 1024;
+    /// ... and a value that is set, which is announced and answered later, so many.
+    static constexpr int maximumValueBytes = 56 * 1024;
 
     static QString busName();
     static QString objectPath();
@@ -80,7 +88,9 @@ private:
     void rowsChanged(const CMPath& path, const QString& command, int version) override;
 
     void refuse(const QString& error, const QString& message);
+    void refuseSize(const QString& path);
     bool refused(const CMVoidReply& reply);
+    bool accepted(const QString& path);
     bool acceptedValue(const QString& path, const QVariant& sent, TuloValue* value);
     QVariantMap stored(const CMSetDataRequest::Reply& reply);
     TuloRoles settingRoles(const QString& path);

@@ -38,27 +38,28 @@ public:
 private:
     Attempt tryOnce(int first, int last)
     {
-        int next = first;
+        qint64 next = first;
         do {
-            const bool isLastPage = qint64(last) - next < pageRows;
-            const int pageLast = isLastPage ? last : next + pageRows - 1;
-            Answer<RowPage> answer = m_session.getRows(m_path, next, pageLast, m_roles);
+            const int pageFirst = int(next);
+            const int pageLast = int(std::min(next + pageRows - 1, qint64(last)));
+            Answer<RowPage> answer = m_session.getRows(m_path, pageFirst, pageLast, m_roles);
+            next = qint64(pageLast) + 1;
             if (!answer.failure) {
                 if (take(answer.value) == Attempt::RowsChanged)
                     return Attempt::RowsChanged;
+                // Fewer than asked for when more do not fit in an answer.
+                if (!answer.value.rows.isEmpty())
+                    next = qint64(pageFirst) + answer.value.rows.size();
             } else if (const Answer<RowPage> none = askForNone();
                        none.failure || answer.failure.exitCode == Refused) {
                 // Not the fault of one row.
                 m_listing.failure = answer.failure;
                 return Attempt::Complete;
             } else if (take(none.value) == Attempt::RowsChanged
-                       || takeOneByOne(next, pageLast) == Attempt::RowsChanged) {
+                       || takeOneByOne(pageFirst, pageLast) == Attempt::RowsChanged) {
                 return Attempt::RowsChanged;
             }
-            if (isLastPage)
-                break;
-            next = pageLast + 1;
-        } while (next < m_listing.page.count);
+        } while (next <= last && next < m_listing.page.count);
         return Attempt::Complete;
     }
 

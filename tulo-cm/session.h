@@ -90,7 +90,8 @@ public:
 
     /// One entry for each role asked for, invalid where the node lacks it.
     virtual Answer<QVariantHash> getData(const QString& path, const QStringList& roles) = 0;
-    /// The rows with the indexes `first` to `last` (inclusive, at most 250).
+    /// The rows with the indexes `first` to `last` (inclusive, at most 250); only the first of
+    /// them when more do not fit in an answer.
     virtual Answer<RowPage> getRows(const QString& path, int first, int last,
                                     const QStringList& roles) = 0;
 
