@@ -23,8 +23,8 @@ QString kindOfSetting(const TuloRoles& roles)
 
 TuloValue valueOfKind(const QString& kind, const QVariant& content)
 {
-    const TuloValue value = TuloValue::ofContent(content);
-    const TuloValue converted = value.convertedTo(kind);
+    TuloValue value = TuloValue::ofContent(content);
+    TuloValue converted = value.convertedTo(kind);
     if (!converted.isEmpty())
         return converted;
     const bool isScalar = !value.isEmpty() && value.kind() != TuloValue::List();

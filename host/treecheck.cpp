@@ -69,8 +69,6 @@ private:
         const bool isMeta = name == metaName;
         if (isMeta && info.isDir()) {
             add(Kind::Unparsable, file, QStringLiteral("is a directory"));
-        } else if (isMeta && info.isFile()) {
-            checkFile(file);
         } else if (!isMeta && !Guard::isListable(name)) {
             add(Kind::NotListed, file, QStringLiteral("no listing shows this name"));
         } else if (info.isDir() && info.isReadable()) {

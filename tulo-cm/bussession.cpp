@@ -278,7 +278,7 @@ Failure BusSession::settle(bool forDisk)
 
 Failure BusSession::watch(const QString& path)
 {
-    const Failure failure = getData(path, {}).failure;
+    Failure failure = getData(path, {}).failure;
     if (failure || m_watched.contains(path))
         return failure;
     m_watched.insert(path);

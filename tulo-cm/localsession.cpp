@@ -210,7 +210,7 @@ Failure LocalSession::settle(bool)
 {
     // Without a change nothing is written, and the other owner of the tree is left in peace.
     if (m_host->writes().needsFlush()) {
-        const Failure failure = flush();
+        Failure failure = flush();
         if (failure)
             return failure;
     }
@@ -235,7 +235,7 @@ Failure LocalSession::watch(const QString& path)
 {
     const CMPath node(path);
     // Asking first keeps paths that name nothing out of the registry, which forgets none.
-    const Failure failure = getData(path, {}).failure;
+    Failure failure = getData(path, {}).failure;
     if (failure)
         return failure;
     if (!m_subscribed.contains(path)) {

@@ -107,7 +107,7 @@ Failure judgeWorkerOptions(const Arguments& arguments)
     if (arguments.isSet(languageOption) && !arguments.isSet(cataloguesOption))
         return usageFailure(QStringLiteral("'--language' needs '--catalogues'"));
     for (const QString& directory : arguments.values(cataloguesOption)) {
-        const Failure failure = judgeDirectory(directory);
+        Failure failure = judgeDirectory(directory);
         if (failure)
             return failure;
     }

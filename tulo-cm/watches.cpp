@@ -21,7 +21,7 @@ Failure Watches::add(const QStringList& paths, int count)
 {
     const auto left = std::make_shared<int>(count);
     for (const QString& path : paths) {
-        const Failure failure = m_session.watch(path);
+        Failure failure = m_session.watch(path);
         if (failure)
             return failure;
         m_left.insert(path, left);

@@ -129,7 +129,7 @@ QString CMSettingsWorker::getRequestSettingPath(const CMPath& path)
 {
     static constexpr char signature[] =
         "static QString CMSettingsWorker::getRequestSettingPath(const CMPath&)";
-    const QString base = path.base();
+    QString base = path.base();
     if (base.startsWith(separator))
         return base;
     LOG4CPLUS_WARN(logger,
@@ -336,7 +336,7 @@ QVariant CMSettingsWorker::loadFile(const QString& fileName, bool strict)
     // A directory does not open; it parses as the empty text, which is an error like any other.
     const QByteArray text = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     TuloError error { QVariantHash() };
-    const QVariant result = TuloJson::parse(text, error, nullptr);
+    QVariant result = TuloJson::parse(text, error, nullptr);
     if (!error.isEmpty()) {
         LOG4CPLUS_ERROR(logger,
                         "Settings: Unable to parse '" << fileName << "': " << error.message());
