@@ -6,7 +6,6 @@
 
 #include <QDBusConnectionInterface>
 #include <QDBusError>
-#include <QTimer>
 
 #include <algorithm>
 #include <utility>
@@ -407,7 +406,7 @@ uint Service::Flush()
     m_waitingFlushes.append(message());
     // Whoever asks before the event loop comes round shares this run.
     if (m_waitingFlushes.size() == 1)
-        QTimer::singleShot(0, this, &Service::answerFlushes);
+        QMetaObject::invokeMethod(this, &Service::answerFlushes, Qt::QueuedConnection);
     return 0;
 }
 
