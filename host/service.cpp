@@ -74,6 +74,8 @@ Service::Service(Host& host)
     // Queued: it is emitted inside a log call of the worker.
     connect(&m_host.writes(), &WriteWatch::changed, this, &Service::announceProperties,
             Qt::QueuedConnection);
+    m_flushRun.setSingleShot(true);
+    connect(&m_flushRun, &QTimer::timeout, this, &Service::answerFlushes);
 }
 
 Service::~Service()
@@ -405,8 +407,7 @@ uint Service::Flush()
     setDelayedReply(true);
     m_waitingFlushes.append(message());
     // Whoever asks before the event loop comes round shares this run.
-    if (m_waitingFlushes.size() == 1)
-        QMetaObject::invokeMethod(this, &Service::answerFlushes, Qt::QueuedConnection);
+    m_flushRun.start();
     return 0;
 }
 

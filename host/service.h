@@ -9,6 +9,7 @@
 #include <QDBusVariant>
 #include <QObject>
 #include <QStringList>
+#include <QTimer>
 #include <QVariant>
 #include <QVector>
 
@@ -102,5 +103,6 @@ private:
     QDBusConnection m_bus;
     bool m_isOffered = false;
     QVector<QDBusMessage> m_waitingFlushes;
+    QTimer m_flushRun;
     QVariantMap m_announced; ///< the changing properties as they were announced last
 };
