@@ -202,7 +202,12 @@ QVariant roleFromBus(const QString& role, const QVariant& value)
 {
     bool accepted = true;
     const QVariant plain = plainFromBus(value, &accepted);
-    return isValueRole(role) ? TuloValue::ofContent(plain).__variant() : plain;
+    if (!isValueRole(role))
+        return plain;
+    // One beyond 64 bits with a sign was stored as an integer; plainly it would be a double.
+    return plain.userType() == QMetaType::ULongLong
+        ? TuloValue::of(TuloValue::Int(), plain).__variant()
+        : TuloValue::ofContent(plain).__variant();
 }
 
 QVariant plainFromBus(const QVariant& value, bool* accepted)
@@ -253,9 +258,7 @@ QVariant plainFromBus(const QVariant& value, bool* accepted)
 
 TuloValue valueFromPlain(const QVariant& content, const TuloRoles& setting)
 {
-    if (content.userType() == QMetaType::QVariantHash) {
-        const TuloValue value { TuloHash(content.toHash()) };
-        return value.convertedTo(value.kind()).isEmpty() ? TuloValue() : value;
-    }
+    if (content.userType() == QMetaType::QVariantHash)
+        return TuloValue(TuloHash(content.toHash()));
     return valueOfKind(kindOfSetting(setting), content);
 }

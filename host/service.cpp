@@ -88,6 +88,8 @@ Service::~Service()
 bool Service::offer(const QDBusConnection& bus, QString* reason)
 {
     m_bus = bus;
+    // What was before, whoever comes reads.
+    m_announced = changingProperties();
     if (!m_bus.registerObject(objectPath(), this)) {
         *reason = QStringLiteral("The object '%1' is offered already").arg(objectPath());
         return false;
@@ -166,13 +168,18 @@ QString Service::writePath() const
     return m_host.writePath();
 }
 
+QVariantMap Service::changingProperties() const
+{
+    return { { QStringLiteral("PendingWrites"), pendingWrites() },
+             { QStringLiteral("UnsavedPaths"), unsavedPaths() },
+             { QStringLiteral("LastWriteError"), lastWriteError() } };
+}
+
 void Service::announceProperties()
 {
     if (!m_isOffered)
         return;
-    const QVariantMap now { { QStringLiteral("PendingWrites"), pendingWrites() },
-                            { QStringLiteral("UnsavedPaths"), unsavedPaths() },
-                            { QStringLiteral("LastWriteError"), lastWriteError() } };
+    const QVariantMap now = changingProperties();
     QVariantMap changed;
     for (auto property = now.cbegin(); property != now.cend(); ++property) {
         if (m_announced.value(property.key()) != *property)

@@ -97,6 +97,7 @@ private:
     TuloRoles settingRoles(const QString& path);
     bool isEncrypted(const CMPath& path);
     void answerFlushes();
+    QVariantMap changingProperties() const;
     void announceProperties();
 
     Host& m_host;

@@ -1,0 +1,341 @@
+#include "tests/service/servicefixture.h"
+
+#include <QDBusArgument>
+#include <QDBusMetaType>
+#include <QDBusObjectPath>
+#include <QDBusSignature>
+#include <QDBusVariant>
+#include <QDeadlineTimer>
+#include <QEventLoop>
+#include <QFile>
+#include <QTest>
+#include <QTimer>
+
+#include <atomic>
+
+namespace {
+
+const QString serviceName = QStringLiteral("org.tulo.ConfigurationManager1");
+const QString objectPath = QStringLiteral("/org/tulo/ConfigurationManager1");
+const QString propertiesInterface = QStringLiteral("org.freedesktop.DBus.Properties");
+
+QString uniqueName()
+{
+    static std::atomic<int> count { 0 };
+    return QStringLiteral("client%1").arg(++count);
+}
+
+QString shownArgument(const QDBusArgument& argument)
+{
+    QStringList entries;
+    switch (argument.currentType()) {
+    case QDBusArgument::ArrayType: {
+        const QString signature = argument.currentSignature();
+        argument.beginArray();
+        while (!argument.atEnd())
+            entries.append(shownArgument(argument));
+        argument.endArray();
+        return QStringLiteral("%1 [%2]").arg(signature, entries.join(QStringLiteral(", ")));
+    }
+    case QDBusArgument::StructureType:
+        argument.beginStructure();
+        while (!argument.atEnd())
+            entries.append(shownArgument(argument));
+        argument.endStructure();
+        return QStringLiteral("(%1)").arg(entries.join(QStringLiteral(", ")));
+    case QDBusArgument::MapType:
+        argument.beginMap();
+        while (!argument.atEnd()) {
+            argument.beginMapEntry();
+            const QString key = argument.asVariant().toString();
+            const QString value = shownArgument(argument);
+            argument.endMapEntry();
+            entries.append(QStringLiteral("%1: %2").arg(
+                key, key == QLatin1String("timestamp") ? QStringLiteral("*") : value));
+        }
+        argument.endMap();
+        return QStringLiteral("{%1}").arg(entries.join(QStringLiteral(", ")));
+    default:
+        return shown(argument.asVariant());
+    }
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Bus and service.
+// ---------------------------------------------------------------------------------------------
+
+QByteArray PrivateBus::openPolicy()
+{
+    return R"(<policy context="default">
+  <allow send_destination="*" eavesdrop="true"/>
+  <allow eavesdrop="true"/>
+  <allow own="*"/>
+</policy>
+<limit name="max_message_size">65536</limit>
+<limit name="max_replies_per_connection">16</limit>
+)";
+}
+
+// Ends with the test program, however that ends.
+PrivateBus::PrivateBus(const QByteArray& policy)
+    : m_daemon(
+        QStringLiteral("setpriv"),
+        { QStringLiteral("--pdeathsig"), QStringLiteral("KILL"), QStringLiteral("dbus-daemon"),
+          QStringLiteral("--nofork"), QStringLiteral("--print-address"),
+          QStringLiteral("--config-file=") + m_directory.filePath(QStringLiteral("bus.conf")) })
+{
+    // As chmod 755: other users of the bus have to find its socket.
+    QFile::setPermissions(m_directory.path(), QFile::Permissions(0x7755));
+    QFile file(m_directory.filePath(QStringLiteral("bus.conf")));
+    if (!file.open(QIODevice::WriteOnly))
+        qFatal("cannot write the bus configuration");
+    file.write("<busconfig><listen>unix:path=" + QFile::encodeName(m_directory.path())
+               + "/bus</listen><auth>EXTERNAL</auth>\n" + policy + "</busconfig>\n");
+    file.close();
+    if (!m_daemon.start() || !m_daemon.waitForOutput("\n"))
+        qFatal("no bus: %s", m_daemon.standardError().constData());
+}
+
+QString PrivateBus::address() const
+{
+    return QStringLiteral("unix:path=") + m_directory.filePath(QStringLiteral("bus"));
+}
+
+void PrivateBus::kill()
+{
+    m_daemon.sendSignal(SIGKILL);
+    m_daemon.finish();
+}
+
+namespace {
+
+QStringList serviceWords(const CommandLine& trees, const QString& bus, const QStringList& options,
+                         const QStringList& program)
+{
+    return program + QStringList { QStringLiteral(TULO_CM_PROGRAM) }
+    + trees.arguments({ QStringLiteral("--bus"), bus }) + options
+        + QStringList { QStringLiteral("serve") };
+}
+
+} // namespace
+
+ServiceProcess::ServiceProcess(const CommandLine& trees, const QString& bus,
+                               const QStringList& options, const QStringList& program)
+    : ChildProcess(serviceWords(trees, bus, options, program).first(),
+                   serviceWords(trees, bus, options, program).mid(1))
+{
+}
+
+void ServiceProcess::replaceSync(const QByteArray& script)
+{
+    QFile file(m_directory.filePath(QStringLiteral("sync")));
+    if (!file.open(QIODevice::WriteOnly) || file.write("#!/bin/sh\n" + script + '\n') < 0
+        || !file.setPermissions(QFile::ReadOwner | QFile::ExeOwner))
+        qFatal("cannot write a program");
+    setVariable(QStringLiteral("PATH"),
+                m_directory.path() + QLatin1Char(':') + qEnvironmentVariable("PATH"));
+}
+
+bool ServiceProcess::serve()
+{
+    return start() && waitForError("tulo-cm: serving '");
+}
+
+ChildResult ServiceProcess::end(int signal)
+{
+    sendSignal(signal);
+    return finish();
+}
+
+QByteArray ServiceProcess::complaints(const ChildResult& result)
+{
+    QByteArray lines;
+    for (const QByteArray& line : result.standardError.split('\n')) {
+        if (!line.isEmpty() && !line.startsWith("tulo-cm: serving '"))
+            lines += line + '\n';
+    }
+    return lines;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Clients.
+// ---------------------------------------------------------------------------------------------
+
+BusClient::BusClient(const QString& bus)
+    : m_connection(QDBusConnection::connectToBus(bus, uniqueName()))
+{
+    if (!m_connection.isConnected())
+        qFatal("no connection to the bus: %s", qPrintable(m_connection.lastError().message()));
+}
+
+BusClient::~BusClient()
+{
+    QDBusConnection::disconnectFromBus(m_connection.name());
+}
+
+QDBusMessage BusClient::message(const QString& method, const QVariantList& arguments)
+{
+    QDBusMessage message =
+        QDBusMessage::createMethodCall(serviceName, objectPath, serviceName, method);
+    message.setArguments(arguments);
+    return message;
+}
+
+QString BusClient::call(const char* method, const QVariantList& arguments) const
+{
+    return shown(m_connection.call(message(QString::fromLatin1(method), arguments), QDBus::Block,
+                                   ChildProcess::waitMs));
+}
+
+QString BusClient::errorOf(const QDBusMessage& reply)
+{
+    if (reply.type() == QDBusMessage::ReplyMessage)
+        return QString();
+    QString name = reply.errorName();
+    name.remove(serviceName + QLatin1String(".Error."));
+    return name + QLatin1String(": ") + reply.errorMessage();
+}
+
+QString BusClient::property(const char* name) const
+{
+    QDBusMessage get = QDBusMessage::createMethodCall(serviceName, objectPath, propertiesInterface,
+                                                      QStringLiteral("Get"));
+    get << serviceName << QString::fromLatin1(name);
+    return shown(m_connection.call(get, QDBus::Block, ChildProcess::waitMs));
+}
+
+QString BusClient::value(const QString& path) const
+{
+    const QDBusMessage reply = m_connection.call(
+        message(QStringLiteral("GetData"), { path, QStringList { QStringLiteral("value") } }),
+        QDBus::Block, ChildProcess::waitMs);
+    const QString error = errorOf(reply);
+    if (!error.isEmpty())
+        return error;
+    return ::shown(
+        qdbus_cast<QVariantMap>(reply.arguments().value(0)).value(QStringLiteral("value")));
+}
+
+QString BusClient::shown(const QDBusMessage& message)
+{
+    if (message.type() == QDBusMessage::ErrorMessage
+        || message.type() == QDBusMessage::InvalidMessage)
+        return errorOf(message);
+    QStringList arguments;
+    const QVariantList all = message.arguments();
+    for (const QVariant& argument : all)
+        arguments.append(::shown(argument));
+    return arguments.join(QLatin1Char(' '));
+}
+
+QVariant variantOf(const QVariant& value)
+{
+    return QVariant::fromValue(QDBusVariant(value));
+}
+
+QString shown(const QVariant& value)
+{
+    const auto text = [&value](const char* type) {
+        return QLatin1String(type) + QLatin1Char(' ') + value.toString();
+    };
+    if (value.userType() == qMetaTypeId<QDBusVariant>())
+        return shown(value.value<QDBusVariant>().variant());
+    if (value.userType() == qMetaTypeId<QDBusArgument>())
+        return shownArgument(value.value<QDBusArgument>());
+    if (value.userType() == qMetaTypeId<QDBusObjectPath>())
+        return QLatin1String("o ") + value.value<QDBusObjectPath>().path();
+    switch (value.userType()) {
+    case QMetaType::Bool:
+        return text("b");
+    case QMetaType::UChar:
+        return QStringLiteral("y %1").arg(value.toUInt());
+    case QMetaType::Int:
+        return text("i");
+    case QMetaType::UInt:
+        return text("u");
+    case QMetaType::LongLong:
+        return text("x");
+    case QMetaType::ULongLong:
+        return text("t");
+    case QMetaType::Double:
+        return text("d");
+    case QMetaType::QString:
+        return QStringLiteral("s \"%1\"").arg(value.toString());
+    case QMetaType::QStringList:
+        return QStringLiteral("as [%1]").arg(value.toStringList().join(QStringLiteral(", ")));
+    case QMetaType::QVariantList: {
+        QStringList entries;
+        const QVariantList list = value.toList();
+        for (const QVariant& entry : list)
+            entries.append(shown(entry));
+        return QStringLiteral("av [%1]").arg(entries.join(QStringLiteral(", ")));
+    }
+    case QMetaType::QVariantMap: {
+        QStringList entries;
+        const QVariantMap map = value.toMap();
+        for (auto entry = map.cbegin(); entry != map.cend(); ++entry) {
+            entries.append(QStringLiteral("%1: %2").arg(
+                entry.key(),
+                entry.key() == QLatin1String("timestamp") ? QStringLiteral("*") : shown(*entry)));
+        }
+        return QStringLiteral("{%1}").arg(entries.join(QStringLiteral(", ")));
+    }
+    default:
+        return QLatin1String("? ") + QLatin1String(value.typeName());
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Signals.
+// ---------------------------------------------------------------------------------------------
+
+SignalRecorder::SignalRecorder(const QDBusConnection& connection)
+    : m_connection(connection)
+{
+    const auto listen = [this](const QString& interface, const QString& name) {
+        if (!m_connection.connect(serviceName, objectPath, interface, name, this,
+                                  SLOT(on_bus_signal(QDBusMessage))))
+            qFatal("cannot listen to %s", qPrintable(name));
+    };
+    listen(serviceName, QStringLiteral("ValueChanged"));
+    listen(serviceName, QStringLiteral("DataChanged"));
+    listen(serviceName, QStringLiteral("RowsChanged"));
+    listen(propertiesInterface, QStringLiteral("PropertiesChanged"));
+    // Answered after the match rules, which are on their way.
+    m_connection.call(BusClient::message(QStringLiteral("GetData"),
+                                         { QStringLiteral("/settings"), QStringList() }));
+}
+
+QStringList SignalRecorder::received()
+{
+    QCoreApplication::sendPostedEvents();
+    QCoreApplication::processEvents();
+    return m_received;
+}
+
+bool SignalRecorder::waitFor(const QString& signal)
+{
+    QDeadlineTimer deadline(ChildProcess::waitMs);
+    QTimer wake;
+    wake.setSingleShot(true);
+    wake.start(ChildProcess::waitMs);
+    while (!m_received.contains(signal) && !deadline.hasExpired())
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    if (!m_received.contains(signal))
+        qWarning("received only: %s", qPrintable(m_received.join(QStringLiteral("\n"))));
+    return m_received.contains(signal);
+}
+
+void SignalRecorder::on_bus_signal(const QDBusMessage& message)
+{
+    QStringList words { message.member() };
+    const QVariantList arguments = message.arguments();
+    for (const QVariant& argument : arguments) {
+        // Paths, commands and interface names by themselves.
+        words.append(argument.userType() == QMetaType::QString ? argument.toString()
+                                                               : shown(argument));
+    }
+    m_received.append(words.join(QLatin1Char(' ')));
+}

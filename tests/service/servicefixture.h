@@ -1,0 +1,114 @@
+#pragma once
+
+#include "tests/support/childprocess.h"
+#include "tests/system/commandline.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QVariant>
+
+#include <csignal>
+
+// What the tests of the service share: a bus, a service and clients of a test's own.
+
+/// A dbus-daemon of a test's own, with the message and call limits of the packaged bus policy.
+class PrivateBus
+{
+public:
+    /// What a session bus allows: everybody everything.
+    static QByteArray openPolicy();
+
+    /// `policy` is the content of the bus configuration beside type, address and limits.
+    explicit PrivateBus(const QByteArray& policy = openPolicy());
+
+    QString address() const;
+    void kill();
+
+private:
+    const QTemporaryDir m_directory;
+    ChildProcess m_daemon;
+};
+
+/// "tulo-cm serve" on trees and a bus.
+class ServiceProcess : public ChildProcess
+{
+public:
+    /// `options` come before the command, `program` before all of it: a program that runs
+    /// another one.
+    ServiceProcess(const CommandLine& trees, const QString& bus, const QStringList& options = {},
+                   const QStringList& program = {});
+
+    /// Before start(): a shell script in the place of the program "sync". A flush else takes as
+    /// long as the disk needs for what all other programs wrote.
+    void replaceSync(const QByteArray& script);
+
+    /// Starts and waits until it serves.
+    bool serve();
+    /// Ends it in order, or by another signal.
+    ChildResult end(int signal = SIGTERM);
+    /// What it wrote to standard error, without the line that it serves.
+    static QByteArray complaints(const ChildResult& result);
+
+private:
+    const QTemporaryDir m_directory;
+};
+
+/// A connection to a bus, with which a test plays client.
+class BusClient
+{
+public:
+    explicit BusClient(const QString& bus);
+    ~BusClient();
+    Q_DISABLE_COPY(BusClient)
+
+    const QDBusConnection& connection() const { return m_connection; }
+    static QDBusMessage message(const QString& method, const QVariantList& arguments = {});
+
+    /// Calls a method of the service and waits: its answer as shown() or "ERROR: MESSAGE", the
+    /// error without the service's prefix.
+    QString call(const char* method, const QVariantList& arguments = {}) const;
+    /// Any error's name and message; empty for an answer.
+    static QString errorOf(const QDBusMessage& reply);
+    /// The value of a property, as shown().
+    QString property(const char* name) const;
+    /// The value of a setting by itself: "x 35".
+    QString value(const QString& path) const;
+    /// The call and the answer as text.
+    static QString shown(const QDBusMessage& message);
+
+private:
+    QDBusConnection m_connection;
+};
+
+/// What the bus carried, with its types: `x 35`, `s "fm"`, `av [x 1]`, `{key: b true}`. Variants
+/// are looked through; time stamps, which differ from run to run, are "*".
+QString shown(const QVariant& value);
+
+/// A value inside a variant, as SetValue takes it.
+QVariant variantOf(const QVariant& value);
+
+/// Records the signals that reach a client, in order: "ValueChanged /settings/audio/volume x 40".
+class SignalRecorder : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// Records the broadcasts of the service from now on; when this returns, the bus knows.
+    explicit SignalRecorder(const QDBusConnection& connection);
+
+    /// Those that came so far; what was sent before an answer that has come is among them.
+    QStringList received();
+    /// Waits for this one.
+    bool waitFor(const QString& signal);
+
+private slots:
+    void on_bus_signal(const QDBusMessage& message);
+
+private:
+    QDBusConnection m_connection;
+    QStringList m_received;
+};
