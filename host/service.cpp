@@ -95,6 +95,9 @@ bool Service::offer(const QDBusConnection& bus, QString* reason)
         return false;
     }
     m_isOffered = true;
+    m_bus.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
+                  QStringLiteral("org.freedesktop.DBus.Local"), QStringLiteral("Disconnected"),
+                  this, SLOT(on_bus_disconnected()));
     if (m_bus.registerService(busName()))
         return true;
     const QString detail = m_bus.lastError().message();
@@ -123,6 +126,9 @@ bool Service::isConnected() const
 {
     return m_bus.isConnected();
 }
+
+// Waking the event loop is all.
+void Service::on_bus_disconnected() { }
 
 // ---------------------------------------------------------------------------------------------
 // Properties.

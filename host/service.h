@@ -83,6 +83,9 @@ signals:
     void DataChanged(const QString& path);
     void RowsChanged(const QString& path, const QString& command, int rowsVersion);
 
+private slots:
+    void on_bus_disconnected();
+
 private:
     void valueChanged(const CMPath& path, const QVariant& value) override;
     void dataChanged(const CMPath& path) override;

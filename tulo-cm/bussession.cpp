@@ -244,18 +244,16 @@ Answer<QVariantHash> BusSession::apply(const QString& path, const QString& verb,
 
 Failure BusSession::flush()
 {
-    const QString path = TuloSettingsActionsFlush().text();
     auto reply = m_proxy->Flush();
     reply.waitForFinished();
+    Failure failure;
     if (reply.isError())
-        return failureOf(reply.error(), path);
-    if (reply.value() == 0)
-        return {};
+        failure = failureOf(reply.error(), TuloSettingsActionsFlush().text());
+    const bool isSaved = !reply.isError() && reply.value() == 0;
+    if (isSaved || (failure && failure.exitCode != NotSaved))
+        return failure;
     const Answer<ServiceStatus> now = status();
-    return { NotSaved, QStringLiteral("NotSaved"),
-             QStringLiteral("not on disk: %1 (%2)")
-                 .arg(now.value.unsavedPaths.join(QStringLiteral(", ")), now.value.lastWriteError),
-             path };
+    return notSaved(now.value.unsavedPaths, now.value.lastWriteError);
 }
 
 Failure BusSession::dropCache()

@@ -222,13 +222,7 @@ Failure LocalSession::saved() const
     const WriteWatch& writes = m_host->writes();
     if (writes.isSaved())
         return {};
-    const QStringList unsaved = writes.unsavedPaths();
-    QString message = QStringLiteral("not on disk");
-    if (!unsaved.isEmpty())
-        message += QStringLiteral(": ") + unsaved.join(QStringLiteral(", "));
-    if (!writes.lastError().isEmpty())
-        message += QStringLiteral(" (%1)").arg(writes.lastError());
-    return { NotSaved, QStringLiteral("NotSaved"), message, unsaved.value(0) };
+    return notSaved(writes.unsavedPaths(), writes.lastError());
 }
 
 Failure LocalSession::watch(const QString& path)

@@ -35,6 +35,17 @@ struct Failure
     explicit operator bool() const { return exitCode != Done; }
 };
 
+/// The failure of a flush, or of a change that should be on disk.
+inline Failure notSaved(const QStringList& unsavedPaths, const QString& lastError)
+{
+    QString message = QStringLiteral("not on disk");
+    if (!unsavedPaths.isEmpty())
+        message += QStringLiteral(": ") + unsavedPaths.join(QStringLiteral(", "));
+    if (!lastError.isEmpty())
+        message += QStringLiteral(" (%1)").arg(lastError);
+    return { NotSaved, QStringLiteral("NotSaved"), message, unsavedPaths.value(0) };
+}
+
 /// What an operation answers: a value unless it failed.
 template<typename T>
 struct Answer

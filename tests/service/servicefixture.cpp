@@ -13,6 +13,11 @@
 
 #include <atomic>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 const QString serviceName = QStringLiteral("org.tulo.ConfigurationManager1");
@@ -157,6 +162,53 @@ QByteArray ServiceProcess::complaints(const ChildResult& result)
             lines += line + '\n';
     }
     return lines;
+}
+
+namespace {
+
+int openPipe(const QString& name)
+{
+    const QByteArray fileName = QFile::encodeName(name);
+    // For both directions, so that neither side waits for the other to open it.
+    const int descriptor = ::mkfifo(fileName.constData(), 0600) == 0
+        ? ::open(fileName.constData(), O_RDWR | O_CLOEXEC)
+        : -1;
+    if (descriptor < 0)
+        qFatal("cannot make a pipe");
+    return descriptor;
+}
+
+} // namespace
+
+SyncGate::SyncGate()
+    : m_arrivals(openPipe(m_directory.filePath(QStringLiteral("arrivals"))))
+    , m_gate(openPipe(m_directory.filePath(QStringLiteral("gate"))))
+{
+}
+
+SyncGate::~SyncGate()
+{
+    ::close(m_arrivals);
+    ::close(m_gate);
+}
+
+QByteArray SyncGate::script() const
+{
+    const QByteArray directory = QFile::encodeName(m_directory.path());
+    return "echo >'" + directory + "/arrivals'; read -r line <'" + directory + "/gate'";
+}
+
+bool SyncGate::waitForFlush() const
+{
+    pollfd arrivals { m_arrivals, POLLIN, 0 };
+    char line = 0;
+    return ::poll(&arrivals, 1, ChildProcess::waitMs) == 1 && ::read(m_arrivals, &line, 1) == 1;
+}
+
+void SyncGate::letOneThrough() const
+{
+    if (::write(m_gate, "\n", 1) != 1)
+        qFatal("cannot open the gate");
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -57,6 +57,26 @@ private:
     const QTemporaryDir m_directory;
 };
 
+/// A gate in the place of "sync": a flush stands there until it is opened, for one flush at a time.
+class SyncGate
+{
+public:
+    SyncGate();
+    ~SyncGate();
+    Q_DISABLE_COPY(SyncGate)
+
+    /// For ServiceProcess::replaceSync().
+    QByteArray script() const;
+    /// Waits until a flush stands at the gate.
+    bool waitForFlush() const;
+    void letOneThrough() const;
+
+private:
+    const QTemporaryDir m_directory;
+    int m_arrivals = -1;
+    int m_gate = -1;
+};
+
 /// A connection to a bus, with which a test plays client.
 class BusClient
 {

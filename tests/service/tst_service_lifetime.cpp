@@ -1,0 +1,336 @@
+#include "tests/service/servicefixture.h"
+
+#include <QDBusPendingCall>
+#include <QFile>
+#include <QTest>
+
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+const QString volume = QStringLiteral("/settings/audio/volume");
+const QString gain = QStringLiteral("/settings/audio/gain");
+
+QString numbered(int number)
+{
+    return QStringLiteral("/many/n%1").arg(number, 3, 10, QLatin1Char('0'));
+}
+
+QByteArray fileNameOf(const TemporaryTree& tree, const char* name)
+{
+    return QFile::encodeName(tree.writePath()) + name;
+}
+
+} // namespace
+
+/// Start and stop, the owner's lock, and what becomes of the service without its bus.
+class TstServiceLifetime : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void orderlyStopLeavesEverythingOnDisk_data();
+    void orderlyStopLeavesEverythingOnDisk();
+    void stopAnswersTheFlushThatRuns();
+    void killedServiceLeavesWhatWasFlushed();
+    void secondInstanceIsRefused();
+    void otherTreeOnTheSameBusIsRefused();
+    void otherUserCannotHoldTheLockFirst();
+    void lockOfAnotherUserStopsTheStart();
+    void readinessIsToldToTheServiceManager();
+
+    void lostBusEndsTheServiceWithEverythingOnDisk();
+    void lostBusWakesTheIdleService();
+    void closedConnectionIsMadeAgain();
+    void missingBusIsTold();
+};
+
+// ---------------------------------------------------------------------------------------------
+// Stop and start.
+// ---------------------------------------------------------------------------------------------
+
+void TstServiceLifetime::orderlyStopLeavesEverythingOnDisk_data()
+{
+    QTest::addColumn<int>("signal");
+    QTest::addColumn<int>("count");
+    QTest::newRow("SIGTERM") << SIGTERM << 300;
+    QTest::newRow("SIGINT") << SIGINT << 10;
+}
+
+void TstServiceLifetime::orderlyStopLeavesEverythingOnDisk()
+{
+    QFETCH(const int, signal);
+    QFETCH(const int, count);
+    const CommandLine trees;
+    for (int i = 0; i < count; ++i)
+        trees.tree.writeDefault(numbered(i), QByteArrayLiteral("{\"value\":{\"int\":0}}"));
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    for (int i = 0; i < count; ++i) {
+        QCOMPARE(
+            client.call("SetValue", { QLatin1String("/settings") + numbered(i), variantOf(i + 1) }),
+            QStringLiteral("{timestamp: *, value: x %1}").arg(i + 1));
+    }
+
+    const ChildResult result = service.end(signal);
+
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(ServiceProcess::complaints(result), QByteArray());
+    for (int i = 0; i < count; ++i) {
+        QCOMPARE(trees.tree.readWrittenRoles(numbered(i)).value(QStringLiteral("value")).toHash(),
+                 QVariantHash({ { QStringLiteral("int"), i + 1 } }));
+    }
+}
+
+void TstServiceLifetime::stopAnswersTheFlushThatRuns()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    const SyncGate gate;
+    ServiceProcess service(trees, bus.address());
+    service.replaceSync(gate.script());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    client.call("SetValue", { volume, variantOf(40) });
+    QDBusPendingCall flush = client.connection().asyncCall(
+        BusClient::message(QStringLiteral("Flush")), ChildProcess::waitMs);
+    QVERIFY(gate.waitForFlush());
+
+    service.sendSignal(SIGTERM);
+    gate.letOneThrough();
+
+    flush.waitForFinished();
+    QCOMPARE(BusClient::shown(flush.reply()), QStringLiteral("u 0"));
+    const ChildResult result = service.finish();
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(ServiceProcess::complaints(result), QByteArray());
+}
+
+void TstServiceLifetime::killedServiceLeavesWhatWasFlushed()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    const BusClient client(bus.address());
+    for (int value = 0; value < 100; value += 20) {
+        ServiceProcess service(trees, bus.address());
+        QVERIFY2(service.serve(), service.standardError());
+        // What the service before left.
+        QCOMPARE(client.value(volume), QStringLiteral("x %1").arg(value == 0 ? 35 : value - 20));
+        client.call("SetValue", { volume, variantOf(value) });
+        QCOMPARE(client.call("Flush"), QStringLiteral("u 0"));
+        client.call("SetValue", { gain, variantOf(-0.5) });
+
+        QCOMPARE(service.end(SIGKILL).signal, SIGKILL);
+    }
+}
+
+void TstServiceLifetime::secondInstanceIsRefused()
+{
+    constexpr int attempts = 100;
+    const CommandLine trees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const QByteArray refusal = QStringLiteral("tulo-cm: The writable tree '%1' is in use by "
+                                              "process %2\n")
+                                   .arg(trees.tree.writePath())
+                                   .arg(service.processId())
+                                   .toUtf8();
+
+    int refused = 0;
+    while (refused < attempts) {
+        // Some at the same time.
+        std::vector<std::unique_ptr<ServiceProcess>> others;
+        for (int i = 0; i < 10; ++i) {
+            others.push_back(std::make_unique<ServiceProcess>(trees, bus.address()));
+            QVERIFY(others.back()->start());
+        }
+        for (const auto& other : others) {
+            const ChildResult result = other->finish();
+            QCOMPARE(result.standardError, refusal);
+            QCOMPARE(result.exitCode, 7);
+            ++refused;
+        }
+    }
+
+    QCOMPARE(BusClient(bus.address()).value(volume), QStringLiteral("x 35"));
+    const ChildResult result = service.end();
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(ServiceProcess::complaints(result), QByteArray());
+}
+
+void TstServiceLifetime::otherTreeOnTheSameBusIsRefused()
+{
+    const CommandLine trees;
+    const CommandLine otherTrees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+
+    ServiceProcess other(otherTrees, bus.address());
+    QVERIFY(other.start());
+    const ChildResult result = other.finish();
+
+    QCOMPARE(result.standardError,
+             QByteArray("tulo-cm: The name 'org.tulo.ConfigurationManager1' is not to be had on "
+                        "this bus: another service has it\n"));
+    QCOMPARE(result.exitCode, 7);
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceLifetime::otherUserCannotHoldTheLockFirst()
+{
+    if (::geteuid() != 0)
+        QSKIP("needs root to become another user");
+    const CommandLine trees;
+    const PrivateBus bus;
+    {
+        ServiceProcess service(trees, bus.address());
+        QVERIFY2(service.serve(), service.standardError());
+        QCOMPARE(service.end().exitCode, 0);
+    }
+
+    // While no service runs: opens and locks the file as soon as it may, and keeps it.
+    ChildProcess other(QStringLiteral("setpriv"),
+                       { QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
+                         QStringLiteral("--clear-groups"), QStringLiteral("flock"),
+                         QFile::decodeName(fileNameOf(trees.tree, "/.tulo-cm.lock")),
+                         QStringLiteral("cat") });
+    QVERIFY(other.start());
+    QVERIFY(other.waitForError("Permission denied"));
+
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceLifetime::lockOfAnotherUserStopsTheStart()
+{
+    if (::geteuid() != 0)
+        QSKIP("needs root to give a file away");
+    const CommandLine trees;
+    const PrivateBus bus;
+    // In a tree where others may write, which is a mistake of whoever set it up.
+    trees.tree.writeWritten(QStringLiteral("/.tulo-cm.lock"), QByteArray());
+    QCOMPARE(::chown(fileNameOf(trees.tree, "/.tulo-cm.lock").constData(), 65534, 65534), 0);
+
+    ServiceProcess service(trees, bus.address());
+    QVERIFY(service.start());
+    const ChildResult result = service.finish();
+
+    QCOMPARE(result.standardError,
+             QStringLiteral("tulo-cm: Lock file '%1/.tulo-cm.lock' belongs to another user "
+                            "(65534)\n")
+                 .arg(trees.tree.writePath())
+                 .toUtf8());
+    QCOMPARE(result.exitCode, 7);
+}
+
+void TstServiceLifetime::readinessIsToldToTheServiceManager()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    const QByteArray name = QFile::encodeName(trees.tree.path()) + "/notify";
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    QVERIFY(size_t(name.size()) < sizeof address.sun_path);
+    std::memcpy(address.sun_path, name.constData(), size_t(name.size()));
+    const int manager = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    QVERIFY(manager >= 0);
+    QCOMPARE(::bind(manager, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    const timeval limit { ChildProcess::waitMs / 1000, 0 };
+    QCOMPARE(::setsockopt(manager, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit), 0);
+    const auto receive = [manager] {
+        char message[256];
+        const ssize_t size = ::recv(manager, message, sizeof message, 0);
+        return QByteArray(message, int(qMax<ssize_t>(size, 0)));
+    };
+    ServiceProcess service(trees, bus.address());
+    service.setVariable(QStringLiteral("NOTIFY_SOCKET"), QFile::decodeName(name));
+
+    QVERIFY2(service.serve(), service.standardError());
+    QCOMPARE(receive(), QByteArray("READY=1"));
+    QCOMPARE(service.end().exitCode, 0);
+    QCOMPARE(receive(), QByteArray("STOPPING=1"));
+    ::close(manager);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The bus.
+// ---------------------------------------------------------------------------------------------
+
+void TstServiceLifetime::lostBusEndsTheServiceWithEverythingOnDisk()
+{
+    const CommandLine trees;
+    PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    BusClient(bus.address()).call("SetValue", { volume, variantOf(40) });
+
+    bus.kill();
+
+    const ChildResult result = service.finish();
+    QVERIFY2(ServiceProcess::complaints(result).startsWith("tulo-cm: the bus has gone; no "),
+             result.standardError);
+    QCOMPARE(result.exitCode, 7);
+    QCOMPARE(trees.tree.readWrittenRoles(QStringLiteral("/audio/volume"))
+                 .value(QStringLiteral("value"))
+                 .toHash(),
+             QVariantHash({ { QStringLiteral("int"), 40 } }));
+}
+
+void TstServiceLifetime::lostBusWakesTheIdleService()
+{
+    const CommandLine trees;
+    PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    QCOMPARE(BusClient(bus.address()).value(volume), QStringLiteral("x 35"));
+
+    bus.kill();
+
+    QCOMPARE(service.finish().exitCode, 7);
+}
+
+void TstServiceLifetime::closedConnectionIsMadeAgain()
+{
+    const CommandLine trees;
+    // A bus that takes much less than the service reckons with.
+    const PrivateBus bus(PrivateBus::openPolicy().replace("65536", "16384"));
+    trees.tree.writeDefault(QStringLiteral("/long"),
+                            "{\"value\":{\"string\":\"" + QByteArray(20000, 'x') + "\"}}");
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    QCOMPARE(client.value(volume), QStringLiteral("x 35"));
+
+    QVERIFY(client.value(QStringLiteral("/settings/long")).startsWith(QStringLiteral("org.freed")));
+    QVERIFY(service.waitForError("tulo-cm: the bus closed the connection; connected again\n"));
+
+    QCOMPARE(client.value(volume), QStringLiteral("x 35"));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceLifetime::missingBusIsTold()
+{
+    const CommandLine trees;
+    ServiceProcess service(trees, QStringLiteral("unix:path=/no/such/bus"));
+    QVERIFY(service.start());
+
+    const ChildResult result = service.finish();
+
+    QVERIFY2(result.standardError.startsWith("tulo-cm: no unix:path=/no/such/bus bus: "),
+             result.standardError);
+    QCOMPARE(result.exitCode, 7);
+}
+
+QTEST_GUILESS_MAIN(TstServiceLifetime)
+#include "tst_service_lifetime.moc"

@@ -1,0 +1,342 @@
+#include "tests/service/servicefixture.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTest>
+
+#include <sys/mount.h>
+#include <unistd.h>
+
+namespace {
+
+const QString volume = QStringLiteral("/settings/audio/volume");
+const QString gain = QStringLiteral("/settings/audio/gain");
+const QString program = QStringLiteral(TULO_CM_PROGRAM);
+
+/// A directory where the worker wants to write its temporary file: each write fails.
+class Obstacle
+{
+public:
+    explicit Obstacle(const TemporaryTree& tree)
+        : m_name(tree.writePath() + QLatin1String("/audio/.volume"))
+    {
+        if (!QDir().mkpath(m_name))
+            qFatal("cannot make a directory");
+    }
+    void remove() const { QDir().rmdir(m_name); }
+
+private:
+    const QString m_name;
+};
+
+QString obstacleRecord(const TemporaryTree& tree)
+{
+    return QStringLiteral("Settings: path '%1/audio/.volume' open file failed")
+        .arg(tree.writePath());
+}
+
+/// A file system that is soon full, in the place of a directory.
+class SmallDisk
+{
+public:
+    explicit SmallDisk(const QString& directory)
+        : m_directory(QFile::encodeName(directory))
+        , m_isMounted(::mount("tmpfs", m_directory.constData(), "tmpfs", 0, "size=256k,mode=755")
+                      == 0)
+    {
+    }
+    ~SmallDisk()
+    {
+        if (m_isMounted)
+            ::umount2(m_directory.constData(), MNT_DETACH);
+    }
+    Q_DISABLE_COPY(SmallDisk)
+
+    bool isMounted() const { return m_isMounted; }
+    bool fill() const
+    {
+        QFile file(filler());
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Unbuffered))
+            return false;
+        const QByteArray page(4096, 'x');
+        while (file.write(page) == page.size()) { }
+        return file.error() == QFileDevice::ResourceError
+            || file.error() == QFileDevice::WriteError;
+    }
+    bool makeRoom() const { return QFile::remove(filler()); }
+
+private:
+    QString filler() const { return QFile::decodeName(m_directory + "/filler"); }
+
+    const QByteArray m_directory;
+    const bool m_isMounted;
+};
+
+} // namespace
+
+/// Writes that fail are told, and not forgotten.
+class TstServiceWrites : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void failedWriteAtTheTimerIsNotForgotten();
+    void failedSyncIsAnsweredToTheFlush();
+    void unsavedChangeIsToldAtTheStop();
+    void fullDiskIsTold();
+    void hangUpReadsTheLogConfiguration();
+    void failedWriteIsSeenAfterHangUp_data();
+    void failedWriteIsSeenAfterHangUp();
+    void missingLogConfigurationChangesNothing();
+};
+
+void TstServiceWrites::failedWriteAtTheTimerIsNotForgotten()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    SignalRecorder recorder(client.connection());
+    const Obstacle obstacle(trees.tree);
+    const QString record = obstacleRecord(trees.tree);
+
+    client.call("SetValue", { volume, variantOf(40) });
+    QVERIFY(recorder.waitFor(
+        QStringLiteral("PropertiesChanged org.tulo.ConfigurationManager1 {LastWriteError: s "
+                       "\"%1\", PendingWrites: u 0, UnsavedPaths: as [/settings/audio/volume]} as "
+                       "[]")
+            .arg(record)));
+
+    QCOMPARE(client.property("UnsavedPaths"), QStringLiteral("as [/settings/audio/volume]"));
+    QCOMPARE(client.property("LastWriteError"), QStringLiteral("s \"%1\"").arg(record));
+    QCOMPARE(client.call("Flush"), QStringLiteral("u 1"));
+    const ChildResult flush = ChildProcess::run(
+        program, { QStringLiteral("--bus"), bus.address(), QStringLiteral("flush") });
+    QCOMPARE(
+        flush.standardError,
+        QStringLiteral("tulo-cm: not on disk: /settings/audio/volume (%1)\n").arg(record).toUtf8());
+    QCOMPARE(flush.exitCode, 6);
+    const ChildResult status =
+        ChildProcess::run(program,
+                          { QStringLiteral("--bus"), bus.address(), QStringLiteral("--json"),
+                            QStringLiteral("status") });
+    QVERIFY2(status.standardOutput.contains(R"("unsavedPaths":["/settings/audio/volume"])"),
+             status.standardOutput);
+
+    // Until a later write succeeds.
+    obstacle.remove();
+    QCOMPARE(client.call("Flush"), QStringLiteral("u 1"));
+    client.call("SetValue", { volume, variantOf(45) });
+    QCOMPARE(client.call("Flush"), QStringLiteral("u 0"));
+    QCOMPARE(client.property("UnsavedPaths"), QStringLiteral("as []"));
+    const ChildResult result = service.end();
+    QCOMPARE(ServiceProcess::complaints(result),
+             QByteArray("ERROR CMSettingsWorker: " + record.toUtf8() + '\n'));
+    QCOMPARE(result.exitCode, 0);
+}
+
+void TstServiceWrites::failedSyncIsAnsweredToTheFlush()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    service.replaceSync("exit 3");
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    client.call("SetValue", { volume, variantOf(40) });
+
+    const QString answer = client.call("Flush");
+
+    QVERIFY2(answer.startsWith(QStringLiteral("NotSaved: Sync failed with return code")),
+             qPrintable(answer));
+    QCOMPARE(client.property("LastWriteError"), QStringLiteral("s \"%1\"").arg(answer.mid(10)));
+    const ChildResult flush = ChildProcess::run(
+        program, { QStringLiteral("--bus"), bus.address(), QStringLiteral("flush") });
+    QCOMPARE(flush.standardError,
+             QStringLiteral("tulo-cm: not on disk (%1)\n").arg(answer.mid(10)).toUtf8());
+    QCOMPARE(flush.exitCode, 6);
+    const ChildResult result = service.end();
+    QCOMPARE(result.exitCode, 6);
+}
+
+void TstServiceWrites::unsavedChangeIsToldAtTheStop()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    const Obstacle obstacle(trees.tree);
+    client.call("SetValue", { volume, variantOf(40) });
+
+    const ChildResult result = service.end();
+
+    const QByteArray record = obstacleRecord(trees.tree).toUtf8();
+    QCOMPARE(ServiceProcess::complaints(result),
+             QByteArray("ERROR CMSettingsWorker: " + record
+                        + "\ntulo-cm: not on disk: /settings/audio/volume (" + record + ")\n"));
+    QCOMPARE(result.exitCode, 6);
+}
+
+void TstServiceWrites::fullDiskIsTold()
+{
+    if (::geteuid() != 0)
+        QSKIP("needs root to mount a file system");
+    const CommandLine trees;
+    const SmallDisk disk(trees.tree.writePath());
+    if (!disk.isMounted())
+        QSKIP("needs the right to mount a file system");
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    client.call("SetValue", { volume, variantOf(40) });
+    QCOMPARE(client.call("Flush"), QStringLiteral("u 0"));
+    QVERIFY(disk.fill());
+
+    client.call("SetValue", { volume, variantOf(45) });
+    client.call("SetValue", { gain, variantOf(-0.5) });
+    QCOMPARE(client.call("Flush"), QStringLiteral("u 2"));
+
+    QCOMPARE(client.property("UnsavedPaths"),
+             QStringLiteral("as [/settings/audio/gain, /settings/audio/volume]"));
+    // The old file is whole, and no temporary file takes room.
+    QCOMPARE(trees.tree.readWrittenRoles(QStringLiteral("/audio/volume"))
+                 .value(QStringLiteral("value"))
+                 .toHash(),
+             QVariantHash({ { QStringLiteral("int"), 40 } }));
+
+    QVERIFY(disk.makeRoom());
+    client.call("SetValue", { volume, variantOf(45) });
+    client.call("SetValue", { gain, variantOf(-0.5) });
+    QCOMPARE(client.call("Flush"), QStringLiteral("u 0"));
+    QCOMPARE(client.property("UnsavedPaths"), QStringLiteral("as []"));
+    QCOMPARE(trees.tree.readWrittenRoles(QStringLiteral("/audio/volume"))
+                 .value(QStringLiteral("value"))
+                 .toHash(),
+             QVariantHash({ { QStringLiteral("int"), 45 } }));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+// ---------------------------------------------------------------------------------------------
+// SIGHUP.
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+void writeConfiguration(const QString& name, const char* workerLevel, const char* threshold)
+{
+    QFile file(name);
+    if (!file.open(QIODevice::WriteOnly))
+        qFatal("cannot write the log configuration");
+    file.write(QByteArray("log4cplus.rootLogger=INFO, STDERR\n"
+                          "log4cplus.logger.CMSettingsWorker=")
+               + workerLevel
+               + "\n"
+                 "log4cplus.appender.STDERR=log4cplus::ConsoleAppender\n"
+                 "log4cplus.appender.STDERR.logToStdErr=true\n"
+                 "log4cplus.appender.STDERR.ImmediateFlush=true\n"
+                 "log4cplus.appender.STDERR.Threshold="
+               + threshold
+               + "\n"
+                 "log4cplus.appender.STDERR.layout=log4cplus::PatternLayout\n"
+                 "log4cplus.appender.STDERR.layout.ConversionPattern=%-5p %c: %m%n\n");
+}
+
+// Whether the service got so far as to write this, on its way through calls of a client.
+bool writesAfter(ServiceProcess& service, const BusClient& client, const QByteArray& text)
+{
+    for (int i = 0; i < 10000 && !service.standardError().contains(text); ++i) {
+        client.call("SetValue", { volume, variantOf(i % 2 == 0 ? 40 : 45) });
+        client.call("Flush");
+        service.waitForError(text, 1);
+    }
+    return service.standardError().contains(text);
+}
+
+} // namespace
+
+void TstServiceWrites::hangUpReadsTheLogConfiguration()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    const QString configuration = trees.tree.path() + QLatin1String("/log.properties");
+    writeConfiguration(configuration, "INFO", "WARN");
+    ServiceProcess service(trees, bus.address(), { QStringLiteral("--log-config"), configuration });
+    service.replaceSync("exit 0");
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    client.call("SetValue", { volume, variantOf(45) });
+    QCOMPARE(client.call("Flush"), QStringLiteral("u 0"));
+    QVERIFY(!service.standardError().contains("written file"));
+
+    writeConfiguration(configuration, "INFO", "INFO");
+    service.sendSignal(SIGHUP);
+
+    QVERIFY(writesAfter(service, client, "INFO  CMSettingsWorker: written file: "));
+    QCOMPARE(client.property("PendingWrites"), QStringLiteral("u 0"));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceWrites::failedWriteIsSeenAfterHangUp_data()
+{
+    QTest::addColumn<QByteArray>("workerLevel");
+    QTest::newRow("the appender is dropped") << QByteArray("INFO");
+    // Which hides the record of success.
+    QTest::newRow("the level is raised") << QByteArray("ERROR");
+    QTest::newRow("the level is off") << QByteArray("OFF");
+}
+
+void TstServiceWrites::failedWriteIsSeenAfterHangUp()
+{
+    QFETCH(const QByteArray, workerLevel);
+    const CommandLine trees;
+    const PrivateBus bus;
+    const QString configuration = trees.tree.path() + QLatin1String("/log.properties");
+    writeConfiguration(configuration, "INFO", "INFO");
+    ServiceProcess service(trees, bus.address(), { QStringLiteral("--log-config"), configuration });
+    service.replaceSync("exit 0");
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    // Another text in the pattern tells that the file was read again.
+    writeConfiguration(configuration, workerLevel.constData(), "INFO");
+    QFile file(configuration);
+    QVERIFY(file.open(QIODevice::Append));
+    file.write("log4cplus.appender.STDERR.layout.ConversionPattern=again %c: %m%n\n");
+    file.close();
+
+    service.sendSignal(SIGHUP);
+    QVERIFY(writesAfter(service, client, "again CMSettingsWorker: written file: "));
+    const Obstacle obstacle(trees.tree);
+    client.call("SetValue", { volume, variantOf(50) });
+
+    QCOMPARE(client.call("Flush"), QStringLiteral("u 1"));
+    obstacle.remove();
+    client.call("SetValue", { volume, variantOf(55) });
+    QCOMPARE(client.call("Flush"), QStringLiteral("u 0"));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceWrites::missingLogConfigurationChangesNothing()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    const QString configuration = trees.tree.path() + QLatin1String("/log.properties");
+    writeConfiguration(configuration, "INFO", "INFO");
+    ServiceProcess service(trees, bus.address(), { QStringLiteral("--log-config"), configuration });
+    service.replaceSync("exit 0");
+    QVERIFY2(service.serve(), service.standardError());
+    QVERIFY(QFile::remove(configuration));
+
+    service.sendSignal(SIGHUP);
+    QVERIFY(service.waitForError("tulo-cm: log configuration '" + configuration.toUtf8()
+                                 + "' cannot be read\n"));
+
+    const BusClient client(bus.address());
+    QVERIFY(writesAfter(service, client, "INFO  CMSettingsWorker: written file: "));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+QTEST_GUILESS_MAIN(TstServiceWrites)
+#include "tst_service_writes.moc"
