@@ -271,5 +271,5 @@ void tst_KillPoints::writtenValuesSurviveAKillAtAnyMoment()
     }
 }
 
-QTEST_APPLESS_MAIN(tst_KillPoints)
+QTEST_GUILESS_MAIN(tst_KillPoints)
 #include "tst_kill_points.moc"
