@@ -10,6 +10,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <QVarLengthArray>
 #include <QtNumeric>
 
 #include <algorithm>
@@ -17,7 +18,6 @@
 #include <cstring>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
 
 namespace {
 
@@ -25,6 +25,15 @@ namespace {
 // Reading. The parser reports events; the builder keeps the open objects and lists on a stack
 // of its own, so depth costs no call stack.
 // ---------------------------------------------------------------------------------------------
+
+// Most texts are, and need no look at each character's encoding.
+bool isAscii(const char* text, int length)
+{
+    uchar bits = 0;
+    for (int i = 0; i < length; ++i)
+        bits = uchar(bits | uchar(text[i]));
+    return bits < 0x80;
+}
 
 // fromUtf8() takes a leading U+FEFF for a byte order mark and drops it.
 QString textOf(const char* text, int length)
@@ -103,13 +112,15 @@ public:
     }
     bool String(const char* text, rapidjson::SizeType length, bool)
     {
+        if (isAscii(text, int(length)))
+            return add(QString::fromLatin1(text, int(length)));
         if (holdsLoneSurrogate(text, int(length)))
             return refuse(reasonText(rapidjson::kParseErrorStringUnicodeSurrogateInvalid));
-        return add(length == 0 ? QStringLiteral("") : textOf(text, int(length)));
+        return add(textOf(text, int(length)));
     }
     bool Key(const char* text, rapidjson::SizeType length, bool)
     {
-        if (holdsLoneSurrogate(text, int(length)))
+        if (!isAscii(text, int(length)) && holdsLoneSurrogate(text, int(length)))
             return refuse(reasonText(rapidjson::kParseErrorStringUnicodeSurrogateInvalid));
         m_open.back().key = internedKey(text, int(length));
         return true;
@@ -136,7 +147,7 @@ private:
     {
         if (m_open.size() == TuloJson::maximumDepth)
             return refuse(QStringLiteral("Nested too deeply."));
-        m_open.push_back({ isObject, {}, {}, {} });
+        m_open.append({ isObject, {}, {}, {} });
         return true;
     }
 
@@ -149,22 +160,26 @@ private:
     bool close()
     {
         const Container container = std::move(m_open.back());
-        m_open.pop_back();
+        m_open.removeLast();
         return container.isObject ? add(container.hash) : add(container.list);
     }
 
     bool add(const QVariant& value)
     {
-        if (m_open.empty())
+        if (m_open.isEmpty()) {
             m_result = value;
-        else if (m_open.back().isObject)
-            m_open.back().hash.insert(m_open.back().key, value);
+            return true;
+        }
+        Container& container = m_open.back();
+        if (container.isObject)
+            container.hash.insert(container.key, value);
         else
-            m_open.back().list.append(value);
+            container.list.append(value);
         return true;
     }
 
-    std::vector<Container> m_open;
+    // Hardly any document nests deeper than this: the stack itself costs no allocation.
+    QVarLengthArray<Container, 4> m_open;
     QVariant m_result;
     QString m_refusal;
 };
@@ -267,12 +282,15 @@ private:
 
 QVariant TuloJson::parse(const QByteArray& text, TuloError& error, unsigned int* offset)
 {
-    constexpr unsigned flags = rapidjson::kParseIterativeFlag
-        | rapidjson::kParseValidateEncodingFlag | rapidjson::kParseNumbersAsStringsFlag;
+    constexpr unsigned flags =
+        rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag;
+    constexpr unsigned validating = flags | rapidjson::kParseValidateEncodingFlag;
     rapidjson::MemoryStream stream(text.constData(), std::size_t(text.size()));
     rapidjson::Reader reader;
     VariantBuilder builder;
-    const rapidjson::ParseResult result = reader.Parse<flags>(stream, builder);
+    const rapidjson::ParseResult result = isAscii(text.constData(), text.size())
+        ? reader.Parse<flags>(stream, builder)
+        : reader.Parse<validating>(stream, builder);
     // A zero byte ends the document for the reader, so what follows it is trailing text.
     const bool whole = stream.Tell() == std::size_t(text.size());
     const std::size_t stop = result.IsError() ? result.Offset() : stream.Tell();

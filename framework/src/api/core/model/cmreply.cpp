@@ -1,61 +1,61 @@
 #include "api/core/model/cmreply.h"
 
-#include <QDeadlineTimer>
-
+#include <chrono>
 #include <utility>
 
 template class CMReplyData<TuloRowsRoles>;
 
 bool CMReplyAbstractData::isFinished() const
 {
-    const QMutexLocker locker(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     return m_finished;
 }
 
 CMError CMReplyAbstractData::error() const
 {
-    const QMutexLocker locker(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     return m_error;
 }
 
 void CMReplyAbstractData::setError(const CMError& error)
 {
-    QMutexLocker locker(&m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     if (m_finished)
         return;
     m_error = error;
     const QList<CMReplyWatcher*> watchers = finish();
-    locker.unlock();
+    lock.unlock();
     notify(watchers);
 }
 
 bool CMReplyAbstractData::waitForFinished(unsigned long milliseconds) const
 {
-    const QDeadlineTimer deadline = milliseconds == ULONG_MAX
-        ? QDeadlineTimer(QDeadlineTimer::Forever)
-        : QDeadlineTimer(qint64(milliseconds));
-    const QMutexLocker locker(&m_mutex);
-    while (!m_finished) {
-        if (!m_condition.wait(&m_mutex, deadline))
-            break;
-    }
-    return m_finished;
+    // Beyond this the clock's range ends, long after anybody's patience.
+    constexpr unsigned long longestWaitMs = 1000UL * 3600 * 24 * 365;
+    const auto isFinished = [this] {
+        return m_finished;
+    };
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (milliseconds <= longestWaitMs)
+        return m_condition.wait_for(lock, std::chrono::milliseconds(milliseconds), isFinished);
+    m_condition.wait(lock, isFinished);
+    return true;
 }
 
 void CMReplyAbstractData::addWatcher(CMReplyWatcher* watcher)
 {
-    QMutexLocker locker(&m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     if (!m_finished) {
         m_watchers.append(watcher);
         return;
     }
-    locker.unlock();
+    lock.unlock();
     notify({ watcher });
 }
 
 void CMReplyAbstractData::removeWatcher(CMReplyWatcher* watcher)
 {
-    const QMutexLocker locker(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_watchers.removeAll(watcher);
 }
 
@@ -75,7 +75,7 @@ QList<CMReplyWatcher*> CMReplyAbstractData::finish()
     m_finished = true;
     QList<CMReplyWatcher*> watchers;
     watchers.swap(m_watchers);
-    m_condition.wakeAll();
+    m_condition.notify_all();
     return watchers;
 }
 

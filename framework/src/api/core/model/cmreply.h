@@ -5,12 +5,12 @@
 #include "api/core/tuloroles.h"
 
 #include <QList>
-#include <QMutex>
 #include <QVariant>
-#include <QWaitCondition>
 
 #include <atomic>
 #include <climits>
+#include <condition_variable>
+#include <mutex>
 #include <type_traits>
 
 class CMVoidReply;
@@ -70,9 +70,10 @@ protected:
     /// Tells the watchers in list order. Caller does not hold the mutex.
     void notify(const QList<CMReplyWatcher*>& watchers);
 
+    // The standard library's, which cost nothing to make: every request brings a reply.
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_condition;
     // Under the mutex.
-    mutable QMutex m_mutex;
-    mutable QWaitCondition m_condition;
     bool m_finished = false;
     CMError m_error;
     QList<CMReplyWatcher*> m_watchers;
@@ -103,20 +104,20 @@ public:
 
     void setValue(const T& value)
     {
-        QMutexLocker locker(&m_mutex);
+        std::unique_lock<std::mutex> lock(m_mutex);
         if (m_finished)
             return;
         m_value = value;
         const QList<CMReplyWatcher*> watchers = finish();
-        locker.unlock();
+        lock.unlock();
         notify(watchers);
     }
 
     /// Waits without limit for the reply to finish; a default value after an error.
     T value() const
     {
-        waitForFinished(ULONG_MAX);
-        const QMutexLocker locker(&m_mutex);
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_condition.wait(lock, [this] { return m_finished; });
         return m_value;
     }
 
