@@ -2,10 +2,12 @@
 
 #include "configurationmanagerproxy.h"
 
+#include "host/guard.h"
 #include "host/service.h"
 
 #include "api/core/model/tulosettingsactions.h"
 
+#include <QCoreApplication>
 #include <QDBusConnectionInterface>
 #include <QDBusError>
 #include <QDBusPendingReply>
@@ -65,6 +67,15 @@ Failure notCarried(const QString& path)
 {
     return { Refused, QStringLiteral("Rejected"),
              QStringLiteral("this value holds what a setting on the bus cannot hold"), path };
+}
+
+Failure judgeValue(const QString& path, const QVariant& value)
+{
+    const CMError error = Guard::judgeValue(CMPath(path), value);
+    const ErrorKind kind = errorKind(error);
+    if (kind == ErrorKind::None)
+        return {};
+    return { Refused, errorName(kind), error.message().toString(), path };
 }
 
 QVariantHash namedRoles(const QStringList& roles, const QVariantMap& values)
@@ -166,8 +177,8 @@ QString BusSession::defaultPath() const
 }
 
 // ---------------------------------------------------------------------------------------------
-// Requests. Each waits for its answer; events that arrive meanwhile are delivered by the event
-// loop afterwards.
+// Requests. Each waits for its answer; those that change something deliver the events that came
+// before it, as a process of its own does, and the event loop the others.
 // ---------------------------------------------------------------------------------------------
 
 Answer<QVariantHash> BusSession::getData(const QString& path, const QStringList& roles)
@@ -201,6 +212,11 @@ Answer<RowPage> BusSession::getRows(const QString& path, int first, int last,
     return { page, {} };
 }
 
+void BusSession::deliverEvents()
+{
+    QCoreApplication::sendPostedEvents(this);
+}
+
 Answer<QVariantHash> BusSession::setValue(const QString& path, const TuloValue& value)
 {
     const QVariant sent = sentValue(value);
@@ -208,13 +224,21 @@ Answer<QVariantHash> BusSession::setValue(const QString& path, const TuloValue& 
         return { {}, notCarried(path) };
     auto reply = m_proxy->SetValue(path, QDBusVariant(sent));
     reply.waitForFinished();
+    deliverEvents();
     return changed(reply, path);
 }
 
 Answer<QVariantHash> BusSession::setRoles(const QString& path, const QVariantHash& roles)
 {
+    // What is no value here would pass for one on the bus, where values are plain.
+    const Failure failure = judgeValue(path, roles.value(TuloRoles::Value(), QVariantHash()));
+    if (failure)
+        return { {}, failure };
     QVariantMap sent;
     for (auto role = roles.cbegin(); role != roles.cend(); ++role) {
+        // An empty value leaves the stored one.
+        if (role.key() == TuloRoles::Value() && role->toHash().isEmpty())
+            continue;
         const QVariant value = role.key() == TuloRoles::Value()
             ? sentValue(TuloValue(TuloHash(role->toHash())))
             : busRole(role.key(), *role);
@@ -224,6 +248,7 @@ Answer<QVariantHash> BusSession::setRoles(const QString& path, const QVariantHas
     }
     auto reply = m_proxy->SetRoles(path, sent);
     reply.waitForFinished();
+    deliverEvents();
     return changed(reply, path);
 }
 
@@ -239,6 +264,7 @@ Answer<QVariantHash> BusSession::apply(const QString& path, const QString& verb,
     }
     auto reply = m_proxy->Apply(path, verb, sent);
     reply.waitForFinished();
+    deliverEvents();
     return changed(reply, path);
 }
 

@@ -64,6 +64,8 @@ private slots:
 private:
     explicit BusSession(const QDBusConnection& connection);
 
+    void deliverEvents();
+
     QDBusConnection m_connection;
     const std::unique_ptr<ConfigurationManagerProxy> m_proxy;
     QSet<QString> m_watched;

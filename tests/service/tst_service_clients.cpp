@@ -1,0 +1,535 @@
+#include "tests/service/servicefixture.h"
+
+#include <QDBusConnection>
+#include <QDBusPendingCall>
+#include <QFile>
+#include <QTest>
+#include <QVector>
+
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+const QString volume = QStringLiteral("/settings/audio/volume");
+const QString program = QStringLiteral(TULO_CM_PROGRAM);
+const QStringList valueRole { QStringLiteral("value") };
+
+/// A bus that leaves the number of calls to the service.
+QByteArray unlimitedPolicy()
+{
+    return PrivateBus::openPolicy().replace("<limit name=\"max_replies_per_connection\">16</limit>",
+                                            "");
+}
+
+QDBusPendingCall start(const BusClient& client, const char* method,
+                       const QVariantList& arguments = {})
+{
+    return client.connection().asyncCall(BusClient::message(QString::fromLatin1(method), arguments),
+                                         ChildProcess::waitMs);
+}
+
+QString answerOf(QDBusPendingCall call)
+{
+    call.waitForFinished();
+    return BusClient::shown(call.reply());
+}
+
+// Returns when the service's connection has read all that this client sent: no object is there,
+// which the connection answers by itself while the service is busy.
+void reachTheService(const BusClient& client)
+{
+    client.connection().call(QDBusMessage::createMethodCall(
+        QStringLiteral("org.tulo.ConfigurationManager1"), QStringLiteral("/nothing"),
+        QStringLiteral("org.tulo.Nothing"), QStringLiteral("Nothing")));
+}
+
+/// A connection to a bus that speaks byte by byte.
+class RawConnection
+{
+public:
+    explicit RawConnection(const QString& bus)
+        : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        const QByteArray name = QFile::encodeName(bus.mid(int(std::strlen("unix:path="))));
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, name.constData(),
+                    qMin(size_t(name.size()), sizeof address.sun_path - 1));
+        const timeval limit { ChildProcess::waitMs / 1000, 0 };
+        ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+            qFatal("cannot connect to the bus");
+        const QByteArray user = QByteArray::number(::geteuid()).toHex();
+        send(QByteArray(1, '\0') + "AUTH EXTERNAL " + user + "\r\n");
+        receive();
+        send("BEGIN\r\n");
+    }
+    ~RawConnection() { ::close(m_socket); }
+    Q_DISABLE_COPY(RawConnection)
+
+    bool send(const QByteArray& bytes) const
+    {
+        return ::send(m_socket, bytes.constData(), size_t(bytes.size()), MSG_NOSIGNAL)
+            == bytes.size();
+    }
+    /// What comes next; empty when the bus has closed the connection.
+    QByteArray receive() const
+    {
+        char bytes[4096];
+        const ssize_t size = ::recv(m_socket, bytes, sizeof bytes, 0);
+        return QByteArray(bytes, int(qMax<ssize_t>(size, 0)));
+    }
+    /// Waits until the bus closes the connection.
+    bool waitForClose() const
+    {
+        while (!receive().isEmpty()) { }
+        char byte = 0;
+        return ::recv(m_socket, &byte, 1, MSG_DONTWAIT) == 0;
+    }
+
+private:
+    const int m_socket;
+};
+
+void pad(QByteArray* bytes, int alignment)
+{
+    while (bytes->size() % alignment != 0)
+        bytes->append('\0');
+}
+
+void addNumber(QByteArray* bytes, quint32 number)
+{
+    pad(bytes, 4);
+    for (int i = 0; i < 4; ++i)
+        bytes->append(char(number >> (8 * i)));
+}
+
+void addString(QByteArray* bytes, const QByteArray& text)
+{
+    addNumber(bytes, quint32(text.size()));
+    bytes->append(text).append('\0');
+}
+
+void addSignature(QByteArray* bytes, const QByteArray& signature)
+{
+    bytes->append(char(signature.size())).append(signature).append('\0');
+}
+
+/// A method call, little-endian, with a body of this signature.
+QByteArray rawCall(quint32 serial, const QByteArray& destination, const QByteArray& path,
+                   const QByteArray& interface, const QByteArray& member,
+                   const QByteArray& signature = QByteArray(),
+                   const QByteArray& body = QByteArray())
+{
+    QByteArray fields;
+    const auto addField = [&fields](int code, char type, const QByteArray& text) {
+        pad(&fields, 8);
+        fields.append(char(code));
+        addSignature(&fields, QByteArray(1, type));
+        if (type == 'g')
+            addSignature(&fields, text);
+        else
+            addString(&fields, text);
+    };
+    addField(1, 'o', path);
+    addField(2, 's', interface);
+    addField(3, 's', member);
+    addField(6, 's', destination);
+    if (!signature.isEmpty())
+        addField(8, 'g', signature);
+    QByteArray message("l\1\0\1", 4);
+    addNumber(&message, quint32(body.size()));
+    addNumber(&message, serial);
+    addNumber(&message, quint32(fields.size()));
+    message += fields;
+    pad(&message, 8);
+    return message + body;
+}
+
+QByteArray rawHello()
+{
+    return rawCall(1, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                   "Hello");
+}
+
+QByteArray rawSetValue(const QByteArray& valueSignature, const QByteArray& value)
+{
+    QByteArray body;
+    addString(&body, "/settings/audio/volume");
+    addSignature(&body, valueSignature);
+    pad(&body, 4);
+    body += value;
+    return rawCall(2, "org.tulo.ConfigurationManager1", "/org/tulo/ConfigurationManager1",
+                   "org.tulo.ConfigurationManager1", "SetValue", "sv", body);
+}
+
+} // namespace
+
+/// Many clients, and clients that behave badly: each costs the others nothing.
+class TstServiceClients : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void fiftyClientsAtOnceAreServed();
+    void clientKilledInTheMiddleIsForgotten();
+    void stuckWatcherCostsOthersNothing();
+    void stuckCallerCostsOthersNothing();
+    void waitingFlushesShareOneRun();
+    void seventeenthWaitingFlushIsRefused();
+    void callWithoutAnAnswerIsNotServed();
+    void largestValueTravelsAndLargerOnesAreRefused();
+    void rowsThatDoNotFitComeInParts();
+    void malformedMessageEndsItsSenderOnly_data();
+    void malformedMessageEndsItsSenderOnly();
+    void handleThatWasNotSentIsRefused();
+};
+
+void TstServiceClients::fiftyClientsAtOnceAreServed()
+{
+    constexpr int count = 50;
+    constexpr int changes = 16;
+    const CommandLine trees;
+    for (int i = 0; i < count; ++i)
+        trees.tree.writeDefault(QStringLiteral("/many/n%1").arg(i), R"({"value":{"int":0}})");
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    std::vector<std::unique_ptr<BusClient>> clients;
+    for (int i = 0; i < count; ++i)
+        clients.push_back(std::make_unique<BusClient>(bus.address()));
+
+    QVector<QVector<QDBusPendingCall>> calls(count);
+    for (int change = 1; change <= changes; ++change) {
+        for (int i = 0; i < count; ++i) {
+            calls[i].append(start(*clients[size_t(i)], "Apply",
+                                  { QStringLiteral("/settings/many/n%1").arg(i),
+                                    QStringLiteral("add"), QVariantList { variantOf(i + 1) } }));
+        }
+    }
+
+    // Each in its own order.
+    for (int i = 0; i < count; ++i) {
+        for (int change = 1; change <= changes; ++change) {
+            QCOMPARE(answerOf(calls[i][change - 1]),
+                     QStringLiteral("{timestamp: *, value: x %1}").arg(change * (i + 1)));
+        }
+    }
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceClients::clientKilledInTheMiddleIsForgotten()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    const SyncGate gate;
+    ServiceProcess service(trees, bus.address());
+    service.replaceSync(gate.script());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    for (int i = 0; i < 5; ++i) {
+        client.call("SetValue", { volume, variantOf(40 + 5 * i) });
+        ChildProcess killed(program,
+                            { QStringLiteral("--bus"), bus.address(), QStringLiteral("flush") });
+        QVERIFY(killed.start());
+        QVERIFY(gate.waitForFlush());
+        killed.sendSignal(SIGKILL);
+        QCOMPARE(killed.finish().signal, SIGKILL);
+        gate.letOneThrough();
+
+        QCOMPARE(client.value(volume), QStringLiteral("x %1").arg(40 + 5 * i));
+    }
+    // One that ends in the middle of a message.
+    {
+        const RawConnection raw(bus.address());
+        QVERIFY(raw.send(rawHello()));
+        QVERIFY(!raw.receive().isEmpty());
+        QVERIFY(raw.send(rawSetValue("i", QByteArray(4, '\1')).chopped(30)));
+    }
+
+    QCOMPARE(client.value(volume), QStringLiteral("x 60"));
+    const ChildResult result = service.end();
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(ServiceProcess::complaints(result), QByteArray());
+}
+
+// Many more bytes than a socket takes: the bus keeps them, or lets them go.
+void TstServiceClients::stuckWatcherCostsOthersNothing()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    service.replaceSync("exit 0");
+    QVERIFY2(service.serve(), service.standardError());
+    const QString token = QStringLiteral("/settings/token");
+    const BusClient client(bus.address());
+    client.call("SetValue", { token, variantOf(QStringLiteral("first")) });
+    ChildProcess watch(program,
+                       { QStringLiteral("--bus"), bus.address(), QStringLiteral("watch"), token,
+                         QStringLiteral("--initial") });
+    QVERIFY(watch.start());
+    QVERIFY(watch.waitForOutput("value /settings/token first\n"));
+    watch.sendSignal(SIGSTOP);
+
+    for (int i = 0; i < 200; ++i) {
+        const QString value = QString(20000, QLatin1Char('a')) + QString::number(i);
+        QCOMPARE(client.call("SetValue", { token, variantOf(value) }),
+                 QStringLiteral("{timestamp: *, value: s \"%1\"}").arg(value));
+    }
+
+    QCOMPARE(client.value(volume), QStringLiteral("x 35"));
+    watch.sendSignal(SIGKILL);
+    watch.finish();
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceClients::stuckCallerCostsOthersNothing()
+{
+    const CommandLine trees;
+    const PrivateBus bus(unlimitedPolicy());
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    trees.tree.writeDefault(QStringLiteral("/long"),
+                            "{\"value\":{\"string\":\"" + QByteArray(20000, 'x') + "\"}}");
+    QByteArray body;
+    addString(&body, "/settings/long");
+    QByteArray roles;
+    addString(&roles, "value");
+    addNumber(&body, quint32(roles.size()));
+    body += roles;
+    const QByteArray call =
+        rawCall(2, "org.tulo.ConfigurationManager1", "/org/tulo/ConfigurationManager1",
+                "org.tulo.ConfigurationManager1", "GetData", "sas", body);
+
+    // Asks for four megabytes and reads nothing of it.
+    const RawConnection raw(bus.address());
+    QVERIFY(raw.send(rawHello()));
+    for (int i = 0; i < 200; ++i)
+        QVERIFY(raw.send(call));
+
+    for (int i = 0; i < 200; ++i)
+        QCOMPARE(client.value(volume), QStringLiteral("x 35"));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceClients::waitingFlushesShareOneRun()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    const SyncGate gate;
+    ServiceProcess service(trees, bus.address());
+    service.replaceSync(gate.script());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    const BusClient other(bus.address());
+    const QDBusPendingCall first = start(client, "Flush");
+    QVERIFY(gate.waitForFlush());
+
+    QVector<QDBusPendingCall> calls;
+    for (int i = 0; i < 10; ++i)
+        calls.append(start(i % 2 == 0 ? client : other, "Flush"));
+    reachTheService(client);
+    reachTheService(other);
+    gate.letOneThrough();
+    QCOMPARE(answerOf(first), QStringLiteral("u 0"));
+    // One run for the ten.
+    QVERIFY(gate.waitForFlush());
+    gate.letOneThrough();
+
+    for (const QDBusPendingCall& call : qAsConst(calls))
+        QCOMPARE(answerOf(call), QStringLiteral("u 0"));
+    QCOMPARE(client.value(volume), QStringLiteral("x 35"));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceClients::seventeenthWaitingFlushIsRefused()
+{
+    const CommandLine trees;
+    const PrivateBus bus(unlimitedPolicy());
+    const SyncGate gate;
+    ServiceProcess service(trees, bus.address());
+    service.replaceSync(gate.script());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    const BusClient other(bus.address());
+    const QDBusPendingCall first = start(client, "Flush");
+    QVERIFY(gate.waitForFlush());
+
+    QVector<QDBusPendingCall> calls;
+    for (int i = 0; i < 20; ++i)
+        calls.append(start(client, "Flush"));
+    const QDBusPendingCall othersCall = start(other, "Flush");
+    reachTheService(client);
+    reachTheService(other);
+    gate.letOneThrough();
+    QVERIFY(gate.waitForFlush());
+    gate.letOneThrough();
+
+    QCOMPARE(answerOf(first), QStringLiteral("u 0"));
+    for (int i = 0; i < 20; ++i) {
+        QCOMPARE(answerOf(calls[i]),
+                 i < 16 ? QStringLiteral("u 0")
+                        : QStringLiteral("Limits: More than 16 flushes are waiting"));
+    }
+    QCOMPARE(answerOf(othersCall), QStringLiteral("u 0"));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceClients::callWithoutAnAnswerIsNotServed()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+
+    // Sent so that no answer is expected.
+    client.connection().send(
+        BusClient::message(QStringLiteral("SetValue"), { volume, variantOf(40) }));
+    client.connection().send(BusClient::message(
+        QStringLiteral("Apply"), { volume, QStringLiteral("add"), QVariantList { variantOf(5) } }));
+    client.connection().send(BusClient::message(
+        QStringLiteral("SetRoles"), { volume, QVariantMap { { QStringLiteral("value"), 45 } } }));
+
+    QCOMPARE(client.value(volume), QStringLiteral("x 35"));
+    QCOMPARE(client.property("PendingWrites"), QStringLiteral("u 0"));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceClients::largestValueTravelsAndLargerOnesAreRefused()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    service.replaceSync("exit 0");
+    QVERIFY2(service.serve(), service.standardError());
+    const QString token = QStringLiteral("/settings/token");
+    const BusClient client(bus.address());
+    SignalRecorder recorder(client.connection());
+    const QString large(56 * 1024 - 24, QLatin1Char('x'));
+    const QString tooMuch =
+        QStringLiteral("Limits: Too much for one message; path:'/settings/token'");
+
+    QCOMPARE(client.call("SetValue", { token, variantOf(large) }),
+             QStringLiteral("{timestamp: *, value: s \"%1\"}").arg(large));
+    QVERIFY(recorder.received().contains(
+        QStringLiteral("ValueChanged /settings/token %1").arg(shown(QVariant(large)))));
+    QCOMPARE(client.value(token), shown(QVariant(large)));
+    QCOMPARE(client.call("SetValue", { token, variantOf(large + QLatin1Char('x')) }), tooMuch);
+    // Small on the wire, and large once each entry is a variant.
+    QVariantList flags;
+    for (int i = 0; i < 5000; ++i)
+        flags.append(true);
+    QCOMPARE(client.call("SetValue", { token, variantOf(flags) }), tooMuch);
+
+    QCOMPARE(client.value(token), shown(QVariant(large)));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceClients::rowsThatDoNotFitComeInParts()
+{
+    constexpr int count = 20;
+    const CommandLine trees;
+    const QByteArray text(10000, 'x');
+    for (int i = 0; i < count; ++i) {
+        trees.tree.writeDefault(QStringLiteral("/large/n%1").arg(i, 2, 10, QLatin1Char('0')),
+                                "{\"value\":{\"string\":\"" + text + "\"}}");
+    }
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+
+    const QString answer =
+        client.call("GetRows", { QStringLiteral("/settings/large"), 0, 100, valueRole });
+    QVERIFY2(answer.startsWith(QStringLiteral("u 20 ")), qPrintable(answer.left(100)));
+    QCOMPARE(answer.count(QStringLiteral("(s \"n")), 6);
+    // The command line asks for the rest.
+    const ChildResult ls =
+        ChildProcess::run(program,
+                          { QStringLiteral("--bus"), bus.address(), QStringLiteral("ls"),
+                            QStringLiteral("/settings/large") });
+    QCOMPARE(ls.exitCode, 0);
+    QCOMPARE(ls.standardOutput.count('\n'), count);
+    QCOMPARE(ls.standardOutput.count(text), count);
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceClients::malformedMessageEndsItsSenderOnly_data()
+{
+    QTest::addColumn<QByteArray>("message");
+    QByteArray four;
+    addNumber(&four, 1);
+    // A type of another dialect: a number that may be absent.
+    QTest::newRow("null") << rawSetValue("mi", four);
+    QTest::newRow("absent number") << rawSetValue("mi", QByteArray());
+    QTest::newRow("no type") << rawSetValue("", QByteArray());
+    QTest::newRow("two types") << rawSetValue("ii", four + four);
+    QTest::newRow("unknown type") << rawSetValue("w", four);
+    QTest::newRow("forty lists") << rawSetValue(QByteArray(40, 'a') + 'i', QByteArray(160, '\0'));
+    QTest::newRow("text that is no UTF-8") << rawSetValue("s", four + "\xFF" + '\0');
+    QTest::newRow("text without an end") << rawSetValue("s", four + "xx");
+    QTest::newRow("boolean of 7") << rawSetValue("b", QByteArray("\7\0\0\0", 4));
+    QTest::newRow("longer than it says") << rawSetValue("i", four + four);
+    QTest::newRow("larger than the limit")
+        << rawCall(2, "org.tulo.ConfigurationManager1", "/org/tulo/ConfigurationManager1",
+                   "org.tulo.ConfigurationManager1", "Flush", "ay", QByteArray(70000, '\0'));
+    QTest::newRow("noise") << QByteArray(64, '\xA5');
+}
+
+void TstServiceClients::malformedMessageEndsItsSenderOnly()
+{
+    QFETCH(const QByteArray, message);
+    const CommandLine trees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    const RawConnection raw(bus.address());
+    QVERIFY(raw.send(rawHello()));
+
+    raw.send(message);
+
+    QVERIFY(raw.waitForClose());
+    QCOMPARE(client.value(volume), QStringLiteral("x 35"));
+    const ChildResult result = service.end();
+    QCOMPARE(ServiceProcess::complaints(result), QByteArray());
+    QCOMPARE(result.exitCode, 0);
+}
+
+// The bus lets it through.
+void TstServiceClients::handleThatWasNotSentIsRefused()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    const RawConnection raw(bus.address());
+    QVERIFY(raw.send(rawHello()));
+    QByteArray four;
+    addNumber(&four, 1);
+
+    QVERIFY(raw.send(rawSetValue("h", four)));
+
+    QByteArray received;
+    while (!received.contains("Error.")) {
+        const QByteArray more = raw.receive();
+        QVERIFY2(!more.isEmpty(), received);
+        received += more;
+    }
+    QCOMPARE(client.value(volume), QStringLiteral("x 35"));
+    const ChildResult result = service.end();
+    QCOMPARE(ServiceProcess::complaints(result), QByteArray());
+    QCOMPARE(result.exitCode, 0);
+}
+
+QTEST_GUILESS_MAIN(TstServiceClients)
+#include "tst_service_clients.moc"
