@@ -88,8 +88,9 @@ Factory alone(Make make)
 
 const std::map<std::string, Factory>& operations()
 {
-    constexpr Shape manyDirectories { 1000, 20 };
-    constexpr Shape oneDirectory { 1000, 1000 };
+    // No larger than first loads need, so that counting takes a minute or two.
+    constexpr Shape manyDirectories { 400, 20 };
+    constexpr Shape oneDirectory { 400, 400 };
     static const std::map<std::string, Factory> all {
         { "get", onStore(manyDirectories, warmGet) },
         { "get_floor", alone(getFloor) },

@@ -4,6 +4,8 @@
 
 #include "api/core/model/tulosettingsactions.h"
 
+#include <QCoreApplication>
+
 #include <log4cplus/logger.h>
 #include <log4cplus/nullappender.h>
 
@@ -51,8 +53,20 @@ void fill(const std::string& directory, const Shape& shape)
     }
 }
 
+// The worker's timer needs one; the subjects of the driver have none of their own.
+void ensureApplication()
+{
+    if (QCoreApplication::instance() != nullptr)
+        return;
+    static int argc = 1;
+    static char name[] = "bench";
+    static char* argv[] = { name, nullptr };
+    static const QCoreApplication application(argc, argv);
+}
+
 std::unique_ptr<Store> open(const std::string& directory, const Shape& shape)
 {
+    ensureApplication();
     return std::make_unique<TuloStore>(directory, shape);
 }
 
