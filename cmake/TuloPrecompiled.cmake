@@ -2,9 +2,9 @@
 #
 # Compiles the headers of Qt, log4cplus and the standard library once for all
 # targets with the same flags: they are most of the work of every source. TEST is
-# for targets linked with Qt5::Test, OPEN for those compiled without access
-# control. Sources include what they use all the same: a build with
-# TULO_PRECOMPILE off, as CI makes with clang, finds what is missing.
+# for tests, OPEN for those compiled without access control. Sources include what
+# they use all the same: a build with TULO_PRECOMPILE and CMAKE_UNITY_BUILD off
+# finds what is missing.
 option(TULO_PRECOMPILE "Compile the headers of the libraries once" ON)
 
 set(tulo_precompiled_headers
@@ -29,13 +29,6 @@ endfunction()
 
 if(TULO_PRECOMPILE)
     tulo_add_precompiled(tulo_precompiled)
-    if(BUILD_TESTING)
-        find_package(Qt5 5.15 REQUIRED COMPONENTS Test)
-        tulo_add_precompiled(tulo_precompiled_test
-            HEADERS <QTest> LIBRARIES Qt5::Test)
-        tulo_add_precompiled(tulo_precompiled_test_open
-            HEADERS <QTest> LIBRARIES Qt5::Test OPTIONS -fno-access-control)
-    endif()
 endif()
 
 function(tulo_precompile target)

@@ -1,16 +1,17 @@
-# tulo_add_test(NAME tst_xxx [WORKER] [HOST] [SOURCES file...] [LIBRARIES library...])
+# tulo_add_test(NAME tst_xxx [WORKER] [HOST] [PROGRAM] [SOURCES file...] [LIBRARIES library...])
 #
 # One Qt Test program and the ctest test of the same name. SOURCES defaults to
-# the file named like the test.
+# the file named like the test. That file includes the meta-object code "tst_xxx.moc".
 #
 #   WORKER  the test looks inside the worker: it is compiled without access
 #           control and linked with the worker's own code
 #   HOST    the test uses the host library
+#   PROGRAM the test starts tulo-cm
 #
 # The places a test needs (TULO_PLUGIN_FILE and so on) are defined by
 # tests_support, which every test is linked with.
 function(tulo_add_test)
-    cmake_parse_arguments(PARSE_ARGV 0 arg "WORKER;HOST" "NAME" "SOURCES;LIBRARIES")
+    cmake_parse_arguments(PARSE_ARGV 0 arg "WORKER;HOST;PROGRAM" "NAME" "SOURCES;LIBRARIES")
     if(NOT arg_NAME OR arg_UNPARSED_ARGUMENTS)
         message(FATAL_ERROR "tulo_add_test: no NAME, or unknown: ${arg_UNPARSED_ARGUMENTS}")
     endif()
@@ -18,9 +19,13 @@ function(tulo_add_test)
         set(arg_SOURCES ${arg_NAME}.cpp)
     endif()
 
-    add_executable(${arg_NAME} ${arg_SOURCES})
+    # Directly, not by AUTOMOC: that took as long as compiling the test.
+    set(moc ${CMAKE_CURRENT_BINARY_DIR}/${arg_NAME}.moc)
+    qt5_generate_moc(${arg_NAME}.cpp ${moc})
+    add_executable(${arg_NAME} ${arg_SOURCES} ${moc})
     set_target_properties(${arg_NAME} PROPERTIES
         RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
+    target_include_directories(${arg_NAME} PRIVATE ${CMAKE_CURRENT_BINARY_DIR})
     target_link_libraries(${arg_NAME} PRIVATE
         tulo_warnings tests_support ${arg_LIBRARIES} Tulo::Framework log4cplus::log4cplus Qt5::Test)
     if(arg_WORKER)
@@ -33,8 +38,11 @@ function(tulo_add_test)
     if(arg_HOST)
         target_link_libraries(${arg_NAME} PRIVATE tulo_host)
     endif()
-    # A test starts the built program and loads the built plug-in by file name.
-    add_dependencies(${arg_NAME} tulo_cb_settings tulo-cm)
+    # Loaded by file name.
+    add_dependencies(${arg_NAME} tulo_cb_settings)
+    if(arg_PROGRAM)
+        add_dependencies(${arg_NAME} tulo-cm)
+    endif()
 
     add_test(NAME ${arg_NAME} COMMAND ${arg_NAME})
     set_tests_properties(${arg_NAME} PROPERTIES

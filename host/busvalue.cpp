@@ -201,7 +201,7 @@ int busSize(const QVariant& value)
 QVariant roleFromBus(const QString& role, const QVariant& value)
 {
     bool accepted = true;
-    const QVariant plain = plainFromBus(value, &accepted);
+    QVariant plain = plainFromBus(value, &accepted);
     if (!isValueRole(role))
         return plain;
     // One beyond 64 bits with a sign was stored as an integer; plainly it would be a double.

@@ -2,6 +2,7 @@
 
 #include "host/guard.h"
 #include "host/router.h"
+#include "host/separator.h"
 
 #include "api/core/model/tulosettingsactions.h"
 #include "api/core/tulo.h"
@@ -19,7 +20,6 @@ CMError stoppedError()
 // The path under which the worker announces a change.
 CMPath absolute(const CMPath& path)
 {
-    const QLatin1Char separator('/');
     return path.text().startsWith(separator) ? path : CMPath(separator + path.text());
 }
 

@@ -1,5 +1,7 @@
 #include "host/guard.h"
 
+#include "host/separator.h"
+
 #include "api/core/model/cmsubscribe.h"
 #include "api/core/model/tulosettingsactions.h"
 #include "api/core/tulo.h"
@@ -15,7 +17,6 @@
 
 namespace {
 
-const QLatin1Char separator('/');
 constexpr int shownPathLength = 200;
 
 // A path for a one-line message: encoded, and cut when it is long because that is what is wrong

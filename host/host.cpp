@@ -1,6 +1,7 @@
 #include "host/host.h"
 
 #include "host/loader.h"
+#include "host/separator.h"
 
 #include "api/core/language.h"
 #include "api/core/model/tulosettingsactions.h"
@@ -8,8 +9,6 @@
 #include <QFileInfo>
 
 namespace {
-
-const QLatin1Char separator('/');
 
 bool isBelow(const QString& path, const QString& directory)
 {

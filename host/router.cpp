@@ -1,10 +1,6 @@
 #include "host/router.h"
 
-namespace {
-
-const QLatin1Char separator('/');
-
-} // namespace
+#include "host/separator.h"
 
 void Router::addWorker(CMWorker* worker)
 {

@@ -1,5 +1,7 @@
 #include "host/writewatch.h"
 
+#include "host/separator.h"
+
 #include <QDir>
 #include <QMutexLocker>
 
@@ -10,8 +12,6 @@
 #include <log4cplus/spi/loggingevent.h>
 
 namespace {
-
-const QLatin1Char separator('/');
 
 // The worker's records. Their texts are an interface.
 const QLatin1String writtenText("written file: ");

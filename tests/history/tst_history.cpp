@@ -29,7 +29,6 @@
 
 namespace {
 
-constexpr int seeds = 20;
 constexpr int stepsPerSeed = 2000;
 
 // -------------------------------------------------------------------------------------------
@@ -671,7 +670,9 @@ void tst_History::randomHistoryMatchesTheModel_data()
     QTest::addColumn<unsigned>("seed");
     // Others than the usual ones, for a longer search.
     const int first = std::max(1, qEnvironmentVariableIntValue("TULO_HISTORY_FIRST_SEED"));
-    for (int seed = first; seed < first + seeds; ++seed)
+    bool isCounted = false;
+    const int count = qEnvironmentVariableIntValue("TULO_HISTORY_SEEDS", &isCounted);
+    for (int seed = first; seed < first + (isCounted ? count : 20); ++seed)
         QTest::addRow("seed %d", seed) << unsigned(seed);
 }
 

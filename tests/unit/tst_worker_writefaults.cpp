@@ -29,9 +29,12 @@ namespace {
 
 enum Call { Mkdir, Open, Write, Fsync, Rename, Unlink, CallCount };
 
+using FileName = std::array<char, 4096>;
+
+/// Without constructors: libraries make system calls before this program's run.
 struct Faults
 {
-    QByteArray tree; ///< empty: not armed
+    FileName tree {}; ///< empty: not armed
     Call call = CallCount;
     int first = 0; ///< the number, from 1, of the call that fails
     bool persistent = false; ///< all calls after it fail, too
@@ -41,16 +44,17 @@ struct Faults
     bool notWritable = false; ///< QIODevice::isWritable() says no
 };
 
-bool isBelow(const char* name, const QByteArray& tree)
+bool isBelow(const char* name, const FileName& tree)
 {
-    return !tree.isEmpty() && std::strncmp(name, tree.constData(), std::size_t(tree.size())) == 0;
+    const std::size_t length = std::strlen(tree.data());
+    return length != 0 && std::strncmp(name, tree.data(), length) == 0;
 }
 
-bool isBelow(int file, const QByteArray& tree)
+bool isBelow(int file, const FileName& tree)
 {
-    if (tree.isEmpty())
+    if (tree.front() == '\0')
         return false;
-    std::array<char, 4096> name {};
+    FileName name {};
     const QByteArray link = "/proc/self/fd/" + QByteArray::number(file);
     return ::readlink(link.constData(), name.data(), name.size() - 1) > 0
         && isBelow(name.data(), tree);
@@ -253,12 +257,13 @@ void tst_WorkerWriteFaults::arm(Call call, int first, bool persistent) const
     faults.call = call;
     faults.first = first;
     faults.persistent = persistent;
-    faults.tree = QFile::encodeName(m_fixture->tree.writePath());
+    qstrncpy(faults.tree.data(), QFile::encodeName(m_fixture->tree.writePath()).constData(),
+             uint(faults.tree.size()));
 }
 
 void tst_WorkerWriteFaults::disarm()
 {
-    faults.tree.clear();
+    faults.tree.fill('\0');
 }
 
 int tst_WorkerWriteFaults::openFiles()

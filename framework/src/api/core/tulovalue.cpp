@@ -29,7 +29,7 @@ const QString maxLengthKey = QStringLiteral("maxLength");
 const QString patternKey = QStringLiteral("pattern");
 
 const QString opKey = QStringLiteral("op");
-const QString valueKey = QStringLiteral("value");
+const QString operandKey = QStringLiteral("value");
 
 int lengthOf(const QVariant& entry)
 {
@@ -269,7 +269,7 @@ TuloOperation::TuloOperation(const TuloHash& hash)
 }
 
 TuloOperation::TuloOperation(const QString& verb, const TuloValue& operand)
-    : TuloHash(QVariantHash { { opKey, verb }, { valueKey, operand.__variant() } })
+    : TuloHash(QVariantHash { { opKey, verb }, { operandKey, operand.__variant() } })
 {
 }
 
@@ -280,5 +280,5 @@ QString TuloOperation::op() const
 
 TuloValue TuloOperation::value() const
 {
-    return TuloValue(__hashAttribute(valueKey).toHash());
+    return TuloValue(__hashAttribute(operandKey).toHash());
 }

@@ -19,7 +19,7 @@ log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("TuloFr
 using Judgement = CMEdit::Judgement;
 
 // The smallest double above every qlonglong. Its negative is the lowest qlonglong.
-constexpr double integerLimit = 9223372036854775808.0;
+constexpr double integersEnd = 9223372036854775808.0;
 // How far beside a step, as a fraction of it, a double still lies on it; far from the origin of
 // the grid more, as doubles get coarser there.
 constexpr double stepTolerance = 1e-6;
@@ -113,9 +113,9 @@ std::optional<qlonglong> lowestInteger(const QVariant& min)
     if (bound.kind() == TuloValue::Int())
         return bound.content().toLongLong();
     const double lowest = std::ceil(bound.content().toDouble());
-    if (lowest >= integerLimit)
+    if (lowest >= integersEnd)
         return std::nullopt;
-    return lowest < -integerLimit ? Limits::min() : qlonglong(lowest);
+    return lowest < -integersEnd ? Limits::min() : qlonglong(lowest);
 }
 
 std::optional<qlonglong> highestInteger(const QVariant& max)
@@ -127,9 +127,9 @@ std::optional<qlonglong> highestInteger(const QVariant& max)
     if (bound.kind() == TuloValue::Int())
         return bound.content().toLongLong();
     const double highest = std::floor(bound.content().toDouble());
-    if (highest < -integerLimit)
+    if (highest < -integersEnd)
         return std::nullopt;
-    return highest >= integerLimit ? Limits::max() : qlonglong(highest);
+    return highest >= integersEnd ? Limits::max() : qlonglong(highest);
 }
 
 // The nearest step within the range; none when the range holds none.
@@ -191,7 +191,7 @@ double lowestDouble(const QVariant& min)
         return std::numeric_limits<double>::lowest();
     const TuloValue bound = TuloValue::ofContent(min);
     const double lowest = bound.content().toDouble();
-    const bool roundedDown = bound.kind() == TuloValue::Int() && lowest < integerLimit
+    const bool roundedDown = bound.kind() == TuloValue::Int() && lowest < integersEnd
         && qlonglong(lowest) < bound.content().toLongLong();
     return roundedDown ? std::nextafter(lowest, HUGE_VAL) : lowest;
 }
@@ -203,7 +203,7 @@ double highestDouble(const QVariant& max)
     const TuloValue bound = TuloValue::ofContent(max);
     const double highest = bound.content().toDouble();
     const bool roundedUp = bound.kind() == TuloValue::Int()
-        && (highest >= integerLimit || qlonglong(highest) > bound.content().toLongLong());
+        && (highest >= integersEnd || qlonglong(highest) > bound.content().toLongLong());
     return roundedUp ? std::nextafter(highest, -HUGE_VAL) : highest;
 }
 

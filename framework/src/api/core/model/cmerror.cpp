@@ -2,30 +2,31 @@
 
 namespace {
 
-const QString nameKey = QStringLiteral("name");
-const QString messageKey = QStringLiteral("message");
-const QString titleKey = QStringLiteral("title");
+const QString errorNameKey = QStringLiteral("name");
+const QString errorMessageKey = QStringLiteral("message");
+const QString errorTitleKey = QStringLiteral("title");
 
 } // namespace
 
 CMError::CMError(const QString& name, const TrString& message, const TrString& title)
-    : TuloHash(QVariantHash { { nameKey, name }, { messageKey, message }, { titleKey, title } })
+    : TuloHash(QVariantHash {
+        { errorNameKey, name }, { errorMessageKey, message }, { errorTitleKey, title } })
 {
 }
 
 const QString& CMError::Name()
 {
-    return nameKey;
+    return errorNameKey;
 }
 
 const QString& CMError::Message()
 {
-    return messageKey;
+    return errorMessageKey;
 }
 
 const QString& CMError::Title()
 {
-    return titleKey;
+    return errorTitleKey;
 }
 
 TrString CMError::DefaultTitle()
@@ -35,15 +36,15 @@ TrString CMError::DefaultTitle()
 
 QString CMError::name() const
 {
-    return __hashAttribute(nameKey).toString();
+    return __hashAttribute(errorNameKey).toString();
 }
 
 TrString CMError::message() const
 {
-    return TrString::fromVariant(__hashAttribute(messageKey));
+    return TrString::fromVariant(__hashAttribute(errorMessageKey));
 }
 
 TrString CMError::title() const
 {
-    return TrString::fromVariant(__hashAttribute(titleKey));
+    return TrString::fromVariant(__hashAttribute(errorTitleKey));
 }
