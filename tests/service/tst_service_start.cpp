@@ -1,0 +1,259 @@
+#include "tests/service/servicefixture.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTest>
+
+#include <functional>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+using Arrange = std::function<void(const TemporaryTree&)>;
+
+Q_DECLARE_METATYPE(Arrange)
+
+namespace {
+
+void makePipe(const QString& name)
+{
+    QDir().mkpath(QFileInfo(name).path());
+    if (::mkfifo(QFile::encodeName(name).constData(), 0600) != 0)
+        qFatal("cannot make a pipe");
+}
+
+} // namespace
+
+/// What the service looks at before it serves.
+class TstServiceStart : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void findingStopsTheStart_data();
+    void findingStopsTheStart();
+    void directoriesAreChecked_data();
+    void directoriesAreChecked();
+    void treeThatMayNotBeWrittenStopsTheStart();
+    void oddityIsToldAndServed();
+    void leftOverTemporaryFilesAreRemoved();
+    void refusedInstanceRemovesNothing();
+    void defaultFileThatBreaksLaterIsNamedAtTheNextStart();
+};
+
+void TstServiceStart::findingStopsTheStart_data()
+{
+    QTest::addColumn<Arrange>("arrange");
+    QTest::addColumn<QByteArray>("lines");
+    QTest::addColumn<int>("exitCode");
+    const auto row = [](const char* name, const Arrange& arrange, const QByteArray& lines,
+                        int exitCode) {
+        QTest::newRow(name) << arrange << lines << exitCode;
+    };
+    row(
+        "broken default file",
+        [](const TemporaryTree& tree) {
+            tree.writeDefault(QStringLiteral("/audio/volume"), QByteArrayLiteral("{broken"));
+        },
+        "tulo-cm: %T/default/audio/volume: line 1, column 2: Missing a name for object member.\n",
+        8);
+    row(
+        "several",
+        [](const TemporaryTree& tree) {
+            tree.writeDefault(QStringLiteral("/audio/.meta"), QByteArrayLiteral("[1"));
+            tree.writeDefault(QStringLiteral("/serial"), QByteArray());
+        },
+        "tulo-cm: %T/default/audio/.meta: line 1, column 3: Missing a comma or ']' after an array "
+        "element.\n"
+        "tulo-cm: %T/default/serial: line 1, column 1: The document is empty.\n",
+        8);
+    row(
+        "pipe in the default tree",
+        [](const TemporaryTree& tree) {
+            makePipe(tree.defaultPath() + QLatin1String("/audio/pipe"));
+        },
+        "tulo-cm: '%T/default/audio/pipe' is neither a regular file nor a directory\n", 7);
+    row(
+        "pipe in the writable tree",
+        [](const TemporaryTree& tree) {
+            makePipe(tree.writePath() + QLatin1String("/audio/volume"));
+        },
+        "tulo-cm: '%T/write/audio/volume' is neither a regular file nor a directory\n", 7);
+    row(
+        "link to a device",
+        [](const TemporaryTree& tree) {
+            QFile::link(QStringLiteral("/dev/zero"),
+                        tree.defaultPath() + QLatin1String("/audio/zero"));
+        },
+        "tulo-cm: '%T/default/audio/zero' is neither a regular file nor a directory\n", 7);
+    row(
+        "link in the place of the lock",
+        [](const TemporaryTree& tree) {
+            QFile::link(QStringLiteral("/etc/passwd"),
+                        tree.writePath() + QLatin1String("/.tulo-cm.lock"));
+        },
+        "tulo-cm: '%T/write/.tulo-cm.lock' is a link; it will not be written\n"
+        "tulo-cm: Lock file '%T/write/.tulo-cm.lock' is a symbolic link\n",
+        7);
+}
+
+void TstServiceStart::findingStopsTheStart()
+{
+    QFETCH(const Arrange, arrange);
+    QFETCH(QByteArray, lines);
+    QFETCH(const int, exitCode);
+    const CommandLine trees;
+    const PrivateBus bus;
+    arrange(trees.tree);
+
+    ServiceProcess service(trees, bus.address());
+    QVERIFY(service.start());
+    const ChildResult result = service.finish();
+
+    QCOMPARE(result.standardError, lines.replace("%T", trees.tree.path().toUtf8()));
+    QCOMPARE(result.exitCode, exitCode);
+}
+
+void TstServiceStart::directoriesAreChecked_data()
+{
+    QTest::addColumn<QString>("defaultPath");
+    QTest::addColumn<QString>("writePath");
+    QTest::addColumn<QByteArray>("line");
+    const auto row = [](const char* name, const char* defaultPath, const char* writePath,
+                        const char* line) {
+        QTest::newRow(name) << QString::fromLatin1(defaultPath) << QString::fromLatin1(writePath)
+                            << QByteArray(line);
+    };
+    row("missing default tree", "%T/none", "%T/write", "directory '%T/none' does not exist");
+    row("missing writable tree", "%T/default", "%T/none", "directory '%T/none' does not exist");
+    row("file", "%T/default/serial", "%T/write", "'%T/default/serial' is no directory");
+    row("empty name", "", "%T/write", "directory '' does not exist");
+    row("equal", "%T/default", "%T/default/../default",
+        "The default tree '%T/default' and the writable tree '%T/default' must lie apart");
+    row("one inside the other", "%T/default", "%T/default/audio",
+        "The default tree '%T/default' and the writable tree '%T/default/audio' must lie apart");
+    row("the other way round", "%T/default/audio", "%T/default",
+        "The default tree '%T/default/audio' and the writable tree '%T/default' must lie apart");
+}
+
+void TstServiceStart::directoriesAreChecked()
+{
+    QFETCH(QString, defaultPath);
+    QFETCH(QString, writePath);
+    QFETCH(QByteArray, line);
+    const CommandLine trees;
+    const PrivateBus bus;
+    const QString base = trees.tree.path();
+
+    const ChildResult result = ChildProcess::run(
+        QStringLiteral(TULO_CM_PROGRAM),
+        { QStringLiteral("--default-path"), defaultPath.replace(QStringLiteral("%T"), base),
+          QStringLiteral("--write-path"), writePath.replace(QStringLiteral("%T"), base),
+          QStringLiteral("--bus"), bus.address(), QStringLiteral("serve") });
+
+    QCOMPARE(result.standardError.split('\n').first(),
+             "tulo-cm: " + line.replace("%T", base.toUtf8()));
+    QCOMPARE(result.exitCode, 2);
+}
+
+void TstServiceStart::treeThatMayNotBeWrittenStopsTheStart()
+{
+    if (::geteuid() != 0)
+        QSKIP("needs root to become another user");
+    const CommandLine trees;
+    const PrivateBus bus;
+
+    ServiceProcess service(trees, bus.address(), {},
+                           { QStringLiteral("setpriv"), QStringLiteral("--reuid=65534"),
+                             QStringLiteral("--regid=65534"), QStringLiteral("--clear-groups") });
+    QVERIFY(service.start());
+    const ChildResult result = service.finish();
+
+    QCOMPARE(result.standardError,
+             "tulo-cm: Directory '" + trees.tree.writePath().toUtf8() + "' cannot be written\n");
+    QCOMPARE(result.exitCode, 7);
+}
+
+void TstServiceStart::oddityIsToldAndServed()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    trees.tree.makeWriteDirectory(QStringLiteral("/audio"));
+    const QString link = trees.tree.writePath() + QLatin1String("/audio/link");
+    QVERIFY(QFile::link(QStringLiteral("/etc/passwd"), link));
+    // Without a kind; it can be served.
+    trees.tree.writeDefault(QStringLiteral("/plain"), R"({"value":5})");
+
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const ChildResult result = service.end();
+
+    QCOMPARE(result.exitCode, 0);
+    const QByteArray complaints = ServiceProcess::complaints(result);
+    QVERIFY2(complaints.startsWith("tulo-cm: '" + link.toUtf8()
+                                   + "' is a link; it will not be written\ntulo-cm: "
+                                   + trees.tree.defaultPath().toUtf8() + "/plain: "),
+             complaints);
+    QCOMPARE(complaints.count('\n'), 2);
+}
+
+void TstServiceStart::leftOverTemporaryFilesAreRemoved()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    for (const char* name : { "/audio/.volume", "/.token", "/audio/.meta", "/audio/.b.c" })
+        trees.tree.writeWritten(QString::fromLatin1(name), QByteArrayLiteral("{}"));
+
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const ChildResult result = service.end();
+
+    const QByteArray base = trees.tree.writePath().toUtf8();
+    QCOMPARE(ServiceProcess::complaints(result),
+             "tulo-cm: removed left-over temporary file '" + base
+                 + "/.token'\ntulo-cm: removed left-over temporary file '" + base
+                 + "/audio/.volume'\n");
+    QCOMPARE(trees.tree.writtenEntries(),
+             QStringList({ QStringLiteral("/.tulo-cm.lock"), QStringLiteral("/audio/"),
+                           QStringLiteral("/audio/.b.c"), QStringLiteral("/audio/.meta") }));
+}
+
+// To it they are files that are being written.
+void TstServiceStart::refusedInstanceRemovesNothing()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    trees.tree.writeWritten(QStringLiteral("/audio/.volume"), QByteArrayLiteral("{}"));
+
+    ServiceProcess second(trees, bus.address());
+    QVERIFY(second.start());
+    QCOMPARE(second.finish().exitCode, 7);
+
+    QVERIFY(QFile::exists(trees.tree.writePath() + QLatin1String("/audio/.volume")));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceStart::defaultFileThatBreaksLaterIsNamedAtTheNextStart()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    trees.tree.writeDefault(QStringLiteral("/audio/volume"), QByteArrayLiteral("{broken"));
+
+    const BusClient client(bus.address());
+    QVERIFY(client.value(QStringLiteral("/settings/audio/volume"))
+                .startsWith(QStringLiteral("org.freedesktop.DBus.Error.")));
+    QCOMPARE(service.finish().signal, SIGABRT);
+
+    ServiceProcess next(trees, bus.address());
+    QVERIFY(next.start());
+    const ChildResult result = next.finish();
+    QVERIFY2(result.standardError.contains("/default/audio/volume: line 1"), result.standardError);
+    QCOMPARE(result.exitCode, 8);
+}
+
+QTEST_GUILESS_MAIN(TstServiceStart)
+#include "tst_service_start.moc"
