@@ -145,6 +145,7 @@ void tst_worker_listing::onlyWordCharactersAndHyphensAreListed_data()
     row("7", true);
     row("\u00fcberblick", true);
     row("\u97f3\u91cf", true);
+    row("a\u0301", true);
     row("a.json", false);
     row("a.", false);
     row("backup~", false);
