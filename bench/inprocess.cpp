@@ -26,7 +26,9 @@ constexpr int repetitions = 31;
 // First listings are long, and each costs the whole work anew.
 constexpr int longRepetitions = 11;
 constexpr double secondsEach = 0.0002;
-constexpr double warmUpSeconds = 0.003;
+constexpr double warmUpSeconds = 0.03;
+// Time for all the settings that first loads go through.
+constexpr double loadWarmUpSeconds = 0.3;
 
 struct Benchmark
 {
@@ -45,7 +47,7 @@ void add(const Benchmark& benchmark, Function function)
     benchmarks[name] = benchmark;
     benchmark::RegisterBenchmark(name.c_str(), function)
         ->MinTime(secondsEach)
-        ->MinWarmUpTime(benchmark.work == "load" ? 10 * warmUpSeconds : warmUpSeconds);
+        ->MinWarmUpTime(benchmark.work == "load" ? loadWarmUpSeconds : warmUpSeconds);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -83,7 +83,7 @@ class Goal:
         if not self.missed():
             return "reached"
         share = self.limit / self.value if self.least else self.value / self.limit
-        return f"missed by {100 * (share - 1):.0f} %"
+        return f"missed by {100 * (share - 1):.1f} %"
 
     def row(self):
         measured = "-" if self.value is None else f"{self.value:.2f} {self.unit}"
@@ -131,16 +131,17 @@ def goals(figures, counted):
              ratio(ours("list_cached", 10000), ours("list_cached", 10)), 1.1),
         faster("accepting a change, faster than GSettings", "accept", "gsettings", 5),
         Goal("accepting a change, 100,000 settings to 1,000",
-             ratio(ours("accept", 100000), ours("accept")), 1.1),
+             ratio(ours("accept", 100000), ours("accept")), 1.1, work="accept"),
         Goal("accepting a change, directory of 10,000 to one of 10",
-             ratio(ours("accept_directory", 10000), ours("accept_directory", 10)), 1.2),
+             ratio(ours("accept_directory", 10000), ours("accept_directory", 10)), 1.2,
+             work="accept_directory"),
         Goal("durable change, to the floor", ratio(ours("durable"), ("durable", "floor", 1000)), 1.3,
              work="durable"),
         faster("durable change, faster than GSettings, 1,000 settings", "durable", "gsettings", 5),
         faster("durable change, faster than GSettings, 100,000 settings", "durable", "gsettings", 300,
                settings=100000),
         Goal("durable change, 100,000 settings to 1,000",
-             ratio(ours("durable", 100000), ours("durable")), 1.1),
+             ratio(ours("durable", 100000), ours("durable")), 1.1, work="durable"),
         Goal("burst of 100 settings, to 100 floors",
              ratio(ours("burst_100"), ("burst_100", "floor", 1000)), 1.15),
         Goal("1,000 changes of one setting, fsyncs", counted["changes_1000"]["fsyncs"], 1,
@@ -148,7 +149,7 @@ def goals(figures, counted):
         Goal("get over the bus, to an empty call", ratio(ours("bus_get"), ("bus_get", "empty", 1000)),
              1.3),
         Goal("20 rows over the bus, to an empty call",
-             ratio(ours("bus_rows"), ("bus_get", "empty", 1000)), 2),
+             ratio(ours("bus_rows"), ("bus_get", "empty", 1000)), 2, work="rows"),
         Goal("1,000 changes over the bus without waiting, faster than waiting",
              ratio(("bus_changes", "waiting", 1000), ("bus_changes", "not waiting", 1000)), 3,
              least=True),
@@ -173,6 +174,9 @@ causes = {
             "is asked for the first time",
     "json_parse": "the parser looks at each byte several times and hands on one member at a time",
     "list_first": "Qt makes a file information of each name before it is filtered",
+    "accept": "nothing depends on what is stored; a directory's names are searched, and fewer of them "
+              "are in the processor's cache",
+    "accept_directory": "ten more names are compared in a directory of 10,000 than in one of 10",
     "durable": "the first change in a directory lists it in both layers",
 }
 
@@ -283,7 +287,8 @@ def report(work, seed):
               "- work inside one process: processor time, 31 samples after a warm-up each, first "
               "listings 11",
               "- the rest: elapsed time; 200 changes on disk each (11 of other stores with 100,000 "
-              "settings), 31 starts, 11 of all else", "",
+              "settings), 201 turns of ten calls over the bus, 31 starts, 11 of all else",
+              "- changes on disk: of the same 1,000 settings, however many lie beside them", "",
               "## Goals", "", "| work | goal | measured | |", "|---|---|---:|---|"]
     all_goals = goals(figures, counted)
     lines += [goal.row() for goal in all_goals]

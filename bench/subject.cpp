@@ -11,6 +11,7 @@
 #include "samples.h"
 #include "store.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -19,12 +20,13 @@ namespace {
 
 std::vector<int> distinctSettings(const Shape& shape, int count, int round)
 {
-    // A step without a common factor with the number of settings visits all of them in turn.
+    // A step without a common factor with the number of settings visits all of them in turn. Of
+    // each store the same ones, however many lie beside them: as many directories are met anew.
     constexpr long long step = 7919;
+    const long long visited = std::min(shape.settings, Shape().settings);
     std::vector<int> settings;
     for (long long i = 0; i < count; ++i)
-        settings.push_back(
-            int((i + static_cast<long long>(round) * count) * step % shape.settings));
+        settings.push_back(int((i + static_cast<long long>(round) * count) * step % visited));
     return settings;
 }
 
