@@ -188,7 +188,7 @@ void CMSettingsWorker::getDataRequest(const CMGetDataRequest& request)
     CM_SETTINGS_ENTER(request.path());
 
     QList<QVariant> values;
-    const QStringList roleNames = request.roles();
+    const QStringList& roleNames = request.roles();
     values.reserve(roleNames.size());
 
     if (request.path() == TuloSettingsActionsFlush()) {
@@ -254,7 +254,7 @@ void CMSettingsWorker::getRowsRequest(const CMGetRowsRequest& request)
     const TuloRoles directoryRoles = load(settingPath, &exists);
 
     const QString rowPrefix = settingPath == separator ? settingPath : settingPath + separator;
-    const QStringList roleNames = request.roles();
+    const QStringList& roleNames = request.roles();
     const int lastRow = std::min(request.lastRow(), entries.size() - 1);
     QList<QVariant> rows;
     for (int row = request.firstRow(); row <= lastRow; ++row) {

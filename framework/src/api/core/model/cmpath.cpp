@@ -6,8 +6,29 @@
 
 #include <ostream>
 
+namespace {
+
+QString baseOf(const QString& text)
+{
+    const QLatin1Char separator('/');
+    const bool absolute = text.startsWith(separator);
+    const int mountEnd = text.indexOf(separator, absolute ? 1 : 0);
+    if (mountEnd < 0)
+        return absolute ? QString(separator) : QString();
+    return text.mid(absolute ? mountEnd : mountEnd + 1);
+}
+
+} // namespace
+
 CMPath::CMPath(const QString& text)
     : m_text(text)
+    , m_base(baseOf(text))
+{
+}
+
+CMPath::CMPath(const QString& mount, const QString& base)
+    : m_text(mount + base)
+    , m_base(base)
 {
 }
 
@@ -21,14 +42,9 @@ const QString& CMPath::text() const
     return m_text;
 }
 
-QString CMPath::base() const
+const QString& CMPath::base() const
 {
-    const QLatin1Char separator('/');
-    const bool absolute = m_text.startsWith(separator);
-    const int mountEnd = m_text.indexOf(separator, absolute ? 1 : 0);
-    if (mountEnd < 0)
-        return absolute ? QString(separator) : QString();
-    return m_text.mid(absolute ? mountEnd : mountEnd + 1);
+    return m_base;
 }
 
 QString CMPath::toEncoded() const

@@ -22,11 +22,13 @@ class CMPath
 public:
     CMPath() = default;
     explicit CMPath(const QString& text);
+    /// The path of `base` below `mount`, one component; both begin with "/".
+    CMPath(const QString& mount, const QString& base);
 
     bool isEmpty() const;
     const QString& text() const;
     /// What follows the mount; begins with "/" exactly when the text does.
-    QString base() const;
+    const QString& base() const;
     /// The text with everything but unreserved characters and "/" percent-encoded (RFC 3986).
     QString toEncoded() const;
 
@@ -46,6 +48,7 @@ public:
 
 private:
     QString m_text;
+    QString m_base;
 };
 
 /// Writes the text in UTF-8.

@@ -1,20 +1,17 @@
 #include "api/core/model/cmreply.h"
 
 #include <chrono>
-#include <utility>
 
 template class CMReplyData<TuloRowsRoles>;
 
 bool CMReplyAbstractData::isFinished() const
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_finished;
+    return m_finished.load(std::memory_order_acquire);
 }
 
 CMError CMReplyAbstractData::error() const
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_error;
+    return isFinished() ? m_error : CMError();
 }
 
 void CMReplyAbstractData::setError(const CMError& error)
@@ -32,13 +29,15 @@ bool CMReplyAbstractData::waitForFinished(unsigned long milliseconds) const
 {
     // Beyond this the clock's range ends, long after anybody's patience.
     constexpr unsigned long longestWaitMs = 1000UL * 3600 * 24 * 365;
-    const auto isFinished = [this] {
-        return m_finished;
+    if (isFinished())
+        return true;
+    const auto finished = [this] {
+        return isFinished();
     };
     std::unique_lock<std::mutex> lock(m_mutex);
     if (milliseconds <= longestWaitMs)
-        return m_condition.wait_for(lock, std::chrono::milliseconds(milliseconds), isFinished);
-    m_condition.wait(lock, isFinished);
+        return m_condition.wait_for(lock, std::chrono::milliseconds(milliseconds), finished);
+    m_condition.wait(lock, finished);
     return true;
 }
 
@@ -59,20 +58,9 @@ void CMReplyAbstractData::removeWatcher(CMReplyWatcher* watcher)
     m_watchers.removeAll(watcher);
 }
 
-void CMReplyAbstractData::acquire()
-{
-    m_references.fetch_add(1, std::memory_order_relaxed);
-}
-
-void CMReplyAbstractData::release()
-{
-    if (m_references.fetch_sub(1, std::memory_order_acq_rel) == 1)
-        delete this;
-}
-
 QList<CMReplyWatcher*> CMReplyAbstractData::finish()
 {
-    m_finished = true;
+    m_finished.store(true, std::memory_order_release);
     QList<CMReplyWatcher*> watchers;
     watchers.swap(m_watchers);
     m_condition.notify_all();
@@ -86,40 +74,6 @@ void CMReplyAbstractData::notify(const QList<CMReplyWatcher*>& watchers)
     const CMVoidReply reply(this);
     for (CMReplyWatcher* watcher : watchers)
         watcher->replyFinished(reply);
-}
-
-CMVoidReply::CMVoidReply(CMReplyAbstractData* data)
-    : m_data(data)
-{
-    if (m_data != nullptr)
-        m_data->acquire();
-}
-
-CMVoidReply::CMVoidReply(const CMVoidReply& other)
-    : CMVoidReply(other.m_data)
-{
-}
-
-CMVoidReply::CMVoidReply(CMVoidReply&& other) noexcept
-    : m_data(std::exchange(other.m_data, nullptr))
-{
-}
-
-CMVoidReply& CMVoidReply::operator=(CMVoidReply other) noexcept
-{
-    std::swap(m_data, other.m_data);
-    return *this;
-}
-
-CMVoidReply::~CMVoidReply()
-{
-    if (m_data != nullptr)
-        m_data->release();
-}
-
-CMReplyAbstractData* CMVoidReply::data() const
-{
-    return m_data;
 }
 
 bool CMVoidReply::isFinished() const
@@ -150,9 +104,4 @@ void CMVoidReply::removeWatcher(CMReplyWatcher* watcher) const
 {
     TULO_ASSERT(d());
     d()->removeWatcher(watcher);
-}
-
-CMReplyAbstractData* CMVoidReply::d() const
-{
-    return m_data;
 }

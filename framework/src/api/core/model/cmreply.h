@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <type_traits>
+#include <utility>
 
 class CMVoidReply;
 
@@ -54,9 +55,13 @@ public:
     void addWatcher(CMReplyWatcher* watcher);
     void removeWatcher(CMReplyWatcher* watcher);
 
-    void acquire();
+    void acquire() { m_references.fetch_add(1, std::memory_order_relaxed); }
     /// Destroys the data when the last reference is gone.
-    void release();
+    void release()
+    {
+        if (m_references.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            delete this;
+    }
 
 private:
     Q_DISABLE_COPY(CMReplyAbstractData)
@@ -73,10 +78,11 @@ protected:
     // The standard library's, which cost nothing to make: every request brings a reply.
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_condition;
-    // Under the mutex.
-    bool m_finished = false;
+    // Set under the mutex. Whoever finds it set may read the value and the error without the
+    // mutex: they do not change any more.
+    std::atomic<bool> m_finished { false };
     CMError m_error;
-    QList<CMReplyWatcher*> m_watchers;
+    QList<CMReplyWatcher*> m_watchers; // under the mutex
 };
 
 template<typename T>
@@ -116,8 +122,7 @@ public:
     /// Waits without limit for the reply to finish; a default value after an error.
     T value() const
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_condition.wait(lock, [this] { return m_finished; });
+        waitForFinished(ULONG_MAX);
         return m_value;
     }
 
@@ -134,14 +139,33 @@ class CMVoidReply
 public:
     CMVoidReply() = default;
     /// Takes a reference; the data is destroyed with its last handle.
-    explicit CMVoidReply(CMReplyAbstractData* data);
-    CMVoidReply(const CMVoidReply& other);
-    CMVoidReply(CMVoidReply&& other) noexcept;
-    CMVoidReply& operator=(CMVoidReply other) noexcept;
-    ~CMVoidReply();
+    explicit CMVoidReply(CMReplyAbstractData* data)
+        : m_data(data)
+    {
+        if (m_data != nullptr)
+            m_data->acquire();
+    }
+    CMVoidReply(const CMVoidReply& other)
+        : CMVoidReply(other.m_data)
+    {
+    }
+    CMVoidReply(CMVoidReply&& other) noexcept
+        : m_data(std::exchange(other.m_data, nullptr))
+    {
+    }
+    CMVoidReply& operator=(CMVoidReply other) noexcept
+    {
+        std::swap(m_data, other.m_data);
+        return *this;
+    }
+    ~CMVoidReply()
+    {
+        if (m_data != nullptr)
+            m_data->release();
+    }
 
     /// The data, null for an empty handle. Stays the handle's.
-    CMReplyAbstractData* data() const;
+    CMReplyAbstractData* data() const { return m_data; }
 
     bool isFinished() const;
     CMError error() const;
@@ -150,7 +174,7 @@ public:
     void removeWatcher(CMReplyWatcher* watcher) const;
 
 protected:
-    CMReplyAbstractData* d() const;
+    CMReplyAbstractData* d() const { return m_data; }
 
 private:
     CMReplyAbstractData* m_data = nullptr;

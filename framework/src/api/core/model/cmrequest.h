@@ -11,7 +11,8 @@
 #include <QVariant>
 
 /// What a client asks of a worker. A handle on request data that never changes: copies share
-/// it, and so they share the reply. Accessors on a handle without data assert "d()".
+/// it, and so they share the reply. What the accessors return lives as long as the data does, to
+/// its last handle; on a handle without data they assert "d()".
 class CMRequest
 {
 public:
@@ -20,16 +21,16 @@ public:
     CMRequest() = default;
 
     Kind kind() const;
-    CMPath path() const;
+    const CMPath& path() const;
     /// The reply whatever it carries; the same one that the request's own reply() gives.
-    CMVoidReply voidReply() const;
+    const CMVoidReply& voidReply() const;
 
 protected:
     struct Data : QSharedData
     {
         Data(Kind requestKind, const CMPath& requestPath);
         virtual ~Data() = default;
-        virtual CMVoidReply voidReply() const = 0;
+        virtual const CMVoidReply& voidReply() const = 0;
 
         const Kind kind;
         const CMPath path;
@@ -55,9 +56,9 @@ public:
     explicit CMGetDataRequest(const CMRequest& request);
 
     /// Role names, in the client's order.
-    QStringList roles() const;
+    const QStringList& roles() const;
     /// Finished with one value a role.
-    Reply reply() const;
+    const Reply& reply() const;
 
 private:
     struct GetData;
@@ -77,8 +78,8 @@ public:
 
     qint32 firstRow() const;
     qint32 lastRow() const; ///< inclusive
-    QStringList roles() const;
-    Reply reply() const;
+    const QStringList& roles() const;
+    const Reply& reply() const;
 
 private:
     struct GetRows;
@@ -97,9 +98,9 @@ public:
                       const Reply& reply);
     explicit CMMatchRowRequest(const CMRequest& request);
 
-    QString role() const;
-    QVariant value() const;
-    Reply reply() const;
+    const QString& role() const;
+    const QVariant& value() const;
+    const Reply& reply() const;
 
 private:
     struct MatchRow;
@@ -118,10 +119,10 @@ public:
     explicit CMSetDataRequest(const CMRequest& request);
     static CMSetDataRequest ping(const CMPath& path, const Reply& reply);
 
-    QString role() const;
+    const QString& role() const;
     /// A hash for the value, roles and operation roles.
-    QVariant value() const;
-    Reply reply() const;
+    const QVariant& value() const;
+    const Reply& reply() const;
 
 private:
     struct SetData;

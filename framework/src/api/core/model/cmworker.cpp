@@ -11,6 +11,14 @@ QString configuredPrefix(const QHash<QString, QVariant>& configuration)
     return entry == configuration.cend() ? defaultPrefix : entry->toString();
 }
 
+// Whether the path's first component is the prefix; the path may lack its leading "/".
+bool isBelow(const QString& prefix, const QString& path)
+{
+    const QStringView mount = QStringView(prefix).mid(path.startsWith(separator) ? 0 : 1);
+    return path.startsWith(mount)
+        && (path.size() == mount.size() || path.at(int(mount.size())) == separator);
+}
+
 } // namespace
 
 CMAbstractWorker::CMAbstractWorker(const QString& name, const QString& prefix)
@@ -52,8 +60,7 @@ CMReply<QList<QVariant>> CMAbstractWorker::getData(const CMPath& path, const QSt
 {
     if (m_router != nullptr)
         return m_router->getData(path, roles, reply);
-    const QString text = path.text().startsWith(separator) ? path.text() : separator + path.text();
-    if (text == m_prefix || text.startsWith(m_prefix + separator))
+    if (isBelow(m_prefix, path.text()))
         getDataRequest(CMGetDataRequest(path, roles, reply));
     else
         reply.setError(createErrorInvalidPath(path));
@@ -129,7 +136,7 @@ CMPath CMWorker::addPrefix(const QString& base) const
     if (base.isEmpty() || base == separator)
         return prefixPath();
     if (base.startsWith(separator))
-        return CMPath(prefix() + base);
+        return CMPath(prefix(), base);
     return CMPath(prefix().mid(1) + separator + base);
 }
 

@@ -1,11 +1,13 @@
 #include "api/core/model/tulosettingsactions.h"
 
-CMPath TuloSettingsActionsFlush()
+const CMPath& TuloSettingsActionsFlush()
 {
-    return CMPath(QStringLiteral("/settings/actions/flush"));
+    static const CMPath path(QStringLiteral("/settings/actions/flush"));
+    return path;
 }
 
-CMPath TuloSettingsActionsDropCache()
+const CMPath& TuloSettingsActionsDropCache()
 {
-    return CMPath(QStringLiteral("/settings/actions/dropCache"));
+    static const CMPath path(QStringLiteral("/settings/actions/dropCache"));
+    return path;
 }

@@ -4,7 +4,7 @@
 
 /// The action that writes every pending change and syncs the file systems:
 /// "/settings/actions/flush".
-CMPath TuloSettingsActionsFlush();
+const CMPath& TuloSettingsActionsFlush();
 
 /// The action that empties the value cache: "/settings/actions/dropCache".
-CMPath TuloSettingsActionsDropCache();
+const CMPath& TuloSettingsActionsDropCache();
