@@ -4,9 +4,8 @@
 //   byte    which kind of request
 //   chunks  the path, the value as JSON
 
+#include "forgetall.h"
 #include "fuzzinput.h"
-
-#include "cm_settings.h"
 
 #include "host/guard.h"
 
@@ -47,7 +46,7 @@ public:
     CMRequest admit(const CMRequest& request, CMError* error)
     {
         // What it remembers of earlier inputs must not decide.
-        m_worker.m_valueCache.clear();
+        forgetAll(&m_worker);
         return m_guard.admit(request, error);
     }
 

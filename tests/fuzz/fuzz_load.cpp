@@ -3,9 +3,8 @@
 //   byte    which of the files are there, and whether log texts are built, for one in sixteen
 //   chunks  the default file, the product file, the directory's .meta, the written file
 
+#include "forgetall.h"
 #include "fuzzinput.h"
-
-#include "cm_settings.h"
 
 #include "api/core/tulojson.h"
 #include "tests/support/replywaiter.h"
@@ -15,6 +14,7 @@
 #include <QFile>
 
 #include <memory>
+#include <utility>
 
 namespace {
 
@@ -93,6 +93,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static int argumentCount = 0;
     static const QCoreApplication application(argumentCount, nullptr);
     static Trees trees;
+    static const auto worker = trees.makeWorker();
+    static const auto next = trees.makeWorker();
     FuzzInput input(data, size);
     const unsigned flags = input.byte();
     setLogging(flags >> 4 == 15);
@@ -107,7 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Q_UNUSED(meta)
 
     // The same answer whether it comes from the files or from the cache.
-    const auto worker = trees.makeWorker();
+    forgetAll(worker.get());
     const QByteArray first = answer(worker.get());
     TULO_ASSERT(!first.isNull());
     TULO_ASSERT(answer(worker.get()) == first);
@@ -130,7 +132,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!errorText(reply).isEmpty())
         return 0;
     worker->on_writeTimer_timeout();
-    const auto next = trees.makeWorker();
+    forgetAll(next.get());
     TULO_ASSERT(valueOf(next.get()) == accepted);
     return 0;
 }

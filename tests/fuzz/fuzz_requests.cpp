@@ -4,9 +4,8 @@
 //   byte          whether log texts are built
 //   per request   a byte for its kind, one for the path, and what the kind needs
 
+#include "forgetall.h"
 #include "fuzzinput.h"
-
-#include "cm_settings.h"
 
 #include "host/client.h"
 #include "host/guard.h"
@@ -52,7 +51,7 @@ const QByteArray meta = QByteArrayLiteral("{\"title\":\"Audio\"}");
 const QByteArray volume =
     QByteArrayLiteral("{\"value\":{\"int\":7},\"edit\":{\"min\":0,\"max\":40,\"step\":2}}");
 
-/// Trees that are the same before each sequence, and a host's parts on them.
+/// A host's parts on trees that are the same before each sequence.
 class Stage
 {
 public:
@@ -158,7 +157,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FuzzInput input(data, size);
     setLogging(input.byte() % 8 == 7);
 
-    Stage stage(tree);
+    static Stage stage(tree);
+    forgetAll(&stage.worker);
     for (int request = 0; request < mostRequests && !input.atEnd(); ++request)
         perform(&input, &stage);
     stage.worker.on_writeTimer_timeout();
