@@ -166,7 +166,7 @@ void Client::serve(const CMRequest& request)
     if (request.kind() != CMRequest::Kind::SetData
         || CMSetDataRequest(request).role() == TuloRoles::Activate())
         return;
-    const CMVoidReply reply = request.voidReply();
+    const CMVoidReply& reply = request.voidReply();
     if (reply.isFinished() && errorKind(reply.error()) == ErrorKind::None)
         emit changeAccepted(absolute(request.path()));
 }

@@ -47,7 +47,7 @@ bool isRefused(const CMError& error)
 // The path inside the trees; begins with "/".
 QString settingPathOf(const CMPath& path)
 {
-    const QString base = path.base();
+    const QString& base = path.base();
     return base.startsWith(separator) ? base : separator + base;
 }
 
@@ -286,7 +286,7 @@ CMRequest Guard::admit(const CMRequest& request, CMError* error) const
 
 CMError Guard::judgeRows(const CMGetRowsRequest& request) const
 {
-    const CMPath path = request.path();
+    const CMPath& path = request.path();
     if (request.firstRow() < 0 || request.lastRow() < 0)
         return refusal(QStringLiteral("A row index at '%1' is negative"), path);
     CMError error = judgeRoles(path, request.roles());
@@ -300,7 +300,7 @@ CMError Guard::judgeRows(const CMGetRowsRequest& request) const
 
 CMError Guard::judgeSetData(const CMSetDataRequest& request) const
 {
-    const CMPath path = request.path();
+    const CMPath& path = request.path();
     if (request.role() == TuloRoles::Activate()) {
         if (isAction(path))
             return CMError();
@@ -318,8 +318,8 @@ CMError Guard::judgeSetData(const CMSetDataRequest& request) const
 
 CMError Guard::judgeContent(const CMSetDataRequest& request)
 {
-    const CMPath path = request.path();
-    const QVariant value = request.value();
+    const CMPath& path = request.path();
+    const QVariant& value = request.value();
     if (request.role() == TuloRoles::Value())
         return judgeValue(path, value);
 

@@ -301,7 +301,7 @@ void CMSettingsWorker::setDataRequest(const CMSetDataRequest& request)
                                                      << " value:" << request.value());
 
     const QMutexLocker locker(&m_mutex);
-    const QString role = request.role();
+    const QString& role = request.role();
 
     // An action is known by its path as it stands; a path that is none is not corrected first.
     if (role == TuloRoles::Activate()) {
@@ -812,7 +812,7 @@ void CMSettingsWorker::on_subscribe_valuePathAdded(const CMPath& path)
 void CMSettingsWorker::rememberAlias(const CMPath& path, QHash<QString, QString>* aliases)
 {
     const QString settingPath = getRequestSettingPath(path);
-    const QString base = path.base();
+    const QString& base = path.base();
     if (base != settingPath)
         aliases->insert(settingPath, base);
 }
