@@ -77,7 +77,9 @@ void tst_framework_paths::prefixGivesTheClientsFormBack()
     QFETCH(QString, restored);
     const CMWorker worker({}, QStringLiteral("worker"));
 
-    QCOMPARE(worker.addPrefix(CMPath(text).base()).text(), restored);
+    const CMPath path = worker.addPrefix(CMPath(text).base());
+    QCOMPARE(path.text(), restored);
+    QCOMPARE(path.base(), CMPath(restored).base());
 }
 
 void tst_framework_paths::prefixOfEmptyBaseIsThatOfRoot()
