@@ -8,7 +8,7 @@ option(TULO_FUZZ "The fuzz targets search for new inputs; needs clang" OFF)
 # Environment that the tests need because of the instrumentation.
 set(TULO_TEST_ENVIRONMENT "")
 # Seconds. For what hangs, not for what is slow: a busy machine is no failure.
-set(TULO_TEST_TIMEOUT 300)
+set(TULO_TEST_TIMEOUT 900)
 
 set(tulo_instrumentation "")
 
@@ -24,7 +24,6 @@ if(TULO_SANITIZE)
         list(APPEND tulo_instrumentation
             -fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/sanitizers.ignore)
     endif()
-    set(TULO_TEST_TIMEOUT 900)
     # Short stacks and a small quarantine: a third of the time went there.
     list(APPEND TULO_TEST_ENVIRONMENT
         ASAN_OPTIONS=malloc_context_size=4:quarantine_size_mb=8:max_malloc_fill_size=0

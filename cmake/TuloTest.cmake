@@ -45,7 +45,10 @@ function(tulo_add_test)
     endif()
 
     add_test(NAME ${arg_NAME} COMMAND ${arg_NAME})
+    # Qt's own limit for a test function is five minutes.
+    math(EXPR milliseconds "${TULO_TEST_TIMEOUT} * 1000")
     set_tests_properties(${arg_NAME} PROPERTIES
         TIMEOUT ${TULO_TEST_TIMEOUT}
-        ENVIRONMENT "LC_ALL=C.UTF-8;${TULO_TEST_ENVIRONMENT}")
+        ENVIRONMENT
+            "LC_ALL=C.UTF-8;QTEST_FUNCTION_TIMEOUT=${milliseconds};${TULO_TEST_ENVIRONMENT}")
 endfunction()
