@@ -17,6 +17,7 @@
 #include <QFileInfo>
 #include <QMutexLocker>
 #include <QSet>
+#include <QStringBuilder>
 
 #include <algorithm>
 #include <array>
@@ -24,6 +25,7 @@
 #include <climits>
 #include <cstdio>
 #include <iterator>
+#include <utility>
 
 #include <unistd.h>
 
@@ -72,6 +74,13 @@ bool isListedName(const QString& name)
         return character.isLetterOrNumber() || character.isMark() || character == QLatin1Char('_')
             || character == QLatin1Char('-');
     });
+}
+
+// A copy would count the references of what the value holds; the list's own append() makes one.
+void append(QList<QVariant>* list, QVariant value)
+{
+    list->append(QVariant());
+    list->last().swap(value);
 }
 
 // The text of a reply's error, for the record that tells the operator the same.
@@ -217,8 +226,8 @@ void CMSettingsWorker::getDataRequest(const CMGetDataRequest& request)
         return;
     }
     for (const QString& roleName : roleNames)
-        values.append(roles.__hashAttribute(roleName));
-    request.reply().setValue(values);
+        append(&values, roles.__hashAttribute(roleName));
+    request.reply().setValue(std::move(values));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -259,13 +268,13 @@ void CMSettingsWorker::getRowsRequest(const CMGetRowsRequest& request)
     QList<QVariant> rows;
     for (int row = request.firstRow(); row <= lastRow; ++row) {
         TULO_ASSERT_TEXT(row >= 0, "index out of range");
-        const CMPath rowPath = addPrefix(rowPrefix + entries.at(row));
+        const CMPath rowPath = addPrefix(rowPrefix % entries.at(row));
         LOG4CPLUS_TRACE(logger, "row path: " << rowPath);
         const CMReply<QList<QVariant>> rowReply =
             getData(rowPath, roleNames, CMReply<QList<QVariant>>(new CMReplyData<QList<QVariant>>));
         TULO_ASSERT(rowReply.isFinished());
         const CMError error = rowReply.error();
-        if (!error.__hashAttribute(CMError::Name()).toString().isEmpty()) {
+        if (!error.__isEmpty() && !error.__hashAttribute(CMError::Name()).toString().isEmpty()) {
             LOG4CPLUS_ERROR(logger, "Loaded path is invalid: " << rowPath);
             request.reply().setError(error);
             return;
@@ -273,7 +282,7 @@ void CMSettingsWorker::getRowsRequest(const CMGetRowsRequest& request)
         rowReply.data()->waitForFinished(ULONG_MAX);
         const QList<QVariant> values = rowReply.value();
         LOG4CPLUS_TRACE(logger, "Data : " << values);
-        rows.append(QVariant(values));
+        append(&rows, values);
     }
     const int rowsVersion = subscribe()->rowsVersion(request.path());
     locker.unlock();

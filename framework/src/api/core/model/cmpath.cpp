@@ -2,6 +2,7 @@
 
 #include "api/core/tulo.h"
 
+#include <QStringBuilder>
 #include <QUrl>
 
 #include <ostream>
@@ -27,7 +28,7 @@ CMPath::CMPath(const QString& text)
 }
 
 CMPath::CMPath(const QString& mount, const QString& base)
-    : m_text(mount + base)
+    : m_text(mount % base)
     , m_base(base)
 {
 }

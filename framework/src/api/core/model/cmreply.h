@@ -108,12 +108,12 @@ public:
             setValue(value.value<T>());
     }
 
-    void setValue(const T& value)
+    void setValue(T value)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         if (m_finished)
             return;
-        m_value = value;
+        m_value = std::move(value);
         const QList<CMReplyWatcher*> watchers = finish();
         lock.unlock();
         notify(watchers);
@@ -194,7 +194,7 @@ public:
     /// A handle on fresh data, unfinished, without value and error.
     static CMReply create() { return CMReply(new CMReplyData<T>); }
 
-    void setValue(const T& value) const { typed()->setValue(value); }
+    void setValue(T value) const { typed()->setValue(std::move(value)); }
     T value() const { return typed()->value(); }
 
 private:
