@@ -112,7 +112,7 @@ Rows Client::rowsOf(const TuloRowsRoles& answer, const QStringList& roles)
         Row row;
         row.isDirectory = values.takeLast().toInt() == TuloRolesType::Directory;
         row.path = CMPath::fromVariant(values.takeLast());
-        row.name = row.path.text().section(QLatin1Char('/'), -1);
+        row.name = nameOf(row.path.text());
         row.values = values;
         TULO_ASSERT(row.values.size() == roles.size());
         rows.rows.append(row);

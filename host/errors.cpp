@@ -33,7 +33,7 @@ QString errorName(ErrorKind kind)
 
 ErrorKind errorKind(const CMError& error)
 {
-    const QString name = error.name();
+    const QString name = error.isEmpty() ? QString() : error.name();
     if (name.isEmpty())
         return ErrorKind::None;
     const auto* const entry =

@@ -56,11 +56,6 @@ QString parentOf(const QString& settingPath)
     return settingPath.left(settingPath.lastIndexOf(separator));
 }
 
-QString nameOf(const QString& settingPath)
-{
-    return settingPath.mid(settingPath.lastIndexOf(separator) + 1);
-}
-
 bool isAction(const CMPath& path)
 {
     return path == TuloSettingsActionsFlush() || path == TuloSettingsActionsDropCache();
@@ -69,6 +64,13 @@ bool isAction(const CMPath& path)
 bool isControl(QChar character)
 {
     return character.category() == QChar::Other_Control;
+}
+
+// Whether the text takes more bytes in UTF-8; a short one is told without making them.
+bool isLonger(QStringView text, int bytes)
+{
+    constexpr int bytesPerCharacter = 3;
+    return text.size() * bytesPerCharacter > bytes && text.toUtf8().size() > bytes;
 }
 
 bool isInteger(const QVariant& value)
@@ -199,19 +201,19 @@ CMError Guard::judgePath(const CMPath& path)
         return refusal(QStringLiteral("Path '%1' is not valid Unicode"), path);
     if (std::any_of(text.cbegin(), text.cend(), isControl))
         return refusal(QStringLiteral("Path '%1' holds a control character"), path);
-    if (text.toUtf8().size() > maximumPathBytes) {
+    if (isLonger(text, maximumPathBytes)) {
         return overLimit(QStringLiteral("Path '%1' is longer than %2 bytes"), path,
                          maximumPathBytes);
     }
 
-    const QStringList names = text.mid(text.startsWith(separator) ? 1 : 0).split(separator);
-    for (const QString& name : names) {
+    const auto names = text.midRef(text.startsWith(separator) ? 1 : 0).split(separator);
+    for (const QStringRef& name : names) {
         if (name.isEmpty())
             return refusal(QStringLiteral("Path '%1' has an empty component"), path);
         if (name.startsWith(QLatin1Char('.'))) {
             return refusal(QStringLiteral("Path '%1' has a component that begins with '.'"), path);
         }
-        if (name.toUtf8().size() > maximumNameBytes) {
+        if (isLonger(name, maximumNameBytes)) {
             return overLimit(QStringLiteral("Path '%1' has a name of more than %2 bytes"), path,
                              maximumNameBytes);
         }

@@ -88,6 +88,25 @@ QVariant asDouble(const QVariant& number)
     return exact ? QVariant(amount) : QVariant();
 }
 
+// Whether the content has the type that convertedTo() gives it.
+bool hasTypeOf(const QString& kind, const QVariant& content)
+{
+    switch (content.userType()) {
+    case QMetaType::Bool:
+        return kind == boolKey;
+    case QMetaType::LongLong:
+        return kind == intKey;
+    case QMetaType::Double:
+        return kind == doubleKey && std::isfinite(content.toDouble());
+    case QMetaType::QString:
+        return kind == stringKey;
+    case QMetaType::QVariantList:
+        return kind == listKey;
+    default:
+        return false;
+    }
+}
+
 } // namespace
 
 TuloValue::TuloValue(const TuloHash& hash)
@@ -165,6 +184,8 @@ TuloValue TuloValue::convertedTo(const QString& kind) const
 {
     const QString ownKind = this->kind();
     const QVariant own = content();
+    if (ownKind == kind && hasTypeOf(kind, own))
+        return *this;
     if (ownKind == intKey || ownKind == doubleKey) {
         // An int that holds a fraction is as malformed as one that holds a text.
         if (!isFiniteNumber(own) || (ownKind == intKey && !asInteger(own).isValid()))
