@@ -274,6 +274,7 @@ void CMSettingsWorker::getRowsRequest(const CMGetRowsRequest& request)
             getData(rowPath, roleNames, CMReply<QList<QVariant>>(new CMReplyData<QList<QVariant>>));
         TULO_ASSERT(rowReply.isFinished());
         const CMError error = rowReply.error();
+        // Nearly always empty; asking for the name would cost as much as finding a role.
         if (!error.__isEmpty() && !error.__hashAttribute(CMError::Name()).toString().isEmpty()) {
             LOG4CPLUS_ERROR(logger, "Loaded path is invalid: " << rowPath);
             request.reply().setError(error);
