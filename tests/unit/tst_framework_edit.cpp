@@ -263,8 +263,11 @@ void tst_framework_edit::contentThatJsonCannotHoldHasNoKind()
     const QVariantList contents { QVariant(std::nan("")), QVariant(HUGE_VAL),
                                   QVariant(QByteArray("x")),
                                   QVariant::fromValue<QObject*>(nullptr) };
-    for (const QVariant& content : contents)
+    for (const QVariant& content : contents) {
         QVERIFY(TuloValue::ofContent(content).isEmpty());
+        for (const QString& kind : TuloValue::kinds())
+            QVERIFY(TuloValue::of(kind, content).convertedTo(kind).isEmpty());
+    }
     QCOMPARE(json(TuloValue::ofContent(QStringList { QStringLiteral("a") })),
              QByteArray(R"({"list":["a"]})"));
     QCOMPARE(json(TuloValue::ofContent(QVariant::fromValue(short(3)))), QByteArray(R"({"int":3})"));
