@@ -171,9 +171,20 @@ Answer<ServiceStatus> BusSession::status()
     return { status, {} };
 }
 
-QString BusSession::defaultPath() const
+Answer<TreeDirectories> BusSession::directories()
 {
-    return m_proxy->defaultPath();
+    const Answer<ServiceStatus> now = status();
+    if (now.failure)
+        return { {}, now.failure };
+    const TreeDirectories directories { now.value.defaultPath, now.value.writePath };
+    // An empty name would stand for the current folder.
+    if (directories.defaultPath.isEmpty() || directories.writePath.isEmpty()) {
+        return { {},
+                 { Failed, QStringLiteral("InternalError"),
+                   QStringLiteral("the service does not say where its directories are"),
+                   QString() } };
+    }
+    return { directories, {} };
 }
 
 // ---------------------------------------------------------------------------------------------

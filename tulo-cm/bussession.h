@@ -40,7 +40,7 @@ public:
     Answer<ServiceStatus> status();
 
     bool isOwnProcess() const override { return false; }
-    QString defaultPath() const override;
+    Answer<TreeDirectories> directories() override;
 
     Answer<QVariantHash> getData(const QString& path, const QStringList& roles) override;
     Answer<RowPage> getRows(const QString& path, int first, int last,

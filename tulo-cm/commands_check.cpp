@@ -4,8 +4,15 @@
 
 int runCheck(Context& context, const Arguments&)
 {
-    const QString directory =
-        context.defaultPath.isEmpty() ? context.session->defaultPath() : context.defaultPath;
+    QString directory = context.defaultPath;
+    if (directory.isEmpty()) {
+        const Answer<TreeDirectories> answer = context.session->directories();
+        if (answer.failure) {
+            context.output.failure(answer.failure);
+            return answer.failure.exitCode;
+        }
+        directory = answer.value.defaultPath;
+    }
     const QVector<TreeFinding> findings = checkDefaultTree(directory);
     for (const TreeFinding& finding : findings) {
         const QString file = directory + QLatin1Char('/') + finding.file;

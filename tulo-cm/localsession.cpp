@@ -146,9 +146,9 @@ int LocalSession::catalogueCount() const
     return m_host->catalogueCount();
 }
 
-QString LocalSession::defaultPath() const
+Answer<TreeDirectories> LocalSession::directories()
 {
-    return m_host->defaultPath();
+    return { { m_host->defaultPath(), m_host->writePath() }, {} };
 }
 
 Answer<QVariantHash> LocalSession::getData(const QString& path, const QStringList& roles)

@@ -34,7 +34,7 @@ public:
     int catalogueCount() const;
 
     bool isOwnProcess() const override { return true; }
-    QString defaultPath() const override;
+    Answer<TreeDirectories> directories() override;
 
     Answer<QVariantHash> getData(const QString& path, const QStringList& roles) override;
     Answer<RowPage> getRows(const QString& path, int first, int last,

@@ -73,6 +73,13 @@ struct RowPage
     QVector<PageRow> rows;
 };
 
+/// The two trees as the file system names them.
+struct TreeDirectories
+{
+    QString defaultPath;
+    QString writePath;
+};
+
 /// A change that a session tells of.
 struct Event
 {
@@ -96,8 +103,8 @@ public:
 
     /// True when the settings are served by this process, so that they are gone with it.
     virtual bool isOwnProcess() const = 0;
-    /// The default tree in the file system.
-    virtual QString defaultPath() const = 0;
+    /// Where the trees are, for a process that may not find them there.
+    virtual Answer<TreeDirectories> directories() = 0;
 
     /// One entry for each role asked for, invalid where the node lacks it.
     virtual Answer<QVariantHash> getData(const QString& path, const QStringList& roles) = 0;
