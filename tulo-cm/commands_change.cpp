@@ -119,7 +119,7 @@ void printStored(Output& output, const QString& path, const QVariantHash& roles)
     if (output.isJson()) {
         output.object({ { QStringLiteral("path"), path }, { QStringLiteral("roles"), roles } });
     } else {
-        output.line(shown(roles.value(TuloRoles::Value())));
+        output.value(roles.value(TuloRoles::Value()));
     }
 }
 

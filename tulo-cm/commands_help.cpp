@@ -14,6 +14,6 @@ int runHelp(Context& context, const Arguments& arguments)
         text = commandHelp(*command);
     }
     text.chop(1);
-    context.output.line(text);
+    context.output.text(text);
     return Done;
 }

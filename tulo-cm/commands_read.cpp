@@ -110,7 +110,7 @@ int runGet(Context& context, const Arguments& arguments)
 
     const bool isOnePath = arguments.positional.size() == 1;
     if (isOnePath && roles.size() == 1 && !nodes.isEmpty())
-        context.output.line(shown(nodes.first().roles.value(roles.first())));
+        context.output.value(nodes.first().roles.value(roles.first()));
     else if (isOnePath || all)
         printRoleLines(context.output, nodes, roles, !isOnePath);
     else

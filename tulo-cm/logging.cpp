@@ -1,17 +1,20 @@
 #include "logging.h"
 
 #include "commandline.h"
+#include "output.h"
 
 #include <QFileInfo>
 #include <QStringList>
 
 #include <algorithm>
 #include <memory>
+#include <sstream>
 
 #include <log4cplus/configurator.h>
 #include <log4cplus/consoleappender.h>
 #include <log4cplus/layout.h>
 #include <log4cplus/logger.h>
+#include <log4cplus/spi/loggingevent.h>
 
 namespace {
 
@@ -23,6 +26,24 @@ const log4cplus::LogLevel levels[] { log4cplus::TRACE_LOG_LEVEL, log4cplus::DEBU
                                      log4cplus::INFO_LOG_LEVEL,  log4cplus::WARN_LOG_LEVEL,
                                      log4cplus::ERROR_LOG_LEVEL, log4cplus::FATAL_LOG_LEVEL,
                                      log4cplus::OFF_LOG_LEVEL };
+
+// "LEVEL LOGGER: MESSAGE", where a message may quote whatever a path or a file held.
+class EscapingLayout : public log4cplus::PatternLayout
+{
+public:
+    EscapingLayout()
+        : PatternLayout(LOG4CPLUS_TEXT("%-5p %c: %m"))
+    {
+    }
+
+    void formatAndAppend(log4cplus::tostream& output,
+                         const log4cplus::spi::InternalLoggingEvent& event) override
+    {
+        std::ostringstream line;
+        PatternLayout::formatAndAppend(line, event);
+        output << escaped(QString::fromStdString(line.str())).toStdString() << '\n';
+    }
+};
 
 } // namespace
 
@@ -45,8 +66,7 @@ Failure configureLogging(const QString& level, const QString& configurationFile)
     }
 
     log4cplus::SharedAppenderPtr appender(new log4cplus::ConsoleAppender(true, true));
-    appender->setLayout(
-        std::make_unique<log4cplus::PatternLayout>(LOG4CPLUS_TEXT("%-5p %c: %m%n")));
+    appender->setLayout(std::make_unique<EscapingLayout>());
     appender->setThreshold(levels[index]);
     log4cplus::Logger root = log4cplus::Logger::getRoot();
     root.removeAllAppenders();

@@ -283,7 +283,7 @@ int runParsed(const Arguments& arguments, Output& output)
         if (forHelp)
             text = arguments.command ? commandHelp(*arguments.command) : generalHelp(false);
         text.chop(1);
-        output.line(text);
+        output.text(text);
         return Done;
     }
     const Failure failure = configureLogging(arguments);

@@ -48,20 +48,40 @@ void writeError(const QByteArray& line)
     (void)writeAll(STDERR_FILENO, line);
 }
 
-bool hasControlCharacters(const QString& text)
+bool needsEscape(uint character)
 {
-    return std::any_of(text.cbegin(), text.cend(),
-                       [](QChar c) { return c.category() == QChar::Other_Control; });
+    constexpr uint nonJoiner = 0x200c;
+    constexpr uint joiner = 0x200d;
+    switch (QChar::category(character)) {
+    case QChar::Other_Control:
+    case QChar::Separator_Line:
+    case QChar::Separator_Paragraph:
+        return true;
+    case QChar::Other_Format:
+        return character != nonJoiner && character != joiner;
+    default:
+        return false;
+    }
 }
 
-// Whatever a message quotes, it stays one line and leaves the terminal alone.
-QString oneLine(QString text)
+// As the JSON writer spells it.
+QString hex(QChar unit)
 {
-    for (QChar& character : text) {
-        if (character.category() == QChar::Other_Control)
-            character = QChar::ReplacementCharacter;
-    }
-    return text;
+    return QStringLiteral("%1").arg(unit.unicode(), 4, 16, QLatin1Char('0')).toUpper();
+}
+
+// Outside of strings JSON has no character that needs an escape, and inside of them these are its
+// own.
+QByteArray escapedJson(const QVariant& value)
+{
+    return escaped(QString::fromUtf8(TuloJson::serialize(value))).toUtf8();
+}
+
+// The content of a value, or any other role itself.
+QVariant contentOf(const QVariant& role)
+{
+    const TuloValue value { TuloHash(role.toHash()) };
+    return value.kind().isEmpty() ? role : value.content();
 }
 
 // Columns that a terminal uses for `text`.
@@ -85,9 +105,10 @@ QString padded(const QString& text, int width)
 
 Output::Output(Form form)
     : m_form(form)
+    , m_isTerminal(::isatty(STDOUT_FILENO) == 1)
+    , m_colour(form == Form::Text && m_isTerminal && qEnvironmentVariableIsEmpty("NO_COLOR")
+               && qgetenv("TERM") != "dumb")
 {
-    m_colour = form == Form::Text && ::isatty(STDOUT_FILENO) == 1
-        && qEnvironmentVariableIsEmpty("NO_COLOR") && qgetenv("TERM") != "dumb";
 }
 
 Output::~Output()
@@ -97,15 +118,25 @@ Output::~Output()
 
 void Output::line(const QString& text)
 {
+    Output::text(escaped(text));
+}
+
+void Output::text(const QString& text)
+{
     m_pending += text.toUtf8();
     m_pending += '\n';
     if (m_pending.size() >= flushBytes)
         flush();
 }
 
+void Output::value(const QVariant& role)
+{
+    text(m_isTerminal ? shownInCell(role) : shown(role));
+}
+
 void Output::object(const QVariantHash& object)
 {
-    m_pending += TuloJson::serialize(object);
+    m_pending += escapedJson(object);
     m_pending += '\n';
     flush();
 }
@@ -116,27 +147,29 @@ void Output::table(const QStringList& heading, const QVector<QStringList>& rows)
     const auto measure = [&widths](const QStringList& row) {
         widths.resize(std::max(widths.size(), row.size()));
         for (int i = 0; i < row.size(); ++i)
-            widths[i] = std::max(widths.at(i), widthOf(row.at(i)));
+            widths[i] = std::max(widths.at(i), widthOf(escaped(row.at(i))));
     };
     measure(heading);
     for (const QStringList& row : rows)
         measure(row);
 
     const auto joined = [&widths](const QStringList& row) {
-        QString text;
+        QString result;
         for (int i = 0; i < row.size(); ++i) {
             const bool isLast = i == row.size() - 1;
-            text += isLast ? row.at(i) : padded(row.at(i), widths.at(i) + 2);
+            const QString cell = escaped(row.at(i));
+            result += isLast ? cell : padded(cell, widths.at(i) + 2);
         }
-        return text;
+        return result;
     };
     if (!heading.isEmpty())
-        line(emphasised(joined(heading)));
+        text(emphasised(joined(heading)));
     for (const QStringList& row : rows) {
-        const QString text = joined(row);
+        const QString whole = joined(row);
         // Only now, so that the colour's own characters do not count.
-        const QString name = row.value(0);
-        line(name.endsWith(QLatin1Char('/')) ? directoryName(name) + text.mid(name.size()) : text);
+        const QString name = escaped(row.value(0));
+        text(name.endsWith(QLatin1Char('/')) ? directoryName(name) + whole.mid(name.size())
+                                             : whole);
     }
 }
 
@@ -168,7 +201,7 @@ void Output::failure(const Failure& failure)
         if (m_failuresInPlace)
             object(line);
         else
-            writeError(TuloJson::serialize(line) + '\n');
+            writeError(escapedJson(line) + '\n');
         return;
     }
     // A message that names the path needs no second time.
@@ -181,9 +214,9 @@ void Output::note(const QString& text)
     // First what came before, for a terminal that shows both streams.
     flush();
     if (isJson())
-        writeError(TuloJson::serialize(QVariantHash { { QStringLiteral("note"), text } }) + '\n');
+        writeError(escapedJson(QVariantHash { { QStringLiteral("note"), text } }) + '\n');
     else
-        writeError(QByteArrayLiteral("tulo-cm: ") + oneLine(text).toUtf8() + '\n');
+        writeError(QByteArrayLiteral("tulo-cm: ") + escaped(text).toUtf8() + '\n');
 }
 
 void Output::flush()
@@ -203,8 +236,7 @@ QString shown(const QVariant& role)
 {
     if (!role.isValid())
         return QStringLiteral("-");
-    const TuloValue value { TuloHash(role.toHash()) };
-    const QVariant content = value.kind().isEmpty() ? role : value.content();
+    const QVariant content = contentOf(role);
     if (content.userType() == QMetaType::QString)
         return content.toString();
     return QString::fromUtf8(TuloJson::serialize(content));
@@ -213,7 +245,34 @@ QString shown(const QVariant& role)
 QString shownInCell(const QVariant& role)
 {
     const QString text = shown(role);
-    return hasControlCharacters(text) ? QString::fromUtf8(TuloJson::serialize(text)) : text;
+    const QString safe = escaped(text);
+    const bool isText = contentOf(role).userType() == QMetaType::QString;
+    const bool needsQuotes = isText && (text.isEmpty() || safe != text);
+    return needsQuotes ? QString::fromUtf8(escapedJson(text)) : safe;
+}
+
+QString escaped(const QString& text)
+{
+    const auto isPlain = [](QChar c) {
+        return c >= QLatin1Char(' ') && c <= QLatin1Char('~');
+    };
+    if (std::all_of(text.cbegin(), text.cend(), isPlain))
+        return text;
+    QString result;
+    int length = 0;
+    for (int i = 0; i < text.size(); i += length) {
+        const QChar unit = text.at(i);
+        const QChar next = i + 1 < text.size() ? text.at(i + 1) : QChar();
+        const bool isPair = unit.isHighSurrogate() && next.isLowSurrogate();
+        length = isPair ? 2 : 1;
+        if (!needsEscape(isPair ? QChar::surrogateToUcs4(unit, next) : unit.unicode())) {
+            result += text.midRef(i, length);
+            continue;
+        }
+        for (const QChar one : text.mid(i, length))
+            result += QStringLiteral("\\u") + hex(one);
+    }
+    return result;
 }
 
 Progress::Progress(const QString& what)

@@ -11,6 +11,9 @@
 
 /// What the program prints: results on standard output, everything else on standard error.
 ///
+/// Settings, file names and messages can hold anything, so all of it is printed escaped(); only
+/// value() gives a pipe the value as it is.
+///
 /// A reader that goes away is not an error: what would have been written is dropped, and
 /// isClosed() tells the commands that there is no use in going on.
 class Output
@@ -30,12 +33,14 @@ public:
 
     /// One line of text for people.
     void line(const QString& text);
+    /// Text of the program itself, which may have several lines.
+    void text(const QString& text);
+    /// One role by itself: as it is for a program that reads it, as in a table on a terminal.
+    void value(const QVariant& role);
     /// One object in one line for programs, written at once.
     void object(const QVariantHash& object);
     /// Rows of cells in aligned columns. The first line is a heading when `heading` is not empty.
     void table(const QStringList& heading, const QVector<QStringList>& rows);
-    /// `text` as the name of a directory, coloured on a terminal.
-    QString directoryName(const QString& text) const;
     /// Text without a line end, for the shell's prompt.
     void prompt(const QString& text);
 
@@ -53,10 +58,12 @@ public:
 
 private:
     QString emphasised(const QString& text) const;
+    QString directoryName(const QString& text) const;
 
     const Form m_form;
+    const bool m_isTerminal;
+    const bool m_colour;
     bool m_failuresInPlace = false;
-    bool m_colour = false;
     bool m_closed = false;
     bool m_failed = false;
     QByteArray m_pending;
@@ -65,8 +72,13 @@ private:
 /// A role for people: the content of a value or text as it is, anything else as JSON, "-" for
 /// one that the node lacks.
 QString shown(const QVariant& role);
-/// The same for a table's cell: a text with control characters is quoted.
+/// The same in one line and escaped(); a text that is empty or needs escapes is quoted.
 QString shownInCell(const QVariant& role);
+
+/// `text` with "\uXXXX" for each character that could control a terminal or disguise what is
+/// printed: control and format characters, line and paragraph separators. The joiners U+200C and
+/// U+200D stay, as several scripts need them.
+QString escaped(const QString& text);
 
 /// Tells how far a long operation is, on a terminal, once it has taken a second. Leaves no trace
 /// when it is gone.
