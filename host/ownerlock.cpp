@@ -7,10 +7,13 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
+
+constexpr char lockName[] = ".tulo-cm.lock";
 
 // The whole file, for the calls below.
 struct flock wholeFile()
@@ -33,11 +36,23 @@ QString systemText(int error)
     return QString::fromLocal8Bit(std::strerror(error));
 }
 
-// What the file holds is a courtesy to whoever asks for the owner, so a failure is nobody's loss.
+// The process id is informational; ignore errors.
 void emptyFile(int descriptor)
 {
     const int result = ::ftruncate(descriptor, 0);
     Q_UNUSED(result)
+}
+
+bool isSame(const struct stat& one, const struct stat& other)
+{
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+void closeDescriptor(int* descriptor)
+{
+    if (*descriptor >= 0)
+        ::close(*descriptor);
+    *descriptor = -1;
 }
 
 } // namespace
@@ -49,12 +64,17 @@ OwnerLock::~OwnerLock()
 
 QString OwnerLock::fileName(const QString& writePath)
 {
-    return writePath + QStringLiteral("/.tulo-cm.lock");
+    return writePath + QLatin1Char('/') + QLatin1String(lockName);
 }
 
 bool OwnerLock::isOwned() const
 {
-    return m_descriptor >= 0;
+    return m_isOwned;
+}
+
+int OwnerLock::directory() const
+{
+    return m_isOwned ? m_directory : -1;
 }
 
 qint64 OwnerLock::holder() const
@@ -67,42 +87,61 @@ QString OwnerLock::message() const
     return m_message;
 }
 
+// ---------------------------------------------------------------------------------------------
+// Acquiring: the directory is opened first, so that both locks are on one and the same tree.
+// ---------------------------------------------------------------------------------------------
+
 OwnerLock::Status OwnerLock::fail(const QString& reason)
 {
-    m_message = QStringLiteral("Lock file '%1' %2").arg(m_fileName, reason);
+    m_message = QStringLiteral("Lock file '%1' %2").arg(fileName(m_writePath), reason);
     return Status::Failed;
+}
+
+OwnerLock::Status OwnerLock::inUse(qint64 holder)
+{
+    m_holder = holder;
+    m_message = holder == 0
+        ? QStringLiteral("The writable tree '%1' is in use by another process").arg(m_writePath)
+        : QStringLiteral("The writable tree '%1' is in use by process %2")
+              .arg(m_writePath, QString::number(holder));
+    return Status::InUse;
 }
 
 OwnerLock::Status OwnerLock::acquire(const QString& writePath)
 {
     release();
-    m_fileName = fileName(writePath);
+    m_writePath = writePath;
+    Status status = openBoth();
+    if (status == Status::Owned)
+        status = lockBoth();
+    m_isOwned = status == Status::Owned;
+    if (!m_isOwned) {
+        closeDescriptor(&m_directory);
+        closeDescriptor(&m_file);
+    }
+    return status;
+}
 
+OwnerLock::Status OwnerLock::openBoth()
+{
+    m_directory = ::open(QFile::encodeName(m_writePath).constData(),
+                         O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC);
     struct stat tree = {};
-    if (::stat(QFile::encodeName(writePath).constData(), &tree) != 0)
-        return fail(QStringLiteral("cannot be opened: ") + systemText(errno));
+    if (m_directory < 0 || ::fstat(m_directory, &tree) != 0) {
+        m_message = QStringLiteral("Directory '%1' cannot be opened: %2")
+                        .arg(m_writePath, systemText(errno));
+        return Status::Failed;
+    }
 
     // Not blocking, because opening a pipe for reading and writing could wait for its peer.
-    const int descriptor =
-        ::open(QFile::encodeName(m_fileName).constData(),
-               O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
-    if (descriptor < 0) {
+    m_file = ::openat(m_directory, lockName,
+                      O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
+    if (m_file < 0) {
         return fail(errno == ELOOP ? QStringLiteral("is a symbolic link")
                                    : QStringLiteral("cannot be opened: ") + systemText(errno));
     }
-    // Owned by this object from here on: every return below that is no success gives it back.
-    struct Closer
-    {
-        int descriptor;
-        ~Closer()
-        {
-            if (descriptor >= 0)
-                ::close(descriptor);
-        }
-    } closer { descriptor };
-
     struct stat file = {};
-    if (::fstat(descriptor, &file) != 0)
+    if (::fstat(m_file, &file) != 0)
         return fail(QStringLiteral("cannot be examined: ") + systemText(errno));
     if (!S_ISREG(file.st_mode))
         return fail(QStringLiteral("is not a regular file"));
@@ -111,32 +150,36 @@ OwnerLock::Status OwnerLock::acquire(const QString& writePath)
         return fail(QStringLiteral("has more than one name"));
     if (file.st_uid != ::geteuid() && file.st_uid != tree.st_uid)
         return fail(QStringLiteral("belongs to another user (%1)").arg(file.st_uid));
-    if (::fchmod(descriptor, 0600) != 0)
+    if (::fchmod(m_file, 0600) != 0)
         return fail(QStringLiteral("cannot be protected: ") + systemText(errno));
     // Without this a run as root would lock the tree's owner out for good.
     if (::geteuid() == 0 && file.st_uid != tree.st_uid
-        && ::fchown(descriptor, tree.st_uid, tree.st_gid) != 0)
+        && ::fchown(m_file, tree.st_uid, tree.st_gid) != 0)
         return fail(QStringLiteral("cannot be given to the tree's owner: ") + systemText(errno));
+    return Status::Owned;
+}
 
+OwnerLock::Status OwnerLock::lockBoth()
+{
     struct flock range = wholeFile();
-    if (::fcntl(descriptor, F_OFD_SETLK, &range) != 0) {
+    if (::fcntl(m_file, F_OFD_SETLK, &range) != 0) {
         if (errno != EAGAIN && errno != EACCES)
             return fail(QStringLiteral("cannot be locked: ") + systemText(errno));
-        m_holder = readProcessId(descriptor);
-        m_message = m_holder == 0
-            ? QStringLiteral("The writable tree '%1' is in use by another process").arg(writePath)
-            : QStringLiteral("The writable tree '%1' is in use by process %2")
-                  .arg(writePath, QString::number(m_holder));
-        return Status::InUse;
+        return inUse(readProcessId(m_file));
     }
-
+    if (::flock(m_directory, LOCK_EX | LOCK_NB) != 0) {
+        // The file that the owner locked has gone, and its process id with it.
+        if (errno == EWOULDBLOCK)
+            return inUse(0);
+        m_message = QStringLiteral("Directory '%1' cannot be locked: %2")
+                        .arg(m_writePath, systemText(errno));
+        return Status::Failed;
+    }
     const QByteArray text = QByteArray::number(qint64(::getpid())) + '\n';
-    emptyFile(descriptor);
-    // Half a number on a full disk would be another process.
-    if (::pwrite(descriptor, text.constData(), size_t(text.size()), 0) != text.size())
-        emptyFile(descriptor);
-    m_descriptor = descriptor;
-    closer.descriptor = -1;
+    emptyFile(m_file);
+    // A short write could leave a wrong process id.
+    if (::pwrite(m_file, text.constData(), size_t(text.size()), 0) != text.size())
+        emptyFile(m_file);
     return Status::Owned;
 }
 
@@ -144,12 +187,42 @@ void OwnerLock::release()
 {
     m_holder = 0;
     m_message.clear();
-    if (m_descriptor < 0)
-        return;
     // Before the lock goes with the descriptor: the next owner may write its own at once.
-    emptyFile(m_descriptor);
-    ::close(m_descriptor);
-    m_descriptor = -1;
+    if (m_isOwned)
+        emptyFile(m_file);
+    m_isOwned = false;
+    // The reverse of the order in which they are locked, or the next owner would find one taken.
+    closeDescriptor(&m_directory);
+    closeDescriptor(&m_file);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Asking.
+// ---------------------------------------------------------------------------------------------
+
+QString OwnerLock::displacement() const
+{
+    struct stat held = {};
+    struct stat found = {};
+    if (!m_isOwned)
+        return QString();
+    if (::stat(QFile::encodeName(m_writePath).constData(), &found) != 0
+        || ::fstat(m_directory, &held) != 0) {
+        return QStringLiteral("The writable tree '%1' cannot be examined: %2")
+            .arg(m_writePath, systemText(errno));
+    }
+    if (!isSame(held, found)) {
+        return QStringLiteral("The writable tree '%1' has been replaced; restart to use the new "
+                              "one")
+            .arg(m_writePath);
+    }
+    if (::fstatat(m_directory, lockName, &found, AT_SYMLINK_NOFOLLOW) != 0
+        || ::fstat(m_file, &held) != 0 || !isSame(held, found)) {
+        return QStringLiteral("Lock file '%1' has been removed or replaced; restart to lock the "
+                              "tree again")
+            .arg(fileName(m_writePath));
+    }
+    return QString();
 }
 
 std::optional<qint64> OwnerLock::holderOf(const QString& writePath)

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -41,6 +42,7 @@ private slots:
     void killedServiceLeavesWhatWasFlushed();
     void secondInstanceIsRefused();
     void otherTreeOnTheSameBusIsRefused();
+    void otherUserCannotHoldTheLockFirst_data();
     void otherUserCannotHoldTheLockFirst();
     void lockOfAnotherUserStopsTheStart();
     void readinessIsToldToTheServiceManager();
@@ -186,11 +188,22 @@ void TstServiceLifetime::otherTreeOnTheSameBusIsRefused()
     QCOMPARE(service.end().exitCode, 0);
 }
 
+void TstServiceLifetime::otherUserCannotHoldTheLockFirst_data()
+{
+    QTest::addColumn<QByteArray>("locked");
+    QTest::newRow("lock file") << QByteArray("/.tulo-cm.lock");
+    QTest::newRow("directory") << QByteArray("");
+}
+
 void TstServiceLifetime::otherUserCannotHoldTheLockFirst()
 {
     if (::geteuid() != 0)
         QSKIP("needs root to become another user");
+    QFETCH(const QByteArray, locked);
     const CommandLine trees;
+    // As the package makes it; the lock file needs no such help.
+    if (locked.isEmpty())
+        QCOMPARE(::chmod(fileNameOf(trees.tree, "").constData(), 0700), 0);
     const PrivateBus bus;
     {
         ServiceProcess service(trees, bus.address());
@@ -198,11 +211,11 @@ void TstServiceLifetime::otherUserCannotHoldTheLockFirst()
         QCOMPARE(service.end().exitCode, 0);
     }
 
-    // While no service runs: opens and locks the file as soon as it may, and keeps it.
+    // While no service runs: opens and locks as soon as it may, and keeps the lock.
     ChildProcess other(QStringLiteral("setpriv"),
                        { QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
                          QStringLiteral("--clear-groups"), QStringLiteral("flock"),
-                         QFile::decodeName(fileNameOf(trees.tree, "/.tulo-cm.lock")),
+                         QFile::decodeName(fileNameOf(trees.tree, locked)),
                          QStringLiteral("cat") });
     QVERIFY(other.start());
     QVERIFY(other.waitForError("Permission denied"));

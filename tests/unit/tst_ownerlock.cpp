@@ -10,6 +10,7 @@
 #include <cstdio>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -87,6 +88,12 @@ private slots:
     void staleFileIsTakenOver();
     void childProcessDoesNotInheritTheLock();
     void askingDisturbsNobody();
+    void ownedTreeIsInPlace();
+    void removedLockFileIsNoticedAndLetsNoSecondOwnerIn();
+    void replacedLockFileIsNoticed();
+    void treeThatWasRenamedAndMadeAnewIsNoticed();
+    void treeThatHasGoneIsNoticed();
+    void directoryLockedByAnotherProgramIsInUse();
     void missingFileMeansNoHolder();
 
     void fileOfTheWrongSortIsRefused_data();
@@ -245,6 +252,117 @@ void tst_ownerlock::askingDisturbsNobody()
     QCOMPARE(result.exitCode, 1);
 }
 
+void tst_ownerlock::ownedTreeIsInPlace()
+{
+    const TemporaryTree tree;
+    OwnerLock lock;
+    QCOMPARE(lock.displacement(), QString());
+    QCOMPARE(lock.directory(), -1);
+
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+
+    QCOMPARE(lock.displacement(), QString());
+    struct stat held = {};
+    QCOMPARE(::fstat(lock.directory(), &held), 0);
+    const struct stat named = statOf(QFile::encodeName(tree.writePath()));
+    QCOMPARE(held.st_ino, named.st_ino);
+    QCOMPARE(held.st_dev, named.st_dev);
+    lock.release();
+    QCOMPARE(lock.displacement(), QString());
+    QCOMPARE(lock.directory(), -1);
+}
+
+void tst_ownerlock::removedLockFileIsNoticedAndLetsNoSecondOwnerIn()
+{
+    const TemporaryTree tree;
+    OwnerLock first;
+    QCOMPARE(first.acquire(tree.writePath()), OwnerLock::Status::Owned);
+
+    QCOMPARE(::unlink(lockName(tree).constData()), 0);
+
+    const QString removed = QStringLiteral("Lock file '%1' has been removed or replaced; restart "
+                                           "to lock the tree again")
+                                .arg(OwnerLock::fileName(tree.writePath()));
+    QCOMPARE(first.displacement(), removed);
+    OwnerLock second;
+    QCOMPARE(second.acquire(tree.writePath()), OwnerLock::Status::InUse);
+    QCOMPARE(second.holder(), 0);
+    QCOMPARE(second.message(),
+             QStringLiteral("The writable tree '%1' is in use by another process")
+                 .arg(tree.writePath()));
+    Holder other(tree.writePath());
+    QVERIFY(other.start());
+    QCOMPARE(other.finish().exitCode, 1);
+    // The attempts left a new file, which is not the one that is locked.
+    QCOMPARE(first.displacement(), removed);
+    first.release();
+    QCOMPARE(second.acquire(tree.writePath()), OwnerLock::Status::Owned);
+    QCOMPARE(second.displacement(), QString());
+}
+
+void tst_ownerlock::replacedLockFileIsNoticed()
+{
+    const TemporaryTree tree;
+    OwnerLock lock;
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+
+    writeLockFile(tree, readLockFile(tree));
+    QCOMPARE(lock.displacement(), QString());
+    tree.writeWritten(QStringLiteral("/.other"), readLockFile(tree));
+    const QByteArray other = QFile::encodeName(tree.writePath()) + "/.other";
+    QCOMPARE(::rename(other.constData(), lockName(tree).constData()), 0);
+
+    QVERIFY(lock.displacement().startsWith(QStringLiteral("Lock file ")));
+}
+
+void tst_ownerlock::treeThatWasRenamedAndMadeAnewIsNoticed()
+{
+    const TemporaryTree tree;
+    OwnerLock first;
+    QCOMPARE(first.acquire(tree.writePath()), OwnerLock::Status::Owned);
+    const QByteArray name = QFile::encodeName(tree.writePath());
+
+    QCOMPARE(::rename(name.constData(), (name + ".old").constData()), 0);
+    QCOMPARE(::mkdir(name.constData(), 0700), 0);
+
+    OwnerLock second;
+    QCOMPARE(second.acquire(tree.writePath()), OwnerLock::Status::Owned);
+    QCOMPARE(first.displacement(),
+             QStringLiteral("The writable tree '%1' has been replaced; restart to use the new one")
+                 .arg(tree.writePath()));
+    QCOMPARE(second.displacement(), QString());
+}
+
+void tst_ownerlock::treeThatHasGoneIsNoticed()
+{
+    const TemporaryTree tree;
+    OwnerLock lock;
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+    const QByteArray name = QFile::encodeName(tree.writePath());
+
+    QCOMPARE(::rename(name.constData(), (name + ".old").constData()), 0);
+
+    QCOMPARE(lock.displacement(),
+             QStringLiteral("The writable tree '%1' cannot be examined: No such file or directory")
+                 .arg(tree.writePath()));
+}
+
+void tst_ownerlock::directoryLockedByAnotherProgramIsInUse()
+{
+    const TemporaryTree tree;
+    const int directory =
+        ::open(QFile::encodeName(tree.writePath()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    QCOMPARE(::flock(directory, LOCK_SH), 0);
+    OwnerLock lock;
+
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::InUse);
+
+    QVERIFY(!lock.isOwned());
+    QCOMPARE(lock.directory(), -1);
+    QCOMPARE(::close(directory), 0);
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+}
+
 void tst_ownerlock::missingFileMeansNoHolder()
 {
     const TemporaryTree tree;
@@ -320,8 +438,8 @@ void tst_ownerlock::missingTreeIsToldWithTheReason()
     QCOMPARE(lock.acquire(QStringLiteral("/no/such/tree")), OwnerLock::Status::Failed);
 
     QCOMPARE(lock.message(),
-             QStringLiteral("Lock file '/no/such/tree/.tulo-cm.lock' cannot be opened: No such "
-                            "file or directory"));
+             QStringLiteral("Directory '/no/such/tree' cannot be opened: No such file or "
+                            "directory"));
 }
 
 void tst_ownerlock::fileIsForItsOwnerOnly()
