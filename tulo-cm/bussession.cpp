@@ -308,41 +308,72 @@ Failure BusSession::settle(bool forDisk)
 }
 
 // ---------------------------------------------------------------------------------------------
-// Events: the bus delivers those whose first argument is a watched path.
+// Events: the bus delivers all of the service, and those of watched paths are passed on. A rule for
+// each path would soon reach the number that a bus allows a connection.
 // ---------------------------------------------------------------------------------------------
 
 Failure BusSession::watch(const QString& path)
 {
     Failure failure = getData(path, {}).failure;
-    if (failure || m_watched.contains(path))
-        return failure;
-    m_watched.insert(path);
-    const auto listen = [this, &path](const char* signal, const char* signature, const char* slot) {
-        m_connection.connect(Service::busName(), Service::objectPath(), Service::interfaceName(),
-                             QLatin1String(signal), { path }, QLatin1String(signature), this, slot);
-    };
-    listen("ValueChanged", "sv", SLOT(on_service_valueChanged(QString, QDBusVariant)));
-    listen("DataChanged", "s", SLOT(on_service_dataChanged(QString)));
-    listen("RowsChanged", "ssi", SLOT(on_service_rowsChanged(QString, QString, int)));
-    return {};
+    if (!failure)
+        failure = subscribe(path);
+    if (!failure)
+        m_watched.insert(path);
+    return failure;
 }
 
 void BusSession::unwatch(const QString& path)
 {
-    if (!m_watched.remove(path))
-        return;
-    const auto ignore = [this, &path](const char* signal, const char* signature, const char* slot) {
-        m_connection.disconnect(Service::busName(), Service::objectPath(), Service::interfaceName(),
-                                QLatin1String(signal), { path }, QLatin1String(signature), this,
-                                slot);
-    };
-    ignore("ValueChanged", "sv", SLOT(on_service_valueChanged(QString, QDBusVariant)));
-    ignore("DataChanged", "s", SLOT(on_service_dataChanged(QString)));
-    ignore("RowsChanged", "ssi", SLOT(on_service_rowsChanged(QString, QString, int)));
+    m_watched.remove(path);
 }
+
+Failure BusSession::subscribe(const QString& path)
+{
+    if (m_isSubscribed)
+        return {};
+    const QString bus = QStringLiteral("org.freedesktop.DBus");
+    // QtDBus adds such rules itself, but does not look at the answer. By the second one it follows
+    // the service when that starts anew.
+    const QStringList rules {
+        QStringLiteral("type='signal',sender='%1',path='%2',interface='%3'")
+            .arg(Service::busName(), Service::objectPath(), Service::interfaceName()),
+        QStringLiteral(
+            "type='signal',sender='%1',interface='%1',member='NameOwnerChanged',arg0='%2'")
+            .arg(bus, Service::busName()),
+    };
+    for (const QString& rule : rules) {
+        QDBusMessage call = QDBusMessage::createMethodCall(
+            bus, QStringLiteral("/org/freedesktop/DBus"), bus, QStringLiteral("AddMatch"));
+        call << rule;
+        const QDBusMessage reply = m_connection.call(call, QDBus::Block, callTimeoutMs);
+        if (reply.type() != QDBusMessage::ReplyMessage) {
+            return { Unavailable, QStringLiteral("NotWatched"),
+                     QStringLiteral("cannot watch '%1': the bus refused a match rule: %2")
+                         .arg(path, reply.errorMessage()),
+                     path };
+        }
+    }
+    const auto listen = [this](const char* signal, const char* slot) {
+        m_connection.connect(Service::busName(), Service::objectPath(), Service::interfaceName(),
+                             QLatin1String(signal), this, slot);
+    };
+    listen("ValueChanged", SLOT(on_service_valueChanged(QString, QDBusVariant)));
+    listen("DataChanged", SLOT(on_service_dataChanged(QString)));
+    listen("RowsChanged", SLOT(on_service_rowsChanged(QString, QString, int)));
+    m_connection.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
+                         QStringLiteral("org.freedesktop.DBus.Local"),
+                         QStringLiteral("Disconnected"), this, SLOT(on_bus_disconnected()));
+    m_isSubscribed = true;
+    return {};
+}
+
+// Nothing to do: receiving the signal wakes the event loop.
+void BusSession::on_bus_disconnected() { }
 
 void BusSession::on_service_valueChanged(const QString& path, const QDBusVariant& value)
 {
+    if (!m_watched.contains(path))
+        return;
     Event event;
     event.kind = Event::Kind::Value;
     event.path = path;
@@ -352,6 +383,8 @@ void BusSession::on_service_valueChanged(const QString& path, const QDBusVariant
 
 void BusSession::on_service_dataChanged(const QString& path)
 {
+    if (!m_watched.contains(path))
+        return;
     Event event;
     event.path = path;
     emitEvent(event);
@@ -360,6 +393,8 @@ void BusSession::on_service_dataChanged(const QString& path)
 void BusSession::on_service_rowsChanged(const QString& path, const QString& command,
                                         int rowsVersion)
 {
+    if (!m_watched.contains(path))
+        return;
     Event event;
     event.kind = Event::Kind::Rows;
     event.path = path;

@@ -37,6 +37,8 @@ public:
     static QDBusConnection connectTo(const QString& bus);
     ~BusSession() override;
 
+    /// False when the bus has closed the connection, which also wakes the event loop.
+    bool isConnected() const { return m_connection.isConnected(); }
     Answer<ServiceStatus> status();
 
     bool isOwnProcess() const override { return false; }
@@ -57,6 +59,7 @@ public:
     void unwatch(const QString& path) override;
 
 private slots:
+    void on_bus_disconnected();
     void on_service_valueChanged(const QString& path, const QDBusVariant& value);
     void on_service_dataChanged(const QString& path);
     void on_service_rowsChanged(const QString& path, const QString& command, int rowsVersion);
@@ -65,8 +68,10 @@ private:
     explicit BusSession(const QDBusConnection& connection);
 
     void deliverEvents();
+    Failure subscribe(const QString& path);
 
     QDBusConnection m_connection;
     const std::unique_ptr<ConfigurationManagerProxy> m_proxy;
     QSet<QString> m_watched;
+    bool m_isSubscribed = false;
 };

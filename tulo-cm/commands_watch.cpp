@@ -1,5 +1,6 @@
 #include "commands.h"
 
+#include "bussession.h"
 #include "interrupts.h"
 
 int runWatch(Context& context, const Arguments& arguments)
@@ -21,10 +22,20 @@ int runWatch(Context& context, const Arguments& arguments)
         return failure.exitCode;
     }
     // In the shell the next line goes on, and the events come in between.
-    if (!context.inShell) {
-        serveEvents(-1, [&context, &output] {
-            return context.watches->isEmpty() || output.isClosed() || output.hasFailed();
-        });
+    if (context.inShell)
+        return Done;
+    const auto isCutOff = [&context] {
+        return context.service != nullptr && !context.service->isConnected();
+    };
+    serveEvents(-1, [&context, &output, &isCutOff] {
+        return context.watches->isEmpty() || output.isClosed() || output.hasFailed() || isCutOff();
+    });
+    if (isCutOff() && !context.watches->isEmpty()) {
+        output.failure({ Unavailable, QStringLiteral("NoBus"),
+                         QStringLiteral("the bus closed the connection; changes from now on would "
+                                        "be missed"),
+                         QString() });
+        return Unavailable;
     }
     return Done;
 }

@@ -26,6 +26,11 @@ class TstServiceCommands : public QObject
 
 private slots:
     void checkNeverReadsTheCurrentFolderInstead();
+    void watchThatTheBusRefusesFails_data();
+    void watchThatTheBusRefusesFails();
+    void watchThatTheBusJustAllowsMissesNothing();
+    void watchOfManyPathsMissesNone();
+    void watchEndsWithTheBus();
 };
 
 void TstServiceCommands::checkNeverReadsTheCurrentFolderInstead()
@@ -44,6 +49,106 @@ void TstServiceCommands::checkNeverReadsTheCurrentFolderInstead()
     QVERIFY2(result.standardError.startsWith("tulo-cm: the bus does not permit it: "),
              result.standardError);
     QCOMPARE(result.standardOutput, QByteArray());
+    QCOMPARE(result.exitCode, 7);
+}
+
+void TstServiceCommands::watchThatTheBusRefusesFails_data()
+{
+    QTest::addColumn<int>("rules");
+    QTest::newRow("no rule") << 0;
+    QTest::newRow("the one that the connection has already") << 1;
+    QTest::newRow("the signals, but not what tells of a restart") << 2;
+}
+
+void TstServiceCommands::watchThatTheBusRefusesFails()
+{
+    QFETCH(int, rules);
+    const PrivateBus bus(PrivateBus::openPolicy()
+                         + "<limit name=\"max_match_rules_per_connection\">"
+                         + QByteArray::number(rules) + "</limit>");
+    const CommandLine trees;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+
+    const ChildResult result = runOn(bus, "watch --initial /settings/audio/volume");
+
+    QVERIFY2(result.standardError.startsWith(
+                 "tulo-cm: cannot watch '/settings/audio/volume': the bus refused a match rule: "),
+             result.standardError);
+    QCOMPARE(result.standardOutput, QByteArray());
+    QCOMPARE(result.exitCode, 7);
+}
+
+void TstServiceCommands::watchThatTheBusJustAllowsMissesNothing()
+{
+    const PrivateBus bus(PrivateBus::openPolicy()
+                         + R"(<limit name="max_match_rules_per_connection">3</limit>)");
+    const CommandLine trees;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+
+    const ChildResult result = ChildProcess::run(
+        QStringLiteral(TULO_CM_PROGRAM),
+        { QStringLiteral("--bus"), bus.address(), QStringLiteral("shell") },
+        "watch /settings/audio/volume /settings/audio\nset /settings/audio/volume 40\n");
+
+    QCOMPARE(result.standardError, QByteArray());
+    QCOMPARE(result.standardOutput,
+             QByteArray("value /settings/audio/volume 40\ndata /settings/audio/volume\n"
+                        "rows /settings/audio 4\n40\n"));
+    QCOMPARE(result.exitCode, 0);
+}
+
+// More than a system bus allows match rules.
+void TstServiceCommands::watchOfManyPathsMissesNone()
+{
+    constexpr int count = 600;
+    const PrivateBus bus(PrivateBus::openPolicy()
+                         + R"(<limit name="max_match_rules_per_connection">512</limit>)");
+    const CommandLine trees;
+    QByteArray watched = "watch";
+    QByteArray changes;
+    QByteArray expected;
+    for (int i = 0; i < count; ++i) {
+        const QByteArray name = QByteArray::number(i);
+        trees.tree.writeDefault(QStringLiteral("/many/") + QString::fromUtf8(name),
+                                R"({"value":{"int":0}})");
+        watched += " /settings/many/" + name;
+        changes += "set /settings/many/" + name + " 1\n";
+        expected += "value /settings/many/" + name + " 1\ndata /settings/many/" + name + "\n1\n";
+    }
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+
+    const ChildResult result =
+        ChildProcess::run(QStringLiteral(TULO_CM_PROGRAM),
+                          { QStringLiteral("--bus"), bus.address(), QStringLiteral("shell") },
+                          watched + '\n' + changes);
+
+    QCOMPARE(result.standardError, QByteArray());
+    QCOMPARE(result.standardOutput, expected);
+    QCOMPARE(result.exitCode, 0);
+}
+
+void TstServiceCommands::watchEndsWithTheBus()
+{
+    PrivateBus bus;
+    const CommandLine trees;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    ChildProcess watch(QStringLiteral(TULO_CM_PROGRAM),
+                       { QStringLiteral("--bus"), bus.address(), QStringLiteral("watch"),
+                         QStringLiteral("--initial"), QStringLiteral("/settings/audio/volume") });
+    QVERIFY(watch.start());
+    QVERIFY2(watch.waitForOutput("value /settings/audio/volume 35\n"), watch.standardError());
+
+    bus.kill();
+    const ChildResult result = watch.finish();
+
+    QVERIFY(!result.timedOut);
+    QCOMPARE(result.standardError,
+             QByteArray("tulo-cm: the bus closed the connection; changes from now on would be "
+                        "missed\n"));
     QCOMPARE(result.exitCode, 7);
 }
 
