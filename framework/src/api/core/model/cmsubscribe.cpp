@@ -1,6 +1,10 @@
 #include "api/core/model/cmsubscribe.h"
 
+#include <QMutexLocker>
+#include <QThread>
+
 #include <algorithm>
+#include <iterator>
 
 void CMSubscriber::valueChanged(const CMPath&, const QVariant&) { }
 
@@ -47,6 +51,27 @@ void CMSubscribe::unsubscribe(CMSubscriber* subscriber)
         }
     }
     m_observers.removeAll(subscriber);
+
+    CMSubscriber* const nobody = nullptr;
+    for (Delivery* delivery : qAsConst(m_deliveries))
+        std::replace(delivery->listeners.begin(), delivery->listeners.end(), subscriber, nobody);
+    while (isCalledElsewhere(subscriber))
+        m_callEnded.wait(&m_mutex);
+}
+
+bool CMSubscribe::isCalledElsewhere(const CMSubscriber* subscriber) const
+{
+    const Qt::HANDLE thisThread = QThread::currentThreadId();
+    bool called = false;
+    for (const Delivery* delivery : m_deliveries) {
+        if (delivery->called != subscriber)
+            continue;
+        // Waiting here would be for this call's own end.
+        if (delivery->thread == thisThread)
+            return false;
+        called = true;
+    }
+    return called;
 }
 
 void CMSubscribe::addObserver(CMSubscriber* observer)
@@ -59,24 +84,34 @@ void CMSubscribe::addObserver(CMSubscriber* observer)
 QList<CMSubscriber*> CMSubscribe::listeners(const Subscribers& subscribers,
                                             const CMPath& path) const
 {
-    const QMutexLocker locker(&m_mutex);
-    QList<CMSubscriber*> told = subscribers.value(path);
+    QList<CMSubscriber*> listeners = subscribers.value(path);
     for (CMSubscriber* observer : m_observers) {
-        if (!told.contains(observer))
-            told.append(observer);
+        if (!listeners.contains(observer))
+            listeners.append(observer);
     }
-    return told;
+    return listeners;
 }
 
 template<typename Tell>
-void CMSubscribe::announce(const Subscribers& subscribers, const CMPath& path, Tell tell) const
+void CMSubscribe::announce(const Subscribers& subscribers, const CMPath& path, Tell tell)
 {
-    const QList<CMSubscriber*> toBeTold = listeners(subscribers, path);
-    for (CMSubscriber* subscriber : toBeTold) {
-        // Whoever was told before may have taken it out, and destroyed it.
-        if (listeners(subscribers, path).contains(subscriber))
-            tell(subscriber);
+    QMutexLocker locker(&m_mutex);
+    Delivery delivery { QThread::currentThreadId(), listeners(subscribers, path), nullptr };
+    if (delivery.listeners.isEmpty())
+        return;
+    m_deliveries.append(&delivery);
+    for (int i = 0; i < delivery.listeners.size(); ++i) {
+        CMSubscriber* const subscriber = delivery.listeners.at(i);
+        if (subscriber == nullptr)
+            continue;
+        delivery.called = subscriber;
+        locker.unlock();
+        tell(subscriber);
+        locker.relock();
+        delivery.called = nullptr;
+        m_callEnded.wakeAll();
     }
+    m_deliveries.removeOne(&delivery);
 }
 
 void CMSubscribe::valueChanged(const CMPath& path, const QVariant& value)

@@ -8,10 +8,14 @@
 #include <QObject>
 #include <QString>
 #include <QVariant>
+#include <QVector>
+#include <QWaitCondition>
 
-/// Receives announcements. Not owned by the registry: it takes itself out with
-/// CMSubscribe::unsubscribe() before it is destroyed. Called on the announcing thread, outside
-/// the registry's lock, so it may subscribe, unsubscribe and ask from inside.
+/// Receives announcements. Not owned by the registry: its owner calls CMSubscribe::unsubscribe()
+/// before its destruction begins, at the latest in the destructor of the most derived class.
+/// Called on the announcing thread, outside the registry's lock, so it may subscribe, unsubscribe
+/// and ask from inside. Announcements made on several threads at once reach it at the same time,
+/// in any order.
 class CMSubscriber
 {
 public:
@@ -26,9 +30,12 @@ public:
 };
 
 /// The subscription registry of one worker: who wants to hear of which path, and through which
-/// every change is announced. All operations are thread-safe; subscribers of exactly the
-/// announced path are told synchronously, in order of subscription, observers after them; each
-/// once. One that is taken out while an announcement is under way is not told any more.
+/// every change is announced. Subscribers of exactly the announced path are called synchronously,
+/// in order of subscription, observers after them; each once. One that is taken out while an
+/// announcement is under way is not called any more.
+///
+/// Every operation may be called on any thread; the path-added signals are emitted on the calling
+/// one. Destroy the registry when no other thread uses it.
 class CMSubscribe : public QObject
 {
     Q_OBJECT
@@ -40,7 +47,13 @@ public:
     void subscribeValue(const CMPath& path, CMSubscriber* subscriber);
     void subscribeData(const CMPath& path, CMSubscriber* subscriber);
     void subscribeRows(const CMPath& path, CMSubscriber* subscriber);
-    /// Takes `subscriber` out of every path and out of the observers.
+    /// Takes `subscriber` out of every path and out of the observers, then waits for the calls to
+    /// it that are under way on other threads. Once this returns it is not called any more and
+    /// may be destroyed.
+    ///
+    /// Inside a call to `subscriber` on the same thread this waits for nothing: calls on other
+    /// threads may still be under way then. The caller holds no lock that the awaited calls need,
+    /// and two subscribers do not take each other out from within their calls.
     void unsubscribe(CMSubscriber* subscriber);
     /// An observer hears every announcement, whether anybody subscribed or not.
     void addObserver(CMSubscriber* observer);
@@ -67,19 +80,33 @@ signals:
 private:
     using Subscribers = QHash<CMPath, QList<CMSubscriber*>>;
 
+    /// An announcement under way.
+    struct Delivery
+    {
+        Qt::HANDLE thread = nullptr;
+        QList<CMSubscriber*> listeners; ///< null for one that was taken out meanwhile
+        CMSubscriber* called = nullptr; ///< by `thread`, now
+    };
+
     void subscribe(Subscribers& subscribers, const CMPath& path, CMSubscriber* subscriber);
-    /// The subscribers of `path`, then the observers that are not among them.
+    /// The subscribers of `path`, then the observers that are not among them. Caller holds the
+    /// mutex.
     QList<CMSubscriber*> listeners(const Subscribers& subscribers, const CMPath& path) const;
     /// Calls `tell` for each of them that is still one when its turn comes. Takes the mutex only
     /// between the calls.
     template<typename Tell>
-    void announce(const Subscribers& subscribers, const CMPath& path, Tell tell) const;
+    void announce(const Subscribers& subscribers, const CMPath& path, Tell tell);
+    /// Whether another thread calls `subscriber` now and this one does not. Caller holds the
+    /// mutex.
+    bool isCalledElsewhere(const CMSubscriber* subscriber) const;
 
     mutable QMutex m_mutex;
+    QWaitCondition m_callEnded;
     // Under the mutex.
     Subscribers m_valueSubscribers;
     Subscribers m_dataSubscribers;
     Subscribers m_rowsSubscribers;
     QList<CMSubscriber*> m_observers;
     QHash<CMPath, int> m_rowsVersions;
+    QVector<Delivery*> m_deliveries; ///< each lives on the stack of its thread
 };
