@@ -1,7 +1,5 @@
 #include "host/startcheck.h"
 
-#include "host/guard.h"
-
 #include <QDir>
 #include <QDirIterator>
 #include <QFileInfo>
@@ -15,13 +13,6 @@ bool isSpecial(const QFileInfo& entry)
 {
     // A link that leads nowhere counts as missing; it is no danger.
     return entry.exists() && !entry.isFile() && !entry.isDir();
-}
-
-bool isTemporary(const QFileInfo& entry)
-{
-    const QString name = entry.fileName();
-    return entry.isFile() && !entry.isSymLink() && name.startsWith(QLatin1Char('.'))
-        && name != QLatin1String(".meta") && name.size() > 1 && Guard::isListable(name.mid(1));
 }
 
 } // namespace
@@ -50,11 +41,8 @@ TreeOddities inspectWritableTree(const QString& directory)
             oddities.links.append(entry.filePath());
         else if (isSpecial(entry))
             oddities.special.append(entry.filePath());
-        else if (isTemporary(entry))
-            oddities.leftOver.append(entry.filePath());
     }
     oddities.special.sort();
     oddities.links.sort();
-    oddities.leftOver.sort();
     return oddities;
 }

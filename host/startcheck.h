@@ -11,13 +11,10 @@ struct TreeOddities
     QStringList special;
     /// Links in a writable tree: a change through one is refused.
     QStringList links;
-    /// Temporary files that an interrupted write left in a writable tree.
-    QStringList leftOver;
 };
 
 /// Looks at everything in the default tree in `directory`.
 TreeOddities inspectDefaultTree(const QString& directory);
 
-/// Looks at everything in the writable tree in `directory`. A temporary file is a hidden regular
-/// file whose name after the dot listings would show; never a ".meta", never the owner's lock.
+/// Looks at everything in the writable tree in `directory`.
 TreeOddities inspectWritableTree(const QString& directory);

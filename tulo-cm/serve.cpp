@@ -10,7 +10,6 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusError>
-#include <QFile>
 #include <QFileInfo>
 
 #include <memory>
@@ -65,18 +64,6 @@ int judgeTrees(const HostOptions& options, Output& output)
     for (const QString& fileName : written.links)
         output.note(QStringLiteral("'%1' is a link; it will not be written").arg(fileName));
     return judgeDefaultFiles(defaultPath, output);
-}
-
-// Only the owner of the tree may: to anybody else they are files that are being written.
-void removeLeftOver(const QString& writePath, Output& output)
-{
-    const QStringList leftOver = inspectWritableTree(writePath).leftOver;
-    for (const QString& fileName : leftOver) {
-        output.note(
-            QFile::remove(fileName)
-                ? QStringLiteral("removed left-over temporary file '%1'").arg(fileName)
-                : QStringLiteral("left-over temporary file '%1' cannot be removed").arg(fileName));
-    }
 }
 
 // Takes the log configuration as it is now; one that cannot be read changes nothing.
@@ -139,7 +126,6 @@ int serve(const ServeOptions& options, Output& output)
         return report(output, failure.kind == HostFailure::Kind::Usage ? Usage : Unavailable,
                       QStringLiteral("NotStarted"), failure.message);
     }
-    removeLeftOver(host->writePath(), output);
     QObject::connect(&interrupts, &Interrupts::hangUp, &interrupts,
                      [&options, &host, &output] { reloadLogging(options, *host, output); });
 

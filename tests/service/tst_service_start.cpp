@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QTest>
 
+#include <csignal>
 #include <functional>
 
 #include <sys/stat.h>
@@ -36,8 +37,8 @@ private slots:
     void directoriesAreChecked();
     void treeThatMayNotBeWrittenStopsTheStart();
     void oddityIsToldAndServed();
-    void leftOverTemporaryFilesAreRemoved();
-    void refusedInstanceRemovesNothing();
+    void hiddenFilesSurviveStartStopAndKill();
+    void staleTemporaryFileIsReusedByTheNextWrite();
     void defaultFileThatBreaksLaterIsNamedAtTheNextStart();
 };
 
@@ -197,42 +198,63 @@ void TstServiceStart::oddityIsToldAndServed()
     QCOMPARE(complaints.count('\n'), 2);
 }
 
-void TstServiceStart::leftOverTemporaryFilesAreRemoved()
+// Nobody can tell a temporary file from one that a person named like it.
+void TstServiceStart::hiddenFilesSurviveStartStopAndKill()
 {
     const CommandLine trees;
     const PrivateBus bus;
-    for (const char* name : { "/audio/.volume", "/.token", "/audio/.meta", "/audio/.b.c" })
-        trees.tree.writeWritten(QString::fromLatin1(name), QByteArrayLiteral("{}"));
+    const QStringList names {
+        QStringLiteral("/.bash_history"), QStringLiteral("/.profile"),
+        QStringLiteral("/.serial"),       QStringLiteral("/.token"),
+        QStringLiteral("/audio/.b.c"),    QStringLiteral("/audio/.volume.swp"),
+        QStringLiteral("/sub/.gitkeep"),  QStringLiteral("/sub/.hidden/file"),
+    };
+    const auto contentOf = [](const QString& name) {
+        return name.endsWith(QLatin1String("keep")) ? QByteArray("") : "not JSON: " + name.toUtf8();
+    };
+    for (const QString& name : names) {
+        trees.tree.writeDefault(name, contentOf(name));
+        trees.tree.writeWritten(name, contentOf(name));
+    }
 
-    ServiceProcess service(trees, bus.address());
-    QVERIFY2(service.serve(), service.standardError());
-    const ChildResult result = service.end();
+    for (const bool killed : { false, true, false }) {
+        ServiceProcess service(trees, bus.address());
+        QVERIFY2(service.serve(), service.standardError());
+        const BusClient client(bus.address());
+        QCOMPARE(
+            client.call("SetValue", { QStringLiteral("/settings/audio/volume"), variantOf(40) }),
+            QStringLiteral("{timestamp: *, value: x 40}"));
+        QCOMPARE(service.end(killed ? SIGKILL : SIGTERM).signal, killed ? SIGKILL : 0);
+    }
 
-    const QByteArray base = trees.tree.writePath().toUtf8();
-    QCOMPARE(ServiceProcess::complaints(result),
-             "tulo-cm: removed left-over temporary file '" + base
-                 + "/.token'\ntulo-cm: removed left-over temporary file '" + base
-                 + "/audio/.volume'\n");
-    QCOMPARE(trees.tree.writtenEntries(),
-             QStringList({ QStringLiteral("/.tulo-cm.lock"), QStringLiteral("/audio/"),
-                           QStringLiteral("/audio/.b.c"), QStringLiteral("/audio/.meta") }));
+    for (const QString& name : names) {
+        QCOMPARE(trees.tree.readDefault(name), contentOf(name));
+        QCOMPARE(trees.tree.readWritten(name), contentOf(name));
+    }
 }
 
-// To it they are files that are being written.
-void TstServiceStart::refusedInstanceRemovesNothing()
+void TstServiceStart::staleTemporaryFileIsReusedByTheNextWrite()
 {
     const CommandLine trees;
     const PrivateBus bus;
+    trees.tree.writeWritten(QStringLiteral("/audio/.volume"),
+                            QByteArrayLiteral("{\"value\":{\"in"));
     ServiceProcess service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
-    trees.tree.writeWritten(QStringLiteral("/audio/.volume"), QByteArrayLiteral("{}"));
+    const BusClient client(bus.address());
+    QCOMPARE(client.value(QStringLiteral("/settings/audio/volume")), QStringLiteral("x 35"));
 
-    ServiceProcess second(trees, bus.address());
-    QVERIFY(second.start());
-    QCOMPARE(second.finish().exitCode, 7);
-
-    QVERIFY(QFile::exists(trees.tree.writePath() + QLatin1String("/audio/.volume")));
+    QCOMPARE(client.call("SetValue", { QStringLiteral("/settings/audio/volume"), variantOf(40) }),
+             QStringLiteral("{timestamp: *, value: x 40}"));
     QCOMPARE(service.end().exitCode, 0);
+
+    QCOMPARE(trees.tree.writtenEntries(),
+             QStringList({ QStringLiteral("/.tulo-cm.lock"), QStringLiteral("/audio/"),
+                           QStringLiteral("/audio/volume") }));
+    QCOMPARE(trees.tree.readWrittenRoles(QStringLiteral("/audio/volume"))
+                 .value(QStringLiteral("value"))
+                 .toHash(),
+             (QVariantHash { { QStringLiteral("int"), 40 } }));
 }
 
 void TstServiceStart::defaultFileThatBreaksLaterIsNamedAtTheNextStart()
