@@ -2,9 +2,9 @@
 #
 # Compiles the headers of Qt, log4cplus and the standard library once for all
 # targets with the same flags: they are most of the work of every source. TEST is
-# for tests, OPEN for those compiled without access control. Sources include what
-# they use all the same: a build with TULO_PRECOMPILE and CMAKE_UNITY_BUILD off
-# finds what is missing.
+# for tests, OPEN for those compiled without access control. Each source includes
+# what it uses; a build with TULO_PRECOMPILE off, which CI makes, shows what is
+# missing.
 option(TULO_PRECOMPILE "Compile the headers of the libraries once" ON)
 
 set(tulo_precompiled_headers
@@ -15,10 +15,10 @@ set(tulo_precompiled_headers
     <log4cplus/spi/loggingevent.h>
     <algorithm> <functional> <memory> <string> <vector>)
 
-
 function(tulo_add_precompiled name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "HEADERS;LIBRARIES;OPTIONS")
-    file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp "")
+    # Leaves the file alone when it is there already.
+    file(CONFIGURE OUTPUT ${name}.cpp CONTENT "// Compiled for its precompiled headers.\n")
     add_library(${name} OBJECT ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp)
     set_target_properties(${name} PROPERTIES AUTOMOC OFF)
     target_compile_options(${name} PRIVATE -fPIC ${arg_OPTIONS})
