@@ -16,12 +16,13 @@ namespace {
 // What the signal handler may touch.
 volatile std::sig_atomic_t endCame = 0;
 volatile std::sig_atomic_t hangUpCame = 0;
+volatile std::sig_atomic_t hangUpEnds = 1;
 int wakePipe[2] = { -1, -1 };
 
 void handleSignal(int number)
 {
     const int errorBefore = errno;
-    if (number == SIGHUP)
+    if (number == SIGHUP && hangUpEnds == 0)
         hangUpCame = 1;
     else
         endCame = 1;
@@ -40,16 +41,27 @@ void setHandler(int number, void (*handler)(int))
     ::sigaction(number, &action, nullptr);
 }
 
+bool isIgnored(int number)
+{
+    struct sigaction action
+    {
+    };
+    ::sigaction(number, nullptr, &action);
+    return action.sa_handler == SIG_IGN;
+}
+
 } // namespace
 
 Interrupts::Interrupts()
+    : m_ignoresHangUp(isIgnored(SIGHUP))
 {
     endCame = 0;
     hangUpCame = 0;
+    hangUpEnds = 1;
     if (::pipe2(wakePipe, O_CLOEXEC | O_NONBLOCK) != 0)
         qFatal("no pipe for signals");
     auto* const notifier = new QSocketNotifier(wakePipe[0], QSocketNotifier::Read, this);
-    // For the end, waking is all: whoever serves events asks requested().
+    // SIGINT, SIGTERM and SIGHUP only wake the loop: serveEvents() checks requested().
     connect(notifier, &QSocketNotifier::activated, this, [this] {
         char bytes[64];
         while (::read(wakePipe[0], bytes, sizeof bytes) > 0) { }
@@ -60,15 +72,15 @@ Interrupts::Interrupts()
     });
     setHandler(SIGINT, handleSignal);
     setHandler(SIGTERM, handleSignal);
+    if (!m_ignoresHangUp)
+        setHandler(SIGHUP, handleSignal);
 }
 
 Interrupts::~Interrupts()
 {
     setHandler(SIGINT, SIG_DFL);
     setHandler(SIGTERM, SIG_DFL);
-    // One that nobody asked to catch may have been ignored from the start.
-    if (m_catchesHangUp)
-        setHandler(SIGHUP, SIG_DFL);
+    setHandler(SIGHUP, m_ignoresHangUp ? SIG_IGN : SIG_DFL);
     ::close(wakePipe[0]);
     ::close(wakePipe[1]);
     endCame = 0;
@@ -77,7 +89,7 @@ Interrupts::~Interrupts()
 
 void Interrupts::catchHangUp()
 {
-    m_catchesHangUp = true;
+    hangUpEnds = 0;
     setHandler(SIGHUP, handleSignal);
 }
 

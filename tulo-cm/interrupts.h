@@ -4,8 +4,9 @@
 
 #include <functional>
 
-/// Turns SIGINT and SIGTERM into an orderly end: the event loop wakes up for them, and whatever
-/// runs long asks requested() from time to time. One object at a time, on the main thread;
+/// Turns SIGINT, SIGTERM and SIGHUP (the terminal was closed) into an orderly end: the event loop
+/// wakes up for them, and whatever runs long asks requested() from time to time. A SIGHUP that was
+/// ignored from the start, as nohup does, stays ignored. One object at a time, on the main thread;
 /// without one these signals end the process as usual.
 class Interrupts : public QObject
 {
@@ -15,10 +16,10 @@ public:
     Interrupts();
     ~Interrupts() override;
 
-    /// From now on SIGHUP, which otherwise ends the process, emits hangUp().
+    /// From now on SIGHUP emits hangUp() and ends nothing.
     void catchHangUp();
 
-    /// Tells whether SIGINT or SIGTERM came since the object was made; false without one.
+    /// Tells whether a signal to end came since the object was made; false without one.
     static bool requested();
 
 signals:
@@ -26,7 +27,7 @@ signals:
     void hangUp();
 
 private:
-    bool m_catchesHangUp = false;
+    const bool m_ignoresHangUp;
 };
 
 /// Serves events for `milliseconds` (-1: without limit), until a signal comes or until `ended`

@@ -42,7 +42,7 @@ private:
     static bool isReadable()
     {
         pollfd input { STDIN_FILENO, POLLIN, 0 };
-        return ::poll(&input, 1, 0) != 0;
+        return ::poll(&input, 1, 0) > 0;
     }
 
     static void waitForMore()

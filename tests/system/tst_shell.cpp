@@ -39,6 +39,7 @@ private slots:
     void quitFlushes();
     void signalFlushes_data();
     void signalFlushes();
+    void ignoredHangUpStaysIgnored();
     void signalEndsWait();
     void closedPipeFlushesAndEndsQuietly();
     void countEndsWatching();
@@ -268,6 +269,7 @@ void TstShell::signalFlushes_data()
     QTest::addColumn<int>("number");
     QTest::newRow("SIGINT") << SIGINT;
     QTest::newRow("SIGTERM") << SIGTERM;
+    QTest::newRow("SIGHUP") << SIGHUP;
 }
 
 void TstShell::signalFlushes()
@@ -285,6 +287,25 @@ void TstShell::signalFlushes()
     QCOMPARE(result.signal, 0);
     QCOMPARE(result.exitCode, 0);
     QVERIFY(!cli.tree.readWritten(QStringLiteral("/audio/volume")).isNull());
+}
+
+void TstShell::ignoredHangUpStaysIgnored()
+{
+    const CommandLine cli;
+    QStringList words { QStringLiteral("-c"), QStringLiteral("trap '' HUP; exec \"$@\""),
+                        QStringLiteral("sh"), program };
+    words += cli.arguments(textWords());
+    ChildProcess shell(QStringLiteral("/bin/sh"), words);
+    QVERIFY(shell.start());
+    shell.writeInput("get /settings/audio/volume\n");
+    QVERIFY(shell.waitForOutput("35\n"));
+
+    shell.sendSignal(SIGHUP);
+    shell.writeInput("get /settings/serial\n");
+
+    QVERIFY(shell.waitForOutput("X1\n"));
+    shell.closeInput();
+    QCOMPARE(shell.finish().exitCode, 0);
 }
 
 void TstShell::signalEndsWait()

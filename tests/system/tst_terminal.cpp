@@ -150,6 +150,7 @@ private slots:
     void pipeGetsTheValueAsItIs();
     void pipeGetsEscapesInCellsEventsAndJson_data();
     void pipeGetsEscapesInCellsEventsAndJson();
+    void closingTheTerminalSavesTheChange();
 };
 
 void TstTerminal::hostileValue_data()
@@ -270,6 +271,22 @@ void TstTerminal::pipeGetsEscapesInCellsEventsAndJson()
         QVERIFY2(result.standardOutput.contains(hostileCell), result.standardOutput);
         QVERIFY(!controlsTerminal(result.standardOutput));
     }
+}
+
+void TstTerminal::closingTheTerminalSavesTheChange()
+{
+    const CommandLine cli;
+    Terminal terminal(cli.arguments({ QStringLiteral("shell") }));
+    QVERIFY(terminal.waitFor("tulo-cm> "));
+    terminal.type("set /settings/audio/volume 40\n");
+    QVERIFY(terminal.waitFor("40\r\ntulo-cm> "));
+
+    terminal.hangUp();
+
+    // Not by the signal; 1, as nothing can be printed any more.
+    const int exitCode = terminal.wait();
+    QVERIFY2(exitCode == 0 || exitCode == 1, QByteArray::number(exitCode));
+    QVERIFY(!cli.tree.readWritten(QStringLiteral("/audio/volume")).isNull());
 }
 
 QTEST_GUILESS_MAIN(TstTerminal)
