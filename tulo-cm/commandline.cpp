@@ -225,7 +225,8 @@ QVector<Command> makeCommands()
 
     Command quit;
     quit.name = text("quit");
-    quit.summary = text("Ends the shell, like the end of standard input.");
+    quit.alias = text("exit");
+    quit.summary = text("Ends the shell, like 'exit' and the end of standard input.");
     quit.example = text("quit");
     quit.place = Place::Shell;
     quit.run = runQuit;
@@ -408,8 +409,9 @@ const QVector<Command>& commands()
 const Command* findCommand(const QString& name)
 {
     const auto found =
-        std::find_if(commands().cbegin(), commands().cend(),
-                     [&name](const Command& command) { return command.name == name; });
+        std::find_if(commands().cbegin(), commands().cend(), [&name](const Command& command) {
+            return command.name == name || (!name.isEmpty() && command.alias == name);
+        });
     return found == commands().cend() ? nullptr : found;
 }
 

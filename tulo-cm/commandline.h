@@ -39,6 +39,7 @@ struct Command
     };
 
     QString name;
+    QString alias; ///< another name; empty for most
     QString arguments;
     QString summary;
     QString example;
@@ -74,7 +75,7 @@ private:
 
 /// All commands, in the order in which help lists them.
 const QVector<Command>& commands();
-/// Null when there is no command of that name.
+/// Null when no command has that name or alias.
 const Command* findCommand(const QString& name);
 
 /// Parses the words of the program's command line, without the program's name.

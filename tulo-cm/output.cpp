@@ -204,9 +204,13 @@ void Output::failure(const Failure& failure)
             writeError(escapedJson(line) + '\n');
         return;
     }
+    QString message = failure.message;
     // A message that names the path needs no second time.
-    const bool namesPath = failure.path.isEmpty() || failure.message.contains(failure.path);
-    note(namesPath ? failure.message : failure.path + QStringLiteral(": ") + failure.message);
+    if (!failure.path.isEmpty() && !message.contains(failure.path))
+        message.prepend(failure.path + QStringLiteral(": "));
+    if (failure.exitCode == Usage && m_inputLine > 0)
+        message.prepend(QStringLiteral("line %1: ").arg(m_inputLine));
+    note(message);
 }
 
 void Output::note(const QString& text)

@@ -31,6 +31,9 @@ public:
     /// that drives the shell finds them in their place.
     void setFailuresInPlace() { m_failuresInPlace = true; }
 
+    /// From now on a message about wrong usage names this line of the input; none for 0.
+    void setInputLine(int line) { m_inputLine = line; }
+
     /// One line of text for people.
     void line(const QString& text);
     /// Text of the program itself, which may have several lines.
@@ -64,6 +67,7 @@ private:
     const bool m_isTerminal;
     const bool m_colour;
     bool m_failuresInPlace = false;
+    int m_inputLine = 0;
     bool m_closed = false;
     bool m_failed = false;
     QByteArray m_pending;

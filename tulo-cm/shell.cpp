@@ -70,6 +70,12 @@ private:
     bool m_ended = false;
 };
 
+// A line that begins with "#" is for whoever reads the script.
+bool isComment(const QByteArray& line)
+{
+    return line.trimmed().startsWith('#');
+}
+
 // Parses and runs one line; its failures are printed and end nothing.
 int runLine(Context& context, const QByteArray& bytes)
 {
@@ -105,10 +111,11 @@ int runShell(Context& context, const Arguments&)
     Output& output = context.output;
     context.inShell = true;
     output.setFailuresInPlace();
-    const bool prompts =
-        !output.isJson() && ::isatty(STDIN_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1;
+    const bool isTyped = ::isatty(STDIN_FILENO) == 1;
+    const bool prompts = !output.isJson() && isTyped && ::isatty(STDOUT_FILENO) == 1;
 
     int exitCode = Done;
+    int lineNumber = 0;
     LineReader reader;
     QByteArray line;
     while (!context.quit && !output.isClosed()) {
@@ -119,7 +126,11 @@ int runShell(Context& context, const Arguments&)
                 output.line(QString());
             break;
         }
-        exitCode = firstFailure(exitCode, runLine(context, line));
+        ++lineNumber;
+        if (!isTyped)
+            output.setInputLine(lineNumber);
+        if (!isComment(line))
+            exitCode = firstFailure(exitCode, runLine(context, line));
         output.flush();
     }
     return exitCode;

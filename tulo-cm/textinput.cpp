@@ -43,6 +43,9 @@ Answer<QStringList> splitWords(const QString& line)
     const QChar backslash = QLatin1Char('\\');
     const QChar doubleMark = QLatin1Char('"');
     const QChar singleMark = QLatin1Char('\'');
+    // Here it stands for "none", and no argument of a process can hold one.
+    if (line.contains(QChar()))
+        return { {}, usageFailure(QStringLiteral("the line holds a null character (U+0000)")) };
     QStringList words;
     QString word;
     bool inWord = false;

@@ -14,5 +14,5 @@ Answer<QString> readStandardInput();
 
 /// Splits a line of the shell into words at blanks. Text in '...' is taken as it is; in "..." a
 /// backslash takes the mark, or itself, out of its meaning; elsewhere it does so for any
-/// character.
+/// character. A line with U+0000 fails.
 Answer<QStringList> splitWords(const QString& line);

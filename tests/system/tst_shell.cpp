@@ -128,26 +128,43 @@ void TstShell::lines_data()
     QTest::newRow("backslash") << QByteArray(R"(get /settings/audio/volum\e)") << QByteArray("35\n")
                                << QByteArray() << 0;
     QTest::newRow("open quote") << QByteArray("get 'x") << QByteArray()
-                                << QByteArray("tulo-cm: a quote is not closed\n") << 2;
+                                << QByteArray("tulo-cm: line 1: a quote is not closed\n") << 2;
     QTest::newRow("backslash at the end")
         << QByteArray("get x\\") << QByteArray()
-        << QByteArray("tulo-cm: the line ends in a backslash\n") << 2;
+        << QByteArray("tulo-cm: line 1: the line ends in a backslash\n") << 2;
     QTest::newRow("not UTF-8") << QByteArray("get \xff") << QByteArray()
-                               << QByteArray("tulo-cm: the line is not UTF-8\n") << 2;
+                               << QByteArray("tulo-cm: line 1: the line is not UTF-8\n") << 2;
+    QTest::newRow("null character outside of a word")
+        << QByteArray("get\0/settings/audio/volume", 26) << QByteArray()
+        << QByteArray("tulo-cm: line 1: the line holds a null character (U+0000)\n") << 2;
+    QTest::newRow("null character in a path")
+        << QByteArray("get /settings/audio\0/volume", 27) << QByteArray()
+        << QByteArray("tulo-cm: line 1: the line holds a null character (U+0000)\n") << 2;
+    QTest::newRow("comment") << QByteArray("# get 'x") << QByteArray() << QByteArray() << 0;
+    QTest::newRow("indented comment") << QByteArray("  #") << QByteArray() << QByteArray() << 0;
+    QTest::newRow("exit") << QByteArray("exit\nget /settings/serial") << QByteArray()
+                          << QByteArray() << 0;
+    QTest::newRow("third line")
+        << QByteArray("\n# two\ngte") << QByteArray()
+        << QByteArray(
+               "tulo-cm: line 3: unknown command 'gte'; commands are: get, ls, tree, set, op, watch, unwatch, flush, drop-cache, check, status, wait, help, quit\n")
+        << 2;
     QTest::newRow("option of the program")
         << QByteArray("get --json /settings/audio/volume") << QByteArray()
-        << QByteArray("tulo-cm: '--json' is an option of the program, not of a line of the shell\n")
+        << QByteArray(
+               "tulo-cm: line 1: '--json' is an option of the program, not of a line of the shell\n")
         << 2;
     QTest::newRow("shell in the shell")
         << QByteArray("shell") << QByteArray()
-        << QByteArray("tulo-cm: 'shell' is no command of the shell\n") << 2;
+        << QByteArray("tulo-cm: line 1: 'shell' is no command of the shell\n") << 2;
     QTest::newRow("standard input as value")
         << QByteArray("set /settings/audio/mode -") << QByteArray()
-        << QByteArray("tulo-cm: '-' reads standard input, from which the shell reads its lines\n")
+        << QByteArray(
+               "tulo-cm: line 1: '-' reads standard input, from which the shell reads its lines\n")
         << 2;
     QTest::newRow("wait for nothing")
         << QByteArray("wait soon") << QByteArray()
-        << QByteArray("tulo-cm: 'wait' needs a number of milliseconds, not 'soon'\n") << 2;
+        << QByteArray("tulo-cm: line 1: 'wait' needs a number of milliseconds, not 'soon'\n") << 2;
     QTest::newRow("negative value") << QByteArray("op /settings/audio/volume add -5")
                                     << QByteArray("30\n") << QByteArray() << 0;
     QTest::newRow("flush") << QByteArray("flush") << QByteArray() << QByteArray() << 0;
@@ -161,7 +178,7 @@ void TstShell::lines_data()
                                   << QByteArray("rows /settings/audio\n") << QByteArray() << 0;
     QTest::newRow("count of nothing")
         << QByteArray("watch /settings/audio --count 0") << QByteArray()
-        << QByteArray("tulo-cm: '--count' needs a number above 0\n") << 2;
+        << QByteArray("tulo-cm: line 1: '--count' needs a number above 0\n") << 2;
 }
 
 void TstShell::lines()

@@ -150,6 +150,7 @@ private slots:
     void pipeGetsTheValueAsItIs();
     void pipeGetsEscapesInCellsEventsAndJson_data();
     void pipeGetsEscapesInCellsEventsAndJson();
+    void typedLinesHaveNoNumbers();
     void closingTheTerminalSavesTheChange();
 };
 
@@ -271,6 +272,19 @@ void TstTerminal::pipeGetsEscapesInCellsEventsAndJson()
         QVERIFY2(result.standardOutput.contains(hostileCell), result.standardOutput);
         QVERIFY(!controlsTerminal(result.standardOutput));
     }
+}
+
+void TstTerminal::typedLinesHaveNoNumbers()
+{
+    const CommandLine cli;
+    Terminal terminal(cli.arguments({ QStringLiteral("shell") }));
+    QVERIFY(terminal.waitFor("tulo-cm> "));
+
+    terminal.type("get\nexit\n");
+
+    QVERIFY(terminal.waitFor());
+    QCOMPARE(terminal.wait(), 2);
+    QVERIFY2(terminal.shown().contains("\ntulo-cm: missing arguments for 'get'"), terminal.shown());
 }
 
 void TstTerminal::closingTheTerminalSavesTheChange()
