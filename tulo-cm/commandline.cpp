@@ -74,17 +74,20 @@ QVector<Command> makeCommands()
     get.options = QStringList { text("role"), text("all") };
     get.minimumArguments = 1;
     get.maximumArguments = -1;
+    get.paths = -1;
     get.run = runGet;
     list.append(get);
 
     Command ls;
     ls.name = text("ls");
-    ls.arguments = text("PATH");
-    ls.summary = text("Prints the rows of a directory, with the value when no role is named.");
+    ls.arguments = text("[PATH]");
+    ls.summary = text(
+        "Prints the rows of a directory, with the value when no role is named; those of /settings\n"
+        "when no path is given.");
     ls.example = text("ls /settings/audio --first 0 --last 9");
     ls.options = QStringList { text("first"), text("last"), text("role") };
-    ls.minimumArguments = 1;
     ls.maximumArguments = 1;
+    ls.paths = 1;
     ls.run = runLs;
     list.append(ls);
 
@@ -94,6 +97,7 @@ QVector<Command> makeCommands()
     tree.summary = text("Prints everything at and below a path, /settings when none is given.");
     tree.example = text("tree /settings/audio");
     tree.maximumArguments = 1;
+    tree.paths = 1;
     tree.run = runTree;
     list.append(tree);
 
@@ -108,6 +112,7 @@ QVector<Command> makeCommands()
     set.minimumArguments = 1;
     set.maximumArguments = 2;
     set.needs = Needs::Changes;
+    set.paths = 1;
     set.run = runSet;
     list.append(set);
 
@@ -122,6 +127,7 @@ QVector<Command> makeCommands()
     op.minimumArguments = 2;
     op.maximumArguments = 3;
     op.needs = Needs::Changes;
+    op.paths = 1;
     op.run = runOp;
     list.append(op);
 
@@ -136,6 +142,7 @@ QVector<Command> makeCommands()
     watch.minimumArguments = 1;
     watch.maximumArguments = -1;
     watch.place = Place::ServiceOrShell;
+    watch.paths = -1;
     watch.run = runWatch;
     list.append(watch);
 
@@ -146,6 +153,7 @@ QVector<Command> makeCommands()
     unwatch.example = text("unwatch /settings/audio/volume");
     unwatch.maximumArguments = -1;
     unwatch.place = Place::Shell;
+    unwatch.paths = -1;
     unwatch.run = runUnwatch;
     list.append(unwatch);
 
@@ -273,6 +281,18 @@ QString ourForm(QString message)
     return message;
 }
 
+// As people write paths: with "/" at the end, without it at the beginning.
+QString completed(QString path)
+{
+    if (path.isEmpty())
+        return path;
+    while (path.endsWith(QLatin1Char('/')))
+        path.chop(1);
+    if (path.isEmpty())
+        return topPath;
+    return path.startsWith(QLatin1Char('/')) ? path : QLatin1Char('/') + path;
+}
+
 QString synopsis(const Command& command)
 {
     QString line = command.name;
@@ -373,6 +393,9 @@ Arguments parse(const QStringList& words, bool inShell, Failure* failure)
             text("unknown command '%1'; commands are: %2").arg(name, namesOfCommands(inShell)));
         return arguments;
     }
+    const int paths = arguments.command->paths;
+    for (int i = 0; i < arguments.positional.size() && (paths < 0 || i < paths); ++i)
+        arguments.positional[i] = completed(arguments.positional.at(i));
     *failure = judge(arguments, inShell);
     return arguments;
 }

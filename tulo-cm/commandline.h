@@ -10,6 +10,9 @@
 struct Context;
 class Arguments;
 
+/// The path at the top, which all others begin with.
+inline const QString topPath = QStringLiteral("/settings");
+
 /// One option: "--name" or "--name VALUE".
 struct Option
 {
@@ -46,6 +49,7 @@ struct Command
     QStringList options; ///< names of the options it takes beside the general ones
     int minimumArguments = 0;
     int maximumArguments = 0; ///< -1: any number
+    int paths = 0; ///< how many of them, from the first, are paths; -1: all
     Place place = Place::Anywhere;
     Needs needs = Needs::Session;
     /// Null for `serve`, which is started before there is anything to work with.
@@ -57,7 +61,9 @@ class Arguments
 {
 public:
     const Command* command = nullptr; ///< null when only --help or --version was asked for
-    QStringList positional; ///< what follows the command
+    /// What follows the command. Paths among it begin with "/" and do not end with one; "/" by
+    /// itself has become the path at the top.
+    QStringList positional;
 
     bool isSet(const QString& option) const { return m_options.contains(option); }
     /// The last value given, null when the option is not set.

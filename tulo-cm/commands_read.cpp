@@ -9,7 +9,6 @@
 
 namespace {
 
-const QString rootPath = QStringLiteral("/settings");
 const QString roleOption = QStringLiteral("role");
 
 QStringList requestedRoles(const Arguments& arguments)
@@ -167,7 +166,7 @@ int runLs(Context& context, const Arguments& arguments)
         output.failure(failure);
         return failure.exitCode;
     }
-    const QString path = arguments.positional.first();
+    const QString path = arguments.positional.value(0, topPath);
     const QStringList roles = requestedRoles(arguments);
 
     Listing listing;
@@ -260,9 +259,8 @@ private:
 
 int runTree(Context& context, const Arguments& arguments)
 {
-    QString path = arguments.positional.value(0, rootPath);
     TreePrinter printer(context);
-    const int exitCode = printer.print(path);
+    const int exitCode = printer.print(arguments.positional.value(0, topPath));
     printer.finish();
     return exitCode;
 }

@@ -109,10 +109,19 @@ void TstCommandline::sessions_data()
     row("unknown path", "get /settings/none", "", "tulo-cm: Invalid path '/settings/none'\n", 3);
     row("a good and a bad path", "get /settings/none /settings/serial", "/settings/serial  X1\n",
         "tulo-cm: Invalid path '/settings/none'\n", 3);
-    row("path without its leading slash", "get settings/serial", "X1\n",
-        "WARN  CMSettingsWorker: Wrong settings path detected: 'settings/serial' - please fix your "
-        "code. Adding missing leading '/' for now.\n",
+    row("path without its leading slash", "get settings/serial", "X1\n", "", 0);
+    row("path that ends with a slash", "get /settings/serial/", "X1\n", "", 0);
+    row("directory that ends with a slash", "get /settings/audio/ --role title", "Audio\n", "", 0);
+    row("paths as they are served", "get settings/serial /settings/token/ /",
+        "/settings/serial  X1\n"
+        "/settings/token   -\n"
+        "/settings         -\n",
+        "", 0);
+    row("set at a path without its slashes", "set settings/audio/volume/ 40", "40\n", "", 0);
+    row("operation at a path without its slashes", "op settings/audio/volume/ add 5", "40\n", "",
         0);
+    row("empty component", "get /settings//serial", "",
+        "tulo-cm: Path '/settings//serial' has an empty component\n", 4);
     row("path out of the tree", "get /settings/../etc/passwd", "",
         "tulo-cm: Path '/settings/../etc/passwd' has a component that begins with '.'\n", 4);
     row("JSON value", "--json get /settings/audio/volume",
@@ -141,6 +150,19 @@ void TstCommandline::sessions_data()
         "serial    X1\n"
         "token     -\n",
         "", 0);
+    row("rows of the top", "ls /",
+        "audio/    -\n"
+        "presets/  -\n"
+        "serial    X1\n"
+        "token     -\n",
+        "", 0);
+    row("rows without a path", "ls --role title",
+        "audio/    Audio\n"
+        "presets/  Preset\n"
+        "serial    serial\n"
+        "token     Token\n",
+        "", 0);
+    row("rows of a path that ends with a slash", "ls /settings/presets/", "one  -\n", "", 0);
     row("range of rows", "ls /settings/audio --first 1 --last 2",
         "loudness  true\n"
         "mode      mid\n",
@@ -177,6 +199,10 @@ void TstCommandline::sessions_data()
     row("JSON tree", "tree /settings/presets --json",
         "{\"path\":\"/settings/presets\",\"roles\":{\"type\":1,\"value\":null}}\n"
         "{\"path\":\"/settings/presets/one\",\"roles\":{\"type\":101,\"value\":null}}\n",
+        "", 0);
+    row("tree of a path that ends with a slash", "tree settings/presets/",
+        "/settings/presets/\n"
+        "  one               -\n",
         "", 0);
     row("tree of a setting", "tree /settings/serial", "/settings/serial  X1\n", "", 0);
     row("tree of nothing", "tree /settings/none", "", "tulo-cm: Invalid path '/settings/none'\n",
@@ -315,7 +341,7 @@ void TstCommandline::usage_data()
     row("missing path", words("get"),
         "missing arguments for 'get'; usage: get PATH... [--role ROLE] [--all]");
     row("too many arguments", words("ls /settings /settings"),
-        "too many arguments for 'ls'; usage: ls PATH [--role ROLE] [--first N] [--last N]");
+        "too many arguments for 'ls'; usage: ls [PATH] [--role ROLE] [--first N] [--last N]");
     row("both roles and all", words("get /settings/serial --all --role title"),
         "'--role' and '--all' exclude each other");
     row("row that is no number", words("ls /settings --first one"),

@@ -174,6 +174,11 @@ void TstShell::lines_data()
     QTest::newRow("initial value")
         << QByteArray("watch --initial /settings/audio/volume")
         << QByteArray("value /settings/audio/volume 35\n") << QByteArray() << 0;
+    QTest::newRow("paths without and with a slash too many")
+        << QByteArray("watch settings/audio/volume/\nset /settings/audio/volume 40\n"
+                      "unwatch settings/audio/volume\nset /settings/audio/volume 45")
+        << QByteArray("value /settings/audio/volume 40\ndata /settings/audio/volume\n40\n45\n")
+        << QByteArray() << 0;
     QTest::newRow("initial rows") << QByteArray("watch --initial /settings/audio")
                                   << QByteArray("rows /settings/audio\n") << QByteArray() << 0;
     QTest::newRow("count of nothing")
