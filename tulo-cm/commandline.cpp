@@ -47,7 +47,7 @@ const QVector<Option>& commandOptions()
 {
     static const QVector<Option> options {
         { text("role"), text("ROLE"), text("a role to print; can be given more than once") },
-        { text("all"), QString(), text("all roles that there are") },
+        { text("all"), QString(), text("all known roles that the node has") },
         { text("first"), text("N"), text("index of the first row, from 0") },
         { text("last"), text("N"), text("index of the last row, inclusive") },
         { text("string"), QString(), text("take VALUE as a text as it is") },

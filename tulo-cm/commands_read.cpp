@@ -5,7 +5,9 @@
 
 #include "api/core/tuloroles.h"
 
+#include <algorithm>
 #include <climits>
+#include <numeric>
 
 namespace {
 
@@ -39,6 +41,55 @@ QVariantHash present(const QVariantHash& roles)
             result.insert(role.key(), *role);
     }
     return result;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Roles that there are not
+// ---------------------------------------------------------------------------------------------
+
+// Characters to insert, remove or replace to make one of the other.
+int distance(const QString& from, const QString& to)
+{
+    QVector<int> costs(to.size() + 1);
+    std::iota(costs.begin(), costs.end(), 0);
+    for (int i = 0; i < from.size(); ++i) {
+        int diagonal = costs.at(0);
+        costs[0] = i + 1;
+        for (int j = 0; j < to.size(); ++j) {
+            const int replaced = diagonal + (from.at(i) == to.at(j) ? 0 : 1);
+            diagonal = costs.at(j + 1);
+            costs[j + 1] = std::min({ replaced, diagonal + 1, costs.at(j) + 1 });
+        }
+    }
+    return costs.last();
+}
+
+QString hintFor(const QString& role)
+{
+    if (role.contains(QLatin1Char(',')))
+        return QStringLiteral("give '--role' once for each role");
+    const QStringList& known = TuloRoles::keys();
+    const QString closest =
+        *std::min_element(known.cbegin(), known.cend(), [&](const QString& a, const QString& b) {
+            return distance(role, a) < distance(role, b);
+        });
+    if (2 * distance(role, closest) < role.size())
+        return QStringLiteral("did you mean '%1'?").arg(closest);
+    return QStringLiteral("roles are: %1").arg(known.join(QStringLiteral(", ")));
+}
+
+// Files of the default tree may have keys beside the known roles, so a role is unknown only when
+// none of the nodes has it either.
+Failure judgeRoles(const QStringList& roles, const QVector<QVariantHash>& nodes)
+{
+    for (const QString& role : roles) {
+        const bool isFound =
+            std::any_of(nodes.cbegin(), nodes.cend(),
+                        [&role](const QVariantHash& node) { return node.value(role).isValid(); });
+        if (!nodes.isEmpty() && !isFound && !TuloRoles::keys().contains(role))
+            return usageFailure(QStringLiteral("unknown role '%1'; %2").arg(role, hintFor(role)));
+    }
+    return {};
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -91,16 +142,29 @@ int runGet(Context& context, const Arguments& arguments)
     }
     const QStringList roles = all ? TuloRoles::keys() : requestedRoles(arguments);
 
+    QVector<Answer<QVariantHash>> answers;
+    QVector<QVariantHash> found;
+    for (const QString& path : arguments.positional) {
+        answers.append(context.session->getData(path, roles));
+        if (!answers.last().failure)
+            found.append(answers.last().value);
+    }
+    const Failure failure = judgeRoles(roles, found);
+    if (failure) {
+        context.output.failure(failure);
+        return failure.exitCode;
+    }
+
     int exitCode = Done;
     QVector<Node> nodes;
-    for (const QString& path : arguments.positional) {
-        const Answer<QVariantHash> answer = context.session->getData(path, roles);
+    for (int i = 0; i < answers.size(); ++i) {
+        const Answer<QVariantHash>& answer = answers.at(i);
         if (answer.failure) {
             context.output.failure(answer.failure);
             exitCode = firstFailure(exitCode, answer.failure.exitCode);
             continue;
         }
-        const Node node { path, all ? present(answer.value) : answer.value };
+        const Node node { arguments.positional.at(i), all ? present(answer.value) : answer.value };
         if (context.output.isJson())
             context.output.object(nodeObject(node.path, node.roles));
         else
@@ -173,6 +237,14 @@ int runLs(Context& context, const Arguments& arguments)
     {
         Progress progress(QStringLiteral("rows"));
         listing = listRows(*context.session, path, first, last, roles, progress);
+    }
+    QVector<QVariantHash> found;
+    for (const PageRow& row : qAsConst(listing.page.rows))
+        found.append(row.roles);
+    failure = judgeRoles(roles, found);
+    if (failure) {
+        output.failure(failure);
+        return failure.exitCode;
     }
     if (!listing.failure && output.isJson()) {
         printRowsObject(output, path, listing.page);

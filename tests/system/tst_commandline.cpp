@@ -33,6 +33,7 @@ private slots:
     void places();
     void valueFromStandardInput();
     void valueThatIsNotUtf8();
+    void keyOfTheTreesOwnIsARole();
     void listingInPages();
     void listingLeavesOutTheRowThatCannotBeRead();
     void treeLeavesOutTheRowThatCannotBeRead();
@@ -126,8 +127,8 @@ void TstCommandline::sessions_data()
         "tulo-cm: Path '/settings/../etc/passwd' has a component that begins with '.'\n", 4);
     row("JSON value", "--json get /settings/audio/volume",
         "{\"path\":\"/settings/audio/volume\",\"roles\":{\"value\":{\"int\":35}}}\n", "", 0);
-    row("JSON null for a missing role", "get /settings/serial --json --role id --role nonsense",
-        "{\"path\":\"/settings/serial\",\"roles\":{\"id\":null,\"nonsense\":null}}\n", "", 0);
+    row("JSON null for a missing role", "get /settings/serial --json --role id --role title",
+        "{\"path\":\"/settings/serial\",\"roles\":{\"id\":null,\"title\":\"serial\"}}\n", "", 0);
     row("JSON error", "get /settings/none --json", "",
         "{\"error\":{\"message\":\"Invalid path '/settings/none'\",\"name\":\"InvalidPath\","
         "\"title\":\"Error\"},\"path\":\"/settings/none\"}\n",
@@ -344,6 +345,17 @@ void TstCommandline::usage_data()
         "too many arguments for 'ls'; usage: ls [PATH] [--role ROLE] [--first N] [--last N]");
     row("both roles and all", words("get /settings/serial --all --role title"),
         "'--role' and '--all' exclude each other");
+    row("unknown role", words("get /settings/serial --role value --role titel"),
+        "unknown role 'titel'; did you mean 'title'?");
+    row("unknown role of rows", words("ls /settings --role Description"),
+        "unknown role 'Description'; did you mean 'description'?");
+    row("unknown role that resembles none",
+        words("get /settings/serial /settings/token --role unit"),
+        "unknown role 'unit'; roles are: value, defaultValue, title, description, "
+        "longDescription, valueUnit, type, id, path, edit, modifiable, disabled, encrypted, "
+        "encryptedValue, timestamp, permission, activate, setRoles, valueOperation");
+    row("roles in one word", words("get /settings/serial --role value,title"),
+        "unknown role 'value,title'; give '--role' once for each role");
     row("row that is no number", words("ls /settings --first one"),
         "'--first' needs a whole number, not 'one'");
     row("no value", words("set /settings/audio/volume"),
@@ -494,6 +506,22 @@ void TstCommandline::valueThatIsNotUtf8()
 // ---------------------------------------------------------------------------------------------
 // Long and damaged directories.
 // ---------------------------------------------------------------------------------------------
+
+void TstCommandline::keyOfTheTreesOwnIsARole()
+{
+    const CommandLine cli;
+    cli.tree.writeDefault(QStringLiteral("/audio/own"), R"({"colour":"green"})");
+
+    const ChildResult one = cli.run("get /settings/audio/own --role colour");
+    const ChildResult two = cli.run("get /settings/audio/own /settings/audio/nil --role colour");
+    const ChildResult rows = cli.run("ls /settings/audio --role colour --first 2 --last 3");
+
+    QCOMPARE(one.standardOutput, QByteArray("green\n"));
+    QCOMPARE(two.standardOutput, QByteArray("/settings/audio/own  green\n"));
+    QCOMPARE(two.exitCode, 3);
+    QCOMPARE(rows.standardOutput, QByteArray("mode  -\nown   green\n"));
+    QCOMPARE(rows.exitCode, 0);
+}
 
 void TstCommandline::listingInPages()
 {
