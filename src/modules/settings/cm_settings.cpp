@@ -18,6 +18,7 @@
 #include <QMutexLocker>
 #include <QSet>
 #include <QStringBuilder>
+#include <QThread>
 
 #include <algorithm>
 #include <array>
@@ -27,6 +28,7 @@
 #include <iterator>
 #include <utility>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 // ---------------------------------------------------------------------------------------------
@@ -51,19 +53,85 @@ CMError requestError(const QString& message)
                                   { CMError::Title(), CMError::DefaultTitle() } });
 }
 
-// What is left to read of a file. QFile::readAll() would ask for its kind and size first, two
-// more system calls for each of the small files that settings are.
-QByteArray readToEnd(int file)
+struct FileContent
 {
-    QByteArray bytes;
+    bool isReadable = false; ///< there is such a file and this process may read it
+    int error = 0; ///< of the call that failed, otherwise 0
+    QByteArray text; ///< all of the file; empty after an error
+};
+
+// Adds what is left to read of a file. Returns 0, or the error that ended it.
+int readToEnd(int file, QByteArray* bytes)
+{
     std::array<char, 4096> block; // NOLINT: filled by read()
     for (;;) {
         const ssize_t count = ::read(file, block.data(), block.size());
         if (count > 0)
-            bytes.append(block.data(), int(count));
-        else if (count == 0 || errno != EINTR)
-            return bytes;
+            bytes->append(block.data(), int(count));
+        else if (count == 0)
+            return 0;
+        else if (errno != EINTR)
+            return errno;
     }
+}
+
+// Not through QFile, which hides the error of a call and asks for the kind and the size of each
+// of the small files that settings are.
+FileContent readFile(const QString& fileName)
+{
+    FileContent content;
+    content.isReadable = QFileInfo(fileName).isReadable();
+    if (!content.isReadable) {
+        content.error = errno; // of access(), the only call that this makes
+        return content;
+    }
+    const int file = ::open(QFile::encodeName(fileName).constData(), O_RDONLY | O_CLOEXEC);
+    if (file < 0) {
+        content.error = errno;
+        // access() asks for the real user, open() for the effective one.
+        content.isReadable = content.error != EACCES;
+        return content;
+    }
+    content.error = readToEnd(file, &content.text);
+    ::close(file);
+    // A part of a file may parse and say something else.
+    if (content.error != 0)
+        content.text.clear();
+    return content;
+}
+
+// Whether a call that failed with `error` may succeed a moment later. Not when the name leads to
+// no file.
+bool mayPass(int error)
+{
+    switch (error) {
+    case 0:
+    case EINVAL:
+    case EISDIR:
+    case ELOOP:
+    case ENAMETOOLONG:
+    case ENOENT:
+    case ENOTDIR:
+        return false;
+    default:
+        return true;
+    }
+}
+
+// A moment's error must not stand in for what a sound file says: what is read is remembered, and
+// the next change of the setting would write it. So a failed read is tried again after pauses
+// that double, 31 ms in all. They block the worker's thread and its clients, which is less than
+// what the wrong value would cost them.
+FileContent readFilePatiently(const QString& fileName)
+{
+    constexpr unsigned long lastPauseMs = 16;
+    FileContent content = readFile(fileName);
+    for (unsigned long pauseMs = 1; mayPass(content.error) && pauseMs <= lastPauseMs;
+         pauseMs *= 2) {
+        QThread::msleep(pauseMs);
+        content = readFile(fileName);
+    }
+    return content;
 }
 
 // Letters, marks, digits, "_" and "-": what "^[\w-_]*$" stands for in a QRegExp, whose matching
@@ -367,14 +435,12 @@ QVariant CMSettingsWorker::loadFile(const QString& fileName, bool strict)
     if (pending != m_pendingWrites.cend())
         return pending->__variant();
 
-    if (!QFileInfo(fileName).isReadable())
+    const FileContent content = readFilePatiently(fileName);
+    if (!content.isReadable)
         return QVariant();
-    QFile file(fileName);
-    // A directory does not open; it parses as the empty text, which is an error like any other.
-    const QByteArray text =
-        file.open(QIODevice::ReadOnly) ? readToEnd(file.handle()) : QByteArray();
+    // What cannot be read, a directory among it, parses as the empty text: an error like any other.
     TuloError error { QVariantHash() };
-    QVariant result = TuloJson::parse(text, error, nullptr);
+    QVariant result = TuloJson::parse(content.text, error, nullptr);
     if (!error.isEmpty()) {
         LOG4CPLUS_ERROR(logger,
                         "Settings: Unable to parse '" << fileName << "': " << error.message());

@@ -132,7 +132,8 @@ private:
     // The store. Caller holds the mutex, on the worker's thread.
 
     /// The content of the file named `fileName`: its pending roles if it has any, else the
-    /// parsed file, invalid when it cannot be read. A file that cannot be parsed is logged and
+    /// parsed file, invalid when there is none that may be read. A read that fails is tried again
+    /// for 31 ms; one that still fails counts as a file that cannot be parsed: it is logged and
     /// ends the process if `strict`.
     QVariant loadFile(const QString& fileName, bool strict);
     /// The merged roles of a setting or directory, from the cache or both layers. `exists`, if
