@@ -5,6 +5,7 @@
 #include "api/core/model/cmoperation.h"
 
 #include <QCommandLineParser>
+#include <QRegularExpression>
 
 #include <algorithm>
 
@@ -37,7 +38,8 @@ const QVector<Option>& generalOptions()
               "show log records from trace, debug, info, warn (the default), error, fatal or off") },
         { text("log-config"), text("FILE"),
           text("configure logging with a log4cplus property file") },
-        { text("help"), QString(), text("print this help, or that of the command") },
+        { text("help"), QString(), text("print an overview, or the help of the command"),
+          text("h") },
         { text("version"), QString(), text("print the version") },
     };
     return options;
@@ -106,7 +108,8 @@ QVector<Command> makeCommands()
     set.arguments = text("PATH [VALUE]");
     set.summary = text(
         "Changes a setting and prints the value that is stored now. VALUE is read as JSON, else\n"
-        "as a text; \"-\" reads it from standard input. In place of VALUE: --roles or --default.");
+        "as a text; \"-\" reads it from standard input, except in the shell. In place of VALUE:\n"
+        "--roles or --default.");
     set.example = text("set /settings/audio/volume 40");
     set.options = QStringList { text("string"), text("roles"), text("default"), text("flush") };
     set.minimumArguments = 1;
@@ -293,6 +296,13 @@ QString completed(QString path)
     return path.startsWith(QLatin1Char('/')) ? path : QLatin1Char('/') + path;
 }
 
+QString purpose()
+{
+    return text("Reads, changes and watches the settings of a device: with --default-path and\n"
+                "--write-path those of two directories, with --in-process those of the built-in\n"
+                "directories, otherwise those of the service on the bus.\n");
+}
+
 QString synopsis(const Command& command)
 {
     QString line = command.name;
@@ -353,13 +363,19 @@ Failure judge(const Arguments& arguments, bool inShell)
     return {};
 }
 
+QStringList namesOf(const Option& option)
+{
+    return option.letter.isEmpty() ? QStringList(option.name)
+                                   : QStringList { option.name, option.letter };
+}
+
 Arguments parse(const QStringList& words, bool inShell, Failure* failure)
 {
     QCommandLineParser parser;
     QVector<Option> all = generalOptions();
     all += commandOptions();
     for (const Option& option : qAsConst(all))
-        parser.addOption({ option.name, option.description, option.valueName });
+        parser.addOption({ namesOf(option), option.description, option.valueName });
 
     Arguments arguments;
     const bool parsed = parser.parse(QStringList(QString()) + guarded(words));
@@ -405,6 +421,7 @@ QString describe(const QVector<Option>& options)
     int width = 0;
     const auto form = [](const Option& option) {
         return text("  --") + option.name
+            + (option.letter.isEmpty() ? QString() : text(", -") + option.letter)
             + (option.valueName.isEmpty() ? QString() : QLatin1Char(' ') + option.valueName);
     };
     for (const Option& option : options)
@@ -413,6 +430,34 @@ QString describe(const QVector<Option>& options)
     for (const Option& option : options)
         result += form(option).leftJustified(width + 2) + option.description + QLatin1Char('\n');
     return result;
+}
+
+QVariantList describedOptions(const QVector<Option>& options)
+{
+    QVariantList result;
+    for (const Option& option : options) {
+        result.append(QVariantHash { { text("name"), option.name },
+                                     { text("value"), option.valueName },
+                                     { text("description"), option.description } });
+    }
+    return result;
+}
+
+QVector<Option> optionsOf(const Command& command)
+{
+    QVector<Option> result;
+    for (const Option& option : commandOptions()) {
+        if (command.options.contains(option.name))
+            result.append(option);
+    }
+    return result;
+}
+
+// The summary up to its first details.
+QString shortSummary(const Command& command)
+{
+    static const QRegularExpression details(text("[.,:;\\n]"));
+    return command.summary.section(details, 0, 0);
 }
 
 QString exampleOf(const Command& command)
@@ -466,31 +511,43 @@ Failure usageFailure(const QString& message)
     return { Usage, QStringLiteral("Usage"), message, QString() };
 }
 
-QString generalHelp(bool inShell)
+QString overview(bool inShell)
 {
     QString result;
     if (!inShell) {
         result +=
-            text("Usage: tulo-cm [OPTION]... COMMAND ...\n\n"
-                 "Reads, changes and watches the settings of a device: with --default-path and\n"
-                 "--write-path those of two directories, with --in-process those of the built-in\n"
-                 "directories, otherwise those of the service on the bus.\n\n");
+            text("Usage: tulo-cm [OPTION]... COMMAND ...\n\n") + purpose() + QLatin1Char('\n');
     }
-    result += text("Commands, each with an example:\n");
+    result += text("Commands:\n");
+    constexpr int nameWidth = 12;
     for (const Command& command : commands()) {
-        if (!isListed(command, inShell))
+        if (isListed(command, inShell)) {
+            result += text("  ") + command.name.leftJustified(nameWidth) + shortSummary(command)
+                + QLatin1Char('\n');
+        }
+    }
+    if (inShell) {
+        return result
+            + text("\n'help COMMAND' explains one. Words are separated by blanks; quote with\n"
+                   "'...', \"...\" or \\. A line that begins with # is a comment.\n");
+    }
+    return result
+        + text("\n'tulo-cm help COMMAND' explains one, 'tulo-cm help' all of them with examples,\n"
+               "the options and the exit codes.\n");
+}
+
+QString generalHelp()
+{
+    QString result = text("Usage: tulo-cm [OPTION]... COMMAND ...\n\n") + purpose()
+        + text("\nCommands, each with an example:\n");
+    for (const Command& command : commands()) {
+        if (!isListed(command, false))
             continue;
         result += text("  ") + synopsis(command) + QLatin1Char('\n');
         result += text("      ")
-            + command.summary.section(QLatin1Char('\n'), 0)
-                  .replace(QLatin1Char('\n'), text("\n      "))
+            + QString(command.summary).replace(QLatin1Char('\n'), text("\n      "))
             + QLatin1Char('\n');
-        result +=
-            text("      ") + (inShell ? command.example : exampleOf(command)) + QLatin1Char('\n');
-    }
-    if (inShell) {
-        result += text("\nWords are separated by blanks; quote with '...', \"...\" or \\.\n");
-        return result;
+        result += text("      ") + exampleOf(command) + QLatin1Char('\n');
     }
     result += text("\nOptions:\n") + describe(generalOptions());
     result +=
@@ -513,12 +570,31 @@ QString commandHelp(const Command& command)
     const bool inShell = command.place == Command::Place::Shell;
     QString result = text("Usage: ") + (inShell ? QString() : text("tulo-cm [OPTION]... "))
         + synopsis(command) + text("\n\n") + command.summary + QLatin1Char('\n');
-    QVector<Option> options;
-    for (const Option& option : commandOptions()) {
-        if (command.options.contains(option.name))
-            options.append(option);
-    }
+    const QVector<Option> options = optionsOf(command);
     if (!options.isEmpty())
         result += text("\nOptions:\n") + describe(options);
     return result + text("\nExample:\n  ") + exampleOf(command) + QLatin1Char('\n');
+}
+
+QVariantHash helpObject(bool inShell)
+{
+    QVariantList list;
+    for (const Command& command : commands()) {
+        if (isListed(command, inShell))
+            list.append(helpObject(command));
+    }
+    QVariantHash result { { text("commands"), list } };
+    if (!inShell)
+        result.insert(text("options"), describedOptions(generalOptions()));
+    return result;
+}
+
+QVariantHash helpObject(const Command& command)
+{
+    return { { text("name"), command.name },
+             { text("arguments"), command.arguments },
+             { text("summary"),
+               QString(command.summary).replace(QLatin1Char('\n'), QLatin1Char(' ')) },
+             { text("example"), exampleOf(command) },
+             { text("options"), describedOptions(optionsOf(command)) } };
 }

@@ -19,6 +19,7 @@ struct Option
     QString name;
     QString valueName; ///< empty for an option without a value
     QString description;
+    QString letter {}; ///< for "-h"; empty for most
 };
 
 /// One command as it is parsed, described and run.
@@ -93,7 +94,12 @@ int numberOption(const Arguments& arguments, const QString& option, int fallback
 
 Failure usageFailure(const QString& message);
 
-/// The help for the program, or for the lines of the shell.
-QString generalHelp(bool inShell);
+/// The commands in one line each, which fits on a screen; of the shell those that it takes.
+QString overview(bool inShell);
+/// Everything about the program: commands with examples, options, exit codes.
+QString generalHelp();
 /// The help for one command.
 QString commandHelp(const Command& command);
+/// What the help tells, for programs: of all commands, and of one.
+QVariantHash helpObject(bool inShell);
+QVariantHash helpObject(const Command& command);

@@ -46,6 +46,8 @@ int runStatus(Context& context, const Arguments& arguments);
 
 // commands_help.cpp
 int runHelp(Context& context, const Arguments& arguments);
+/// For the option --help, with a command or without.
+int runHelpOption(Context& context, const Arguments& arguments);
 
 // shell.cpp
 int runShell(Context& context, const Arguments& arguments);

@@ -275,15 +275,23 @@ int runCommand(const Arguments& arguments, Output& output)
     return runInOwnProcess(options, arguments, output);
 }
 
+void printVersion(Output& output)
+{
+    const QString version = QStringLiteral(TULO_VERSION);
+    if (output.isJson())
+        output.object({ { QStringLiteral("version"), version } });
+    else
+        output.line(QStringLiteral("tulo-cm ") + version);
+}
+
 int runParsed(const Arguments& arguments, Output& output)
 {
-    const bool forHelp = arguments.isSet(QStringLiteral("help"));
-    if (forHelp || arguments.isSet(QStringLiteral("version"))) {
-        QString text = QStringLiteral("tulo-cm " TULO_VERSION "\n");
-        if (forHelp)
-            text = arguments.command ? commandHelp(*arguments.command) : generalHelp(false);
-        text.chop(1);
-        output.text(text);
+    if (arguments.isSet(QStringLiteral("help"))) {
+        Context context { output, nullptr, nullptr, nullptr, QString() };
+        return runHelpOption(context, arguments);
+    }
+    if (arguments.isSet(QStringLiteral("version"))) {
+        printVersion(output);
         return Done;
     }
     const Failure failure = configureLogging(arguments);
@@ -341,6 +349,8 @@ int main(int argc, char** argv)
         arguments = parseCommandLine(words.value, &failure);
     if (failure) {
         output.failure(failure);
+        if (!output.isJson())
+            output.note(QStringLiteral("try 'tulo-cm --help'"));
         return failure.exitCode;
     }
     const int exitCode = runParsed(arguments, output);

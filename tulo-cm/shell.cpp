@@ -95,12 +95,8 @@ int runLine(Context& context, const QByteArray& bytes)
         context.output.failure(failure);
         return failure.exitCode;
     }
-    if (arguments.command == nullptr || arguments.isSet(QStringLiteral("help"))) {
-        Arguments help;
-        if (arguments.command != nullptr)
-            help.positional.append(arguments.command->name);
-        return runHelp(context, help);
-    }
+    if (arguments.command == nullptr || arguments.isSet(QStringLiteral("help")))
+        return runHelpOption(context, arguments);
     return arguments.command->run(context, arguments);
 }
 

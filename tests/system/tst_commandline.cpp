@@ -2,6 +2,9 @@
 
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -27,6 +30,9 @@ class TstCommandline : public QObject
 private slots:
     void sessions_data();
     void sessions();
+    void commandLineErrors_data();
+    void commandLineErrors();
+    void commandLineErrorAsJson();
     void usage_data();
     void usage();
     void places_data();
@@ -51,7 +57,10 @@ private slots:
     void brokenDefaultFileEndsTheProcess();
     void closedPipeEndsQuietly();
     void fullDiskUnderTheResult();
+    void overviewFitsOnAScreen();
     void helpOfEveryCommand();
+    void helpAsJson();
+    void versionAsTextAndJson();
     void noColourInAPipe();
 };
 
@@ -316,7 +325,7 @@ void TstCommandline::sessions()
 // Usage: one line for everything that was said wrong.
 // ---------------------------------------------------------------------------------------------
 
-void TstCommandline::usage_data()
+void TstCommandline::commandLineErrors_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QByteArray>("error");
@@ -343,6 +352,41 @@ void TstCommandline::usage_data()
         "missing arguments for 'get'; usage: get PATH... [--role ROLE] [--all]");
     row("too many arguments", words("ls /settings /settings"),
         "too many arguments for 'ls'; usage: ls [PATH] [--role ROLE] [--first N] [--last N]");
+}
+
+void TstCommandline::commandLineErrors()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, error);
+    const CommandLine cli;
+
+    const ChildResult result = cli.run(arguments);
+
+    QCOMPARE(result.standardError, "tulo-cm: " + error + "\ntulo-cm: try 'tulo-cm --help'\n");
+    QCOMPARE(result.standardOutput, QByteArray());
+    QCOMPARE(result.exitCode, 2);
+}
+
+// One object a line, and nothing else.
+void TstCommandline::commandLineErrorAsJson()
+{
+    const ChildResult result =
+        ChildProcess::run(program, words("--json get --frobnicate /settings/serial"));
+
+    QCOMPARE(result.standardError,
+             QByteArray("{\"error\":{\"message\":\"unknown option '--frobnicate'\",\"name\":"
+                        "\"Usage\",\"title\":\"Error\"},\"path\":\"\"}\n"));
+    QCOMPARE(result.exitCode, 2);
+}
+
+void TstCommandline::usage_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QByteArray>("error");
+
+    const auto row = [](const char* name, const QStringList& arguments, const char* error) {
+        QTest::newRow(name) << arguments << QByteArray(error);
+    };
     row("both roles and all", words("get /settings/serial --all --role title"),
         "'--role' and '--all' exclude each other");
     row("unknown role", words("get /settings/serial --role value --role titel"),
@@ -822,33 +866,92 @@ void TstCommandline::fullDiskUnderTheResult()
     QCOMPARE(result.exitCode, 1);
 }
 
+namespace {
+
+const QStringList commandNames =
+    words("get ls tree set op watch flush drop-cache check serve status shell help");
+
+QJsonObject jsonOf(const ChildResult& result)
+{
+    return QJsonDocument::fromJson(result.standardOutput).object();
+}
+
+} // namespace
+
+void TstCommandline::overviewFitsOnAScreen()
+{
+    const ChildResult overview = ChildProcess::run(program, { QStringLiteral("--help") });
+
+    QCOMPARE(overview.exitCode, 0);
+    QCOMPARE(overview.standardError, QByteArray());
+    const QList<QByteArray> lines = overview.standardOutput.split('\n');
+    QVERIFY2(lines.size() <= 25, overview.standardOutput); // with an empty last one
+    for (const QByteArray& line : lines)
+        QVERIFY2(line.size() <= 80, line);
+    for (const QString& command : commandNames)
+        QVERIFY2(overview.standardOutput.contains("\n  " + command.toUtf8() + ' '),
+                 qPrintable(command));
+    QCOMPARE(ChildProcess::run(program, { QStringLiteral("-h") }).standardOutput,
+             overview.standardOutput);
+}
+
 void TstCommandline::helpOfEveryCommand()
 {
-    const ChildResult general = ChildProcess::run(program, { QStringLiteral("--help") });
+    const ChildResult general = ChildProcess::run(program, { QStringLiteral("help") });
     QCOMPARE(general.exitCode, 0);
     QCOMPARE(general.standardError, QByteArray());
-    QCOMPARE(ChildProcess::run(program, { QStringLiteral("help") }).standardOutput,
-             general.standardOutput);
 
-    const QStringList commands =
-        words("get ls tree set op watch flush drop-cache check shell help");
-    for (const QString& command : commands) {
+    for (const QString& command : commandNames) {
         const ChildResult help = ChildProcess::run(program, { QStringLiteral("help"), command });
         const ChildResult option =
             ChildProcess::run(program, { command, QStringLiteral("--help") });
         const QByteArray name = command.toUtf8();
 
-        QVERIFY2(general.standardOutput.contains("\n      tulo-cm " + name), name);
+        const QByteArray example =
+            help.standardOutput.mid(help.standardOutput.lastIndexOf("tulo-cm ")).trimmed();
+        QVERIFY2(example.contains(name), example);
+        QVERIFY2(general.standardOutput.contains("\n      " + example + '\n'), example);
         QVERIFY2(help.standardOutput.startsWith("Usage: tulo-cm [OPTION]... " + name), name);
-        QVERIFY2(help.standardOutput.contains("\nExample:\n  tulo-cm " + name), name);
+        QVERIFY2(help.standardOutput.contains("\nExample:\n  tulo-cm "), name);
         QCOMPARE(option.standardOutput, help.standardOutput);
         QCOMPARE(help.exitCode, 0);
         QCOMPARE(option.exitCode, 0);
     }
+}
 
-    const ChildResult version = ChildProcess::run(program, { QStringLiteral("--version") });
-    QVERIFY(version.standardOutput.startsWith("tulo-cm "));
-    QCOMPARE(version.exitCode, 0);
+void TstCommandline::helpAsJson()
+{
+    const QJsonObject general = jsonOf(ChildProcess::run(program, words("help --json")));
+    QStringList names;
+    const QJsonArray commands = general.value(QStringLiteral("commands")).toArray();
+    for (const QJsonValue& command : commands)
+        names.append(command.toObject().value(QStringLiteral("name")).toString());
+    const ChildResult get = ChildProcess::run(program, words("--json help get"));
+
+    QCOMPARE(names, commandNames);
+    QVERIFY(!general.value(QStringLiteral("options")).toArray().isEmpty());
+    QCOMPARE(get.standardOutput,
+             QByteArray(
+                 R"({"arguments":"PATH...","example":"tulo-cm get /settings/audio/volume --role )"
+                 R"(value --role title","name":"get","options":[{"description":"a role to print; )"
+                 R"(can be given more than once","name":"role","value":"ROLE"},{"description":)"
+                 R"("all known roles that the node has","name":"all","value":""}],"summary":)"
+                 R"("Prints roles of settings: the value when no role is named."})"
+                 "\n"));
+    QCOMPARE(ChildProcess::run(program, words("get --json -h")).standardOutput, get.standardOutput);
+    QCOMPARE(jsonOf(ChildProcess::run(program, words("--json --help"))), general);
+}
+
+void TstCommandline::versionAsTextAndJson()
+{
+    const ChildResult text = ChildProcess::run(program, { QStringLiteral("--version") });
+    const ChildResult json = ChildProcess::run(program, words("--version --json"));
+
+    const QByteArray version = text.standardOutput.mid(8).trimmed();
+    QVERIFY(text.standardOutput.startsWith("tulo-cm "));
+    QCOMPARE(text.exitCode, 0);
+    QCOMPARE(json.standardOutput, "{\"version\":\"" + version + "\"}\n");
+    QCOMPARE(json.exitCode, 0);
 }
 
 void TstCommandline::noColourInAPipe()
