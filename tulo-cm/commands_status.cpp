@@ -73,7 +73,7 @@ int runStatus(Context& context, const Arguments&)
     const QString none = QStringLiteral("-");
     QVector<QStringList> lines {
         { QStringLiteral("version"), status.version },
-        { QStringLiteral("owner"), QStringLiteral("process %1").arg(status.processId) },
+        { QStringLiteral("process"), QString::number(status.processId) },
         { QStringLiteral("default tree"), status.defaultPath },
         { QStringLiteral("writable tree"), status.writePath },
         { QStringLiteral("pending writes"), QString::number(status.pendingWrites) },

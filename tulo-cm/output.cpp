@@ -1,5 +1,6 @@
 #include "output.h"
 
+#include "api/core/model/cmpath.h"
 #include "api/core/tulojson.h"
 #include "api/core/tulovalue.h"
 
@@ -204,7 +205,10 @@ void Output::failure(const Failure& failure)
             writeError(escapedJson(line) + '\n');
         return;
     }
+    // The worker's messages name paths percent-encoded, which nobody can read.
     QString message = failure.message;
+    if (!failure.path.isEmpty())
+        message.replace(CMPath(failure.path).toEncoded(), failure.path);
     // A message that names the path needs no second time.
     if (!failure.path.isEmpty() && !message.contains(failure.path))
         message.prepend(failure.path + QStringLiteral(": "));

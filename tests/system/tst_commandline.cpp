@@ -132,6 +132,10 @@ void TstCommandline::sessions_data()
         0);
     row("empty component", "get /settings//serial", "",
         "tulo-cm: Path '/settings//serial' has an empty component\n", 4);
+    row("unknown path with letters beyond ASCII", "get /settings/\xe8\xa1\xa8\xe7\xa4\xba", "",
+        "tulo-cm: Invalid path '/settings/\xe8\xa1\xa8\xe7\xa4\xba'\n", 3);
+    row("rows of a path with letters beyond ASCII", "ls /settings/\xc3\xa4/", "",
+        "tulo-cm: Invalid path '/settings/\xc3\xa4'\n", 3);
     row("path out of the tree", "get /settings/../etc/passwd", "",
         "tulo-cm: Path '/settings/../etc/passwd' has a component that begins with '.'\n", 4);
     row("JSON value", "--json get /settings/audio/volume",
