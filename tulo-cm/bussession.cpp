@@ -65,8 +65,8 @@ QVariant sentValue(const TuloValue& value)
 
 Failure notCarried(const QString& path)
 {
-    return { Refused, QStringLiteral("Rejected"),
-             QStringLiteral("this value holds what a setting on the bus cannot hold"), path };
+    return { Refused, QStringLiteral("Rejected"), QStringLiteral("value cannot be sent over D-Bus"),
+             path };
 }
 
 Failure judgeValue(const QString& path, const QVariant& value)
@@ -122,7 +122,7 @@ std::unique_ptr<BusSession> BusSession::open(const QString& bus, Failure* failur
         (isNamed ? QStringLiteral("the %1 bus") : QStringLiteral("the bus '%1'")).arg(bus);
     std::unique_ptr<BusSession> session(new BusSession(connectTo(bus)));
     QDBusConnectionInterface* const daemon = session->m_connection.interface();
-    // Starting it is what the first call would do; asked for here, its failure can be told apart.
+    // The first call would start it as well, but its failure would look like any other.
     const bool isThere = daemon != nullptr
         && (daemon->isServiceRegistered(Service::busName())
             || !daemon->startService(Service::busName()).error().isValid());
@@ -188,8 +188,8 @@ Answer<TreeDirectories> BusSession::directories()
 }
 
 // ---------------------------------------------------------------------------------------------
-// Requests. Each waits for its answer; those that change something deliver the events that came
-// before it, as a process of its own does, and the event loop the others.
+// Requests. Each waits for its answer. A change delivers the events that came before the answer,
+// as a local session does; the event loop delivers the others.
 // ---------------------------------------------------------------------------------------------
 
 Answer<QVariantHash> BusSession::getData(const QString& path, const QStringList& roles)
@@ -241,7 +241,7 @@ Answer<QVariantHash> BusSession::setValue(const QString& path, const TuloValue& 
 
 Answer<QVariantHash> BusSession::setRoles(const QString& path, const QVariantHash& roles)
 {
-    // What is no value here would pass for one on the bus, where values are plain.
+    // Values on the bus are plain, so the service could take malformed roles for a value.
     const Failure failure = judgeValue(path, roles.value(TuloRoles::Value(), QVariantHash()));
     if (failure)
         return { {}, failure };

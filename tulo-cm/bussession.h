@@ -12,7 +12,7 @@
 class ConfigurationManagerProxy;
 class QDBusError;
 
-/// How the service is doing, as it and the system tell.
+/// The state of the service, from its properties and from the bus.
 struct ServiceStatus
 {
     QString version;
@@ -21,7 +21,7 @@ struct ServiceStatus
     uint pendingWrites = 0;
     QStringList unsavedPaths;
     QString lastWriteError;
-    qint64 processId = 0; ///< 0 when the bus does not tell
+    qint64 processId = 0; ///< 0 when the bus does not know
 };
 
 /// The settings served by another process, over D-Bus.

@@ -162,14 +162,14 @@ QVector<Command> makeCommands()
 
     Command flush;
     flush.name = text("flush");
-    flush.summary = text("Has every accepted change written and the disks synced.");
+    flush.summary = text("Writes all pending changes and syncs the file systems.");
     flush.example = text("flush");
     flush.run = runFlush;
     list.append(flush);
 
     Command dropCache;
     dropCache.name = text("drop-cache");
-    dropCache.summary = text("Has settings read from their files again.");
+    dropCache.summary = text("Discards cached values; settings are read from their files again.");
     dropCache.example = text("drop-cache");
     dropCache.place = Place::ServiceOrShell;
     dropCache.run = runDropCache;
@@ -189,7 +189,7 @@ QVector<Command> makeCommands()
     serve.name = text("serve");
     serve.summary = text(
         "Serves the directories on the bus, the built-in ones when none are named, until it is\n"
-        "interrupted; then flushes. SIGHUP has the log configuration read again.");
+        "interrupted; then flushes. SIGHUP reloads the log configuration.");
     serve.example = text("--bus session serve");
     serve.place = Place::CommandLine;
     serve.needs = Needs::Bus;
@@ -197,7 +197,7 @@ QVector<Command> makeCommands()
 
     Command status;
     status.name = text("status");
-    status.summary = text("Prints how the service is doing.");
+    status.summary = text("Shows the status of the service.");
     status.example = text("status");
     status.place = Place::Service;
     status.run = runStatus;
@@ -216,7 +216,7 @@ QVector<Command> makeCommands()
     wait.name = text("wait");
     wait.arguments = text("MS");
     wait.summary =
-        text("Waits this many milliseconds: events are printed, pending changes written.");
+        text("Waits this many milliseconds; meanwhile prints events and writes pending changes.");
     wait.example = text("wait 1500");
     wait.minimumArguments = 1;
     wait.maximumArguments = 1;
@@ -338,7 +338,7 @@ Failure judge(const Arguments& arguments, bool inShell)
 {
     const Command& command = *arguments.command;
     if (inShell && command.place == Command::Place::CommandLine)
-        return usageFailure(text("'%1' is no command of the shell").arg(command.name));
+        return usageFailure(text("'%1' is not a command of the shell").arg(command.name));
     if (!inShell && command.place == Command::Place::Shell)
         return usageFailure(text("'%1' is a command of the shell only").arg(command.name));
     for (const Option& option : commandOptions()) {
@@ -556,7 +556,7 @@ QString generalHelp()
              "  1  another error of the worker\n"
              "  2  usage\n"
              "  3  no such path\n"
-             "  4  refused: not modifiable, kept as it was by the constraints, or turned away\n"
+             "  4  refused or rejected: the stored value stays as it was\n"
              "  5  stored, but adjusted by the setting's constraints\n"
              "  6  accepted, but not safely on disk\n"
              "  7  no service, no plug-in, the writable tree is in use by another process, or\n"

@@ -28,7 +28,7 @@ struct Command
     /// Where it can be given.
     enum class Place {
         Anywhere,
-        ServiceOrShell, ///< not once and for all in a process of its own, which ends at once
+        ServiceOrShell, ///< needs a process that outlives the command
         Service, ///< only on the service
         Shell, ///< only as a line of the shell
         CommandLine ///< only as the program's command
@@ -100,6 +100,6 @@ QString overview(bool inShell);
 QString generalHelp();
 /// The help for one command.
 QString commandHelp(const Command& command);
-/// What the help tells, for programs: of all commands, and of one.
+/// The help as an object for programs: for all commands, and for one.
 QVariantHash helpObject(bool inShell);
 QVariantHash helpObject(const Command& command);

@@ -9,7 +9,7 @@
 
 namespace {
 
-// What the system tells of a process; 0 where it does not.
+// Figures of a process from /proc; 0 where they are not known.
 struct ProcessFigures
 {
     qint64 uptimeSeconds = 0;

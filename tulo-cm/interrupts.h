@@ -5,7 +5,7 @@
 #include <functional>
 
 /// Turns SIGINT, SIGTERM and SIGHUP (the terminal was closed) into an orderly end: the event loop
-/// wakes up for them, and whatever runs long asks requested() from time to time. A SIGHUP that was
+/// wakes up for them, and long operations check requested() from time to time. A SIGHUP that was
 /// ignored from the start, as nohup does, stays ignored. One object at a time, on the main thread;
 /// without one these signals end the process as usual.
 class Interrupts : public QObject
@@ -19,7 +19,7 @@ public:
     /// From now on SIGHUP emits hangUp() and ends nothing.
     void catchHangUp();
 
-    /// Tells whether a signal to end came since the object was made; false without one.
+    /// True when a signal to end came since the object was made; false without one.
     static bool requested();
 
 signals:

@@ -5,7 +5,7 @@
 namespace {
 
 constexpr int pageRows = 250;
-// Rows that keep changing are somebody's mistake; a listing comes to an end all the same.
+// Bounds the retries in case the directory never stops changing.
 constexpr int maximumAttempts = 10;
 
 enum class Attempt { Complete, RowsChanged };

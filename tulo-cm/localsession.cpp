@@ -208,7 +208,7 @@ Failure LocalSession::dropCache()
 
 Failure LocalSession::settle(bool)
 {
-    // Without a change nothing is written, and the other owner of the tree is left in peace.
+    // Without a change there is nothing to write, and another owner may be using the tree.
     if (m_host->writes().needsFlush()) {
         Failure failure = flush();
         if (failure)

@@ -71,7 +71,7 @@ Failure configureLogging(const QString& level, const QString& configurationFile)
     log4cplus::Logger root = log4cplus::Logger::getRoot();
     root.removeAllAppenders();
     root.addAppender(appender);
-    // What is not shown is not made either.
+    // Records that would not be shown are not even formatted.
     root.setLogLevel(levels[index]);
     return {};
 }

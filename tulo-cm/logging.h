@@ -8,6 +8,6 @@
 /// "off"); or where the log4cplus property file says. Both may be null: default level, no file.
 ///
 /// Levels are held back at the output, not at the loggers, of which some are read by the program
-/// itself. Can be called again, to read the file anew; whoever reads records then has to hang
-/// itself on again.
+/// itself. Can be called again to reload the file; callers that attached appenders must attach
+/// them again.
 Failure configureLogging(const QString& level, const QString& configurationFile);

@@ -60,7 +60,7 @@ Failure judgeDirectory(const QString& path)
     if (path.isEmpty() || !directory.exists())
         return usageFailure(QStringLiteral("directory '%1' does not exist").arg(path));
     if (!directory.isDir())
-        return usageFailure(QStringLiteral("'%1' is no directory").arg(path));
+        return usageFailure(QStringLiteral("'%1' is not a directory").arg(path));
     return {};
 }
 
@@ -101,7 +101,8 @@ Failure judgeWorkerOptions(const Arguments& arguments)
     const QString product = arguments.value(productOption);
     if (!product.isEmpty() && !Guard::isListable(product)) {
         return usageFailure(
-            QStringLiteral("'%1' is no product postfix: letters, digits, '_' and '-'")
+            QStringLiteral(
+                "'%1' is not a product postfix, which has only letters, digits, '_' and '-'")
                 .arg(product));
     }
     if (arguments.isSet(languageOption) && !arguments.isSet(cataloguesOption))
@@ -200,7 +201,7 @@ int runOnSession(Session& session, BusSession* service, const Arguments& argumen
     const Failure failure = session.settle(arguments.isSet(QStringLiteral("flush")));
     if (failure)
         output.failure(failure);
-    // A change that was adjusted is a change all the same, and lost if it is not on disk.
+    // An adjusted value is still pending: report the write failure instead.
     if (failure && !context.inShell && exitCode == Adjusted)
         return failure.exitCode;
     return firstFailure(exitCode, failure.exitCode);
@@ -209,7 +210,7 @@ int runOnSession(Session& session, BusSession* service, const Arguments& argumen
 int runInOwnProcess(const HostOptions& options, const Arguments& arguments, Output& output)
 {
     const Command& command = *arguments.command;
-    // Whoever only reads may be ended at any time.
+    // Read-only commands need no signal handling.
     std::optional<Interrupts> interrupts;
     if (command.needs == Command::Needs::Changes)
         interrupts.emplace();
@@ -224,8 +225,8 @@ int runInOwnProcess(const HostOptions& options, const Arguments& arguments, Outp
 
 int runOnService(const Arguments& arguments, Output& output)
 {
-    // The service is as safe as before when one of its clients ends; only whoever serves events
-    // waits for the signal.
+    // A client that is killed loses nothing: the service has its changes. Only commands that wait
+    // in the event loop handle signals.
     const Command& command = *arguments.command;
     std::optional<Interrupts> interrupts;
     if (command.run == runWatch || command.run == runShell)

@@ -33,7 +33,7 @@ bool writeAll(int descriptor, const QByteArray& bytes)
             next += written;
             left -= written;
         } else if (errno == EAGAIN) {
-            // Whoever shares the descriptor made it non-blocking.
+            // Another process shares the descriptor and made it non-blocking.
             pollfd ready { descriptor, POLLOUT, 0 };
             ::poll(&ready, 1, -1);
         } else if (errno != EINTR) {
@@ -45,7 +45,7 @@ bool writeAll(int descriptor, const QByteArray& bytes)
 
 void writeError(const QByteArray& line)
 {
-    // Nobody is left to be told when this fails.
+    // A failure of standard error cannot be reported anywhere.
     (void)writeAll(STDERR_FILENO, line);
 }
 

@@ -14,8 +14,8 @@
 /// Settings, file names and messages can hold anything, so all of it is printed escaped(); only
 /// value() gives a pipe the value as it is.
 ///
-/// A reader that goes away is not an error: what would have been written is dropped, and
-/// isClosed() tells the commands that there is no use in going on.
+/// A reader that goes away is not an error: further output is dropped, and commands stop when
+/// isClosed() is true.
 class Output
 {
 public:
@@ -54,9 +54,9 @@ public:
 
     /// Writes what was printed so far.
     void flush();
-    /// Tells whether nobody reads the results any more.
+    /// True when the reader of the results has gone.
     bool isClosed() const { return m_closed; }
-    /// Tells whether results could not be written, because the disk is full for example.
+    /// True when results could not be written, because the disk is full for example.
     bool hasFailed() const { return m_failed; }
 
 private:
@@ -84,8 +84,8 @@ QString shownInCell(const QVariant& role);
 /// U+200D stay, as several scripts need them.
 QString escaped(const QString& text);
 
-/// Tells how far a long operation is, on a terminal, once it has taken a second. Leaves no trace
-/// when it is gone.
+/// Shows the progress of a long operation on a terminal once it has taken a second. Erased when
+/// destroyed.
 class Progress
 {
 public:

@@ -16,14 +16,14 @@ enum ExitCode : int {
     Failed = 1, ///< an error that has no code of its own
     Usage = 2,
     NoSuchPath = 3,
-    Refused = 4, ///< not changed: not modifiable, kept by the constraints, turned away
+    Refused = 4, ///< not changed: refused or rejected
     Adjusted = 5, ///< stored, but not as it was asked for
     NotSaved = 6, ///< accepted, but not safely on disk
-    Unavailable = 7, ///< no service, no plug-in, the tree is another's, or not in this mode
+    Unavailable = 7, ///< no service, no plug-in, the tree has another owner, or not in this mode
     Findings = 8,
 };
 
-/// Why something was not done; one without an exit code is no failure.
+/// Why something was not done; without an exit code, nothing failed.
 struct Failure
 {
     int exitCode = Done;
@@ -80,7 +80,7 @@ struct TreeDirectories
     QString writePath;
 };
 
-/// A change that a session tells of.
+/// A change that a session announces.
 struct Event
 {
     enum class Kind { Value, Data, Rows };
@@ -119,7 +119,7 @@ public:
     virtual Answer<QVariantHash> apply(const QString& path, const QString& verb,
                                        const TuloValue& operand) = 0;
 
-    /// Has every pending change written; fails when one of them is not on disk.
+    /// Writes every pending change; fails when one of them is not on disk.
     virtual Failure flush() = 0;
     virtual Failure dropCache() = 0;
 
@@ -127,8 +127,8 @@ public:
     /// with `forDisk` until they are on disk in any case.
     virtual Failure settle(bool forDisk) = 0;
 
-    /// Has the handler told of every change of the node itself and, for a directory, of its
-    /// rows. Once for each path.
+    /// Announces every change of the node itself and, for a directory, of its rows to the
+    /// handler, once for each path.
     virtual Failure watch(const QString& path) = 0;
     virtual void unwatch(const QString& path) = 0;
     /// Called from any operation and from the event loop.

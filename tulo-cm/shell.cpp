@@ -70,7 +70,7 @@ private:
     bool m_ended = false;
 };
 
-// A line that begins with "#" is for whoever reads the script.
+// A line that begins with "#" is a comment of a script.
 bool isComment(const QByteArray& line)
 {
     return line.trimmed().startsWith('#');

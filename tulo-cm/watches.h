@@ -8,8 +8,8 @@
 
 #include <memory>
 
-/// The paths whose changes are printed, and the printing. An event is printed at once, in the
-/// middle of whatever goes on.
+/// The paths whose changes are printed, and the printing. An event is printed at once, also in
+/// the middle of another command.
 class Watches
 {
 public:

@@ -127,7 +127,7 @@ void TstServiceStart::directoriesAreChecked_data()
     };
     row("missing default tree", "%T/none", "%T/write", "directory '%T/none' does not exist");
     row("missing writable tree", "%T/default", "%T/none", "directory '%T/none' does not exist");
-    row("file", "%T/default/serial", "%T/write", "'%T/default/serial' is no directory");
+    row("file", "%T/default/serial", "%T/write", "'%T/default/serial' is not a directory");
     row("empty name", "", "%T/write", "directory '' does not exist");
     row("equal", "%T/default", "%T/default/../default",
         "The default tree '%T/default' and the writable tree '%T/default' must lie apart");

@@ -434,7 +434,7 @@ void TstCommandline::usage_data()
     row("log configuration", words("--log-config /nowhere get /settings/serial"),
         "log configuration '/nowhere' cannot be read");
     row("product that is no postfix", words("--product ../x get /settings/serial"),
-        "'../x' is no product postfix: letters, digits, '_' and '-'");
+        "'../x' is not a product postfix, which has only letters, digits, '_' and '-'");
     row("language without catalogues", words("--language de get /settings/serial"),
         "'--language' needs '--catalogues'");
     row("catalogues that are not there", words("--catalogues /nowhere get /settings/serial"),
@@ -478,7 +478,7 @@ void TstCommandline::places_data()
     row("write path that is not there", "--default-path DEFAULT --write-path /nowhere",
         "directory '/nowhere' does not exist", 2);
     row("write path that is a file", "--default-path DEFAULT --write-path DEFAULT/serial",
-        "'DEFAULT/serial' is no directory", 2);
+        "'DEFAULT/serial' is not a directory", 2);
     row("empty names", "--default-path= --write-path=", "directory '' does not exist", 2);
     row("the same directory twice", "--default-path DEFAULT --write-path DEFAULT",
         "The default tree 'DEFAULT' and the writable tree 'DEFAULT' must lie apart", 2);

@@ -156,7 +156,7 @@ void TstShell::lines_data()
         << 2;
     QTest::newRow("shell in the shell")
         << QByteArray("shell") << QByteArray()
-        << QByteArray("tulo-cm: line 1: 'shell' is no command of the shell\n") << 2;
+        << QByteArray("tulo-cm: line 1: 'shell' is not a command of the shell\n") << 2;
     QTest::newRow("standard input as value")
         << QByteArray("set /settings/audio/mode -") << QByteArray()
         << QByteArray(
