@@ -4,7 +4,6 @@
 #include <QFile>
 
 #include <cerrno>
-#include <cstring>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -29,11 +28,6 @@ qint64 readProcessId(int descriptor)
     char text[32] = {};
     const ssize_t length = ::pread(descriptor, text, sizeof text, 0);
     return length > 0 ? QByteArray(text, int(length)).trimmed().toLongLong() : 0;
-}
-
-QString systemText(int error)
-{
-    return QString::fromLocal8Bit(std::strerror(error));
 }
 
 // The process id is informational; ignore errors.
@@ -129,7 +123,7 @@ OwnerLock::Status OwnerLock::openBoth()
     struct stat tree = {};
     if (m_directory < 0 || ::fstat(m_directory, &tree) != 0) {
         m_message = QStringLiteral("Directory '%1' cannot be opened: %2")
-                        .arg(m_writePath, systemText(errno));
+                        .arg(m_writePath, qt_error_string(errno));
         return Status::Failed;
     }
 
@@ -138,11 +132,11 @@ OwnerLock::Status OwnerLock::openBoth()
                       O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
     if (m_file < 0) {
         return fail(errno == ELOOP ? QStringLiteral("is a symbolic link")
-                                   : QStringLiteral("cannot be opened: ") + systemText(errno));
+                                   : QStringLiteral("cannot be opened: ") + qt_error_string(errno));
     }
     struct stat file = {};
     if (::fstat(m_file, &file) != 0)
-        return fail(QStringLiteral("cannot be examined: ") + systemText(errno));
+        return fail(QStringLiteral("cannot be examined: ") + qt_error_string(errno));
     if (!S_ISREG(file.st_mode))
         return fail(QStringLiteral("is not a regular file"));
     // What is written below must not land in another file of ours that somebody linked here.
@@ -151,11 +145,12 @@ OwnerLock::Status OwnerLock::openBoth()
     if (file.st_uid != ::geteuid() && file.st_uid != tree.st_uid)
         return fail(QStringLiteral("belongs to another user (%1)").arg(file.st_uid));
     if (::fchmod(m_file, 0600) != 0)
-        return fail(QStringLiteral("cannot be protected: ") + systemText(errno));
+        return fail(QStringLiteral("cannot be protected: ") + qt_error_string(errno));
     // Without this a run as root would lock the tree's owner out for good.
     if (::geteuid() == 0 && file.st_uid != tree.st_uid
         && ::fchown(m_file, tree.st_uid, tree.st_gid) != 0)
-        return fail(QStringLiteral("cannot be given to the tree's owner: ") + systemText(errno));
+        return fail(QStringLiteral("cannot be given to the tree's owner: ")
+                    + qt_error_string(errno));
     return Status::Owned;
 }
 
@@ -164,7 +159,7 @@ OwnerLock::Status OwnerLock::lockBoth()
     struct flock range = wholeFile();
     if (::fcntl(m_file, F_OFD_SETLK, &range) != 0) {
         if (errno != EAGAIN && errno != EACCES)
-            return fail(QStringLiteral("cannot be locked: ") + systemText(errno));
+            return fail(QStringLiteral("cannot be locked: ") + qt_error_string(errno));
         return inUse(readProcessId(m_file));
     }
     if (::flock(m_directory, LOCK_EX | LOCK_NB) != 0) {
@@ -172,7 +167,7 @@ OwnerLock::Status OwnerLock::lockBoth()
         if (errno == EWOULDBLOCK)
             return inUse(0);
         m_message = QStringLiteral("Directory '%1' cannot be locked: %2")
-                        .arg(m_writePath, systemText(errno));
+                        .arg(m_writePath, qt_error_string(errno));
         return Status::Failed;
     }
     const QByteArray text = QByteArray::number(qint64(::getpid())) + '\n';
@@ -209,7 +204,7 @@ QString OwnerLock::displacement() const
     if (::stat(QFile::encodeName(m_writePath).constData(), &found) != 0
         || ::fstat(m_directory, &held) != 0) {
         return QStringLiteral("The writable tree '%1' cannot be examined: %2")
-            .arg(m_writePath, systemText(errno));
+            .arg(m_writePath, qt_error_string(errno));
     }
     if (!isSame(held, found)) {
         return QStringLiteral("The writable tree '%1' has been replaced; restart to use the new "

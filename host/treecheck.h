@@ -3,27 +3,50 @@
 #include <QString>
 #include <QVector>
 
-/// Something wrong in a default tree.
+/// Something in one of the two trees that is wrong or deserves a look.
 struct TreeFinding
 {
     enum class Kind {
-        Unreadable, ///< counts as missing
-        Unparsable, ///< ends the process when it is read
+        Special, ///< neither a regular file nor a directory nor a link to one: reading could block
+        TooLarge, ///< too many bytes for a setting
+        TooDeep, ///< below the last level that a path can name
+        Unreadable, ///< in the default tree: counts as missing
+        Unusable, ///< in the writable tree: the user who serves it cannot read or write it
+        Unparsable, ///< a default file ends the process when it is read, a written one is ignored
         NoObject, ///< holds a JSON document of another type: no roles
         NoKind, ///< a value that names no known kind, or whose content is not of that kind
-        OutsideConstraints, ///< a value that its own constraints would not let in as it is
-        NotListed ///< a name that no listing shows
+        BadEdit, ///< constraints that are not an object: no value satisfies them
+        OutsideConstraints, ///< a value that its own constraints would not accept as it is
+        NotListed, ///< in the default tree: a name that no listing shows
+        Link, ///< in the writable tree: no change is written through it
+        HardLink, ///< a temporary file with a second name: a write would overwrite that file
+        Clash, ///< a file where the other tree has a directory, or the reverse
+        StaleTemporary ///< what an interrupted write may have left; the next one reuses it
+    };
+    enum class Effect {
+        Harmless, ///< nothing has to be done
+        Wrong, ///< can be served, but something will not work as it looks
+        StopsStart ///< cannot be served
     };
 
     Kind kind = Kind::Unparsable;
-    QString file; ///< its place below the tree, "audio/volume"
+    Effect effect = Effect::Wrong;
+    QString file; ///< with the tree's directory in front
     QString message; ///< one line, without the file
 };
 
 /// The kind as a word for programs, such as "unparsable".
 QString findingName(TreeFinding::Kind kind);
 
-/// Looks at every file of the default tree in `directory` as the worker would read it, variants
-/// of all products included, and returns what is wrong, by file in listing order. Reads the file
-/// system only, so it needs no worker and disturbs none.
-QVector<TreeFinding> checkDefaultTree(const QString& directory);
+/// Looks at both trees, product variants included, and returns what is wrong: first the default
+/// tree, then the writable one, each in listing order.
+///
+/// Follows links as the worker does, visits each directory once, and goes as deep as paths do.
+/// Opens nothing but regular files of at most 1 MiB, takes no lock, writes nothing. In the
+/// writable tree it looks at settings and at their temporary files; all other hidden files there
+/// are nobody's business. Names that no listing shows are not looked into.
+///
+/// "Can be read" and "can be written" are meant for this process. Root can do everything, so for
+/// root the modes are read instead, for the owner of the writable tree; supplementary groups and
+/// access control lists do not count then.
+QVector<TreeFinding> inspectTrees(const QString& defaultPath, const QString& writePath);

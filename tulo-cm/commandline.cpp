@@ -178,8 +178,12 @@ QVector<Command> makeCommands()
     Command check;
     check.name = text("check");
     check.summary = text(
-        "Prints what is wrong in the default tree: files that do not parse or hold no object,\n"
-        "values without a kind or outside their constraints, names that no listing shows.");
+        "Prints what is wrong in the two trees. In the default tree: files that do not parse or\n"
+        "are not an object, values without a kind or outside their constraints, names that no\n"
+        "listing shows. In the writable tree: files that do not parse or are not an object, links,\n"
+        "temporary files of interrupted writes (harmless). In both: special files, files of more\n"
+        "than 1 MiB, what is too deep, and what cannot be read or written: by this user, or, run\n"
+        "by root, by the owner of the writable tree as far as owner, group and mode tell.");
     check.example = text("check");
     check.needs = Needs::Files;
     check.run = runCheck;

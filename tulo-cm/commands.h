@@ -14,7 +14,7 @@ struct Context
     Session* session; ///< null for a command that needs none
     BusSession* service; ///< the same when it is the service, otherwise null
     Watches* watches; ///< null where nothing can be watched
-    QString defaultPath; ///< the default tree; empty where the session has to be asked
+    TreeDirectories trees; ///< empty names where the session has to be asked
     bool inShell = false;
     bool quit = false; ///< the shell ends after this line
 };

@@ -116,15 +116,16 @@ Failure judgeWorkerOptions(const Arguments& arguments)
 }
 
 // Everything that can be said of the options before anything is opened.
-Failure judgeOptions(const Arguments& arguments, QString* defaultPath, QString* writePath)
+Failure judgeOptions(const Arguments& arguments, TreeDirectories* trees)
 {
     Failure failure = judgePlace(arguments);
     if (failure || !isOwnProcess(arguments))
         return failure;
     const bool isBuiltIn = !arguments.isSet(defaultPathOption);
-    *defaultPath = isBuiltIn ? Host::builtInDefaultPath() : arguments.value(defaultPathOption);
-    *writePath = isBuiltIn ? Host::builtInWritePath() : arguments.value(writePathOption);
-    for (const QString& directory : { *defaultPath, *writePath }) {
+    trees->defaultPath =
+        isBuiltIn ? Host::builtInDefaultPath() : arguments.value(defaultPathOption);
+    trees->writePath = isBuiltIn ? Host::builtInWritePath() : arguments.value(writePathOption);
+    for (const QString& directory : { trees->defaultPath, trees->writePath }) {
         failure = judgeDirectory(directory);
         if (failure)
             return failure;
@@ -144,13 +145,12 @@ QString pluginFile(const Arguments& arguments)
 // Running the command.
 // ---------------------------------------------------------------------------------------------
 
-HostOptions hostOptions(const Arguments& arguments, const QString& defaultPath,
-                        const QString& writePath)
+HostOptions hostOptions(const Arguments& arguments, const TreeDirectories& trees)
 {
     HostOptions options;
     options.pluginFile = pluginFile(arguments);
-    options.defaultPath = defaultPath;
-    options.writePath = writePath;
+    options.defaultPath = trees.defaultPath;
+    options.writePath = trees.writePath;
     options.productPostfix = arguments.value(productOption);
     options.language = arguments.value(languageOption);
     options.catalogues = arguments.values(cataloguesOption);
@@ -195,7 +195,7 @@ std::unique_ptr<LocalSession> openLocal(const HostOptions& options, const Argume
 int runOnSession(Session& session, BusSession* service, const Arguments& arguments, Output& output)
 {
     Watches watches(session, output);
-    Context context { output, &session, service, &watches, QString() };
+    Context context { output, &session, service, &watches, TreeDirectories() };
     const int exitCode = arguments.command->run(context, arguments);
 
     const Failure failure = session.settle(arguments.isSet(QStringLiteral("flush")));
@@ -243,12 +243,11 @@ int runOnService(const Arguments& arguments, Output& output)
 int runCommand(const Arguments& arguments, Output& output)
 {
     const Command& command = *arguments.command;
-    Context context { output, nullptr, nullptr, nullptr, QString() };
+    Context context { output, nullptr, nullptr, nullptr, TreeDirectories() };
     if (command.needs == Command::Needs::Nothing)
         return command.run(context, arguments);
 
-    QString writePath;
-    Failure failure = judgeOptions(arguments, &context.defaultPath, &writePath);
+    Failure failure = judgeOptions(arguments, &context.trees);
     const bool isOnService = !isOwnProcess(arguments);
     if (!failure && !isOnService && command.place == Command::Place::ServiceOrShell) {
         failure = { Unavailable, QStringLiteral("NoService"),
@@ -265,7 +264,7 @@ int runCommand(const Arguments& arguments, Output& output)
         return runOnService(arguments, output);
     if (command.needs == Command::Needs::Files)
         return command.run(context, arguments);
-    const HostOptions options = hostOptions(arguments, context.defaultPath, writePath);
+    const HostOptions options = hostOptions(arguments, context.trees);
     if (isServing(arguments)) {
         return serve({ options, busName(arguments),
                        [&arguments] {

@@ -1,16 +1,15 @@
 #include "serve.h"
 
 #include "bussession.h"
+#include "commands.h"
 #include "interrupts.h"
 
 #include "host/service.h"
-#include "host/startcheck.h"
 #include "host/treecheck.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusError>
-#include <QFileInfo>
 
 #include <memory>
 
@@ -24,46 +23,25 @@ int report(Output& output, int exitCode, const QString& name, const QString& mes
     return exitCode;
 }
 
-// A default file that cannot be parsed would end the process when somebody reads it. Everything
-// else that the check finds can be served.
-int judgeDefaultFiles(const QString& directory, Output& output)
+// Prints what is wrong in the trees; fails when they cannot be served.
+int judgeTrees(const Host& host, Output& output)
 {
     int exitCode = Done;
-    const QVector<TreeFinding> findings = checkDefaultTree(directory);
+    const QVector<TreeFinding> findings = inspectTrees(host.defaultPath(), host.writePath());
     for (const TreeFinding& finding : findings) {
-        const QString text =
-            directory + QLatin1Char('/') + finding.file + QStringLiteral(": ") + finding.message;
-        if (finding.kind == TreeFinding::Kind::Unparsable)
-            exitCode = report(output, Findings, QStringLiteral("Findings"), text);
-        else
+        const QString text = finding.file + QStringLiteral(": ") + finding.message;
+        if (finding.effect != TreeFinding::Effect::StopsStart) {
             output.note(text);
+            continue;
+        }
+        const bool isContent = finding.kind == TreeFinding::Kind::Unparsable
+            || finding.kind == TreeFinding::Kind::NoObject;
+        exitCode =
+            firstFailure(exitCode,
+                         isContent ? report(output, Findings, QStringLiteral("Findings"), text)
+                                   : report(output, Unavailable, QStringLiteral("NoAccess"), text));
     }
     return exitCode;
-}
-
-int judgeEntries(const QStringList& special, Output& output)
-{
-    for (const QString& fileName : special) {
-        report(output, Unavailable, QStringLiteral("NoAccess"),
-               QStringLiteral("'%1' is neither a regular file nor a directory").arg(fileName));
-    }
-    return special.isEmpty() ? Done : Unavailable;
-}
-
-int judgeTrees(const HostOptions& options, Output& output)
-{
-    const bool isBuiltIn = options.defaultPath.isEmpty();
-    const QString defaultPath = isBuiltIn ? Host::builtInDefaultPath() : options.defaultPath;
-    const QString writePath = isBuiltIn ? Host::builtInWritePath() : options.writePath;
-    // Special files first: parsing one could block for ever.
-    const TreeOddities written = inspectWritableTree(writePath);
-    const int exitCode =
-        judgeEntries(inspectDefaultTree(defaultPath).special + written.special, output);
-    if (exitCode != Done)
-        return exitCode;
-    for (const QString& fileName : written.links)
-        output.note(QStringLiteral("'%1' is a link; it will not be written").arg(fileName));
-    return judgeDefaultFiles(defaultPath, output);
 }
 
 // Takes the log configuration as it is now; one that cannot be read changes nothing.
@@ -114,10 +92,6 @@ int serve(const ServeOptions& options, Output& output)
     // Before anything is opened, so that no signal finds a half-made service.
     Interrupts interrupts;
     interrupts.catchHangUp();
-    const int judged = judgeTrees(options.host, output);
-    if (judged != Done)
-        return judged;
-
     HostOptions hostOptions = options.host;
     hostOptions.access = HostOptions::Access::Own;
     HostFailure failure;
@@ -126,6 +100,10 @@ int serve(const ServeOptions& options, Output& output)
         return report(output, failure.kind == HostFailure::Kind::Usage ? Usage : Unavailable,
                       QStringLiteral("NotStarted"), failure.message);
     }
+    // As the tree's owner, but before anything is read or served.
+    const int judged = judgeTrees(*host, output);
+    if (judged != Done)
+        return judged;
     QObject::connect(&interrupts, &Interrupts::hangUp, &interrupts,
                      [&options, &host, &output] { reloadLogging(options, *host, output); });
 

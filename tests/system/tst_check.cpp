@@ -5,8 +5,27 @@
 #include <QTest>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
-/// What is wrong in a default tree is found before it is met.
+namespace {
+
+// The line that says which trees were checked.
+QByteArray summary(const QString& defaultPath, const QString& writePath, int findings,
+                   int harmless = 0)
+{
+    return QStringLiteral("tulo-cm: checked '%1' and '%2'; findings: %3, harmless: %4\n")
+        .arg(defaultPath, writePath, QString::number(findings), QString::number(harmless))
+        .toUtf8();
+}
+
+QByteArray summary(const CommandLine& cli, int findings, int harmless = 0)
+{
+    return summary(cli.tree.defaultPath(), cli.tree.writePath(), findings, harmless);
+}
+
+} // namespace
+
+/// What is wrong in the trees is found before it is met.
 class TstCheck : public QObject
 {
     Q_OBJECT
@@ -20,6 +39,11 @@ private slots:
     void hiddenDirectoryIsNotEntered();
     void linksAreFollowedOnce();
     void specialFilesAreNotOpened();
+    void writableTreeIsChecked();
+    void staleTemporaryFileIsHarmless();
+    void shellChecksItsOwnTrees();
+    void unreadableDirectoryIsAnError_data();
+    void unreadableDirectoryIsAnError();
 };
 
 void TstCheck::exampleTreeIsClean()
@@ -32,7 +56,7 @@ void TstCheck::exampleTreeIsClean()
           QStringLiteral("--write-path"), written.path(), QStringLiteral("check") });
 
     QCOMPARE(result.standardOutput, QByteArray());
-    QCOMPARE(result.standardError, QByteArray());
+    QCOMPARE(result.standardError, summary(QStringLiteral(TULO_EXAMPLE_TREE), written.path(), 0));
     QCOMPARE(result.exitCode, 0);
 }
 
@@ -54,17 +78,18 @@ void TstCheck::findings_data()
     row("null", "audio/x", "null", "holds null instead of an object");
     row("list", "audio/x", "[]", "holds list instead of an object");
     row("number", "audio/x", "5", "holds int instead of an object");
-    row("value without a kind", "audio/x", "{\"value\":5}", "value: 5 is no value of a known kind");
+    row("value without a kind", "audio/x", "{\"value\":5}",
+        "value: 5 is not a value of a known kind, such as {\"int\":5}");
     row("value of an unknown kind", "audio/x", "{\"value\":{\"number\":5}}",
-        "value: {\"number\":5} is no value of a known kind");
+        "value: {\"number\":5} is not a value of a known kind, such as {\"int\":5}");
     row("value of two kinds", "audio/x", "{\"value\":{\"int\":5,\"double\":5.0}}",
-        "value: {\"double\":5.0,\"int\":5} is no value of a known kind");
+        "value: {\"double\":5.0,\"int\":5} is not a value of a known kind, such as {\"int\":5}");
     row("content of another kind", "audio/x", "{\"value\":{\"bool\":1}}",
-        "value: {\"bool\":1} is no value of a known kind");
+        "value: {\"bool\":1} is not a value of a known kind, such as {\"int\":5}");
     row("default value without a kind", "audio/x", "{\"defaultValue\":\"x\"}",
-        "defaultValue: \"x\" is no value of a known kind");
+        "defaultValue: \"x\" is not a value of a known kind, such as {\"int\":5}");
     row("template's value", "presets/.meta", "{\"value\":true}",
-        "value: true is no value of a known kind");
+        "value: true is not a value of a known kind, such as {\"int\":5}");
     row("above the range", "audio/x", "{\"value\":{\"int\":5},\"edit\":{\"max\":4}}",
         "value: 5: it is above 'max' (4)");
     row("beside the step", "audio/x", "{\"value\":{\"int\":5},\"edit\":{\"step\":2}}",
@@ -75,6 +100,8 @@ void TstCheck::findings_data()
     row("of another kind than asked for", "audio/x",
         "{\"value\":{\"int\":5},\"edit\":{\"kind\":\"string\"}}",
         "value: 5: it is not of the kind 'string'");
+    row("constraints in a text", "audio/x", "{\"value\":{\"int\":5},\"edit\":\"0..100\"}",
+        "edit: \"0..100\" is not an object");
     row("product variant", "audio/volume_sport", "{\"value\":{\"int\":5},\"edit\":{\"max\":4}}",
         "value: 5: it is above 'max' (4)");
     row("name with a dot", "audio/x.json", "{}", "no listing shows this name");
@@ -94,7 +121,7 @@ void TstCheck::findings()
 
     QCOMPARE(result.standardOutput,
              cli.tree.defaultPath().toUtf8() + '/' + file.toUtf8() + ": " + message + '\n');
-    QCOMPARE(result.standardError, QByteArray());
+    QCOMPARE(result.standardError, summary(cli, 1));
     QCOMPARE(result.exitCode, 8);
 }
 
@@ -114,6 +141,7 @@ void TstCheck::jsonFindings()
               "for object member.\"}\n{\"file\":\""
             + root
             + "/audio/y~\",\"finding\":\"notListed\",\"message\":\"no listing shows this name\"}\n");
+    QCOMPARE(result.standardError, QByteArray());
     QCOMPARE(result.exitCode, 8);
 }
 
@@ -161,8 +189,86 @@ void TstCheck::specialFilesAreNotOpened()
 
     const ChildResult result = cli.run("check");
 
-    QCOMPARE(result.standardOutput, pipe + ": is neither a file nor a directory\n");
+    QCOMPARE(result.standardOutput, pipe + ": is neither a regular file nor a directory\n");
     QCOMPARE(result.exitCode, 8);
+}
+
+void TstCheck::writableTreeIsChecked()
+{
+    const CommandLine cli;
+    cli.tree.writeDefault(QStringLiteral("/audio/x"), QByteArray("{"));
+    cli.tree.writeWritten(QStringLiteral("/audio/volume"), QByteArray("{\"val"));
+    const QByteArray pipe = cli.tree.writePath().toUtf8() + "/audio/mode";
+    QCOMPARE(::mkfifo(pipe.constData(), 0644), 0);
+
+    const ChildResult result = cli.run("check");
+
+    QCOMPARE(result.standardOutput,
+             cli.tree.defaultPath().toUtf8()
+                 + "/audio/x: line 1, column 2: Missing a name for object member.\n" + pipe
+                 + ": is neither a regular file nor a directory\n" + cli.tree.writePath().toUtf8()
+                 + "/audio/volume: line 1, column 6: Missing a closing quotation mark in "
+                   "string.\n");
+    QCOMPARE(result.standardError, summary(cli, 3));
+    QCOMPARE(result.exitCode, 8);
+}
+
+void TstCheck::staleTemporaryFileIsHarmless()
+{
+    const CommandLine cli;
+    cli.tree.writeWritten(QStringLiteral("/audio/.volume"), QByteArray("{\"val"));
+
+    const ChildResult result = cli.run("check");
+
+    QCOMPARE(result.standardOutput,
+             cli.tree.writePath().toUtf8()
+                 + "/audio/.volume: may be left from an interrupted write of 'volume', whose next "
+                   "write reuses it\n");
+    QCOMPARE(result.standardError, summary(cli, 0, 1));
+    QCOMPARE(result.exitCode, 0);
+}
+
+void TstCheck::shellChecksItsOwnTrees()
+{
+    const CommandLine cli;
+    cli.tree.writeWritten(QStringLiteral("/audio/volume"), QByteArray("5"));
+
+    const ChildResult result = cli.run({ QStringLiteral("shell") }, "check\n");
+
+    QCOMPARE(result.standardOutput,
+             cli.tree.writePath().toUtf8() + "/audio/volume: holds int instead of an object\n");
+    QCOMPARE(result.standardError, summary(cli, 1));
+    QCOMPARE(result.exitCode, 8);
+}
+
+void TstCheck::unreadableDirectoryIsAnError_data()
+{
+    QTest::addColumn<bool>("isWritableTree");
+    QTest::newRow("default tree") << false;
+    QTest::newRow("writable tree") << true;
+}
+
+void TstCheck::unreadableDirectoryIsAnError()
+{
+    QFETCH(const bool, isWritableTree);
+    const CommandLine cli;
+    const QString closed = isWritableTree ? cli.tree.writePath() : cli.tree.defaultPath();
+    QCOMPARE(::chmod(QFile::encodeName(closed).constData(), 0000), 0);
+
+    // Root could read it.
+    const QStringList words = cli.arguments({ QStringLiteral("check") });
+    const ChildResult result = ::geteuid() != 0
+        ? ChildProcess::run(QStringLiteral(TULO_CM_PROGRAM), words)
+        : ChildProcess::run(
+            QStringLiteral("setpriv"),
+            QStringList { QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
+                          QStringLiteral("--clear-groups"), QStringLiteral(TULO_CM_PROGRAM) }
+                + words);
+
+    QCOMPARE(::chmod(QFile::encodeName(closed).constData(), 0755), 0);
+    QCOMPARE(result.standardOutput, QByteArray());
+    QCOMPARE(result.standardError, "tulo-cm: directory '" + closed.toUtf8() + "' cannot be read\n");
+    QCOMPARE(result.exitCode, 7);
 }
 
 QTEST_GUILESS_MAIN(TstCheck)
