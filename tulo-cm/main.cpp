@@ -287,7 +287,7 @@ void printVersion(Output& output)
 int runParsed(const Arguments& arguments, Output& output)
 {
     if (arguments.isSet(QStringLiteral("help"))) {
-        Context context { output, nullptr, nullptr, nullptr, QString() };
+        Context context { output, nullptr, nullptr, nullptr, TreeDirectories() };
         return runHelpOption(context, arguments);
     }
     if (arguments.isSet(QStringLiteral("version"))) {
