@@ -101,11 +101,14 @@ void TstServiceSessions::sessionReadsTheSameBothWays_data()
         words("get /settings/audio/volume /settings/audio/gain /settings/audio/loudness "
               "/settings/audio/mode /settings/audio/sources /settings/token"),
         words("get settings/audio/volume"),
+        words("get /settings/audio/volume/"),
+        words("get /"),
         words("get /settings/audio/volume --role title --role edit --role path --role type"),
         words("get /settings/audio/volume --all"),
         words("get /settings/audio --all"),
         words("get /settings --role title"),
         words("get /settings/audio/volume --role colour"),
+        words("--json get /settings/audio/volume --role value,title"),
         words("--json get /settings/audio/volume --all"),
         words("--json get /settings/audio/sources /settings/audio/gain /settings/nothing"),
     };
@@ -114,6 +117,8 @@ void TstServiceSessions::sessionReadsTheSameBothWays_data()
         words("get /settings/../x"),
         words("get /settings//x"),
         words("get /other/x"),
+        words("get /settings/\xe8\xa1\xa8"),
+        words("get /settings/\xe2\x80\xae"),
         { { QStringLiteral("get"), QString() }, QByteArray() },
         words("ls /settings/nothing"),
         words("ls /settings/audio/volume"),
@@ -122,7 +127,10 @@ void TstServiceSessions::sessionReadsTheSameBothWays_data()
     };
     QTest::newRow("listing") << Session {
         words("ls /settings"),
+        words("ls"),
         words("ls /settings/audio"),
+        words("ls /settings/audio/"),
+        words("ls /settings/audio --role titel"),
         words("ls /settings/audio --first 1 --last 2 --role value --role title --role valueUnit"),
         words("--json ls /settings/audio --role value --role edit"),
         words("tree"),
@@ -139,7 +147,9 @@ void TstServiceSessions::sessionReadsTheSameBothWays_data()
         set(sources, "[broken"),
         setRoles(volume, "[]"),
         words("help get"),
+        words("--json help"),
         words("--version"),
+        words("--json --version"),
     };
     QTest::newRow("changes") << Session {
         set(volume, "40"),
