@@ -78,8 +78,6 @@ QByteArray PrivateBus::openPolicy()
   <allow eavesdrop="true"/>
   <allow own="*"/>
 </policy>
-<limit name="max_message_size">65536</limit>
-<limit name="max_replies_per_connection">16</limit>
 )";
 }
 
@@ -162,6 +160,27 @@ QByteArray ServiceProcess::complaints(const ChildResult& result)
             lines += line + '\n';
     }
     return lines;
+}
+
+ChildResult install(const QString& root, const QString& prefix)
+{
+    ChildResult all;
+    for (const char* component : { "framework", "worker", "command", "service" }) {
+        ChildProcess cmake(QStringLiteral("cmake"),
+                           { QStringLiteral("--install"), QStringLiteral(TULO_BUILD_DIR),
+                             QStringLiteral("--prefix"), prefix, QStringLiteral("--component"),
+                             QString::fromLatin1(component) });
+        cmake.setVariable(QStringLiteral("DESTDIR"), root);
+        if (!cmake.start())
+            qFatal("cannot start cmake");
+        const ChildResult result = cmake.finish();
+        all.exitCode = result.exitCode;
+        all.standardOutput += result.standardOutput;
+        all.standardError += result.standardError;
+        if (result.exitCode != 0)
+            break;
+    }
+    return all;
 }
 
 namespace {

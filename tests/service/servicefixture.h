@@ -15,14 +15,14 @@
 
 // What the tests of the service share: a bus, a service and clients of a test's own.
 
-/// A dbus-daemon of a test's own, with the message and call limits of the packaged bus policy.
+/// A dbus-daemon for one test.
 class PrivateBus
 {
 public:
     /// What a session bus allows: everybody everything.
     static QByteArray openPolicy();
 
-    /// `policy` is the content of the bus configuration beside type, address and limits.
+    /// `policy` is the content of the bus configuration beside its address.
     explicit PrivateBus(const QByteArray& policy = openPolicy());
 
     QString address() const;
@@ -56,6 +56,10 @@ public:
 private:
     const QTemporaryDir m_directory;
 };
+
+/// Installs what a device needs of this build below `root`, as into an image: a file of the prefix
+/// "/usr" is at root + "/usr/...".
+ChildResult install(const QString& root, const QString& prefix);
 
 /// A gate in the place of "sync": a flush stands there until it is opened, for one flush at a time.
 class SyncGate

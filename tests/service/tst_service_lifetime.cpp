@@ -317,7 +317,8 @@ void TstServiceLifetime::closedConnectionIsMadeAgain()
 {
     const CommandLine trees;
     // A bus that takes much less than the service reckons with.
-    const PrivateBus bus(PrivateBus::openPolicy().replace("65536", "16384"));
+    const PrivateBus bus(PrivateBus::openPolicy()
+                         + R"(<limit name="max_message_size">16384</limit>)");
     trees.tree.writeDefault(QStringLiteral("/long"),
                             "{\"value\":{\"string\":\"" + QByteArray(20000, 'x') + "\"}}");
     ServiceProcess service(trees, bus.address());
