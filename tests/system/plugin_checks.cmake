@@ -1,4 +1,5 @@
-# What a device relies on in the built plug-in, read from the file itself.
+# What a device relies on in the built files, read from them.
+cmake_minimum_required(VERSION 3.25)
 
 # Runs a command and gives its output; one that fails ends the test.
 function(run output)
@@ -23,4 +24,21 @@ function(check_plugin file)
     if(NOT symbols STREQUAL "worker_create")
         message(FATAL_ERROR "${file}: exports\n${symbols}\nand not just worker_create")
     endif()
+endfunction()
+
+# Fails when a program or library needs another one than these and those of every one of ours.
+function(check_needed file)
+    set(known ${ARGN}
+        libQt5Core.so.5 liblog4cplus-2.0.so.3 libstdc++.so.6 libm.so.6 libgcc_s.so.1 libc.so.6)
+    run(dynamic readelf --dynamic --wide ${file})
+    string(REGEX MATCHALL "\\(NEEDED\\)[^\n]*" entries "${dynamic}")
+    if(entries STREQUAL "")
+        message(FATAL_ERROR "${file}: needs no library at all?\n${dynamic}")
+    endif()
+    foreach(entry IN LISTS entries)
+        string(REGEX REPLACE ".*\\[(.*)\\]$" "\\1" library "${entry}")
+        if(NOT library IN_LIST known)
+            message(FATAL_ERROR "${file}: needs ${library}, which is not among ${known}")
+        endif()
+    endforeach()
 endfunction()

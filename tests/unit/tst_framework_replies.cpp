@@ -12,7 +12,10 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <utility>
 #include <vector>
+
+#include <dlfcn.h>
 
 namespace {
 
@@ -92,6 +95,8 @@ private slots:
     void freshReplyIsUnfinished();
     void valueFinishesTheReply();
     void errorFinishesTheReply();
+    void setValueHasItsSignature();
+    void setValueMovesATemporary();
     void secondAnswerIsIgnored_data();
     void secondAnswerIsIgnored();
     void copiesShareTheReply();
@@ -147,6 +152,35 @@ void tst_framework_replies::errorFinishesTheReply()
     QVERIFY(reply.isFinished());
     QCOMPARE(reply.error().name(), QStringLiteral("E"));
     QVERIFY(!reply.value().isValid());
+}
+
+// A worker that is compiled elsewhere names the operation by its parameter.
+void tst_framework_replies::setValueHasItsSignature()
+{
+    void (CMReplyData<QVariant>::*const ofData)(const QVariant&) = &CMReplyData<QVariant>::setValue;
+    void (CMReply<QVariant>::*const ofHandle)(const QVariant&) const = &CMReply<QVariant>::setValue;
+    const auto first = CMReply<QVariant>::create();
+    const auto second = CMReply<QVariant>::create();
+    const QVariant value(5);
+
+    (static_cast<CMReplyData<QVariant>*>(first.data())->*ofData)(value);
+    (second.*ofHandle)(value);
+
+    QCOMPARE(first.value(), value);
+    QCOMPARE(second.value(), value);
+    QVERIFY(::dlsym(RTLD_DEFAULT, "_ZN11CMReplyDataI13TuloRowsRolesE8setValueERKS0_") != nullptr);
+}
+
+void tst_framework_replies::setValueMovesATemporary()
+{
+    const auto reply = CMReply<QList<QVariant>>::create();
+    QList<QVariant> values { 1, 2 };
+    const QVariant* const stored = &values.constFirst();
+
+    reply.setValue(std::move(values));
+
+    const QList<QVariant> answer = reply.value();
+    QCOMPARE(&answer.constFirst(), stored);
 }
 
 void tst_framework_replies::secondAnswerIsIgnored_data()

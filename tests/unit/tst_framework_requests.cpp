@@ -5,6 +5,8 @@
 
 #include <csignal>
 #include <functional>
+#include <type_traits>
+#include <utility>
 
 Q_DECLARE_METATYPE(std::function<void()>)
 
@@ -21,6 +23,7 @@ private slots:
     void pingHasTheFormOfSetData();
     void copiesShareTheReply();
     void genericHandleKeepsKindPathAndReply();
+    void temporaryGivesValues();
     void emptyHandleAssertsD_data();
     void emptyHandleAssertsD();
     void handleOfAnotherKindAsserts();
@@ -115,6 +118,33 @@ void tst_framework_requests::genericHandleKeepsKindPathAndReply()
     QVERIFY(generic.path() == path);
     QCOMPARE(generic.voidReply().data(), reply.data());
     QCOMPARE(CMGetDataRequest(generic).roles(), roles);
+}
+
+// A reference would lead into data that goes with the temporary.
+void tst_framework_requests::temporaryGivesValues()
+{
+    static_assert(std::is_same_v<decltype(CMPath().text()), QString>);
+    static_assert(std::is_same_v<decltype(CMPath().base()), QString>);
+    static_assert(std::is_same_v<decltype(CMRequest().path()), CMPath>);
+    static_assert(std::is_same_v<decltype(CMRequest().voidReply()), CMVoidReply>);
+    static_assert(std::is_same_v<decltype(CMGetDataRequest().reply()), CMGetDataRequest::Reply>);
+    static_assert(std::is_same_v<decltype(CMGetRowsRequest().roles()), QStringList>);
+    static_assert(std::is_same_v<decltype(CMGetRowsRequest().reply()), CMGetRowsRequest::Reply>);
+    static_assert(std::is_same_v<decltype(CMMatchRowRequest().role()), QString>);
+    static_assert(std::is_same_v<decltype(CMMatchRowRequest().value()), QVariant>);
+    static_assert(std::is_same_v<decltype(CMMatchRowRequest().reply()), CMMatchRowRequest::Reply>);
+    static_assert(std::is_same_v<decltype(CMSetDataRequest().role()), QString>);
+    static_assert(std::is_same_v<decltype(CMSetDataRequest().value()), QVariant>);
+    static_assert(std::is_same_v<decltype(CMSetDataRequest().reply()), CMSetDataRequest::Reply>);
+
+    const auto reply = CMGetDataRequest::Reply::create();
+    QStringList seen;
+    for (const QString& role : CMGetDataRequest(path, { roles.at(0), roles.at(1) }, reply).roles())
+        seen.append(role);
+    const QStringList& bound = CMGetDataRequest(path, { roles.at(0), roles.at(1) }, reply).roles();
+
+    QCOMPARE(seen, roles);
+    QCOMPARE(bound, roles);
 }
 
 void tst_framework_requests::emptyHandleAssertsD_data()

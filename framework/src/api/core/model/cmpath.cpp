@@ -38,12 +38,12 @@ bool CMPath::isEmpty() const
     return m_text.isEmpty();
 }
 
-const QString& CMPath::text() const
+const QString& CMPath::text() const&
 {
     return m_text;
 }
 
-const QString& CMPath::base() const
+const QString& CMPath::base() const&
 {
     return m_base;
 }

@@ -26,9 +26,11 @@ public:
     CMPath(const QString& mount, const QString& base);
 
     bool isEmpty() const;
-    const QString& text() const;
+    const QString& text() const&;
+    QString text() const&& { return text(); }
     /// What follows the mount; begins with "/" exactly when the text does.
-    const QString& base() const;
+    const QString& base() const&;
+    QString base() const&& { return base(); }
     /// The text with everything but unreserved characters and "/" percent-encoded (RFC 3986).
     QString toEncoded() const;
 

@@ -108,16 +108,8 @@ public:
             setValue(value.value<T>());
     }
 
-    void setValue(T value)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        if (m_finished)
-            return;
-        m_value = std::move(value);
-        const QList<CMReplyWatcher*> watchers = finish();
-        lock.unlock();
-        notify(watchers);
-    }
+    void setValue(const T& value) { store(value); }
+    void setValue(T&& value) { store(std::move(value)); }
 
     /// Waits without limit for the reply to finish; a default value after an error.
     T value() const
@@ -127,6 +119,18 @@ public:
     }
 
 private:
+    template<typename Value>
+    void store(Value&& value)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_finished)
+            return;
+        m_value = std::forward<Value>(value);
+        const QList<CMReplyWatcher*> watchers = finish();
+        lock.unlock();
+        notify(watchers);
+    }
+
     T m_value {};
 };
 
@@ -194,7 +198,8 @@ public:
     /// A handle on fresh data, unfinished, without value and error.
     static CMReply create() { return CMReply(new CMReplyData<T>); }
 
-    void setValue(T value) const { typed()->setValue(std::move(value)); }
+    void setValue(const T& value) const { typed()->setValue(value); }
+    void setValue(T&& value) const { typed()->setValue(std::move(value)); }
     T value() const { return typed()->value(); }
 
 private:

@@ -89,13 +89,13 @@ CMRequest::Kind CMRequest::kind() const
     return d()->kind;
 }
 
-const CMPath& CMRequest::path() const
+const CMPath& CMRequest::path() const&
 {
     TULO_ASSERT(d());
     return d()->path;
 }
 
-const CMVoidReply& CMRequest::voidReply() const
+const CMVoidReply& CMRequest::voidReply() const&
 {
     TULO_ASSERT(d());
     return d()->voidReply();
@@ -118,12 +118,12 @@ const CMGetDataRequest::GetData* CMGetDataRequest::data() const
     return static_cast<const GetData*>(d());
 }
 
-const QStringList& CMGetDataRequest::roles() const
+const QStringList& CMGetDataRequest::roles() const&
 {
     return data()->roles;
 }
 
-const CMGetDataRequest::Reply& CMGetDataRequest::reply() const
+const CMGetDataRequest::Reply& CMGetDataRequest::reply() const&
 {
     return data()->reply;
 }
@@ -156,12 +156,12 @@ qint32 CMGetRowsRequest::lastRow() const
     return data()->lastRow;
 }
 
-const QStringList& CMGetRowsRequest::roles() const
+const QStringList& CMGetRowsRequest::roles() const&
 {
     return data()->roles;
 }
 
-const CMGetRowsRequest::Reply& CMGetRowsRequest::reply() const
+const CMGetRowsRequest::Reply& CMGetRowsRequest::reply() const&
 {
     return data()->reply;
 }
@@ -184,17 +184,17 @@ const CMMatchRowRequest::MatchRow* CMMatchRowRequest::data() const
     return static_cast<const MatchRow*>(d());
 }
 
-const QString& CMMatchRowRequest::role() const
+const QString& CMMatchRowRequest::role() const&
 {
     return data()->role;
 }
 
-const QVariant& CMMatchRowRequest::value() const
+const QVariant& CMMatchRowRequest::value() const&
 {
     return data()->value;
 }
 
-const CMMatchRowRequest::Reply& CMMatchRowRequest::reply() const
+const CMMatchRowRequest::Reply& CMMatchRowRequest::reply() const&
 {
     return data()->reply;
 }
@@ -227,17 +227,17 @@ const CMSetDataRequest::SetData* CMSetDataRequest::data() const
     return static_cast<const SetData*>(d());
 }
 
-const QString& CMSetDataRequest::role() const
+const QString& CMSetDataRequest::role() const&
 {
     return data()->role;
 }
 
-const QVariant& CMSetDataRequest::value() const
+const QVariant& CMSetDataRequest::value() const&
 {
     return data()->value;
 }
 
-const CMSetDataRequest::Reply& CMSetDataRequest::reply() const
+const CMSetDataRequest::Reply& CMSetDataRequest::reply() const&
 {
     return data()->reply;
 }

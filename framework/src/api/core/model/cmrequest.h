@@ -11,8 +11,9 @@
 #include <QVariant>
 
 /// What a client asks of a worker. A handle on request data that never changes: copies share
-/// it, and so they share the reply. What the accessors return lives as long as the data does, to
-/// its last handle; on a handle without data they assert "d()".
+/// it, and so they share the reply. What the accessors return by reference lives as long as the
+/// data does, to its last handle; a temporary handle, which may be that one, gives a value. On a
+/// handle without data they assert "d()".
 class CMRequest
 {
 public:
@@ -21,9 +22,11 @@ public:
     CMRequest() = default;
 
     Kind kind() const;
-    const CMPath& path() const;
+    const CMPath& path() const&;
+    CMPath path() const&& { return path(); }
     /// The reply whatever it carries; the same one that the request's own reply() gives.
-    const CMVoidReply& voidReply() const;
+    const CMVoidReply& voidReply() const&;
+    CMVoidReply voidReply() const&& { return voidReply(); }
 
 protected:
     struct Data : QSharedData
@@ -56,9 +59,11 @@ public:
     explicit CMGetDataRequest(const CMRequest& request);
 
     /// Role names, in the client's order.
-    const QStringList& roles() const;
+    const QStringList& roles() const&;
+    QStringList roles() const&& { return roles(); }
     /// Finished with one value a role.
-    const Reply& reply() const;
+    const Reply& reply() const&;
+    Reply reply() const&& { return reply(); }
 
 private:
     struct GetData;
@@ -78,8 +83,10 @@ public:
 
     qint32 firstRow() const;
     qint32 lastRow() const; ///< inclusive
-    const QStringList& roles() const;
-    const Reply& reply() const;
+    const QStringList& roles() const&;
+    QStringList roles() const&& { return roles(); }
+    const Reply& reply() const&;
+    Reply reply() const&& { return reply(); }
 
 private:
     struct GetRows;
@@ -98,9 +105,12 @@ public:
                       const Reply& reply);
     explicit CMMatchRowRequest(const CMRequest& request);
 
-    const QString& role() const;
-    const QVariant& value() const;
-    const Reply& reply() const;
+    const QString& role() const&;
+    QString role() const&& { return role(); }
+    const QVariant& value() const&;
+    QVariant value() const&& { return value(); }
+    const Reply& reply() const&;
+    Reply reply() const&& { return reply(); }
 
 private:
     struct MatchRow;
@@ -119,10 +129,13 @@ public:
     explicit CMSetDataRequest(const CMRequest& request);
     static CMSetDataRequest ping(const CMPath& path, const Reply& reply);
 
-    const QString& role() const;
+    const QString& role() const&;
+    QString role() const&& { return role(); }
     /// A hash for the value, roles and operation roles.
-    const QVariant& value() const;
-    const Reply& reply() const;
+    const QVariant& value() const&;
+    QVariant value() const&& { return value(); }
+    const Reply& reply() const&;
+    Reply reply() const&& { return reply(); }
 
 private:
     struct SetData;

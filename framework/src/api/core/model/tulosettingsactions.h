@@ -4,7 +4,7 @@
 
 /// The action that writes every pending change and syncs the file systems:
 /// "/settings/actions/flush".
-const CMPath& TuloSettingsActionsFlush();
+CMPath TuloSettingsActionsFlush();
 
 /// The action that empties the value cache: "/settings/actions/dropCache".
-const CMPath& TuloSettingsActionsDropCache();
+CMPath TuloSettingsActionsDropCache();
