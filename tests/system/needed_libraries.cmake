@@ -1,0 +1,8 @@
+# What we link needs no library that it does not use.
+#
+#   cmake -D PLUGIN=FILE -D FRAMEWORK=FILE -D PROGRAM=FILE -P needed_libraries.cmake
+include(${CMAKE_CURRENT_LIST_DIR}/plugin_checks.cmake)
+
+check_needed(${PLUGIN} libtulo_framework.so)
+check_needed(${FRAMEWORK})
+check_needed(${PROGRAM} libtulo_framework.so libQt5DBus.so.5 libsystemd.so.0)
