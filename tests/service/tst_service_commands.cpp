@@ -30,6 +30,7 @@ private slots:
     void watchThatTheBusRefusesFails();
     void watchThatTheBusJustAllowsMissesNothing();
     void watchOfManyPathsMissesNone();
+    void watchFollowsTheServiceThatStartsAnew();
     void watchEndsWithTheBus();
 };
 
@@ -128,6 +129,33 @@ void TstServiceCommands::watchOfManyPathsMissesNone()
     QCOMPARE(result.standardError, QByteArray());
     QCOMPARE(result.standardOutput, expected);
     QCOMPARE(result.exitCode, 0);
+}
+
+// With no more match rules than it asks for itself.
+void TstServiceCommands::watchFollowsTheServiceThatStartsAnew()
+{
+    const PrivateBus bus(PrivateBus::openPolicy()
+                         + R"(<limit name="max_match_rules_per_connection">3</limit>)");
+    const CommandLine trees;
+    ServiceProcess first(trees, bus.address());
+    QVERIFY2(first.serve(), first.standardError());
+    ChildProcess shell(QStringLiteral(TULO_CM_PROGRAM),
+                       { QStringLiteral("--bus"), bus.address(), QStringLiteral("shell") });
+    QVERIFY(shell.start());
+    shell.writeInput("watch --initial /settings/audio/volume\n");
+    QVERIFY2(shell.waitForOutput("value /settings/audio/volume 35\n"), shell.standardError());
+
+    QCOMPARE(first.end().exitCode, 0);
+    ServiceProcess second(trees, bus.address());
+    QVERIFY2(second.serve(), second.standardError());
+    // Answered after the news of the new owner.
+    shell.writeInput("get /settings/serial\n");
+    QVERIFY2(shell.waitForOutput("X1\n"), shell.standardError());
+    QCOMPARE(runOn(bus, "set /settings/audio/volume 40").exitCode, 0);
+
+    QVERIFY2(shell.waitForOutput("value /settings/audio/volume 40\n"), shell.standardOutput());
+    shell.closeInput();
+    QCOMPARE(shell.finish().exitCode, 0);
 }
 
 void TstServiceCommands::watchEndsWithTheBus()

@@ -64,12 +64,14 @@ public:
         while (text.isEmpty() || !m_shown.contains(text)) {
             pollfd output { m_descriptor, POLLIN, 0 };
             char bytes[4096];
-            if (::poll(&output, 1, int(deadline.remainingTime())) != 1)
+            const int ready = ::poll(&output, 1, int(deadline.remainingTime()));
+            const ssize_t count = ready > 0 ? ::read(m_descriptor, bytes, sizeof bytes) : ready;
+            if (count > 0)
+                m_shown.append(bytes, int(count));
+            else if (ready == 0)
                 return false;
-            const ssize_t count = ::read(m_descriptor, bytes, sizeof bytes);
-            if (count <= 0)
+            else if (count == 0 || errno != EINTR)
                 return text.isEmpty();
-            m_shown.append(bytes, int(count));
         }
         return true;
     }
