@@ -85,6 +85,17 @@ QVariant contentOf(const QVariant& role)
     return value.kind().isEmpty() ? role : value.content();
 }
 
+// As shownInCell(), but a text as it is.
+QString shown(const QVariant& role)
+{
+    if (!role.isValid())
+        return QStringLiteral("-");
+    const QVariant content = contentOf(role);
+    if (content.userType() == QMetaType::QString)
+        return content.toString();
+    return QString::fromUtf8(TuloJson::serialize(content));
+}
+
 // Columns that a terminal uses for `text`.
 int widthOf(const QString& text)
 {
@@ -238,16 +249,6 @@ void Output::flush()
         }
     }
     m_pending.clear();
-}
-
-QString shown(const QVariant& role)
-{
-    if (!role.isValid())
-        return QStringLiteral("-");
-    const QVariant content = contentOf(role);
-    if (content.userType() == QMetaType::QString)
-        return content.toString();
-    return QString::fromUtf8(TuloJson::serialize(content));
 }
 
 QString shownInCell(const QVariant& role)

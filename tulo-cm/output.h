@@ -73,10 +73,8 @@ private:
     QByteArray m_pending;
 };
 
-/// A role for people: the content of a value or text as it is, anything else as JSON, "-" for
-/// one that the node lacks.
-QString shown(const QVariant& role);
-/// The same in one line and escaped(); a text that is empty or needs escapes is quoted.
+/// A role for people, in one line and escaped(): the content of a value or text, quoted when it is
+/// empty or needs escapes; anything else as JSON; "-" for one that the node lacks.
 QString shownInCell(const QVariant& role);
 
 /// `text` with "\uXXXX" for each character that could control a terminal or disguise what is
