@@ -1,5 +1,7 @@
 #include "host/ownerlock.h"
 
+#include "host/treeowner.h"
+
 #include <QByteArray>
 #include <QFile>
 
@@ -127,6 +129,13 @@ OwnerLock::Status OwnerLock::openBoth()
         return Status::Failed;
     }
 
+    // What root writes, the tree's owner could not use.
+    if (::geteuid() == 0 && tree.st_uid != 0) {
+        m_message = QStringLiteral("The writable tree '%1' belongs to user '%2'; run as that user")
+                        .arg(m_writePath, userName(tree.st_uid));
+        return Status::Failed;
+    }
+
     // Not blocking, because opening a pipe for reading and writing could wait for its peer.
     m_file = ::openat(m_directory, lockName,
                       O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
@@ -146,11 +155,6 @@ OwnerLock::Status OwnerLock::openBoth()
         return fail(QStringLiteral("belongs to another user (%1)").arg(file.st_uid));
     if (::fchmod(m_file, 0600) != 0)
         return fail(QStringLiteral("cannot be protected: ") + qt_error_string(errno));
-    // Without this a run as root would lock the tree's owner out for good.
-    if (::geteuid() == 0 && file.st_uid != tree.st_uid
-        && ::fchown(m_file, tree.st_uid, tree.st_gid) != 0)
-        return fail(QStringLiteral("cannot be given to the tree's owner: ")
-                    + qt_error_string(errno));
     return Status::Owned;
 }
 

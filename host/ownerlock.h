@@ -17,8 +17,10 @@
 /// lock needs a file that can be opened. The same holds for the directory if other users cannot
 /// read it (0700); a user who can may lock it and so keep an owner out, but changes nothing. A
 /// file that belongs to neither this process's user nor the tree's owner is rejected, as is a
-/// link, a second name of another file and anything but a regular file. When root creates the
-/// file, it is given to the tree's owner.
+/// link, a second name of another file and anything but a regular file.
+///
+/// Root is refused a tree of another user, who could not use the files that root makes there.
+/// becomeOwner() makes the process that user.
 ///
 /// The locks belong to the open files, not to the process: a second one in the same process is
 /// refused like any other, and child processes do not inherit them.

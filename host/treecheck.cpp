@@ -2,6 +2,7 @@
 
 #include "host/guard.h"
 #include "host/settingvalue.h"
+#include "host/treeowner.h"
 
 #include "api/core/model/cmedit.h"
 #include "api/core/tulojson.h"
@@ -20,7 +21,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -78,8 +78,9 @@ public:
         }
         const QString remedy = file.st_uid == m_id
             ? QStringLiteral("change its mode (chmod u+%1)").arg(modes(file, wanted))
-            : QStringLiteral("change its owner (chown %1) or its mode").arg(name());
-        return QStringLiteral("user '%1' cannot %2 it; %3").arg(name(), verbs(wanted), remedy);
+            : QStringLiteral("change its owner (chown %1) or its mode").arg(userName(m_id));
+        return QStringLiteral("user '%1' cannot %2 it; %3")
+            .arg(userName(m_id), verbs(wanted), remedy);
     }
 
 private:
@@ -95,12 +96,6 @@ private:
         if (S_ISDIR(file.st_mode))
             return QStringLiteral("rwx");
         return wanted == W_OK ? QStringLiteral("w") : QStringLiteral("r");
-    }
-
-    QString name() const
-    {
-        const struct passwd* entry = ::getpwuid(m_id);
-        return entry != nullptr ? QString::fromLocal8Bit(entry->pw_name) : QString::number(m_id);
     }
 
     uid_t m_id = ::geteuid();

@@ -7,6 +7,7 @@
 #include "textinput.h"
 
 #include "host/guard.h"
+#include "host/treeowner.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -240,27 +241,43 @@ int runOnService(const Arguments& arguments, Output& output)
     return runOnSession(*session, session.get(), arguments, output);
 }
 
-int runCommand(const Arguments& arguments, Output& output)
+// Everything that comes before the command, for which it sets the trees.
+Failure prepare(const Arguments& arguments, TreeDirectories* trees)
 {
     const Command& command = *arguments.command;
-    Context context { output, nullptr, nullptr, nullptr, TreeDirectories() };
     if (command.needs == Command::Needs::Nothing)
-        return command.run(context, arguments);
-
-    Failure failure = judgeOptions(arguments, &context.trees);
-    const bool isOnService = !isOwnProcess(arguments);
-    if (!failure && !isOnService && command.place == Command::Place::ServiceOrShell) {
+        return configureLogging(arguments);
+    Failure failure = judgeOptions(arguments, trees);
+    if (!failure && isOwnProcess(arguments) && command.place == Command::Place::ServiceOrShell) {
         failure = { Unavailable, QStringLiteral("NoService"),
                     QStringLiteral("'%1' works on the service or in the shell; this process would "
                                    "end at once")
                         .arg(command.name),
                     QString() };
     }
+    const bool isWriting = isServing(arguments)
+        || (isOwnProcess(arguments) && command.needs == Command::Needs::Changes);
+    if (!failure && isWriting) {
+        // Before logging, so that log files belong to the same user, too.
+        const QString reason = becomeOwner(trees->writePath);
+        if (!reason.isEmpty())
+            failure = { Unavailable, QStringLiteral("NoAccess"), reason, QString() };
+    }
+    return failure ? failure : configureLogging(arguments);
+}
+
+int runCommand(const Arguments& arguments, Output& output)
+{
+    const Command& command = *arguments.command;
+    Context context { output, nullptr, nullptr, nullptr, TreeDirectories() };
+    const Failure failure = prepare(arguments, &context.trees);
     if (failure) {
         output.failure(failure);
         return failure.exitCode;
     }
-    if (isOnService)
+    if (command.needs == Command::Needs::Nothing)
+        return command.run(context, arguments);
+    if (!isOwnProcess(arguments))
         return runOnService(arguments, output);
     if (command.needs == Command::Needs::Files)
         return command.run(context, arguments);
@@ -293,11 +310,6 @@ int runParsed(const Arguments& arguments, Output& output)
     if (arguments.isSet(QStringLiteral("version"))) {
         printVersion(output);
         return Done;
-    }
-    const Failure failure = configureLogging(arguments);
-    if (failure) {
-        output.failure(failure);
-        return failure.exitCode;
     }
     return runCommand(arguments, output);
 }

@@ -1,4 +1,5 @@
 #include "host/ownerlock.h"
+#include "host/treeowner.h"
 
 #include "tests/support/childprocess.h"
 #include "tests/support/temporarytree.h"
@@ -8,6 +9,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -103,8 +105,10 @@ private slots:
     void fileIsForItsOwnerOnly();
     void otherUserCannotHoldTheLockFirst();
     void fileOfAnotherUserIsRefused();
-    void fileThatRootCreatesBelongsToTheTreesOwner();
-    void fileOfTheTreesOwnerIsTakenOverByRoot();
+    void rootIsRefusedATreeOfAnotherUser();
+    void rootBecomesTheOwner_data();
+    void rootBecomesTheOwner();
+    void othersStayWhoTheyAre();
 };
 
 void tst_ownerlock::freeTreeIsTaken()
@@ -497,31 +501,75 @@ void tst_ownerlock::fileOfAnotherUserIsRefused()
                  .arg(OwnerLock::fileName(tree.writePath())));
 }
 
-void tst_ownerlock::fileThatRootCreatesBelongsToTheTreesOwner()
+void tst_ownerlock::rootIsRefusedATreeOfAnotherUser()
 {
     if (::geteuid() != 0)
-        QSKIP("needs root to give a file away");
+        QSKIP("needs root to give a tree away");
     const TemporaryTree tree;
     QCOMPARE(::chown(QFile::encodeName(tree.writePath()).constData(), nobody, nobody), 0);
     OwnerLock lock;
 
-    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Failed);
 
-    QCOMPARE(statOf(lockName(tree)).st_uid, nobody);
-    QCOMPARE(statOf(lockName(tree)).st_mode, mode_t(S_IFREG | 0600));
+    QCOMPARE(lock.message(),
+             QStringLiteral("The writable tree '%1' belongs to user 'nobody'; run as that user")
+                 .arg(tree.writePath()));
+    QCOMPARE(tree.writtenEntries(), QStringList());
 }
 
-void tst_ownerlock::fileOfTheTreesOwnerIsTakenOverByRoot()
+void tst_ownerlock::rootBecomesTheOwner_data()
+{
+    QTest::addColumn<uid_t>("user");
+    QTest::addColumn<gid_t>("group");
+    QTest::addColumn<gid_t>("expectedGroup");
+    // Those of Debian: the group of a user who has a name is the user's own.
+    QTest::newRow("user with a name") << nobody << gid_t(1) << gid_t(nobody);
+    QTest::newRow("user without a name") << uid_t(54321) << gid_t(54322) << gid_t(54322);
+}
+
+void tst_ownerlock::rootBecomesTheOwner()
 {
     if (::geteuid() != 0)
-        QSKIP("needs root to give a file away");
+        QSKIP("needs root to give a tree away");
+    QFETCH(const uid_t, user);
+    QFETCH(const gid_t, group);
+    QFETCH(const gid_t, expectedGroup);
     const TemporaryTree tree;
-    QCOMPARE(::chown(QFile::encodeName(tree.writePath()).constData(), nobody, nobody), 0);
-    writeLockFile(tree, "1\n");
-    QCOMPARE(::chown(lockName(tree).constData(), nobody, nobody), 0);
-    OwnerLock lock;
+    QCOMPARE(::chown(QFile::encodeName(tree.writePath()).constData(), user, group), 0);
 
-    QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+    const ChildResult child = ChildProcess::runInChild([&] {
+        ::umask(0777);
+        QCOMPARE(becomeOwner(tree.writePath()), QString());
+
+        QCOMPARE(::getuid(), user);
+        QCOMPARE(::geteuid(), user);
+        QCOMPARE(::getgid(), expectedGroup);
+        QCOMPARE(::getegid(), expectedGroup);
+        std::vector<gid_t> groups(size_t(::getgroups(0, nullptr)));
+        QCOMPARE(::getgroups(int(groups.size()), groups.data()), int(groups.size()));
+        QCOMPARE(groups, std::vector<gid_t> { expectedGroup });
+        QCOMPARE(::setuid(0), -1);
+        QCOMPARE(::umask(0), mode_t(0077));
+        OwnerLock lock;
+        QCOMPARE(lock.acquire(tree.writePath()), OwnerLock::Status::Owned);
+        QCOMPARE(statOf(lockName(tree)).st_uid, user);
+    });
+
+    QVERIFY2(child.exitCode == 0, child.standardOutput.constData());
+}
+
+void tst_ownerlock::othersStayWhoTheyAre()
+{
+    const TemporaryTree tree;
+    const uid_t user = ::geteuid();
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+
+    QCOMPARE(becomeOwner(tree.writePath()), QString());
+    QCOMPARE(becomeOwner(QStringLiteral("/no/such/tree")), QString());
+
+    QCOMPARE(::geteuid(), user);
+    QCOMPARE(::umask(mask), mask);
 }
 
 int main(int argc, char** argv)

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <QString>
+
+#include <sys/types.h>
+
+/// The user's name, or the number where there is no name.
+QString userName(uid_t id);
+
+/// When root runs this and `writePath` belongs to another user, makes the process that user for
+/// good, with the user's groups: whatever root would write in that tree, its owner could not
+/// use. Otherwise changes nothing. To be called before anything is opened.
+///
+/// Returns an empty text, or one line that says why the process still is root.
+QString becomeOwner(const QString& writePath);
