@@ -367,8 +367,13 @@ Failure BusSession::subscribe(const QString& path)
     return {};
 }
 
-// Nothing to do: receiving the signal wakes the event loop.
-void BusSession::on_bus_disconnected() { }
+void BusSession::on_bus_disconnected()
+{
+    if (m_watched.isEmpty())
+        return;
+    m_hasLostWatches = true;
+    emit watchesLost();
+}
 
 void BusSession::on_service_valueChanged(const QString& path, const QDBusVariant& value)
 {

@@ -37,8 +37,8 @@ public:
     static QDBusConnection connectTo(const QString& bus);
     ~BusSession() override;
 
-    /// False when the bus has closed the connection, which also wakes the event loop.
-    bool isConnected() const { return m_connection.isConnected(); }
+    /// True after watchesLost().
+    bool hasLostWatches() const { return m_hasLostWatches; }
     Answer<ServiceStatus> status();
 
     bool isOwnProcess() const override { return false; }
@@ -58,6 +58,10 @@ public:
     Failure watch(const QString& path) override;
     void unwatch(const QString& path) override;
 
+signals:
+    /// From the event loop: the bus closed the connection, so no more events come.
+    void watchesLost();
+
 private slots:
     void on_bus_disconnected();
     void on_service_valueChanged(const QString& path, const QDBusVariant& value);
@@ -74,4 +78,5 @@ private:
     const std::unique_ptr<ConfigurationManagerProxy> m_proxy;
     QSet<QString> m_watched;
     bool m_isSubscribed = false;
+    bool m_hasLostWatches = false;
 };

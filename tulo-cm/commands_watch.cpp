@@ -24,20 +24,13 @@ int runWatch(Context& context, const Arguments& arguments)
     // In the shell the next line goes on, and the events come in between.
     if (context.inShell)
         return Done;
-    const auto isCutOff = [&context] {
-        return context.service != nullptr && !context.service->isConnected();
+    const auto isLost = [&context] {
+        return context.service != nullptr && context.service->hasLostWatches();
     };
-    serveEvents(-1, [&context, &output, &isCutOff] {
-        return context.watches->isEmpty() || output.isClosed() || output.hasFailed() || isCutOff();
+    serveEvents(-1, [&context, &output, &isLost] {
+        return context.watches->isEmpty() || output.isClosed() || output.hasFailed() || isLost();
     });
-    if (isCutOff() && !context.watches->isEmpty()) {
-        output.failure({ Unavailable, QStringLiteral("NoBus"),
-                         QStringLiteral("the bus closed the connection; changes from now on would "
-                                        "be missed"),
-                         QString() });
-        return Unavailable;
-    }
-    return Done;
+    return isLost() ? Unavailable : Done;
 }
 
 int runUnwatch(Context& context, const Arguments& arguments)

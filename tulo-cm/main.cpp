@@ -238,6 +238,12 @@ int runOnService(const Arguments& arguments, Output& output)
         output.failure(failure);
         return failure.exitCode;
     }
+    QObject::connect(session.get(), &BusSession::watchesLost, session.get(), [&output] {
+        output.failure({ Unavailable, QStringLiteral("NoBus"),
+                         QStringLiteral("the bus closed the connection; changes from now on are "
+                                        "missed"),
+                         QString() });
+    });
     return runOnSession(*session, session.get(), arguments, output);
 }
 

@@ -32,6 +32,7 @@ private slots:
     void watchOfManyPathsMissesNone();
     void watchFollowsTheServiceThatStartsAnew();
     void watchEndsWithTheBus();
+    void shellSaysThatTheBusIsGone();
 };
 
 void TstServiceCommands::checkNeverReadsTheCurrentFolderInstead()
@@ -175,9 +176,31 @@ void TstServiceCommands::watchEndsWithTheBus()
 
     QVERIFY(!result.timedOut);
     QCOMPARE(result.standardError,
-             QByteArray("tulo-cm: the bus closed the connection; changes from now on would be "
+             QByteArray("tulo-cm: the bus closed the connection; changes from now on are "
                         "missed\n"));
     QCOMPARE(result.exitCode, 7);
+}
+
+void TstServiceCommands::shellSaysThatTheBusIsGone()
+{
+    PrivateBus bus;
+    const CommandLine trees;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    ChildProcess shell(QStringLiteral(TULO_CM_PROGRAM),
+                       { QStringLiteral("--bus"), bus.address(), QStringLiteral("--json"),
+                         QStringLiteral("shell") });
+    QVERIFY(shell.start());
+    shell.writeInput("watch --initial /settings/audio/volume\n");
+    QVERIFY2(shell.waitForOutput(R"({"event":"value")"), shell.standardError());
+
+    bus.kill();
+
+    QVERIFY2(shell.waitForOutput(R"({"error":{"message":"the bus closed the connection; )"
+                                 R"(changes from now on are missed","name":"NoBus")"),
+             shell.standardError());
+    shell.closeInput();
+    QVERIFY(!shell.finish().timedOut);
 }
 
 QTEST_GUILESS_MAIN(TstServiceCommands)
