@@ -6,8 +6,44 @@
 #include <QThread>
 #include <QTimer>
 
+#include <cerrno>
 #include <csignal>
 #include <memory>
+
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+// ---------------------------------------------------------------------------------------------
+// A disk that does not answer: a program that does not get started, and one that is not ended by
+// anything. These stand in for the C library's functions.
+// ---------------------------------------------------------------------------------------------
+
+// NOLINTNEXTLINE: switched by one test at a time
+static bool execIsHeldBack = false;
+static bool killHasNoEffect = false; // NOLINT
+
+extern "C" {
+int slowExecv(const char* file, char* const* arguments) asm("execv");
+int quietKill(pid_t id, int number) asm("kill");
+}
+
+int slowExecv(const char* file, char* const* arguments)
+{
+    // Longer than the test's patience, and not for ever.
+    if (execIsHeldBack)
+        ::poll(nullptr, 0, ChildProcess::waitMs);
+    return int(::syscall(SYS_execve, file, arguments, environ));
+}
+
+int quietKill(pid_t id, int number)
+{
+    return killHasNoEffect ? 0 : int(::syscall(SYS_kill, id, number));
+}
+
+// ---------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -43,6 +79,12 @@ private slots:
     void timeOutKillsAndIsMinusTwo();
     void programThatIgnoresTerminationIsKilled();
     void timeOutKeepsTheOutputSoFar();
+    void timeOutIncludesTheStart();
+    void programThatCannotBeKilledIsLeftBehind();
+    void endlessOutputDoesNotOutrunTheTimeOut();
+    void failedForkIsMinusOne();
+    void tooManyOpenFilesIsMinusOne();
+    void openPipeOfAGrandchildIsNotWaitedFor();
     void noTimeOutWaitsForTheEnd();
     void noEventIsServedMeanwhile();
     void worksOnAnyThread();
@@ -178,6 +220,89 @@ void tst_framework_process_handler::timeOutKeepsTheOutputSoFar()
 {
     QCOMPARE(shell("echo before; exec tail -f /dev/null", shortTimeOutMs).output,
              QByteArray("before\n"));
+}
+
+void tst_framework_process_handler::timeOutIncludesTheStart()
+{
+    QElapsedTimer timer;
+    timer.start();
+    execIsHeldBack = true;
+    const TuloProcessResult result = shell("exit 0", 500);
+    execIsHeldBack = false;
+
+    QCOMPARE(result.returnCode, -2);
+    QVERIFY(timer.elapsed() < ChildProcess::waitMs);
+}
+
+void tst_framework_process_handler::programThatCannotBeKilledIsLeftBehind()
+{
+    QElapsedTimer timer;
+    timer.start();
+    killHasNoEffect = true;
+    const TuloProcessResult result = shell("echo $$; exec tail -f /dev/null", shortTimeOutMs);
+    killHasNoEffect = false;
+
+    QCOMPARE(result.returnCode, -2);
+    QVERIFY(timer.elapsed() < ChildProcess::waitMs);
+    const int id = result.output.trimmed().toInt();
+    QVERIFY(id > 0);
+    QCOMPARE(::kill(id, SIGKILL), 0);
+    QCOMPARE(::waitpid(id, nullptr, 0), id);
+}
+
+void tst_framework_process_handler::endlessOutputDoesNotOutrunTheTimeOut()
+{
+    const TuloProcessResult result = shell("exec cat /dev/zero", 100);
+
+    QCOMPARE(result.returnCode, -2);
+    QVERIFY(!result.output.isEmpty());
+}
+
+void tst_framework_process_handler::failedForkIsMinusOne()
+{
+    const ChildResult child = ChildProcess::runInChild(
+        [] {
+            const rlimit none { 0, 0 };
+            QCOMPARE(::setrlimit(RLIMIT_NPROC, &none), 0);
+
+            const TuloProcessResult result = shell("exit 0");
+
+            QCOMPARE(result.returnCode, -1);
+            QCOMPARE(QString::fromUtf8(result.output), qt_error_string(EAGAIN));
+        },
+        ChildProcess::User::Nobody);
+
+    QVERIFY2(child.exitCode == 0, child.standardOutput.constData());
+}
+
+void tst_framework_process_handler::tooManyOpenFilesIsMinusOne()
+{
+    const ChildResult child = ChildProcess::runInChild([] {
+        // The three standard streams and one more.
+        const rlimit few { 4, 4 };
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &few), 0);
+
+        const TuloProcessResult result = shell("exit 0");
+
+        QCOMPARE(result.returnCode, -1);
+        QCOMPARE(QString::fromUtf8(result.output), qt_error_string(EMFILE));
+    });
+
+    QVERIFY2(child.exitCode == 0, child.standardOutput.constData());
+}
+
+void tst_framework_process_handler::openPipeOfAGrandchildIsNotWaitedFor()
+{
+    QElapsedTimer timer;
+    timer.start();
+
+    const TuloProcessResult result = shell("tail -f /dev/null & echo $!", -1);
+
+    QVERIFY(timer.elapsed() < ChildProcess::waitMs);
+    QCOMPARE(result.returnCode, 0);
+    const int id = result.output.trimmed().toInt();
+    QVERIFY(id > 0);
+    QCOMPARE(::kill(id, SIGKILL), 0);
 }
 
 void tst_framework_process_handler::noTimeOutWaitsForTheEnd()

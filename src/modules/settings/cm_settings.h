@@ -108,7 +108,8 @@ private slots:
     /// Writes every pending entry and empties the table, whatever became of the writes.
     void on_writeTimer_timeout();
     /// Writes every pending entry at once, runs "sync" and answers the request, always with an
-    /// invalid variant. Blocks the thread meanwhile, for up to 30 seconds of sync.
+    /// invalid variant. Blocks the thread meanwhile, for up to 30 seconds of sync and
+    /// one more when a kill does not end it.
     void on_flush_invoked(const CMSetDataRequest& request);
     /// Announces a data change for every subscribed data path of this worker. Caches keep their
     /// texts: these translate when they are asked.
