@@ -9,6 +9,7 @@
 #include "api/core/tuloroles.h"
 
 #include <QByteArray>
+#include <QDir>
 #include <QFile>
 #include <QVariant>
 
@@ -134,7 +135,7 @@ class Inspection
 {
 public:
     Inspection(const QString& root, User user)
-        : m_root(QFile::encodeName(root))
+        : m_root(QFile::encodeName(QDir::cleanPath(root)))
         , m_user(user)
     {
     }
@@ -427,7 +428,7 @@ class WritableInspection : public Inspection
 public:
     WritableInspection(const QString& root, const QString& defaultRoot, const User& user)
         : Inspection(root, user)
-        , m_defaultRoot(QFile::encodeName(defaultRoot))
+        , m_defaultRoot(QFile::encodeName(QDir::cleanPath(defaultRoot)))
     {
     }
 

@@ -43,10 +43,10 @@ QString findingName(TreeFinding::Kind kind);
 ///
 /// Follows links as the worker does, visits each directory once, and goes as deep as paths do.
 /// Opens nothing but regular files of at most 1 MiB, takes no lock, writes nothing. In the
-/// writable tree it looks at settings and at their temporary files; all other hidden files there
-/// are nobody's business. Names that no listing shows are not looked into.
+/// writable tree it looks at settings and at their temporary files; other hidden files there
+/// are ignored. It does not descend into names that no listing shows.
 ///
-/// "Can be read" and "can be written" are meant for this process. Root can do everything, so for
-/// root the modes are read instead, for the owner of the writable tree; supplementary groups and
-/// access control lists do not count then.
+/// What cannot be read or written is judged for this process. Root may do everything, so when root
+/// runs this, owner, group and mode are judged for the owner of the writable tree; supplementary
+/// groups and access control lists do not count then.
 QVector<TreeFinding> inspectTrees(const QString& defaultPath, const QString& writePath);

@@ -54,7 +54,7 @@ void reloadLogging(const ServeOptions& options, Host& host, Output& output)
     host.writes().attach();
 }
 
-// Offers the service anew on a connection of its own.
+// Offers the service on a new connection.
 bool offer(Service& service, const QString& busName, QString* reason)
 {
     const QDBusConnection bus = BusSession::connectTo(busName);
@@ -65,7 +65,7 @@ bool offer(Service& service, const QString& busName, QString* reason)
 }
 
 // Serves until a signal comes, or the bus is gone for good: one that only closed this connection
-// (it does so to whoever sends too much) has the service back at once. Returns whether there is
+// (as it does to clients that send too much) has the service back at once. Returns whether there is
 // a bus.
 bool serveOnBus(Service& service, const QString& busName, Output& output)
 {

@@ -469,7 +469,7 @@ void tst_ownerlock::otherUserCannotHoldTheLockFirst()
     }
     const QString writePath = tree.writePath();
 
-    // As the child runs this function again on a tree of its own, it is all done in there.
+    // The child runs this function again on another tree, so it checks everything itself.
     const ChildResult child = ChildProcess::runInChild(
         [&tree] {
             OwnerLock lock;

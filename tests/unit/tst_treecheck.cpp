@@ -126,6 +126,7 @@ private slots:
     void othersHiddenFilesAreLeftAlone();
     void nothingIsChanged();
     void missingTreeStopsTheStart();
+    void nameOfTheTreeMayEndInASlash();
 
     void eachDirectoryIsVisitedOnce();
     void directoryIsVisitedWhereItLiesHighest();
@@ -395,6 +396,18 @@ void tst_treecheck::missingTreeStopsTheStart()
 
     QCOMPARE(inspect(tree),
              QStringList(QStringLiteral("stops unreadable write: No such file or directory")));
+}
+
+void tst_treecheck::nameOfTheTreeMayEndInASlash()
+{
+    const TemporaryTree tree;
+    tree.writeWritten(QStringLiteral("/x"), "5");
+
+    const QVector<TreeFinding> findings =
+        inspectTrees(tree.defaultPath(), tree.writePath() + QLatin1Char('/'));
+
+    QCOMPARE(findings.size(), 1);
+    QCOMPARE(findings.first().file, tree.writePath() + QLatin1String("/x"));
 }
 
 // Each folder links to all others: 20 of them have more ways than could ever be walked.
