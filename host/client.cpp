@@ -1,6 +1,5 @@
 #include "host/client.h"
 
-#include "host/guard.h"
 #include "host/router.h"
 #include "host/separator.h"
 
@@ -9,6 +8,8 @@
 
 #include <QMutexLocker>
 #include <QThread>
+
+#include <algorithm>
 
 namespace {
 
@@ -25,7 +26,7 @@ CMPath absolute(const CMPath& path)
 
 } // namespace
 
-Client::Client(Router* router, const Guard* guard)
+Client::Client(Router* router, Guard* guard)
     : m_router(router)
     , m_guard(guard)
 {
@@ -73,11 +74,6 @@ CMSetDataRequest::Reply Client::apply(const CMPath& path, const TuloOperation& o
     return setData(path, TuloRoles::ValueOperation(), operation.__variant());
 }
 
-CMSetDataRequest::Reply Client::flush()
-{
-    return setData(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant());
-}
-
 CMSetDataRequest::Reply Client::dropCache()
 {
     return setData(TuloSettingsActionsDropCache(), TuloRoles::Activate(), QVariant());
@@ -120,6 +116,46 @@ Rows Client::rowsOf(const TuloRowsRoles& answer, const QStringList& roles)
     return rows;
 }
 
+Rows Client::rows(const CMPath& path, qint32 firstRow, qint32 lastRow, const QStringList& roles,
+                  CMError* error)
+{
+    const CMGetRowsRequest::Reply all = getRows(path, firstRow, lastRow, roles);
+    *error = all.error();
+    if (errorKind(*error) == ErrorKind::None)
+        return rowsOf(all.value(), roles);
+    // A range that ends before it begins is answered without any row, so it tells whether the
+    // directory itself can be listed.
+    const CMGetRowsRequest::Reply none = getRows(path, 1, 0, roles);
+    if (errorKind(none.error()) != ErrorKind::None)
+        return Rows();
+    Rows result = rowsOf(none.value(), roles);
+    if (firstRow < 0 || lastRow < 0)
+        return Rows();
+    *error = CMError();
+
+    const QStringList names = m_guard == nullptr ? QStringList() : m_guard->listedNames(path);
+    const qint64 end = std::min(
+        { qint64(lastRow) + 1, qint64(firstRow) + Guard::maximumRows, qint64(result.count) });
+    for (qint32 index = firstRow; index < end; ++index) {
+        const CMGetRowsRequest::Reply one = getRows(path, index, index, roles);
+        if (errorKind(one.error()) == ErrorKind::None) {
+            result.rows += rowsOf(one.value(), roles).rows;
+            continue;
+        }
+        Row row;
+        row.name = names.size() == result.count ? names.at(index) : QString();
+        row.path = CMPath(path.text() + separator + row.name);
+        row.error = one.error().message().toString();
+        result.rows.append(row);
+    }
+    return result;
+}
+
+const Guard::Adjustment& Client::adjustment() const
+{
+    return m_adjustment;
+}
+
 // ---------------------------------------------------------------------------------------------
 // The way to the worker's thread: one queued event a request, so that timers and other events
 // have their turn between two requests.
@@ -156,7 +192,9 @@ void Client::serveQueued()
 void Client::serve(const CMRequest& request)
 {
     CMError error;
-    const CMRequest admitted = m_guard == nullptr ? request : m_guard->admit(request, &error);
+    m_adjustment = Guard::Adjustment();
+    const CMRequest admitted =
+        m_guard == nullptr ? request : m_guard->admit(request, &error, &m_adjustment);
     if (errorKind(error) != ErrorKind::None) {
         request.voidReply().setError(error);
         return;
@@ -166,9 +204,9 @@ void Client::serve(const CMRequest& request)
     if (request.kind() != CMRequest::Kind::SetData
         || CMSetDataRequest(request).role() == TuloRoles::Activate())
         return;
-    const CMVoidReply& reply = request.voidReply();
+    const CMSetDataRequest::Reply reply = CMSetDataRequest(request).reply();
     if (reply.isFinished() && errorKind(reply.error()) == ErrorKind::None)
-        emit changeAccepted(absolute(request.path()));
+        emit changeAccepted(absolute(request.path()), TuloRoles(TuloHash(reply.value().toHash())));
 }
 
 void Client::callDirectly(const CMRequest& request) const

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/errors.h"
+#include "host/guard.h"
 
 #include "api/core/model/cmrequest.h"
 #include "api/core/model/cmworker.h"
@@ -10,7 +11,6 @@
 #include <QObject>
 #include <QStringList>
 
-class Guard;
 class Router;
 
 /// One row of a directory. Answers of the worker hold no names; these come from the row's path.
@@ -19,7 +19,8 @@ struct Row
     QString name;
     CMPath path;
     bool isDirectory = false;
-    QList<QVariant> values; ///< of the roles asked for, in that order
+    QList<QVariant> values; ///< of the roles asked for, in that order; none after an error
+    QString error; ///< why the row cannot be served; empty when it can
 };
 
 /// The answer to Client::getRows(), taken apart.
@@ -46,7 +47,7 @@ public:
 
     /// `guard` judges every request; without one (for measurements) everything is admitted.
     /// Both outlive the client.
-    explicit Client(Router* router, const Guard* guard = nullptr);
+    explicit Client(Router* router, Guard* guard = nullptr);
     /// Closes.
     ~Client() override;
 
@@ -58,9 +59,6 @@ public:
     CMSetDataRequest::Reply setValue(const CMPath& path, const TuloValue& value);
     CMSetDataRequest::Reply setRoles(const CMPath& path, const TuloRoles& roles);
     CMSetDataRequest::Reply apply(const CMPath& path, const TuloOperation& operation);
-    /// Finished when everything pending was tried, with an invalid variant whatever became of
-    /// it; WriteWatch knows.
-    CMSetDataRequest::Reply flush();
     CMSetDataRequest::Reply dropCache();
     /// What the functions above are made of: any role, any value.
     CMSetDataRequest::Reply setData(const CMPath& path, const QString& role, const QVariant& value);
@@ -75,6 +73,14 @@ public:
     /// gets the error TimedOut; an answer that comes later is ignored.
     static void wait(const CMVoidReply& reply, int milliseconds = defaultTimeoutMs);
 
+    /// Like getRows(), taken apart. A row that cannot be served keeps its place, with its name, as
+    /// far as that is known, and the reason: it hides no other. `error` is set when the directory
+    /// itself cannot be listed. Worker thread only.
+    Rows rows(const CMPath& path, qint32 firstRow, qint32 lastRow, const QStringList& roles,
+              CMError* error);
+    /// How the value of the last change was adjusted to fit, if it was. Worker thread only.
+    const Guard::Adjustment& adjustment() const;
+
     /// Takes an answer to getRows() apart; `roles` are those that were given there.
     static Rows rowsOf(const TuloRowsRoles& answer, const QStringList& roles);
 
@@ -83,9 +89,9 @@ public:
     void close();
 
 signals:
-    /// The worker accepted a change to the setting `path` (with its leading "/"). Emitted on the
-    /// worker's thread, after the reply was finished.
-    void changeAccepted(const CMPath& path);
+    /// The worker accepted a change to the setting `path` (with its leading "/") and will write
+    /// `roles`. Emitted on the worker's thread, after the reply was finished.
+    void changeAccepted(const CMPath& path, const TuloRoles& roles);
     /// Hands the turn to the worker's thread, once for each queued request.
     void privateRequestQueued();
 
@@ -94,7 +100,9 @@ private:
     void serveQueued();
 
     Router* const m_router;
-    const Guard* const m_guard;
+    Guard* const m_guard;
+    // Worker thread only.
+    Guard::Adjustment m_adjustment;
 
     QMutex m_mutex;
     // Under the mutex.

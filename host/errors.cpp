@@ -11,9 +11,11 @@ struct NamedKind
     QLatin1String name;
 };
 
-const std::array<NamedKind, 7> namedKinds { {
+const std::array<NamedKind, 9> namedKinds { {
     { ErrorKind::InvalidPath, QLatin1String("InvalidPath") },
     { ErrorKind::Refused, QLatin1String("Refused") },
+    { ErrorKind::Rejected, QLatin1String("Rejected") },
+    { ErrorKind::Unavailable, QLatin1String("Unavailable") },
     { ErrorKind::NotModifiable, QLatin1String("NotModifiable") },
     { ErrorKind::Limits, QLatin1String("Limits") },
     { ErrorKind::InUse, QLatin1String("InUse") },

@@ -10,6 +10,8 @@ enum class ErrorKind {
     None, ///< no error
     InvalidPath, ///< names nothing
     Refused, ///< turned away by the guard
+    Rejected, ///< a value that the setting cannot have
+    Unavailable, ///< the setting's files cannot be read at this moment
     NotModifiable, ///< a change to a read-only setting
     Limits, ///< too long, too deep or too many
     InUse, ///< a change by a host that does not own the writable tree

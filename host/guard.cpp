@@ -1,11 +1,15 @@
 #include "host/guard.h"
 
 #include "host/separator.h"
+#include "host/settingvalue.h"
 
 #include "api/core/model/cmsubscribe.h"
 #include "api/core/model/tulosettingsactions.h"
 #include "api/core/tulo.h"
+#include "api/core/tulojson.h"
 
+#include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QRegExp>
@@ -168,6 +172,21 @@ CMError judgeRoles(const CMPath& path, const QStringList& roles)
                      Guard::maximumRoles);
 }
 
+CMError rejection(const CMPath& path, const QString& reason)
+{
+    return hostError(
+        ErrorKind::Rejected,
+        QStringLiteral("The value for '%1' was rejected: %2").arg(shown(path), reason));
+}
+
+CMError judgeSize(const CMPath& path, const QVariant& value)
+{
+    if (TuloJson::serialize(value).size() <= Guard::maximumValueBytes)
+        return CMError();
+    return overLimit(QStringLiteral("A value for '%1' takes more than %2 bytes"), path,
+                     Guard::maximumValueBytes);
+}
+
 bool isChange(const QString& role)
 {
     return role == TuloRoles::Value() || role == TuloRoles::SetRoles()
@@ -176,10 +195,13 @@ bool isChange(const QString& role)
 
 } // namespace
 
-Guard::Guard(CMWorker* worker, const QString& defaultPath, const QString& writePath)
+Guard::Guard(CMWorker* worker, const QString& defaultPath, const QString& writePath,
+             const QString& productPostfix)
     : m_worker(worker)
     , m_defaultPath(defaultPath)
     , m_writePath(writePath)
+    , m_productPostfix(productPostfix)
+    , m_files(defaultPath, writePath, productPostfix)
 {
 }
 
@@ -252,7 +274,7 @@ bool Guard::isListable(const QString& name)
 // Requests in front of the trees.
 // ---------------------------------------------------------------------------------------------
 
-CMRequest Guard::admit(const CMRequest& request, CMError* error) const
+CMRequest Guard::admit(const CMRequest& request, CMError* error, Adjustment* adjustment)
 {
     *error = judgePath(request.path());
     if (isRefused(*error))
@@ -261,13 +283,14 @@ CMRequest Guard::admit(const CMRequest& request, CMError* error) const
     switch (request.kind()) {
     case CMRequest::Kind::GetData:
         *error = judgeRoles(request.path(), CMGetDataRequest(request).roles());
+        if (!isRefused(*error))
+            *error = judgeFiles(request.path());
         break;
     case CMRequest::Kind::GetRows:
         *error = judgeRows(CMGetRowsRequest(request));
         break;
     case CMRequest::Kind::SetData:
-        *error = judgeSetData(CMSetDataRequest(request));
-        break;
+        return admitSetData(CMSetDataRequest(request), error, adjustment);
     case CMRequest::Kind::Ping:
     case CMRequest::Kind::MatchRow:
         break;
@@ -286,7 +309,15 @@ CMRequest Guard::admit(const CMRequest& request, CMError* error) const
                             rows.reply());
 }
 
-CMError Guard::judgeRows(const CMGetRowsRequest& request) const
+CMError Guard::judgeFiles(const CMPath& path)
+{
+    if (!isServed(path))
+        return CMError();
+    const QString reason = m_files.inspect(settingPathOf(path));
+    return reason.isEmpty() ? CMError() : hostError(ErrorKind::Unavailable, reason);
+}
+
+CMError Guard::judgeRows(const CMGetRowsRequest& request)
 {
     const CMPath& path = request.path();
     if (request.firstRow() < 0 || request.lastRow() < 0)
@@ -295,35 +326,86 @@ CMError Guard::judgeRows(const CMGetRowsRequest& request) const
     if (isRefused(error))
         return error;
     // The worker would answer the same, and remember the directory for good.
-    if (isServed(path) && !isDirectory(settingPathOf(path)))
+    if (!isServed(path))
+        return CMError();
+    const QString settingPath = settingPathOf(path);
+    if (!isDirectory(settingPath))
         return CMAbstractWorker::createErrorInvalidPath(path);
-    return CMError();
+    // Neither would the worker ever forget that it could not list one.
+    const QString reason = m_files.inspectListing(settingPath);
+    if (!reason.isEmpty())
+        return hostError(ErrorKind::Unavailable, reason);
+    return judgeFiles(path);
 }
 
-CMError Guard::judgeSetData(const CMSetDataRequest& request) const
+CMRequest Guard::admitSetData(const CMSetDataRequest& request, CMError* error,
+                              Adjustment* adjustment)
 {
     const CMPath& path = request.path();
     if (request.role() == TuloRoles::Activate()) {
-        if (isAction(path))
-            return CMError();
-        return refusal(QStringLiteral("Path '%1' is not an action"), path);
+        if (!isAction(path)) {
+            *error = refusal(QStringLiteral("Path '%1' is not an action"), path);
+            return CMRequest();
+        }
+        if (path == TuloSettingsActionsDropCache())
+            m_files.forget();
+        return request;
     }
     // The router and the worker have their own answers to these.
     if (!isServed(path) || !isChange(request.role()))
-        return CMError();
+        return request;
 
+    TuloRoles setting;
     if (!m_readOnlyMessage.isEmpty())
-        return hostError(ErrorKind::InUse, m_readOnlyMessage);
-    CMError error = judgeTarget(path);
-    return isRefused(error) ? error : judgeContent(request);
+        *error = hostError(ErrorKind::InUse, m_readOnlyMessage);
+    if (!isRefused(*error))
+        *error = judgeTarget(path, &setting);
+    if (!isRefused(*error))
+        *error = judgeContent(request);
+    return isRefused(*error) ? CMRequest() : admitChange(request, setting, error, adjustment);
+}
+
+// The value that is to be stored, within the constraints.
+CMRequest Guard::admitChange(const CMSetDataRequest& request, const TuloRoles& setting,
+                             CMError* error, Adjustment* adjustment)
+{
+    const CMPath& path = request.path();
+    const TuloHash sent(request.value().toHash());
+    ValueJudgement judgement;
+    if (request.role() == TuloRoles::ValueOperation())
+        judgement = judgeOperation(setting, TuloOperation(sent));
+    else if (request.role() == TuloRoles::SetRoles())
+        judgement = judgeChange(setting, TuloRoles(sent).value());
+    else
+        judgement = judgeChange(setting, TuloValue(sent));
+    if (!judgement.isAccepted) {
+        *error = rejection(path, judgement.reason);
+        return CMRequest();
+    }
+    *error = judgeSize(path, judgement.value.__variant());
+    if (isRefused(*error))
+        return CMRequest();
+    if (adjustment != nullptr)
+        *adjustment = { judgement.asked, judgement.value, judgement.reason };
+
+    if (request.role() != TuloRoles::SetRoles()) {
+        return CMSetDataRequest(path, TuloRoles::Value(), judgement.value.__variant(),
+                                request.reply());
+    }
+    TuloRoles roles(sent);
+    if (!judgement.value.isEmpty())
+        roles.setValue(judgement.value);
+    return CMSetDataRequest(path, request.role(), roles.__variant(), request.reply());
 }
 
 CMError Guard::judgeContent(const CMSetDataRequest& request)
 {
     const CMPath& path = request.path();
     const QVariant& value = request.value();
-    if (request.role() == TuloRoles::Value())
-        return judgeValue(path, value);
+    if (request.role() == TuloRoles::Value()) {
+        CMError error = judgeValue(path, value);
+        return isRefused(error) ? error : judgeSize(path, value);
+    }
 
     if (value.userType() != QMetaType::QVariantHash)
         return refusal(QStringLiteral("A change to '%1' is not an object"), path);
@@ -333,10 +415,13 @@ CMError Guard::judgeContent(const CMSetDataRequest& request)
     CMError error;
     for (auto entry = entries.cbegin(); entry != entries.cend() && !isRefused(error); ++entry) {
         error = judgeText(path, entry.key());
+        // The store's own, in whatever form it comes.
+        if (!isRefused(error) && entry.key() == TuloRoles::Path())
+            error = refusal(QStringLiteral("The role 'path' of '%1' cannot be set"), path);
         if (!isRefused(error))
             error = entry.key() == valueKey ? judgeValue(path, *entry) : judgeJson(path, *entry);
     }
-    return error;
+    return isRefused(error) ? error : judgeSize(path, value);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -359,7 +444,8 @@ bool Guard::isDirectory(const QString& settingPath) const
         || m_worker->subscribe()->rowsVersion(m_worker->addPrefix(settingPath)) > 0;
 }
 
-CMError Guard::judgeTarget(const CMPath& path) const
+// Sets `setting` to what tells which values it may have.
+CMError Guard::judgeTarget(const CMPath& path, TuloRoles* setting)
 {
     const QString settingPath = settingPathOf(path);
     // The worker answers for the flush action as if it were a setting.
@@ -372,16 +458,20 @@ CMError Guard::judgeTarget(const CMPath& path) const
     if (isRefused(error))
         return error;
 
+    const QString reason = m_files.inspectAgain(settingPath);
+    if (!reason.isEmpty())
+        return hostError(ErrorKind::Unavailable, reason);
     const std::optional<TuloRoles> roles = rolesOf(settingPath);
     if (!roles)
-        return judgeNewSetting(path, settingPath);
+        return judgeNewSetting(path, settingPath, setting);
     if (!roles->modifiable())
         return refusal(QStringLiteral("Setting '%1' is not modifiable"), path,
                        ErrorKind::NotModifiable);
+    *setting = *roles;
     return CMError();
 }
 
-CMError Guard::judgeNewSetting(const CMPath& path, const QString& settingPath) const
+CMError Guard::judgeNewSetting(const CMPath& path, const QString& settingPath, TuloRoles* setting)
 {
     const QString parent = parentOf(settingPath);
     if (parent.isEmpty())
@@ -404,23 +494,90 @@ CMError Guard::judgeNewSetting(const CMPath& path, const QString& settingPath) c
                                       "modifiable"),
                        path, ErrorKind::NotModifiable);
     }
-    return CMError();
+    if (roles)
+        *setting = *roles;
+    return judgeQuota(path, settingPath);
 }
 
 std::optional<TuloRoles> Guard::rolesOf(const QString& settingPath) const
 {
-    const QString modifiable = TuloRoles::Modifiable();
+    static const QStringList names { TuloRoles::Modifiable(), TuloRoles::Value(),
+                                     TuloRoles::DefaultValue(), TuloRoles::Edit() };
     const auto reply = CMGetDataRequest::Reply::create();
-    m_worker->getDataRequest(
-        CMGetDataRequest(m_worker->addPrefix(settingPath), { modifiable }, reply));
+    m_worker->getDataRequest(CMGetDataRequest(m_worker->addPrefix(settingPath), names, reply));
     TULO_ASSERT(reply.isFinished());
     if (isRefused(reply.error()))
         return std::nullopt;
     TuloRoles roles;
-    const QVariant answer = reply.value().value(0);
-    if (answer.isValid())
-        roles.__setHashAttribute(modifiable, answer);
+    const QList<QVariant> answers = reply.value();
+    for (int i = 0; i < names.size(); ++i) {
+        const QVariant answer = answers.value(i);
+        if (answer.isValid())
+            roles.__setHashAttribute(names.at(i), answer);
+    }
     return roles;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Settings made at run time: those that no default file describes. One that was admitted counts,
+// whatever becomes of it.
+// ---------------------------------------------------------------------------------------------
+
+CMError Guard::judgeQuota(const CMPath& path, const QString& settingPath)
+{
+    findCreated();
+    QSet<QString>& names = m_created[parentOf(settingPath)];
+    const QString name = nameOf(settingPath);
+    if (names.contains(name))
+        return CMError();
+    if (names.size() >= maximumCreatedInDirectory) {
+        return overLimit(QStringLiteral("No setting '%1' can be created: its directory has %2 "
+                                        "settings made at run time"),
+                         path, maximumCreatedInDirectory);
+    }
+    if (m_createdCount >= maximumCreated) {
+        return overLimit(QStringLiteral("No setting '%1' can be created: the tree has %2 settings "
+                                        "made at run time"),
+                         path, maximumCreated);
+    }
+    names.insert(name);
+    ++m_createdCount;
+    return CMError();
+}
+
+void Guard::findCreated()
+{
+    if (m_knowsCreated)
+        return;
+    m_knowsCreated = true;
+    QDirIterator files(m_writePath, QDir::Files | QDir::NoSymLinks, QDirIterator::Subdirectories);
+    while (files.hasNext()) {
+        const QString settingPath = files.next().mid(m_writePath.size());
+        const QString name = nameOf(settingPath);
+        const QString defaultFile = m_defaultPath + settingPath;
+        if (!isListable(name) || QFileInfo::exists(defaultFile)
+            || QFileInfo::exists(defaultFile + QLatin1Char('_') + m_productPostfix))
+            continue;
+        m_created[parentOf(settingPath)].insert(name);
+        ++m_createdCount;
+    }
+}
+
+QStringList Guard::listedNames(const CMPath& directory) const
+{
+    const QString settingPath = settingPathOf(directory);
+    QSet<QString> names = m_created.value(settingPath);
+    for (const QString& tree : { m_defaultPath, m_writePath }) {
+        const QStringList entries =
+            QDir(tree + settingPath).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+        for (const QString& entry : entries) {
+            if (isListable(entry))
+                names.insert(entry);
+        }
+    }
+    QStringList sorted(names.cbegin(), names.cend());
+    sorted.sort();
+    return sorted;
 }
 
 CMError Guard::judgeWritableTree(const CMPath& path, const QString& settingPath) const
@@ -435,8 +592,7 @@ CMError Guard::judgeWritableTree(const CMPath& path, const QString& settingPath)
                 QStringLiteral("A symbolic link in the writable tree is in the way of '%1'"), path);
         }
         if (kind != 0 && kind != S_IFDIR && kind != S_IFREG) {
-            return refusal(QStringLiteral("Something in the writable tree that is no file is in "
-                                          "the way of '%1'"),
+            return refusal(QStringLiteral("'%1' is blocked by a special file in the writable tree"),
                            path);
         }
         return CMError();

@@ -1,10 +1,13 @@
 #pragma once
 
 #include "host/errors.h"
+#include "host/fileprobe.h"
 
 #include "api/core/model/cmrequest.h"
 #include "api/core/model/cmworker.h"
 
+#include <QHash>
+#include <QSet>
 #include <QString>
 #include <QVariant>
 
@@ -27,31 +30,59 @@
 ///   it does not protect from somebody who changes the trees at that very moment.
 /// - A change goes to a setting that exists and is modifiable, or creates a listable name in a
 ///   directory that the default tree describes by a ".meta".
-/// - It costs the worker no memory that stays: directories that do not exist are answered here.
+/// - It does not let clients grow the worker's caches: directories that do not exist are answered
+///   here.
+/// - The setting's files can be read at this moment (see FileProbe).
+/// - A value is of the setting's kind and within its constraints: a number that was not is
+///   adjusted here, any other value is rejected here, so that a rejected change reaches neither
+///   worker nor subscribers. An operation arrives at the worker as the value that it makes.
+/// - A tree gains so many new settings and no more.
 ///
 /// Judges what is on disk and, by asking the worker, what was accepted and is not yet written.
-/// Keeps no state of its own. Worker thread only.
+/// Worker thread only.
 class Guard
 {
 public:
+    /// How a value was changed to fit its setting.
+    struct Adjustment
+    {
+        TuloValue asked;
+        TuloValue stored;
+        QString reason; ///< names the constraint and its limit; empty when nothing was adjusted
+    };
+
     static constexpr int maximumLevels = 16; ///< components of a path, the mount included
     static constexpr int maximumNameBytes = 200; ///< of a component, in UTF-8
     static constexpr int maximumPathBytes = 1000; ///< of a whole path, in UTF-8
     static constexpr int maximumRows = 500; ///< answered by one request
     static constexpr int maximumRoles = 64; ///< named by one request
     static constexpr int maximumDepth = 8; ///< of lists and objects inside a value
+    static constexpr int maximumValueBytes = 48 * 1024; ///< of a value, as JSON
+    static constexpr int maximumCreated = 10000; ///< settings without a default file in a tree
+    static constexpr int maximumCreatedInDirectory = 1000;
 
-    /// `worker` serves the directories `defaultPath` and `writePath` and outlives the guard.
-    Guard(CMWorker* worker, const QString& defaultPath, const QString& writePath);
+    /// `worker` serves the directories `defaultPath` and `writePath`, with the product variants
+    /// of `productPostfix` unless that is null, and outlives the guard.
+    Guard(CMWorker* worker, const QString& defaultPath, const QString& writePath,
+          const QString& productPostfix = QString());
 
     /// From now on every change is refused with the kind InUse and this message; an empty one
     /// admits changes again. The two actions stay admitted.
     void setReadOnly(const QString& message);
 
     /// Returns the request to hand to the worker: `request` itself, or one that shares its
-    /// reply and asks for fewer rows. Sets `error` and returns an empty handle when the request
-    /// is refused; the reply is left to the caller.
-    CMRequest admit(const CMRequest& request, CMError* error) const;
+    /// reply and asks for fewer rows or changes to another value, which `adjustment` then tells.
+    /// Sets `error` and returns an empty handle when the request is refused; the reply is left to
+    /// the caller.
+    CMRequest admit(const CMRequest& request, CMError* error, Adjustment* adjustment = nullptr);
+
+    /// What keeps the files of a setting or directory from being read; an empty error when
+    /// nothing does.
+    CMError judgeFiles(const CMPath& path);
+
+    /// The names that listings of a directory show, sorted, as far as files and the settings
+    /// made through this guard tell.
+    QStringList listedNames(const CMPath& directory) const;
 
     /// What is wrong with a path by itself; an empty error when nothing is. For whoever
     /// subscribes; admit() looks at the path as well.
@@ -63,23 +94,35 @@ public:
     static bool isListable(const QString& name);
 
 private:
-    CMError judgeRows(const CMGetRowsRequest& request) const;
-    CMError judgeSetData(const CMSetDataRequest& request) const;
+    CMError judgeRows(const CMGetRowsRequest& request);
+    CMRequest admitSetData(const CMSetDataRequest& request, CMError* error, Adjustment* adjustment);
+    static CMRequest admitChange(const CMSetDataRequest& request, const TuloRoles& setting,
+                                 CMError* error, Adjustment* adjustment);
     static CMError judgeContent(const CMSetDataRequest& request);
-    CMError judgeTarget(const CMPath& path) const;
-    CMError judgeNewSetting(const CMPath& path, const QString& settingPath) const;
+    CMError judgeTarget(const CMPath& path, TuloRoles* setting);
+    CMError judgeNewSetting(const CMPath& path, const QString& settingPath, TuloRoles* setting);
     CMError judgeWritableTree(const CMPath& path, const QString& settingPath) const;
+    CMError judgeQuota(const CMPath& path, const QString& settingPath);
+    void findCreated();
 
     /// Tells whether `path` is the worker's, in either form.
     bool isServed(const CMPath& path) const;
     /// Tells whether there is such a directory in a tree, or for an accepted change.
     bool isDirectory(const QString& settingPath) const;
-    /// What the worker knows of a setting or directory, reduced to whether it is modifiable;
-    /// nothing when there is no such node.
+    /// What the worker knows of a setting or directory that tells what it may hold; nothing when
+    /// there is no such node.
     std::optional<TuloRoles> rolesOf(const QString& settingPath) const;
 
     CMWorker* const m_worker;
     const QString m_defaultPath;
     const QString m_writePath;
+    const QString m_productPostfix;
+    FileProbe m_files;
     QString m_readOnlyMessage;
+
+    // Settings that only the writable tree holds: names by directory, in setting paths. Filled
+    // when the first one is made.
+    QHash<QString, QSet<QString>> m_created;
+    int m_createdCount = 0;
+    bool m_knowsCreated = false;
 };

@@ -4,7 +4,6 @@
 #include "host/separator.h"
 
 #include "api/core/language.h"
-#include "api/core/model/tulosettingsactions.h"
 
 #include <QFileInfo>
 
@@ -133,7 +132,9 @@ bool Host::createWorker(HostFailure* failure)
     m_writes = std::make_unique<WriteWatch>(m_writePath, m_worker->prefixPath());
     m_writes->attach();
     m_router.addWorker(m_worker.get());
-    m_guard = std::make_unique<Guard>(m_worker.get(), m_defaultPath, m_writePath);
+    m_guard = std::make_unique<Guard>(m_worker.get(), m_defaultPath, m_writePath,
+                                      m_options.productPostfix);
+    m_router.setRowCheck([this](const CMPath& path) { return m_guard->judgeFiles(path); });
     if (m_options.access == HostOptions::Access::Read) {
         m_guard->setReadOnly(m_otherOwner.value_or(0) == 0
                                  ? QStringLiteral("The writable tree '%1' is open for reading "
@@ -146,6 +147,7 @@ bool Host::createWorker(HostFailure* failure)
     m_client = std::make_unique<Client>(&m_router, m_guard.get());
     QObject::connect(m_client.get(), &Client::changeAccepted, m_writes.get(),
                      &WriteWatch::addPending);
+    m_flusher = std::make_unique<Flusher>(m_worker.get(), m_client.get(), &m_lock, m_writes.get());
     if (!m_options.language.isEmpty()) {
         m_catalogueCount =
             Language::instance()->setLocale(m_options.language, m_options.catalogues);
@@ -164,22 +166,20 @@ Host::~Host()
 
 bool Host::stop()
 {
-    if (!m_worker)
-        return !m_writes || m_writes->isSaved();
-    m_client->close();
-    if (m_writes->needsFlush()) {
-        // On the worker's own thread: the reply is finished when the call returns.
-        const auto reply = CMSetDataRequest::Reply::create();
-        m_router.request(
-            CMSetDataRequest(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant(), reply));
-        TULO_ASSERT(reply.isFinished());
+    if (!m_flusher)
+        return m_isSaved;
+    if (m_writes->needsFlush() || m_flusher->isWaitedFor()) {
+        const FlushResult result = m_flusher->flushNow();
+        m_isSaved = result.error.isEmpty() && result.unsaved == 0;
     }
+    m_flusher.reset();
+    m_client->close();
     m_router.removeWorker(m_worker.get());
     m_worker.reset();
     m_lock.release();
     if (!m_options.language.isEmpty())
         Language::instance()->setLocale(QString(), QStringList());
-    return m_writes->isSaved();
+    return m_isSaved;
 }
 
 Client& Host::client()
@@ -190,6 +190,16 @@ Client& Host::client()
 CMSubscribe* Host::registry() const
 {
     return m_worker ? m_worker->subscribe() : nullptr;
+}
+
+void Host::flush(const Flusher::Done& done)
+{
+    m_flusher->flush(done);
+}
+
+FlushResult Host::flushNow()
+{
+    return m_flusher->flushNow();
 }
 
 const WriteWatch& Host::writes() const

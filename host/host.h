@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/client.h"
+#include "host/flusher.h"
 #include "host/guard.h"
 #include "host/ownerlock.h"
 #include "host/router.h"
@@ -79,6 +80,12 @@ public:
     const WriteWatch& writes() const;
     WriteWatch& writes();
 
+    /// Gets everything accepted onto the disk: see Flusher. `done` is called once, on this
+    /// thread, at the latest by stop().
+    void flush(const Flusher::Done& done);
+    /// The same, and waits: at most until the writes are done and Flusher::syncTimeoutMs more.
+    [[nodiscard]] FlushResult flushNow();
+
     // Canonical.
     QString defaultPath() const;
     QString writePath() const;
@@ -91,9 +98,10 @@ public:
     /// Catalogues found for the language; 0 when texts stay as they are.
     int catalogueCount() const;
 
-    /// Ends in order: takes no more requests, flushes if anything accepted may not be safely on
-    /// disk, destroys the worker, gives the tree back. Returns whether everything accepted is
-    /// on disk. A later call changes nothing and returns the same.
+    /// Ends in order: flushes if anything accepted may not be safely on disk, answers every
+    /// flush() that waits, takes no more requests, destroys the worker, gives the tree back.
+    /// Returns whether everything accepted is on disk. A later call changes nothing and returns
+    /// the same.
     bool stop();
 
 private:
@@ -116,4 +124,6 @@ private:
     std::unique_ptr<CMWorker> m_worker;
     std::unique_ptr<Guard> m_guard;
     std::unique_ptr<Client> m_client;
+    std::unique_ptr<Flusher> m_flusher;
+    bool m_isSaved = true; ///< after stop()
 };

@@ -14,6 +14,11 @@ void Router::removeWorker(CMWorker* worker)
     worker->setRouter(nullptr);
 }
 
+void Router::setRowCheck(const std::function<CMError(const CMPath&)>& check)
+{
+    m_rowCheck = check;
+}
+
 CMWorker* Router::workerFor(const CMPath& path) const
 {
     QString prefix = path.text();
@@ -39,6 +44,10 @@ void Router::request(const CMRequest& request) const
 CMReply<QList<QVariant>> Router::getData(const CMPath& path, const QStringList& roles,
                                          const CMReply<QList<QVariant>>& reply)
 {
-    request(CMGetDataRequest(path, roles, reply));
+    const CMError error = m_rowCheck ? m_rowCheck(path) : CMError();
+    if (error.isEmpty())
+        request(CMGetDataRequest(path, roles, reply));
+    else
+        reply.setError(error);
     return reply;
 }

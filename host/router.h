@@ -6,6 +6,8 @@
 #include <QHash>
 #include <QString>
 
+#include <functional>
+
 /// Finds the worker that serves a path: the one with the longest prefix, in whole components,
 /// with or without the path's leading "/". "/settings2" is not below "/settings".
 ///
@@ -19,6 +21,9 @@ public:
     /// To be called before `worker` is destroyed.
     void removeWorker(CMWorker* worker);
 
+    /// Asked before a worker's own request for a row is served; an error is then the answer.
+    void setRowCheck(const std::function<CMError(const CMPath&)>& check);
+
     /// Null when nobody serves `path`.
     CMWorker* workerFor(const CMPath& path) const;
 
@@ -31,4 +36,5 @@ public:
 
 private:
     QHash<QString, CMWorker*> m_workers; ///< by prefix, with its leading "/"
+    std::function<CMError(const CMPath&)> m_rowCheck;
 };

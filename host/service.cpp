@@ -6,13 +6,10 @@
 
 #include <QDBusConnectionInterface>
 #include <QDBusError>
-
-#include <algorithm>
-#include <utility>
+#include <QPointer>
 
 namespace {
 
-const QString rejectedError = QStringLiteral("Rejected");
 const QString notSavedError = QStringLiteral("NotSaved");
 const QString internalError = QStringLiteral("Internal");
 
@@ -30,12 +27,30 @@ QString busErrorOf(ErrorKind kind)
     switch (kind) {
     case ErrorKind::InvalidPath:
     case ErrorKind::Refused:
+    case ErrorKind::Rejected:
+    case ErrorKind::Unavailable:
     case ErrorKind::NotModifiable:
     case ErrorKind::Limits:
         return errorName(kind);
     default:
         return internalError;
     }
+}
+
+// What a row that cannot be served has in place of its roles.
+QVariantMap errorEntry(const QString& message)
+{
+    return { { QStringLiteral("error"), message } };
+}
+
+QVariantMap rolesOf(const Row& row, const QStringList& roles)
+{
+    if (!row.error.isEmpty())
+        return errorEntry(row.error);
+    QVariantHash values;
+    for (int i = 0; i < roles.size(); ++i)
+        values.insert(roles.at(i), row.values.at(i));
+    return busRoles(values);
 }
 
 } // namespace
@@ -71,11 +86,17 @@ Service::Service(Host& host)
     registerBusTypes();
     new ConfigurationManagerAdaptor(this);
     m_host.registry()->addObserver(this);
+    m_announcement.setSingleShot(true);
+    m_announcement.setInterval(announcementIntervalMs);
+    connect(&m_announcement, &QTimer::timeout, this, &Service::announceProperties);
     // Queued: it is emitted inside a log call of the worker.
-    connect(&m_host.writes(), &WriteWatch::changed, this, &Service::announceProperties,
-            Qt::QueuedConnection);
-    m_flushRun.setSingleShot(true);
-    connect(&m_flushRun, &QTimer::timeout, this, &Service::answerFlushes);
+    connect(
+        &m_host.writes(), &WriteWatch::changed, this,
+        [this] {
+            if (!m_announcement.isActive() && m_host.writes().revision() != m_announcedRevision)
+                m_announcement.start();
+        },
+        Qt::QueuedConnection);
 }
 
 Service::~Service()
@@ -88,8 +109,8 @@ Service::~Service()
 bool Service::offer(const QDBusConnection& bus, QString* reason)
 {
     m_bus = bus;
-    // What was before, whoever comes reads.
-    m_announced = changingProperties();
+    // Clients read the current properties when they connect, so only later changes are announced.
+    m_announcedRevision = m_host.writes().revision();
     if (!m_bus.registerObject(objectPath(), this)) {
         *reason = QStringLiteral("The object '%1' is offered already").arg(objectPath());
         return false;
@@ -101,10 +122,8 @@ bool Service::offer(const QDBusConnection& bus, QString* reason)
     if (m_bus.registerService(busName()))
         return true;
     const QString detail = m_bus.lastError().message();
-    *reason = QStringLiteral("The name '%1' is not to be had on this bus%2")
-                  .arg(busName(),
-                       detail.isEmpty() ? QStringLiteral(": another service has it")
-                                        : QStringLiteral(": ") + detail);
+    *reason = QStringLiteral("cannot acquire the bus name '%1': %2")
+                  .arg(busName(), detail.isEmpty() ? QStringLiteral("already owned") : detail);
     withdraw();
     return false;
 }
@@ -114,12 +133,16 @@ void Service::withdraw()
     if (!m_isOffered)
         return;
     m_isOffered = false;
-    // Whoever calls from now on waits for the next owner of the name, where there will be one.
-    m_bus.unregisterService(busName());
     m_bus.unregisterObject(objectPath());
-    answerFlushes();
-    // Asked and answered after everything that was sent, which is then out of the process.
-    m_bus.interface()->isServiceRegistered(busName());
+    if (!m_bus.isConnected())
+        return;
+    // Asked and answered after everything that was sent. Not unregisterService(), which would
+    // wait for a bus that hangs.
+    QDBusMessage release = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("ReleaseName"));
+    release << busName();
+    m_bus.asyncCall(release, withdrawTimeoutMs).waitForFinished();
 }
 
 bool Service::isConnected() const
@@ -127,7 +150,7 @@ bool Service::isConnected() const
     return m_bus.isConnected();
 }
 
-// Waking the event loop is all.
+// Nothing to do: receiving the signal wakes the event loop.
 void Service::on_bus_disconnected() { }
 
 // ---------------------------------------------------------------------------------------------
@@ -141,18 +164,17 @@ QString Service::version() const
 
 uint Service::pendingWrites() const
 {
-    return uint(m_host.writes().pendingPaths().size());
+    return uint(m_host.writes().pendingCount());
 }
 
 QStringList Service::unsavedPaths() const
 {
-    // Half a message, as other properties may travel with this one.
     const QStringList all = m_host.writes().unsavedPaths();
     QStringList paths;
     int size = 0;
     for (const QString& path : all) {
         size += busSize(path);
-        if (size > maximumBodyBytes / 2)
+        if (size > maximumPageBytes)
             break;
         paths.append(path);
     }
@@ -174,26 +196,13 @@ QString Service::writePath() const
     return m_host.writePath();
 }
 
-QVariantMap Service::changingProperties() const
-{
-    return { { QStringLiteral("PendingWrites"), pendingWrites() },
-             { QStringLiteral("UnsavedPaths"), unsavedPaths() },
-             { QStringLiteral("LastWriteError"), lastWriteError() } };
-}
-
 void Service::announceProperties()
 {
     if (!m_isOffered)
         return;
-    const QVariantMap now = changingProperties();
-    QVariantMap changed;
-    for (auto property = now.cbegin(); property != now.cend(); ++property) {
-        if (m_announced.value(property.key()) != *property)
-            changed.insert(property.key(), *property);
-    }
-    m_announced = now;
-    if (changed.isEmpty())
-        return;
+    m_announcedRevision = m_host.writes().revision();
+    const QVariantMap changed { { QStringLiteral("UnsavedPaths"), unsavedPaths() },
+                                { QStringLiteral("LastWriteError"), lastWriteError() } };
     QDBusMessage signal =
         QDBusMessage::createSignal(objectPath(), QStringLiteral("org.freedesktop.DBus.Properties"),
                                    QStringLiteral("PropertiesChanged"));
@@ -231,7 +240,11 @@ bool Service::accepted(const QString& path)
 
 bool Service::refused(const CMVoidReply& reply)
 {
-    const CMError error = reply.error();
+    return refused(reply.error());
+}
+
+bool Service::refused(const CMError& error)
+{
     const ErrorKind kind = errorKind(error);
     if (kind == ErrorKind::None)
         return false;
@@ -251,7 +264,7 @@ QVariantMap Service::GetData(const QString& path, const QStringList& roles)
     for (int i = 0; i < roles.size(); ++i)
         answer.insert(roles.at(i), values.at(i));
     const QVariantMap present = busRoles(answer);
-    if (busSize(present) > maximumBodyBytes) {
+    if (busSize(present) > maximumRolesBytes) {
         refuseSize(path);
         return {};
     }
@@ -263,25 +276,29 @@ uint Service::GetRows(const QString& path, int first, int last, const QStringLis
 {
     if (!accepted(path))
         return 0;
-    const auto reply = m_host.client().getRows(CMPath(path), first, last, roles);
-    if (refused(reply))
+    CMError error;
+    const Rows answer = m_host.client().rows(CMPath(path), first, last, roles, &error);
+    if (refused(error))
         return 0;
-    const Rows answer = Client::rowsOf(reply.value(), roles);
     rowsVersion = answer.version;
     directoryRoles = busRoles(answer.directory.__variant().toHash());
-    int size = busSize(directoryRoles);
+    if (busSize(directoryRoles) > maximumRolesBytes) {
+        refuseSize(path);
+        return 0;
+    }
+    int size = 0;
     for (const Row& row : answer.rows) {
-        QVariantHash rowRoles;
-        for (int i = 0; i < roles.size(); ++i)
-            rowRoles.insert(roles.at(i), row.values.at(i));
-        const BusRow busRow { row.name, busRoles(rowRoles) };
-        size += busSize(busRow.name) + busSize(busRow.roles);
-        if (size > maximumBodyBytes) {
-            // Those that fit; the client asks for the rest.
-            if (rows.isEmpty())
-                refuseSize(path);
-            break;
+        BusRow busRow { row.name, rolesOf(row, roles) };
+        int rowSize = busSize(busRow.name) + busSize(busRow.roles);
+        if (rowSize > maximumPageBytes) {
+            busRow.roles = errorEntry(
+                QStringLiteral("The row takes more than %1 bytes").arg(maximumPageBytes));
+            rowSize = busSize(busRow.name) + busSize(busRow.roles);
         }
+        size += rowSize;
+        // Those that fit; the client asks for the rest.
+        if (size > maximumPageBytes && !rows.isEmpty())
+            break;
         rows.append(busRow);
     }
     return uint(answer.count);
@@ -315,13 +332,8 @@ bool Service::acceptedValue(const QString& path, const QVariant& sent, TuloValue
     if (accepted)
         *value = valueFromPlain(content, settingRoles(path));
     if (!accepted || value->isEmpty()) {
-        refuse(rejectedError,
+        refuse(errorName(ErrorKind::Rejected),
                QStringLiteral("A setting cannot hold this value; path:'%1'").arg(path));
-        return false;
-    }
-    // On the bus it takes more than it took: a list of numbers becomes one of variants.
-    if (busSize(busRole(TuloRoles::Value(), value->__variant())) > maximumValueBytes) {
-        refuseSize(path);
         return false;
     }
     return true;
@@ -331,11 +343,7 @@ QVariantMap Service::stored(const CMSetDataRequest::Reply& reply)
 {
     if (refused(reply))
         return {};
-    // Done is done: roles that do not fit are left out.
-    QVariantMap roles = busRoles(reply.value().toHash());
-    while (busSize(roles) > maximumBodyBytes)
-        roles.erase(roles.begin());
-    return roles;
+    return busRoles(reply.value().toHash());
 }
 
 QVariantMap Service::SetValue(const QString& path, const QDBusVariant& value)
@@ -375,15 +383,11 @@ QVariantMap Service::SetRoles(const QString& path, const QVariantMap& roles)
                    && plain.userType() == QMetaType::Bool) {
             changed.setDisabled(plain.toBool());
         } else {
-            refuse(rejectedError,
+            refuse(errorName(ErrorKind::Rejected),
                    QStringLiteral("The role '%1' cannot hold this value; path:'%2'")
                        .arg(role.key(), path));
             return {};
         }
-    }
-    if (busSize(busRoles(changed.__variant().toHash())) > maximumValueBytes) {
-        refuseSize(path);
-        return {};
     }
     return stored(m_host.client().setRoles(CMPath(path), changed));
 }
@@ -408,35 +412,30 @@ uint Service::Flush()
 {
     if (!message().isReplyRequired())
         return 0;
-    const QString client = message().service();
-    const auto waiting =
-        std::count_if(m_waitingFlushes.cbegin(), m_waitingFlushes.cend(),
-                      [&client](const QDBusMessage& call) { return call.service() == client; });
+    const QDBusMessage call = message();
+    int& waiting = m_waitingFlushes[call.service()];
     if (waiting >= maximumWaiting) {
         refuse(errorName(ErrorKind::Limits),
                QStringLiteral("More than %1 flushes are waiting").arg(maximumWaiting));
         return 0;
     }
+    ++waiting;
     setDelayedReply(true);
-    m_waitingFlushes.append(message());
-    // Whoever asks before the event loop comes round shares this run.
-    m_flushRun.start();
+    m_host.flush([service = QPointer<Service>(this), call](const FlushResult& result) {
+        if (service)
+            service->answerFlush(call, result);
+    });
     return 0;
 }
 
-void Service::answerFlushes()
+void Service::answerFlush(const QDBusMessage& call, const FlushResult& result)
 {
-    const QVector<QDBusMessage> calls = std::exchange(m_waitingFlushes, {});
-    if (calls.isEmpty())
-        return;
-    m_host.client().flush();
-    const WriteWatch& writes = m_host.writes();
-    const uint failed = uint(writes.unsavedPaths().size());
-    for (const QDBusMessage& call : calls) {
-        m_bus.send(writes.syncFailed()
-                       ? call.createErrorReply(errorPrefix() + notSavedError, writes.lastError())
-                       : call.createReply(failed));
-    }
+    const auto waiting = m_waitingFlushes.find(call.service());
+    if (--*waiting == 0)
+        m_waitingFlushes.erase(waiting);
+    m_bus.send(result.error.isEmpty()
+                   ? call.createReply(uint(result.unsaved))
+                   : call.createErrorReply(errorPrefix() + notSavedError, result.error));
 }
 
 void Service::DropCache()
@@ -452,15 +451,14 @@ void Service::DropCache()
 bool Service::isEncrypted(const CMPath& path)
 {
     const auto reply = m_host.client().getData(path, { TuloRoles::Encrypted() });
-    // Whoever cannot be asked is not given away.
+    // If we cannot tell, treat the value as encrypted.
     return errorKind(reply.error()) != ErrorKind::None || reply.value().first().toBool();
 }
 
 void Service::valueChanged(const CMPath& path, const QVariant& value)
 {
     const QVariant plain = busRole(TuloRoles::Value(), value);
-    // One that a file brought may be too large for the bus; that it changed is told all the same.
-    if (plain.isValid() && busSize(plain) <= maximumValueBytes && !isEncrypted(path))
+    if (plain.isValid() && !isEncrypted(path))
         emit ValueChanged(path.text(), QDBusVariant(plain));
 }
 

@@ -7,23 +7,22 @@
 #include <QDBusContext>
 #include <QDBusMessage>
 #include <QDBusVariant>
+#include <QHash>
 #include <QObject>
 #include <QStringList>
 #include <QTimer>
 #include <QVariant>
-#include <QVector>
 
 /// Offers a host's settings on D-Bus. The interface, its methods, signals and errors are
 /// described in org.tulo.ConfigurationManager1.xml; the names below are theirs.
 ///
 /// Lives on the host's thread and serves every call there, in the order of arrival, so one
-/// request of all clients is under way at a time. Only flushes wait: those that wait already
-/// share one run, and a client has at most maximumWaiting of them. Null and wrong values are
-/// turned away before they reach the worker; what the worker announces goes out as broadcast
-/// signals, which no slow reader holds up.
+/// request of all clients is under way at a time. Only flushes wait, and hold up nobody else
+/// longer than the pending files take to write; a client has at most maximumWaiting of them.
+/// Invalid values are rejected before they reach the worker; what the worker announces goes out
+/// as broadcast signals.
 ///
-/// A call whose sender wants no answer is not served: the bus limits the answers that a client
-/// waits for, and nothing else keeps one client from filling the queue for all.
+/// A call whose sender wants no answer is ignored.
 class Service : public QObject, protected QDBusContext, private CMSubscriber
 {
     Q_OBJECT
@@ -36,11 +35,15 @@ class Service : public QObject, protected QDBusContext, private CMSubscriber
 
 public:
     static constexpr int maximumWaiting = 16;
-    /// The bus closes the connection of whoever sends more than 64 KiB, so the service sends
-    /// less: what follows a message's header has at most so many bytes ...
-    static constexpr int maximumBodyBytes = 62 * 1024;
-    /// ... and a value that is set, which is announced and answered later, so many.
-    static constexpr int maximumValueBytes = 56 * 1024;
+    /// The rows of one answer take about so many bytes; a row that takes more comes with an error
+    /// in place of its roles. Far below what a bus allows, so that no answer holds others up.
+    static constexpr int maximumPageBytes = 1024 * 1024;
+    /// The roles of one node take at most so many bytes: more than any file of a tree makes.
+    static constexpr int maximumRolesBytes = 24 * 1024 * 1024;
+    /// How often changed properties are announced at most.
+    static constexpr int announcementIntervalMs = 1000;
+    /// How long the bus may take to answer when the service withdraws from it.
+    static constexpr int withdrawTimeoutMs = 2000;
 
     static QString busName();
     static QString objectPath();
@@ -56,7 +59,8 @@ public:
     /// Offers the object and takes the bus name. False when the bus or another service does not
     /// allow it; `reason`, one line, says why.
     bool offer(const QDBusConnection& bus, QString* reason);
-    /// Takes no more calls; answers the flushes that wait. Can be offered again.
+    /// Takes no more calls; what was sent before is out of the process when this returns, unless
+    /// the bus does not answer in withdrawTimeoutMs. Can be offered again.
     void withdraw();
     /// False once the bus has closed the connection. The event loop wakes up for that.
     bool isConnected() const;
@@ -94,19 +98,19 @@ private:
     void refuse(const QString& error, const QString& message);
     void refuseSize(const QString& path);
     bool refused(const CMVoidReply& reply);
+    bool refused(const CMError& error);
     bool accepted(const QString& path);
     bool acceptedValue(const QString& path, const QVariant& sent, TuloValue* value);
     QVariantMap stored(const CMSetDataRequest::Reply& reply);
     TuloRoles settingRoles(const QString& path);
     bool isEncrypted(const CMPath& path);
-    void answerFlushes();
-    QVariantMap changingProperties() const;
+    void answerFlush(const QDBusMessage& call, const FlushResult& result);
     void announceProperties();
 
     Host& m_host;
     QDBusConnection m_bus;
     bool m_isOffered = false;
-    QVector<QDBusMessage> m_waitingFlushes;
-    QTimer m_flushRun;
-    QVariantMap m_announced; ///< the changing properties as they were announced last
+    QHash<QString, int> m_waitingFlushes; ///< by client
+    QTimer m_announcement;
+    int m_announcedRevision = 0; ///< of the write watch
 };

@@ -1,6 +1,7 @@
 #include "host/settingvalue.h"
 
 #include "api/core/model/cmedit.h"
+#include "api/core/model/cmoperation.h"
 #include "api/core/tulojson.h"
 
 namespace {
@@ -12,13 +13,108 @@ QString jsonText(const QVariant& content)
 
 } // namespace
 
-QString kindOfSetting(const TuloRoles& roles)
+QString kindOfSetting(const TuloRoles& setting)
 {
-    if (!roles.value().kind().isEmpty())
-        return roles.value().kind();
-    if (!roles.defaultValue().kind().isEmpty())
-        return roles.defaultValue().kind();
-    return CMEdit::kind(TuloValue(), roles.edit());
+    const TuloEdit edit = setting.edit();
+    const QString constrained = CMEdit::kind(TuloValue(), edit);
+    if (constrained.isEmpty()) {
+        return setting.defaultValue().kind().isEmpty() ? setting.value().kind()
+                                                       : setting.defaultValue().kind();
+    }
+    const bool mayBeDouble = constrained == TuloValue::Int() && edit.kind().isEmpty();
+    const bool isDouble = setting.defaultValue().kind() == TuloValue::Double()
+        || setting.value().kind() == TuloValue::Double();
+    return mayBeDouble && isDouble ? TuloValue::Double() : constrained;
+}
+
+namespace {
+
+// The constraints with the kind spelled out. Malformed ones stay as they are, to refuse.
+TuloEdit typedEdit(const TuloRoles& setting)
+{
+    TuloEdit edit = setting.edit();
+    const QString kind = kindOfSetting(setting);
+    if (!kind.isEmpty())
+        edit.__setHashAttribute(TuloEdit::Kind(), kind);
+    return edit;
+}
+
+bool isNumber(const QString& kind)
+{
+    return kind == TuloValue::Int() || kind == TuloValue::Double();
+}
+
+bool isStep(const QString& verb)
+{
+    return verb == QLatin1String("next") || verb == QLatin1String("previous");
+}
+
+// Tells whether the verb can do anything with such a setting; if not, it leaves the value alone.
+bool applies(const QString& verb, const QString& kind, const TuloValue& operand,
+             const TuloEdit& edit)
+{
+    if (verb == QLatin1String("toggle"))
+        return kind.isEmpty() || kind == TuloValue::Bool();
+    if (isStep(verb))
+        return isNumber(kind) || !edit.values().isEmpty();
+    if (verb == QLatin1String("add") || verb == QLatin1String("multiply"))
+        return isNumber(kind) && !operand.convertedTo(kind).isEmpty();
+    return kind == TuloValue::List()
+        || (kind == TuloValue::String() && operand.kind() == TuloValue::String());
+}
+
+} // namespace
+
+ValueJudgement judgeChange(const TuloRoles& setting, const TuloValue& requested)
+{
+    ValueJudgement result;
+    result.asked = requested;
+    if (requested.isEmpty())
+        return result;
+    const TuloEdit edit = typedEdit(setting);
+    // Without limits it stays as it is, integers beyond the signed 64 bits among them.
+    if (setting.edit().__isEmpty() && (edit.__isEmpty() || edit.kind() == requested.kind())) {
+        result.value = requested;
+        return result;
+    }
+    CMEdit::Judgement judgement = CMEdit::judge(setting.value(), requested, edit);
+    // The worker, which sees neither default value nor kind, must come to the same.
+    if (!judgement.value.isEmpty()) {
+        const CMEdit::Judgement workers =
+            CMEdit::judge(setting.value(), judgement.value, setting.edit());
+        if (workers.value.isEmpty())
+            judgement = workers;
+    }
+    result.value = judgement.value;
+    result.isAccepted = !judgement.value.isEmpty();
+    result.reason = withLimits(judgement.reason, edit);
+    return result;
+}
+
+ValueJudgement judgeOperation(const TuloRoles& setting, const TuloOperation& operation)
+{
+    const QString verb = operation.op();
+    ValueJudgement result;
+    result.isAccepted = false;
+    if (!CMOperation::verbs().contains(verb)) {
+        result.reason = QStringLiteral("'%1' is not an operation").arg(verb);
+        return result;
+    }
+    if (verb == QLatin1String("set"))
+        return judgeChange(setting, operation.value());
+    const TuloEdit edit = typedEdit(setting);
+    const QString kind = edit.kind().isEmpty() ? operation.value().kind() : edit.kind();
+    if (!applies(verb, kind, operation.value(), edit)) {
+        result.reason =
+            QStringLiteral("'%1' is not applicable to a value of kind '%2'").arg(verb, kind);
+        return result;
+    }
+    if (isStep(verb))
+        return judgeChange(setting, CMOperation::apply(setting.value(), edit, operation));
+    // Without the limits, so that the judgement can tell which of them cut the result.
+    const TuloEdit kindOnly =
+        kind.isEmpty() ? TuloEdit() : TuloEdit(TuloHash({ { TuloEdit::Kind(), kind } }));
+    return judgeChange(setting, CMOperation::apply(setting.value(), kindOnly, operation));
 }
 
 TuloValue valueOfKind(const QString& kind, const QVariant& content)

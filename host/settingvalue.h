@@ -8,9 +8,27 @@
 
 // Values without a kind, as people and D-Bus clients give them. No state; thread-safe.
 
-/// The kind that a setting's values have: that of its current value, its default value or its
-/// constraints, in this order; empty when none tells.
-QString kindOfSetting(const TuloRoles& roles);
+/// The kind that a setting's values have: that of its constraints, of its default value, or,
+/// where there is none, of its current value; empty when none tells. Constraints that name
+/// numbers only leave it to the default and current value whether it is int or double.
+QString kindOfSetting(const TuloRoles& setting);
+
+/// What a change comes to.
+struct ValueJudgement
+{
+    bool isAccepted = true;
+    TuloValue asked; ///< of an operation: its result without the limits; else what was sent
+    TuloValue value; ///< to store; empty for an empty request
+    QString reason; ///< of a rejection or an adjustment, with the limits; else empty
+};
+
+/// Judges `requested` against the kind and the constraints of `setting`, which holds its value,
+/// defaultValue and edit. An empty request, which leaves the stored value, is accepted.
+ValueJudgement judgeChange(const TuloRoles& setting, const TuloValue& requested);
+
+/// The same for what `operation` makes of the current value. A verb that does not exist or does
+/// not apply to the setting's kind is rejected.
+ValueJudgement judgeOperation(const TuloRoles& setting, const TuloOperation& operation);
 
 /// `content` as a value of `kind` if it can be one (a number that loses nothing, the text of a
 /// number or truth value), otherwise of the kind that it has by itself. Empty when it has none.

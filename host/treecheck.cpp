@@ -1,5 +1,6 @@
 #include "host/treecheck.h"
 
+#include "host/fileprobe.h"
 #include "host/guard.h"
 #include "host/settingvalue.h"
 #include "host/treeowner.h"
@@ -30,7 +31,6 @@ namespace {
 using Kind = TreeFinding::Kind;
 using Effect = TreeFinding::Effect;
 
-constexpr qint64 maximumFileBytes = 1024 * 1024;
 // Of what a path can name; the mount is its first component.
 constexpr int maximumDepth = Guard::maximumLevels - 1;
 constexpr char metaName[] = ".meta";
@@ -228,8 +228,8 @@ protected:
             return std::nullopt;
         }
         // One that grows meanwhile is read no further.
-        const QByteArray text = file.read(maximumFileBytes + 1);
-        if (text.size() > maximumFileBytes) {
+        const QByteArray text = file.read(FileProbe::maximumFileBytes + 1);
+        if (text.size() > FileProbe::maximumFileBytes) {
             add(entry, Kind::TooLarge, Effect::StopsStart, QStringLiteral("is larger than 1 MiB"));
             return std::nullopt;
         }

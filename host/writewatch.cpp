@@ -5,8 +5,8 @@
 #include <QDir>
 #include <QMutexLocker>
 
-#include <algorithm>
 #include <array>
+#include <mutex>
 
 #include <log4cplus/logger.h>
 #include <log4cplus/spi/loggingevent.h>
@@ -15,7 +15,6 @@ namespace {
 
 // The worker's records. Their texts are an interface.
 const QLatin1String writtenText("written file: ");
-const QLatin1String syncText("Flush action: sync");
 const QLatin1String syncFailedText("Sync failed with return code");
 const QLatin1String failureText("Settings: path '");
 const QLatin1String noDirectoryText("' could not create parent directory");
@@ -43,7 +42,7 @@ QString targetOf(const QString& temporaryName)
 }
 
 // The file that a record of a failed write is about; empty for any other record. File names may
-// hold quotes, so the texts are taken off both ends and nothing is searched for.
+// hold quotes, so the known prefix and suffix are stripped instead of searching.
 QString failedFile(const QString& record)
 {
     if (!record.startsWith(failureText))
@@ -64,16 +63,10 @@ QString failedFile(const QString& record)
                                                               : QString();
 }
 
-QStringList sorted(const QSet<QString>& paths)
-{
-    QStringList list(paths.cbegin(), paths.cend());
-    list.sort();
-    return list;
-}
-
 } // namespace
 
-/// Hands the worker's records to the watch.
+/// Hands the worker's records to the watch, as long as there is one: a record may be under way on
+/// another thread when the watch is destroyed.
 class WriteWatch::Appender : public log4cplus::Appender
 {
 public:
@@ -86,15 +79,25 @@ public:
     Q_DISABLE_COPY(Appender)
 
     void close() override { closed = true; }
+    /// From here on the watch is not touched any more. Waits for a record that is being read.
+    void detach()
+    {
+        const std::lock_guard<std::recursive_mutex> locker(m_watchMutex);
+        m_watch = nullptr;
+    }
 
 protected:
     void append(const log4cplus::spi::InternalLoggingEvent& event) override
     {
-        m_watch->read(QString::fromStdString(event.getMessage()));
+        const std::lock_guard<std::recursive_mutex> locker(m_watchMutex);
+        if (m_watch != nullptr)
+            m_watch->read(QString::fromStdString(event.getMessage()));
     }
 
 private:
-    WriteWatch* const m_watch;
+    // Recursive: what is connected to changed() may log.
+    std::recursive_mutex m_watchMutex;
+    WriteWatch* m_watch;
 };
 
 WriteWatch::WriteWatch(const QString& writePath, const CMPath& prefix)
@@ -107,6 +110,7 @@ WriteWatch::WriteWatch(const QString& writePath, const CMPath& prefix)
 WriteWatch::~WriteWatch()
 {
     workerLogger().removeAppender(m_appender);
+    static_cast<Appender&>(*m_appender).detach();
 }
 
 void WriteWatch::attach()
@@ -118,12 +122,33 @@ void WriteWatch::attach()
         logger.setLogLevel(log4cplus::INFO_LOG_LEVEL);
 }
 
-void WriteWatch::addPending(const CMPath& path)
+// ---------------------------------------------------------------------------------------------
+// The life of a change: pending, then written or unsaved, then confirmed or unsaved.
+// ---------------------------------------------------------------------------------------------
+
+void WriteWatch::addPending(const CMPath& path, const TuloRoles& roles)
 {
     QMutexLocker locker(&m_mutex);
-    m_pending.insert(path.text());
+    State& state = m_changes[path.text()];
+    state.roles = roles;
+    setPending(&state, true);
     locker.unlock();
     emit changed();
+}
+
+void WriteWatch::setPending(State* state, bool isPending)
+{
+    m_pendingCount += int(isPending) - int(state->isPending);
+    state->isPending = isPending;
+}
+
+void WriteWatch::setUnsaved(State* state, bool isUnsaved)
+{
+    if (state->isUnsaved == isUnsaved)
+        return;
+    m_unsavedCount += isUnsaved ? 1 : -1;
+    state->isUnsaved = isUnsaved;
+    ++m_revision;
 }
 
 // The tree's path of a file's name; empty for a file outside the tree.
@@ -141,38 +166,125 @@ void WriteWatch::read(const QString& record)
         const QString node = nodeOf(record.mid(writtenText.size()));
         if (node.isEmpty())
             return;
-        m_pending.remove(node);
-        m_unsaved.remove(node);
-        m_unsynced = true;
-    } else if (record == syncText) {
-        m_unsynced = false;
-        m_syncFailed = false;
+        State& state = m_changes[node];
+        setPending(&state, false);
+        setUnsaved(&state, false);
+        state.unconfirmedBy = m_nextSync;
+        m_hasWrittenSinceSync = true;
     } else if (record.startsWith(syncFailedText)) {
-        m_unsynced = true;
-        m_syncFailed = true;
-        m_lastError = record;
+        m_lastError = record.left(maximumErrorLength);
+        ++m_revision;
     } else {
         const QString node = nodeOf(failedFile(record));
         if (node.isEmpty())
             return;
-        m_pending.remove(node);
-        m_unsaved.insert(node);
-        m_lastError = record;
+        State& state = m_changes[node];
+        setPending(&state, false);
+        setUnsaved(&state, true);
+        state.unconfirmedBy = 0;
+        m_lastError = record.left(maximumErrorLength);
+        ++m_revision;
     }
     locker.unlock();
     emit changed();
 }
 
-QStringList WriteWatch::pendingPaths() const
+int WriteWatch::beginSync()
 {
     const QMutexLocker locker(&m_mutex);
-    return sorted(m_pending);
+    m_hasWrittenSinceSync = false;
+    return m_nextSync++;
+}
+
+bool WriteWatch::hasWrittenSinceSync() const
+{
+    const QMutexLocker locker(&m_mutex);
+    return m_hasWrittenSinceSync;
+}
+
+void WriteWatch::endSync(int number, const QString& error)
+{
+    QMutexLocker locker(&m_mutex);
+    for (auto change = m_changes.begin(); change != m_changes.end();) {
+        State& state = *change;
+        // The system reports an error once, so one may be about what was written meanwhile.
+        const bool isCovered =
+            state.unconfirmedBy != 0 && (state.unconfirmedBy <= number || !error.isEmpty());
+        if (isCovered) {
+            state.unconfirmedBy = 0;
+            setUnsaved(&state, state.isUnsaved || !error.isEmpty());
+        }
+        if (isCovered && !state.isPending && !state.isUnsaved)
+            change = m_changes.erase(change);
+        else
+            ++change;
+    }
+    if (!error.isEmpty()) {
+        m_lastError = error.left(maximumErrorLength);
+        ++m_revision;
+    }
+    locker.unlock();
+    emit changed();
+}
+
+void WriteWatch::setError(const QString& error)
+{
+    QMutexLocker locker(&m_mutex);
+    m_lastError = error.left(maximumErrorLength);
+    ++m_revision;
+    locker.unlock();
+    emit changed();
+}
+
+// ---------------------------------------------------------------------------------------------
+// What is known.
+// ---------------------------------------------------------------------------------------------
+
+QStringList WriteWatch::pathsWhere(bool State::*flag) const
+{
+    const QMutexLocker locker(&m_mutex);
+    QStringList paths;
+    for (auto change = m_changes.cbegin(); change != m_changes.cend(); ++change) {
+        if ((*change).*flag)
+            paths.append(change.key());
+    }
+    paths.sort();
+    return paths;
+}
+
+QStringList WriteWatch::pendingPaths() const
+{
+    return pathsWhere(&State::isPending);
 }
 
 QStringList WriteWatch::unsavedPaths() const
 {
+    return pathsWhere(&State::isUnsaved);
+}
+
+QVector<WriteWatch::Change> WriteWatch::unsavedChanges() const
+{
+    const QStringList paths = unsavedPaths();
     const QMutexLocker locker(&m_mutex);
-    return sorted(m_unsaved);
+    QVector<Change> changes;
+    for (const QString& path : paths) {
+        const State state = m_changes.value(path);
+        if (state.isUnsaved && !state.isPending && !state.roles.__isEmpty())
+            changes.append({ CMPath(path), state.roles });
+    }
+    return changes;
+}
+
+int WriteWatch::pendingCount() const
+{
+    const QMutexLocker locker(&m_mutex);
+    return m_pendingCount;
+}
+
+int WriteWatch::unsavedCount() const
+{
+    const QMutexLocker locker(&m_mutex);
+    return m_unsavedCount;
 }
 
 QString WriteWatch::lastError() const
@@ -181,20 +293,20 @@ QString WriteWatch::lastError() const
     return m_lastError;
 }
 
-bool WriteWatch::syncFailed() const
+int WriteWatch::revision() const
 {
     const QMutexLocker locker(&m_mutex);
-    return m_syncFailed;
+    return m_revision;
 }
 
 bool WriteWatch::needsFlush() const
 {
     const QMutexLocker locker(&m_mutex);
-    return !m_pending.isEmpty() || m_unsynced;
+    return !m_changes.isEmpty();
 }
 
 bool WriteWatch::isSaved() const
 {
     const QMutexLocker locker(&m_mutex);
-    return m_pending.isEmpty() && m_unsaved.isEmpty() && !m_syncFailed;
+    return m_pendingCount == 0 && m_unsavedCount == 0;
 }

@@ -1,57 +1,85 @@
 #pragma once
 
 #include "api/core/model/cmpath.h"
+#include "api/core/tuloroles.h"
 
-#include <QMap>
+#include <QHash>
 #include <QMutex>
 #include <QObject>
-#include <QSet>
 #include <QString>
 #include <QStringList>
+#include <QVector>
 
 #include <log4cplus/appender.h>
 
-/// Knows which accepted changes are not on disk. The worker tells nobody but its log whether a
-/// write succeeded, so this reads the records of the logger "CMSettingsWorker".
+/// Knows which accepted changes are not safely on disk. The worker reports only in its log
+/// whether a write succeeded, so this reads the records of the logger "CMSettingsWorker".
 ///
-/// A path is pending from its acceptance to the record about its file, and unsaved from a
-/// record that its write failed to one that a later write succeeded: the worker drops a failed
-/// write, so it is on disk again only after the setting was changed again.
+/// A change is pending from its acceptance to the record about its file. Then it is either
+/// unsaved, when the write failed, or written and not yet confirmed, until a sync of the tree's
+/// file system tells: what that sync could not confirm is unsaved, too. The worker drops a write
+/// that failed, so the accepted roles of everything that is not confirmed are kept here, for
+/// Host::flush() to store them again.
 ///
-/// Needs the worker's INFO records. attach() sees to that; whoever configures logging shows
-/// fewer levels by the thresholds of appenders, not by that logger's level, and calls attach()
-/// again, because a log4cplus configuration drops the appenders of the loggers it names.
+/// Needs the worker's INFO records. attach() sees to that; a log configuration shows fewer
+/// levels by the thresholds of appenders, not by that logger's level, and calls attach() again,
+/// because a log4cplus configuration drops the appenders of the loggers it names.
 ///
-/// Thread-safe, except attach().
+/// Thread-safe, its destruction included, except attach(). A change costs the same however many
+/// others are not on disk.
 class WriteWatch : public QObject
 {
     Q_OBJECT
 
 public:
+    /// What lastError() keeps of a record.
+    static constexpr int maximumErrorLength = 1000;
+
+    struct Change
+    {
+        CMPath path;
+        TuloRoles roles; ///< as the worker answered them
+    };
+
     /// Watches for files below the directory `writePath` (canonical); `prefix` is the worker's.
     WriteWatch(const QString& writePath, const CMPath& prefix);
     ~WriteWatch() override;
 
-    /// Hangs the watch on the worker's logger, once only however often it is called, and lowers
-    /// that logger's level to INFO if it is above.
+    /// Attaches to the worker's logger, once only however often it is called, and lowers that
+    /// logger's level to INFO if it is above.
     void attach();
 
-    /// A change to `path` was accepted and will be written.
-    void addPending(const CMPath& path);
+    /// A change to `path` was accepted; `roles` will be written.
+    void addPending(const CMPath& path, const TuloRoles& roles);
+
+    /// Begins a sync that covers everything written until now; returns its number, for
+    /// endSync(), which may come in any order and late.
+    int beginSync();
+    /// Tells whether something was written since the last sync began.
+    bool hasWrittenSinceSync() const;
+    /// An empty `error`: everything that was written before that sync began is confirmed.
+    /// Otherwise everything written and not confirmed is unsaved.
+    void endSync(int number, const QString& error);
+    /// Something else that keeps changes from the disk, for lastError().
+    void setError(const QString& error);
 
     /// Settings accepted and not yet tried to write, sorted.
     QStringList pendingPaths() const;
-    /// Settings whose last write failed, sorted.
+    int pendingCount() const;
+    /// Settings whose last write failed or could not be confirmed, sorted.
     QStringList unsavedPaths() const;
-    /// The worker's last record of a failed write or sync, empty when there was none.
+    int unsavedCount() const;
+    /// The unsaved changes that are not pending again, by path.
+    QVector<Change> unsavedChanges() const;
+    /// The last failure to write or to sync, empty when there was none.
     QString lastError() const;
-    /// Tells whether the sync of the last flush failed, so that a power cut could still undo
-    /// what was written.
-    bool syncFailed() const;
-    /// Tells whether a flush has anything to do: something is pending, or was written and not
-    /// synced since.
+    /// Grows whenever unsavedPaths() or lastError() may read differently.
+    int revision() const;
+    /// Tells whether a flush has anything to do: something is pending or unsaved, or was written
+    /// and is not confirmed.
     bool needsFlush() const;
-    /// Tells whether everything accepted is safely on disk. For after a flush.
+    /// Tells whether nothing is pending or unsaved. After a flush: whether everything accepted
+    /// is safely on disk.
     bool isSaved() const;
 
 signals:
@@ -61,19 +89,32 @@ signals:
 
 private:
     class Appender;
+    struct State
+    {
+        TuloRoles roles;
+        bool isPending = false;
+        bool isUnsaved = false;
+        int unconfirmedBy = 0; ///< the first sync that will cover the last write; 0: none
+    };
 
     void read(const QString& record);
+    void setFailed(const QString& failedFile, const QString& record);
+    void setPending(State* state, bool isPending);
+    void setUnsaved(State* state, bool isUnsaved);
+    QStringList pathsWhere(bool State::*flag) const;
     QString nodeOf(const QString& fileName) const;
 
     const QString m_writePath;
     const QString m_prefix;
-    log4cplus::SharedAppenderPtr m_appender;
+    const log4cplus::SharedAppenderPtr m_appender;
 
     mutable QMutex m_mutex;
-    // Under the mutex; paths with their prefix.
-    QSet<QString> m_pending;
-    QSet<QString> m_unsaved;
+    // Under the mutex; by path with its prefix. What is confirmed has no entry.
+    QHash<QString, State> m_changes;
+    int m_pendingCount = 0;
+    int m_unsavedCount = 0;
+    int m_nextSync = 1;
+    bool m_hasWrittenSinceSync = false;
     QString m_lastError;
-    bool m_syncFailed = false;
-    bool m_unsynced = false;
+    int m_revision = 0;
 };

@@ -26,8 +26,9 @@ struct KnownError
 };
 
 const KnownError knownErrors[] = {
-    { "InvalidPath", NoSuchPath }, { "NotModifiable", Refused }, { "Refused", Refused },
-    { "Rejected", Refused },       { "Limits", Refused },        { "NotSaved", NotSaved },
+    { "InvalidPath", NoSuchPath },  { "NotModifiable", Refused }, { "Refused", Refused },
+    { "Rejected", Refused },        { "Limits", Refused },        { "NotSaved", NotSaved },
+    { "Unavailable", Unavailable },
 };
 
 Failure failureOf(const QDBusError& error, const QString& path)
@@ -216,9 +217,12 @@ Answer<RowPage> BusSession::getRows(const QString& path, int first, int last,
     page.roles = namedRoles(directoryRoles.keys(), directoryRoles);
     const BusRows rows = reply.argumentAt<3>();
     for (const BusRow& row : rows) {
-        page.rows.append({ row.roles.value(TuloRoles::Path()).toString(),
+        const QString error = row.roles.value(QStringLiteral("error")).toString();
+        const bool isServed = error.isEmpty() || row.roles.contains(TuloRoles::Path());
+        page.rows.append({ isServed ? row.roles.value(TuloRoles::Path()).toString()
+                                    : path + QLatin1Char('/') + row.name,
                            row.roles.value(TuloRoles::Type()).toInt() == TuloRolesType::Directory,
-                           namedRoles(roles, row.roles) });
+                           namedRoles(roles, row.roles), isServed ? QString() : error });
     }
     return { page, {} };
 }

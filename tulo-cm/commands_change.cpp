@@ -128,15 +128,6 @@ QString shownValue(const TuloValue& value)
     return shownInCell(value.isEmpty() ? QVariant() : value.__variant());
 }
 
-Failure kept(const QString& path, const QString& what, const QString& reason, const TuloValue& now)
-{
-    return {
-        Refused, QStringLiteral("Rejected"),
-        QStringLiteral("%1 was refused: %2; the value stays %3").arg(what, reason, shownValue(now)),
-        path
-    };
-}
-
 Failure adjusted(const QString& path, const QString& what, const QString& reason,
                  const TuloValue& now)
 {
@@ -155,13 +146,7 @@ int printOutcome(Context& context, const QString& path, const TuloRoles& before,
         printStored(context.output, path, roles);
         return Done;
     }
-    const CMEdit::Judgement judgement = CMEdit::judge(before.value(), requested, before.edit());
-    const QString reason = judgement.reason.isEmpty()
-        ? QStringLiteral("the setting's constraints do not let it in")
-        : withLimits(judgement.reason, before.edit());
-    const bool isExpected = isSame(judgement.value, now);
-    if (judgement.value.isEmpty() || (!isExpected && isSame(before.value(), now)))
-        return report(context, kept(path, shownValue(requested), reason, now));
+    const QString reason = judgeChange(before, requested).reason;
     printStored(context.output, path, roles);
     return report(context, adjusted(path, shownValue(requested), reason, now));
 }
@@ -246,45 +231,10 @@ int runSet(Context& context, const Arguments& arguments)
 
 namespace {
 
-bool isNumber(const QString& kind)
-{
-    return kind == TuloValue::Int() || kind == TuloValue::Double();
-}
-
 bool takesOperand(const QString& verb)
 {
     return verb != QLatin1String("toggle") && verb != QLatin1String("next")
         && verb != QLatin1String("previous");
-}
-
-bool isStep(const QString& verb)
-{
-    return verb == QLatin1String("next") || verb == QLatin1String("previous");
-}
-
-// Tells whether the verb can do anything with such a setting; if not, it leaves the value alone.
-bool fits(const QString& verb, const QString& kind, const TuloValue& operand, const TuloEdit& edit)
-{
-    if (verb == QLatin1String("set"))
-        return true;
-    if (verb == QLatin1String("toggle"))
-        return kind == TuloValue::Bool();
-    if (isStep(verb))
-        return isNumber(kind) || !edit.values().isEmpty();
-    if (verb == QLatin1String("add") || verb == QLatin1String("multiply"))
-        return isNumber(kind) && !operand.convertedTo(kind).isEmpty();
-    return kind == TuloValue::List()
-        || (kind == TuloValue::String() && operand.kind() == TuloValue::String());
-}
-
-// The result without the limits that cut it.
-TuloValue unlimited(const TuloRoles& before, const QString& kind, const TuloOperation& operation)
-{
-    if (isStep(operation.op()))
-        return CMOperation::apply(before.value(), before.edit(), operation);
-    const TuloEdit kindOnly =
-        kind.isEmpty() ? TuloEdit() : TuloEdit(TuloHash({ { TuloEdit::Kind(), kind } }));
-    return CMOperation::apply(before.value(), kindOnly, operation);
 }
 
 Failure judgeVerb(const QString& verb, bool hasOperand)
@@ -301,31 +251,16 @@ Failure judgeVerb(const QString& verb, bool hasOperand)
 }
 
 // Prints what an operation on `before` led to. Others may have changed the setting in between,
-// so a result that the constraints do not explain is nobody's fault.
+// so only a result that the constraints explain was adjusted.
 int printResult(Context& context, const QString& path, const TuloRoles& before,
                 const TuloOperation& operation, const QVariantHash& roles)
 {
     const TuloValue now(TuloHash(roles.value(TuloRoles::Value()).toHash()));
-    const QString ownKind = CMEdit::kind(before.value(), before.edit());
-    const QString kind = ownKind.isEmpty() ? operation.value().kind() : ownKind;
-    const QString verb = operation.op();
-    if (!fits(verb, kind, operation.value(), before.edit())) {
-        const QString what =
-            takesOperand(verb) ? verb + QLatin1Char(' ') + shownValue(operation.value()) : verb;
-        return report(
-            context,
-            kept(path, what, QStringLiteral("it does not go with the kind '%1'").arg(kind), now));
-    }
-    const TuloValue result = unlimited(before, kind, operation);
-    const CMEdit::Judgement judgement = CMEdit::judge(before.value(), result, before.edit());
-    const QString reason = withLimits(judgement.reason, before.edit());
-    const bool refused = judgement.value.isEmpty() && isSame(before.value(), now);
-    if (!reason.isEmpty() && refused)
-        return report(context, kept(path, shownValue(result), reason, now));
+    const ValueJudgement judgement = judgeOperation(before, operation);
     printStored(context.output, path, roles);
-    if (!reason.isEmpty() && isSame(judgement.value, now) && !isSame(result, now))
-        return report(context, adjusted(path, shownValue(result), reason, now));
-    return Done;
+    if (judgement.reason.isEmpty() || judgement.value != now || isSame(judgement.asked, now))
+        return Done;
+    return report(context, adjusted(path, shownValue(judgement.asked), judgement.reason, now));
 }
 
 } // namespace

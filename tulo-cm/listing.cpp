@@ -44,28 +44,18 @@ private:
             const int pageLast = int(std::min(next + pageRows - 1, qint64(last)));
             Answer<RowPage> answer = m_session.getRows(m_path, pageFirst, pageLast, m_roles);
             next = qint64(pageLast) + 1;
-            if (!answer.failure) {
-                if (take(answer.value) == Attempt::RowsChanged)
-                    return Attempt::RowsChanged;
-                // Fewer than asked for when more do not fit in an answer.
-                if (!answer.value.rows.isEmpty())
-                    next = qint64(pageFirst) + answer.value.rows.size();
-            } else if (const Answer<RowPage> none = askForNone();
-                       none.failure || answer.failure.exitCode == Refused) {
-                // Not the fault of one row.
+            if (answer.failure) {
                 m_listing.failure = answer.failure;
                 return Attempt::Complete;
-            } else if (take(none.value) == Attempt::RowsChanged
-                       || takeOneByOne(pageFirst, pageLast) == Attempt::RowsChanged) {
-                return Attempt::RowsChanged;
             }
+            if (take(answer.value) == Attempt::RowsChanged)
+                return Attempt::RowsChanged;
+            // Fewer than asked for when more do not fit in an answer.
+            if (!answer.value.rows.isEmpty())
+                next = qint64(pageFirst) + answer.value.rows.size();
         } while (next <= last && next < m_listing.page.count);
         return Attempt::Complete;
     }
-
-    // Tells whether the directory itself can be listed, and how long it is. A range that ends
-    // before it begins is answered without any row.
-    Answer<RowPage> askForNone() { return m_session.getRows(m_path, 1, 0, m_roles); }
 
     Attempt take(const RowPage& answer)
     {
@@ -76,28 +66,21 @@ private:
         page.count = answer.count;
         page.version = answer.version;
         page.roles = answer.roles;
-        page.rows += answer.rows;
+        for (const PageRow& row : answer.rows) {
+            if (row.error.isEmpty())
+                page.rows.append(row);
+            else
+                leaveOut(row);
+        }
         m_progress.add(answer.rows.size());
         return Attempt::Complete;
     }
 
-    Attempt takeOneByOne(int first, int last)
+    void leaveOut(const PageRow& row)
     {
-        last = std::min(last, m_listing.page.count - 1);
-        for (int index = first; index <= last; ++index) {
-            const Answer<RowPage> answer = m_session.getRows(m_path, index, index, m_roles);
-            if (answer.failure) {
-                Failure failure = answer.failure;
-                failure.exitCode = Failed;
-                failure.path = m_path;
-                failure.message = QStringLiteral("row %1 of '%2' left out: %3")
-                                      .arg(QString::number(index), m_path, answer.failure.message);
-                m_listing.leftOut.append(failure);
-            } else if (take(answer.value) == Attempt::RowsChanged) {
-                return Attempt::RowsChanged;
-            }
-        }
-        return Attempt::Complete;
+        m_listing.leftOut.append({ Failed, QStringLiteral("RowNotServed"),
+                                   QStringLiteral("row '%1' left out: %2").arg(row.path, row.error),
+                                   row.path });
     }
 
     Session& m_session;

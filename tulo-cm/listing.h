@@ -13,7 +13,6 @@ struct Listing
 
 /// Fetches the rows with the indexes `first` to `last` (inclusive) in pages, so that no single
 /// request keeps the worker busy for long. Begins again when the rows change between two pages.
-///
-/// A row that cannot be answered fails its page: the page's rows are then asked for one by one.
+/// Leaves out the rows that cannot be served, and says which.
 Listing listRows(Session& session, const QString& path, int first, int last,
                  const QStringList& roles, Progress& progress);

@@ -13,10 +13,12 @@ int exitCodeOf(ErrorKind kind)
     case ErrorKind::InvalidPath:
         return NoSuchPath;
     case ErrorKind::Refused:
+    case ErrorKind::Rejected:
     case ErrorKind::NotModifiable:
     case ErrorKind::Limits:
         return Refused;
     case ErrorKind::InUse:
+    case ErrorKind::Unavailable:
     case ErrorKind::Stopped:
         return Unavailable;
     case ErrorKind::TimedOut:
@@ -26,9 +28,8 @@ int exitCodeOf(ErrorKind kind)
     return Failed;
 }
 
-Failure failureOf(const CMVoidReply& reply, const QString& path)
+Failure failureOf(const CMError& error, const QString& path)
 {
-    const CMError error = reply.error();
     Failure failure;
     failure.exitCode = exitCodeOf(errorKind(error));
     failure.name = error.name();
@@ -36,6 +37,11 @@ Failure failureOf(const CMVoidReply& reply, const QString& path)
     failure.path = path;
     failure.title = error.title().toString();
     return failure;
+}
+
+Failure failureOf(const CMVoidReply& reply, const QString& path)
+{
+    return failureOf(reply.error(), path);
 }
 
 int exitCodeOf(HostFailure::Kind kind)
@@ -163,19 +169,17 @@ Answer<QVariantHash> LocalSession::getData(const QString& path, const QStringLis
 Answer<RowPage> LocalSession::getRows(const QString& path, int first, int last,
                                       const QStringList& roles)
 {
-    const CMGetRowsRequest::Reply reply =
-        m_host->client().getRows(CMPath(path), first, last, roles);
-    const Failure failure = failureOf(reply, path);
+    CMError error;
+    const Rows rows = m_host->client().rows(CMPath(path), first, last, roles, &error);
+    const Failure failure = failureOf(error, path);
     if (failure)
         return { {}, failure };
-
-    const Rows rows = Client::rowsOf(reply.value(), roles);
     RowPage page;
     page.count = rows.count;
     page.version = rows.version;
     page.roles = plain(rows.directory.__variant().toHash());
     for (const Row& row : rows.rows)
-        page.rows.append({ row.path.text(), row.isDirectory, named(roles, row.values) });
+        page.rows.append({ row.path.text(), row.isDirectory, named(roles, row.values), row.error });
     return { page, {} };
 }
 
@@ -197,8 +201,10 @@ Answer<QVariantHash> LocalSession::apply(const QString& path, const QString& ver
 
 Failure LocalSession::flush()
 {
-    const Failure failure = failureOf(m_host->client().flush(), TuloSettingsActionsFlush().text());
-    return failure ? failure : saved();
+    const FlushResult result = m_host->flushNow();
+    if (!result.error.isEmpty())
+        return notSaved(m_host->writes().unsavedPaths(), result.error);
+    return saved();
 }
 
 Failure LocalSession::dropCache()

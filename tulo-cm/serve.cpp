@@ -67,12 +67,15 @@ bool offer(Service& service, const QString& busName, QString* reason)
 // Serves until a signal comes, or the bus is gone for good: one that only closed this connection
 // (as it does to clients that send too much) has the service back at once. Returns whether there is
 // a bus.
-bool serveOnBus(Service& service, const QString& busName, Output& output)
+bool serveOnBus(Service& service, Host& host, const QString& busName, Output& output)
 {
     while (!Interrupts::requested()) {
         serveEvents(-1, [&service] { return !service.isConnected(); });
         if (Interrupts::requested())
             break;
+        // Before anything that may take long; what fails is in the properties and the log.
+        if (host.writes().needsFlush())
+            (void)host.flushNow();
         service.withdraw();
         QString reason;
         if (!offer(service, busName, &reason)) {
@@ -115,11 +118,14 @@ int serve(const ServeOptions& options, Output& output)
                     .arg(host->writePath(), host->defaultPath(),
                          QString::number(QCoreApplication::applicationPid())));
     sd_notify(0, "READY=1");
-    const bool hasBus = serveOnBus(service, options.bus, output);
+    const bool hasBus = serveOnBus(service, *host, options.bus, output);
     sd_notify(0, "STOPPING=1");
 
+    // Written first, so that a bus that hangs costs no change; this also answers the flushes that
+    // wait.
+    const bool isSaved = host->stop();
     service.withdraw();
-    if (!host->stop()) {
+    if (!isSaved) {
         return report(output, NotSaved, QStringLiteral("NotSaved"),
                       QStringLiteral("not on disk: %1 (%2)")
                           .arg(host->writes().unsavedPaths().join(QStringLiteral(", ")),

@@ -60,6 +60,7 @@ struct PageRow
     QString path;
     bool isDirectory = false;
     QVariantHash roles; ///< one entry for each role asked for, invalid where the row lacks it
+    QString error {}; ///< why the row cannot be served, in place of its roles; empty when it can
 
     QString name() const { return path.section(QLatin1Char('/'), -1); }
 };

@@ -68,7 +68,7 @@ private:
     const TemporaryTree m_tree;
     NoOpEncryptionHandler m_handler;
     CMSettingsWorker m_worker;
-    const Guard m_guard;
+    Guard m_guard;
 };
 
 void checkPath(const QString& settingPath)

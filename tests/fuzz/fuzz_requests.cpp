@@ -71,7 +71,7 @@ public:
 private:
     NoOpEncryptionHandler m_handler;
     Router m_router;
-    const Guard m_guard;
+    Guard m_guard;
 
 public:
     Client client;

@@ -133,12 +133,8 @@ ServiceProcess::ServiceProcess(const CommandLine& trees, const QString& bus,
 
 void ServiceProcess::replaceSync(const QByteArray& script)
 {
-    QFile file(m_directory.filePath(QStringLiteral("sync")));
-    if (!file.open(QIODevice::WriteOnly) || file.write("#!/bin/sh\n" + script + '\n') < 0
-        || !file.setPermissions(QFile::ReadOwner | QFile::ExeOwner))
-        qFatal("cannot write a program");
-    setVariable(QStringLiteral("PATH"),
-                m_directory.path() + QLatin1Char(':') + qEnvironmentVariable("PATH"));
+    setVariable(QStringLiteral("LD_PRELOAD"), QStringLiteral(TULO_SCRIPTED_SYNC));
+    setVariable(QStringLiteral("TULO_TEST_SYNC"), QString::fromUtf8(script));
 }
 
 bool ServiceProcess::serve()

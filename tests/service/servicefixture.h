@@ -42,8 +42,8 @@ public:
     ServiceProcess(const CommandLine& trees, const QString& bus, const QStringList& options = {},
                    const QStringList& program = {});
 
-    /// Before start(): a shell script in the place of the program "sync". A flush else takes as
-    /// long as the disk needs for what all other programs wrote.
+    /// Before start(): a shell script in the place of syncing the tree's file system. A flush
+    /// else takes as long as the disk needs for what all other programs wrote.
     void replaceSync(const QByteArray& script);
 
     /// Starts and waits until it serves.
@@ -52,16 +52,14 @@ public:
     ChildResult end(int signal = SIGTERM);
     /// What it wrote to standard error, without the line that it serves.
     static QByteArray complaints(const ChildResult& result);
-
-private:
-    const QTemporaryDir m_directory;
 };
 
 /// Installs what a device needs of this build below `root`, as into an image: a file of the prefix
 /// "/usr" is at root + "/usr/...".
 ChildResult install(const QString& root, const QString& prefix);
 
-/// A gate in the place of "sync": a flush stands there until it is opened, for one flush at a time.
+/// A gate in the place of syncing: a flush stands there until it is opened, for one flush at a
+/// time.
 class SyncGate
 {
 public:

@@ -199,15 +199,16 @@ void TstServiceHostile::requestIsRefusedAndTheServiceLives()
                  isBelow ? QStringLiteral("Refused: Path '%1' is below a setting").arg(attempt.path)
                          : refusal);
     } else if (isPlain(attempt)) {
-        QVERIFY2(answer.startsWith(QLatin1String("{timestamp: *, value: ")), qPrintable(answer));
+        // Numbers are stored; anything else is of another kind than the setting.
+        QVERIFY2(answer.startsWith(QLatin1String("{timestamp: *, value: "))
+                     || answer.startsWith(QLatin1String("Rejected: The value for '")),
+                 qPrintable(answer));
     } else {
         QVERIFY2(answer.contains(QLatin1String(": ")) && !answer.startsWith(QLatin1Char('{')),
                  qPrintable(answer));
     }
 
-    // With its kind, which the setting may have lost.
-    const QVariantMap eight { { TuloValue::Int(), 8 } };
-    QCOMPARE(m_client->call("SetValue", { volume, variantOf(eight) }),
+    QCOMPARE(m_client->call("SetValue", { volume, variantOf(8) }),
              QStringLiteral("{timestamp: *, value: x 8}"));
     QCOMPARE(m_client->value(volume), QStringLiteral("x 8"));
 }
@@ -216,11 +217,7 @@ void TstServiceHostile::cleanupTestCase()
 {
     const ChildResult result = m_service.end();
 
-    // Of the one that it was asked to set.
-    QCOMPARE(ServiceProcess::complaints(result),
-             "ERROR CMSettingsWorker: Settings: Unable to parse '"
-                 + m_trees.tree.writePath().toUtf8()
-                 + "/audio/socket': line 1, column 1: The document is empty.\n");
+    QCOMPARE(ServiceProcess::complaints(result), QByteArray());
     QCOMPARE(result.exitCode, 0);
     // The one that a zero character made of "a" and something.
     m_entries += { QStringLiteral("/audio/a"), QStringLiteral("/audio/volume") };

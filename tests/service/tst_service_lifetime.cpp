@@ -182,8 +182,8 @@ void TstServiceLifetime::otherTreeOnTheSameBusIsRefused()
     const ChildResult result = other.finish();
 
     QCOMPARE(result.standardError,
-             QByteArray("tulo-cm: The name 'org.tulo.ConfigurationManager1' is not to be had on "
-                        "this bus: another service has it\n"));
+             QByteArray("tulo-cm: cannot acquire the bus name "
+                        "'org.tulo.ConfigurationManager1': already owned\n"));
     QCOMPARE(result.exitCode, 7);
     QCOMPARE(service.end().exitCode, 0);
 }

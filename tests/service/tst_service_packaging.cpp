@@ -322,16 +322,19 @@ void TstServicePackaging::installedLogConfigurationShowsWarningsOnly()
     const BusClient client(bus.address());
     const QString volume = QStringLiteral("/settings/audio/volume");
 
-    client.call("SetValue", { volume, variantOf(400) });
-
+    client.call("SetValue", { volume, variantOf(40) });
     // Which it knows from records that are not shown.
     QCOMPARE(client.call("Flush"), QStringLiteral("u 0"));
     QCOMPARE(client.property("PendingWrites"), QStringLiteral("u 0"));
+    trees.tree.makeWriteDirectory(QStringLiteral("/audio/.volume"));
+    client.call("SetValue", { volume, variantOf(45) });
     const ChildResult result = service.end();
+    const QByteArray record =
+        "Settings: path '" + trees.tree.writePath().toUtf8() + "/audio/.volume' open file failed";
     QCOMPARE(ServiceProcess::complaints(result),
-             QByteArray("WARN  TuloFramework: Value for '/settings/audio/volume' adjusted: it is "
-                        "above 'max'\n"));
-    QCOMPARE(result.exitCode, 0);
+             "ERROR CMSettingsWorker: " + record + "\ntulo-cm: not on disk: " + volume.toUtf8()
+                 + " (" + record + ")\n");
+    QCOMPARE(result.exitCode, 6);
 }
 
 void TstServicePackaging::installedServiceServes()

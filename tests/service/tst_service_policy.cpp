@@ -350,8 +350,8 @@ void TstServicePolicy::memberMayNotServe()
 
     const ChildResult result = service.finish();
 
-    QVERIFY2(result.standardError.startsWith("tulo-cm: The name 'org.tulo.ConfigurationManager1' "
-                                             "is not to be had on this bus: "),
+    QVERIFY2(result.standardError.startsWith("tulo-cm: cannot acquire the bus name "
+                                             "'org.tulo.ConfigurationManager1': "),
              result.standardError);
     QCOMPARE(result.exitCode, 7);
 }

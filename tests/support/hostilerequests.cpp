@@ -414,7 +414,9 @@ void addBadChanges()
     addRow(QStringLiteral("setRoles: the path"),
            setAttempt(volume, TuloRoles::SetRoles(),
                       QVariantHash { { TuloRoles::Path(), QStringLiteral("/etc/passwd") } }),
-           pathRole, QLatin1String("error ") + pathRole,
+           QStringLiteral("Refused: The role 'path' of '%1' cannot be set")
+               .arg(volume),
+           QLatin1String("error ") + pathRole,
            QStringLiteral("ERROR Role path cannot be stored"));
 }
 
@@ -442,7 +444,7 @@ void addBadTargets()
     add("plain/new", "Refused: No setting '%1' can be created: its directory has no template");
     add("linked/new", "Refused: A symbolic link in the writable tree is in the way of '%1'");
     add("audio/socket",
-        "Refused: Something in the writable tree that is no file is in the way of '%1'",
+        "Refused: '%1' is blocked by a special file in the writable tree",
         QStringLiteral("ERROR Settings: Unable to parse '%W/audio/socket': line 1, column 1: The "
                        "document is empty."));
 

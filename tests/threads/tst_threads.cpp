@@ -177,7 +177,7 @@ private:
         else if (dice < 998)
             expectSuccess(m_client->dropCache());
         else
-            expectSuccess(m_client->flush());
+            expectSuccess(m_client->setData(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant()));
     }
 
     // Nobody else changes it.
@@ -276,7 +276,7 @@ void tst_Threads::eightThreadsAreServedInOrder()
 
     Threads threads(threadCount, [&requesters](int number) { requesters[number]->run(); });
     threads.joinServingEvents();
-    stage.client->flush();
+    stage.client->setData(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant());
 
     for (int number = 0; number < threadCount; ++number) {
         QCOMPARE(requesters[number]->failures(), 0);

@@ -196,7 +196,7 @@ void tst_client::requestsCarryWhatWasAsked()
 
 void tst_client::actionsAreActivated()
 {
-    m_client->flush();
+    m_client->setData(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant());
     m_client->dropCache();
 
     QCOMPARE(
@@ -273,7 +273,7 @@ void tst_client::queuedRequestIsAnsweredStoppedWhenTheClientIsDestroyed()
 
 void tst_client::refusedRequestDoesNotReachTheWorker()
 {
-    const Guard guard(m_worker.get(), QStringLiteral("/nowhere"), QStringLiteral("/nowhere"));
+    Guard guard(m_worker.get(), QStringLiteral("/nowhere"), QStringLiteral("/nowhere"));
     Client client(m_router.get(), &guard);
 
     const auto reply = client.getData(node(QStringLiteral("/settings/../etc")), noRoles);

@@ -117,7 +117,8 @@ private slots:
     void changeIsRefused();
     void changeIsAdmitted_data();
     void changeIsAdmitted();
-    void pathRoleGetsTheWorkersAnswer();
+    void pathRoleIsRefusedInAnyForm_data();
+    void pathRoleIsRefusedInAnyForm();
     void nameAcceptedAndNotYetWrittenExists();
     void nameAcceptedAndEvictedExists();
     void settingOfTheWritableTreeAloneExists();
@@ -135,6 +136,14 @@ private slots:
     void badRolesAreRefused();
     void badOperationIsRefused_data();
     void badOperationIsRefused();
+
+    void valueThatGrowsIsLimited();
+    void adjustmentIsTold();
+    void newSettingsAreLimited();
+    void settingsFoundInTheTreeCount();
+    void unreadableFileIsUnavailable_data();
+    void unreadableFileIsUnavailable();
+    void rowsTellWhichOfThemCannotBeServed();
 
     void readOnlyGuardRefusesChangesOnly();
     void listableNamesAreThoseOfListings_data();
@@ -166,8 +175,8 @@ void tst_guard::init()
     m_tree->writeDefault(QStringLiteral("/audio/serial"),
                          R"({"value":{"string":"x"},"modifiable":false})");
     m_tree->writeDefault(QStringLiteral("/audio/a.json"), R"({"value":{"int":1}})");
-    m_tree->writeDefault(QStringLiteral("/list/.meta"), R"({"value":{"string":"new"}})");
-    m_tree->writeDefault(QStringLiteral("/plain/only"), R"({"value":{"bool":true}})");
+    m_tree->writeDefault(QStringLiteral("/list/.meta"), R"({"value":{"int":3}})");
+    m_tree->writeDefault(QStringLiteral("/plain/only"), R"({"value":{"int":4}})");
     m_tree->writeWritten(QStringLiteral("/old/kept"), R"({"value":{"int":1}})");
 
     m_worker = loadWorker(QStringLiteral(TULO_PLUGIN_FILE), m_tree->config()).worker;
@@ -668,15 +677,28 @@ void tst_guard::changeIsAdmitted()
              QList<QVariant>({ intValue(8) }));
 }
 
-void tst_guard::pathRoleGetsTheWorkersAnswer()
+void tst_guard::pathRoleIsRefusedInAnyForm_data()
 {
-    m_log->expect(log4cplus::ERROR_LOG_LEVEL, QStringLiteral("Role path cannot be stored"));
+    QTest::addColumn<QVariant>("role");
+    QTest::newRow("path") << QVariant::fromValue(CMPath(volume));
+    QTest::newRow("text") << QVariant(volume);
+    QTest::newRow("empty text") << QVariant(QString());
+    QTest::newRow("object") << QVariant(QVariantHash { { QStringLiteral("a"), 1 } });
+    QTest::newRow("list") << QVariant(QVariantList { 1 });
+    QTest::newRow("number") << QVariant(1);
+    QTest::newRow("null") << QVariant();
+}
+
+void tst_guard::pathRoleIsRefusedInAnyForm()
+{
+    QFETCH(QVariant, role);
     TuloRoles roles;
-    roles.setPath(CMPath(volume));
+    roles.__setHashAttribute(TuloRoles::Path(), role);
 
     const auto reply = m_client->setRoles(CMPath(volume), roles);
 
-    QCOMPARE(errorText(reply), QStringLiteral("InternalError: Role path cannot be stored"));
+    QCOMPARE(errorText(reply),
+             QStringLiteral("Refused: The role 'path' of '/settings/audio/volume' cannot be set"));
 }
 
 void tst_guard::nameAcceptedAndNotYetWrittenExists()
@@ -769,8 +791,8 @@ void tst_guard::pipeInTheWritableTreeIsNotOpenedByAChange()
         setData(QStringLiteral("/settings/list/new"), TuloRoles::Value(), intValue(1));
 
     QCOMPARE(errorText(reply),
-             QStringLiteral("Refused: Something in the writable tree that is no file is in the "
-                            "way of '/settings/list/new'"));
+             QStringLiteral("Refused: '/settings/list/new' is blocked by a special file in the "
+                            "writable tree"));
 }
 
 void tst_guard::fileInPlaceOfADirectoryRefusesAChange()
@@ -871,8 +893,10 @@ void tst_guard::goodValueIsAdmitted()
 {
     QFETCH(QVariant, value);
 
-    const CMSetDataRequest request(CMPath(volume), TuloRoles::Value(), value,
-                                   CMReply<QVariant>::create());
+    // A setting of any kind.
+    m_tree->writeDefault(QStringLiteral("/audio/free"), "{\"title\":\"Free\"}");
+    const CMSetDataRequest request(CMPath(QStringLiteral("/settings/audio/free")),
+                                   TuloRoles::Value(), value, CMReply<QVariant>::create());
     CMError error;
     const CMRequest admitted = m_guard->admit(request, &error);
 
@@ -940,6 +964,143 @@ void tst_guard::badOperationIsRefused()
 // ---------------------------------------------------------------------------------------------
 // The rest
 // ---------------------------------------------------------------------------------------------
+
+// ---------------------------------------------------------------------------------------------
+// Limits, adjustments, files.
+// ---------------------------------------------------------------------------------------------
+
+void tst_guard::valueThatGrowsIsLimited()
+{
+    m_tree->writeDefault(QStringLiteral("/audio/text"), R"({"value":{"string":""}})");
+    m_tree->writeDefault(QStringLiteral("/audio/numbers"), R"({"value":{"list":[]}})");
+    const CMPath textPath(QStringLiteral("/settings/audio/text"));
+    const CMPath listPath(QStringLiteral("/settings/audio/numbers"));
+    const TuloOperation longer(QStringLiteral("append"),
+                               TuloValue::of(TuloValue::String(), ofLength(20000)));
+    QVariantList numbers;
+    for (int i = 0; i < 4000; ++i)
+        numbers.append(1000 + i);
+    const TuloOperation more(QStringLiteral("append"), TuloValue::of(TuloValue::List(), numbers));
+
+    for (int i = 0; i < 2; ++i) {
+        QCOMPARE(errorText(m_client->apply(textPath, longer)), QString());
+        if (i == 0)
+            QCOMPARE(errorText(m_client->apply(listPath, more)), QString());
+    }
+
+    QCOMPARE(errorText(m_client->apply(textPath, longer)),
+             QStringLiteral("Limits: A value for '/settings/audio/text' takes more than 49152 "
+                            "bytes"));
+    QCOMPARE(errorText(m_client->apply(listPath, more)), QString());
+    QCOMPARE(errorText(m_client->apply(listPath, more)),
+             QStringLiteral("Limits: A value for '/settings/audio/numbers' takes more than 49152 "
+                            "bytes"));
+}
+
+void tst_guard::adjustmentIsTold()
+{
+    m_tree->writeDefault(QStringLiteral("/audio/bass"), R"({"value":{"int":5},"edit":{"max":10}})");
+    const CMPath bass(QStringLiteral("/settings/audio/bass"));
+
+    m_client->setValue(bass, TuloValue::of(TuloValue::Int(), 50));
+
+    const Guard::Adjustment& adjustment = m_client->adjustment();
+    QVERIFY(adjustment.asked == TuloValue::of(TuloValue::Int(), 50));
+    QVERIFY(adjustment.stored == TuloValue::of(TuloValue::Int(), 10));
+    QCOMPARE(adjustment.reason, QStringLiteral("it is above 'max' (10)"));
+
+    m_client->setValue(bass, TuloValue::of(TuloValue::Int(), 5));
+    QCOMPARE(m_client->adjustment().reason, QString());
+}
+
+void tst_guard::newSettingsAreLimited()
+{
+    for (int directories = 0; directories < 11; ++directories) {
+        m_tree->writeDefault(QStringLiteral("/many%1/.meta").arg(directories),
+                             R"({"value":{"int":1}})");
+    }
+    const auto create = [this](int directories, int number) {
+        return errorText(
+            setData(QStringLiteral("/settings/many%1/n%2").arg(directories).arg(number),
+                    TuloRoles::Value(), intValue(1)));
+    };
+    for (int number = 0; number < Guard::maximumCreatedInDirectory; ++number)
+        QCOMPARE(create(0, number), QString());
+
+    QCOMPARE(create(0, Guard::maximumCreatedInDirectory),
+             QStringLiteral("Limits: No setting '/settings/many0/n1000' can be created: its "
+                            "directory has 1000 settings made at run time"));
+    // Those that are there can be changed.
+    QCOMPARE(create(0, 0), QString());
+    // One is in the tree already.
+    for (int number = 0; number < Guard::maximumCreated - Guard::maximumCreatedInDirectory - 1;
+         ++number)
+        QCOMPARE(create(1 + number / 1000, number % 1000), QString());
+    QCOMPARE(create(10, 0),
+             QStringLiteral("Limits: No setting '/settings/many10/n0' can be created: the tree has "
+                            "10000 settings made at run time"));
+}
+
+void tst_guard::settingsFoundInTheTreeCount()
+{
+    for (int number = 0; number < Guard::maximumCreatedInDirectory; ++number)
+        m_tree->writeWritten(QStringLiteral("/list/n%1").arg(number), R"({"value":{"int":1}})");
+
+    const auto reply =
+        setData(QStringLiteral("/settings/list/more"), TuloRoles::Value(), intValue(1));
+
+    QCOMPARE(errorKind(reply.error()), ErrorKind::Limits);
+}
+
+void tst_guard::unreadableFileIsUnavailable_data()
+{
+    QTest::addColumn<bool>("isWritten");
+    QTest::newRow("default file") << false;
+    QTest::newRow("written file") << true;
+}
+
+void tst_guard::unreadableFileIsUnavailable()
+{
+    QFETCH(bool, isWritten);
+    const QString name =
+        (isWritten ? m_tree->writePath() : m_tree->defaultPath()) + QStringLiteral("/audio/pipe");
+    QVERIFY(QDir().mkpath(m_tree->writePath() + QStringLiteral("/audio")));
+    const QByteArray target = QFile::encodeName(m_tree->path()) + "/pipe";
+    QCOMPARE(::mkfifo(target.constData(), 0600), 0);
+    QVERIFY(QFile::link(QFile::decodeName(target), name));
+    const CMPath path(QStringLiteral("/settings/audio/pipe"));
+
+    const QString error = QStringLiteral("Unavailable: '%1' is not a regular file").arg(name);
+    QCOMPARE(errorText(m_client->getData(path, { TuloRoles::Value() })), error);
+    if (!isWritten)
+        QCOMPARE(errorText(m_client->setValue(path, TuloValue::of(TuloValue::Int(), 1))), error);
+    QCOMPARE(errorText(m_client->getData(CMPath(volume), { TuloRoles::Value() })), QString());
+}
+
+void tst_guard::rowsTellWhichOfThemCannotBeServed()
+{
+    m_tree->writeDefault(QStringLiteral("/audio/large"),
+                         QByteArray(FileProbe::maximumFileBytes + 1, ' '));
+    m_router->setRowCheck([this](const CMPath& path) { return m_guard->judgeFiles(path); });
+    // The worker's, with all rows and with the one.
+    const QString record = QStringLiteral("Loaded path is invalid: /settings/audio/large");
+    m_log->expect(log4cplus::ERROR_LOG_LEVEL, record);
+    m_log->expect(log4cplus::ERROR_LOG_LEVEL, record);
+    CMError error;
+
+    const Rows rows = m_client->rows(CMPath(directory), 0, 9, { TuloRoles::Value() }, &error);
+
+    QCOMPARE(error.message().toString(), QString());
+    QCOMPARE(rows.count, 3);
+    QCOMPARE(rows.rows.size(), 3);
+    QCOMPARE(rows.rows.at(0).name, QStringLiteral("large"));
+    QCOMPARE(
+        rows.rows.at(0).error,
+        QStringLiteral("'%1/audio/large' is larger than 1048576 bytes").arg(m_tree->defaultPath()));
+    QCOMPARE(rows.rows.at(1).name, QStringLiteral("serial"));
+    QCOMPARE(rows.rows.at(1).error, QString());
+    QCOMPARE(rows.rows.at(2).values, QList<QVariant>({ intValue(5) }));
+}
 
 void tst_guard::readOnlyGuardRefusesChangesOnly()
 {

@@ -1,4 +1,5 @@
 #include "host/host.h"
+#include "host/loader.h"
 
 #include "api/core/language.h"
 #include "tests/support/childprocess.h"
@@ -9,14 +10,38 @@
 
 #include <QDir>
 #include <QFile>
+#include <QSemaphore>
 #include <QSignalSpy>
 #include <QTest>
 
+#include <atomic>
+#include <cerrno>
+#include <functional>
 #include <memory>
 
 #include <unistd.h>
 
 Q_DECLARE_METATYPE(HostFailure::Kind)
+
+namespace {
+
+// In the place of the system's, which would wait for the disk: the error that it returns, and how
+// often it was asked. Called on a thread beside the test's.
+std::atomic<int> syncError { 0 };
+std::atomic<int> syncCount { 0 };
+// What stands in its way, if anything.
+std::function<void()> syncGate;
+
+} // namespace
+
+extern "C" int syncfs(int)
+{
+    ++syncCount;
+    if (syncGate)
+        syncGate();
+    errno = syncError;
+    return syncError == 0 ? 0 : -1;
+}
 
 namespace {
 
@@ -41,10 +66,8 @@ class tst_host : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
     void init();
     void cleanup();
-    void cleanupTestCase();
 
     void directoriesAreChecked_data();
     void directoriesAreChecked();
@@ -64,8 +87,15 @@ private slots:
 
     void acceptedChangeIsPendingUntilTheFlush();
     void acceptedChangeIsWrittenByTheTimer();
-    void failedWriteIsUnsavedUntilALaterWriteSucceeds();
-    void failedSyncIsNotSaved();
+    void failedWriteIsStoredAgainByTheNextFlush();
+    void unsavedValueOutlivesTheWorkersCache();
+    void failedSyncMakesEverythingSinceTheLastGoodOneUnsaved();
+    void flushThatWaitsHoldsUpNoRequest();
+    void flushesThatWaitShareTheNext();
+    void stopAnswersEveryFlush();
+    void replacedTreeIsNotSaved();
+    void replacedTreeIsNoticedAfterAWrite();
+    void workersSlotForWritingHasItsName();
     void stopFlushesWhatIsPending();
     void stopSyncsWhatTheTimerWrote();
     void stopWithoutChangesRunsNoSync();
@@ -78,18 +108,10 @@ private:
     std::unique_ptr<Host> openHost(Access access = Access::Own) const;
     /// Waits until the worker's timer has written what is pending.
     static bool waitForTimer(Host& host);
-    /// Makes "sync" a script with this exit code.
-    void setSync(int exitCode) const;
 
-    QByteArray m_searchPath;
     std::unique_ptr<LogCapture> m_log;
     std::unique_ptr<TemporaryTree> m_tree;
 };
-
-void tst_host::initTestCase()
-{
-    m_searchPath = qgetenv("PATH");
-}
 
 void tst_host::init()
 {
@@ -97,10 +119,9 @@ void tst_host::init()
     m_tree = std::make_unique<TemporaryTree>();
     m_tree->writeDefault(QStringLiteral("/audio/volume"), R"({"value":{"int":5}})");
     m_tree->writeDefault(QStringLiteral("/audio/volume_car"), R"({"value":{"int":9}})");
-    // The real one would wait for all disks of the machine.
-    QVERIFY(QDir().mkpath(m_tree->path() + QStringLiteral("/bin")));
-    qputenv("PATH", QFile::encodeName(m_tree->path()) + "/bin:" + m_searchPath);
-    setSync(0);
+    syncError = 0;
+    syncCount = 0;
+    syncGate = nullptr;
 }
 
 void tst_host::cleanup()
@@ -109,11 +130,6 @@ void tst_host::cleanup()
     m_log.reset();
     m_tree.reset();
     workerLogger().setLogLevel(log4cplus::NOT_SET_LOG_LEVEL);
-}
-
-void tst_host::cleanupTestCase()
-{
-    qputenv("PATH", m_searchPath);
 }
 
 HostOptions tst_host::options(Access access) const
@@ -133,18 +149,6 @@ std::unique_ptr<Host> tst_host::openHost(Access access) const
     if (!host)
         qFatal("no host: %s", qPrintable(failure.message));
     return host;
-}
-
-void tst_host::setSync(int exitCode) const
-{
-    const QString name = m_tree->path() + QStringLiteral("/bin/sync");
-    QFile script(name);
-    if (!script.open(QIODevice::WriteOnly)
-        || script.write("#!/bin/sh\nexit " + QByteArray::number(exitCode) + '\n') < 0)
-        qFatal("cannot write %s", qPrintable(name));
-    script.close();
-    // As chmod 755.
-    script.setPermissions(QFile::Permissions(0x7755));
 }
 
 bool tst_host::waitForTimer(Host& host)
@@ -229,7 +233,7 @@ void tst_host::linkedDirectoriesAreCanonical()
     QCOMPARE(host->writePath(), m_tree->writePath());
     QVERIFY(host->ownsTree());
     QCOMPARE(errorText(host->client().setValue(volume, number(1))), QString());
-    host->client().flush();
+    (void)host->flushNow();
     QVERIFY(host->writes().isSaved());
 }
 
@@ -413,7 +417,7 @@ void tst_host::acceptedChangeIsPendingUntilTheFlush()
     QCOMPARE(host->writes().pendingPaths(), QStringList(volume.text()));
     QVERIFY(!host->writes().isSaved());
 
-    QCOMPARE(errorText(host->client().flush()), QString());
+    QCOMPARE(host->flushNow().error, QString());
     QVERIFY(host->writes().isSaved());
     QVERIFY(!host->writes().needsFlush());
     QCOMPARE(m_tree->readWrittenRoles(QStringLiteral("/audio/volume")).value(TuloRoles::Value()),
@@ -432,46 +436,159 @@ void tst_host::acceptedChangeIsWrittenByTheTimer()
     QVERIFY(!m_tree->readWritten(QStringLiteral("/audio/volume")).isNull());
 }
 
-void tst_host::failedWriteIsUnsavedUntilALaterWriteSucceeds()
+void tst_host::failedWriteIsStoredAgainByTheNextFlush()
 {
     const QString record = QStringLiteral("Settings: path '%1/audio/.volume' rename to path "
                                           "'%1/audio/volume' failed")
                                .arg(m_tree->writePath());
     m_log->expect(log4cplus::ERROR_LOG_LEVEL, record);
     const std::unique_ptr<Host> host = openHost();
-    host->client().setValue(volume, number(1));
+    const auto reply = host->client().setValue(volume, number(1));
+    const qint64 timestamp = TuloRoles(TuloHash(reply.value().toHash())).timestamp();
     m_tree->makeWriteDirectory(QStringLiteral("/audio/volume"));
 
-    QCOMPARE(errorText(host->client().flush()), QString());
+    const FlushResult failed = host->flushNow();
+    QCOMPARE(failed.error, QString());
+    QCOMPARE(failed.unsaved, 1);
     QCOMPARE(host->writes().unsavedPaths(), QStringList(volume.text()));
     QCOMPARE(host->writes().lastError(), record);
     QVERIFY(!host->writes().isSaved());
 
-    // Nobody retries it.
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/volume")));
-    host->client().flush();
-    QCOMPARE(host->writes().unsavedPaths(), QStringList(volume.text()));
+    QCOMPARE(host->flushNow().unsaved, 0);
 
-    QCOMPARE(errorText(host->client().setValue(volume, number(1))), QString());
-    host->client().flush();
-    QCOMPARE(host->writes().unsavedPaths(), QStringList());
     QVERIFY(host->writes().isSaved());
+    const TuloRoles written(TuloHash(m_tree->readWrittenRoles(QStringLiteral("/audio/volume"))));
+    QCOMPARE(written.value(), number(1));
+    QCOMPARE(written.timestamp(), timestamp);
 }
 
-void tst_host::failedSyncIsNotSaved()
+void tst_host::unsavedValueOutlivesTheWorkersCache()
 {
     m_log->expect(log4cplus::ERROR_LOG_LEVEL,
-                  QStringLiteral("Sync failed with return code3, output is: "));
+                  QStringLiteral("Settings: path '%1/audio/.volume' rename to path "
+                                 "'%1/audio/volume' failed")
+                      .arg(m_tree->writePath()));
     const std::unique_ptr<Host> host = openHost();
     host->client().setValue(volume, number(1));
-    setSync(3);
+    m_tree->makeWriteDirectory(QStringLiteral("/audio/volume"));
+    QCOMPARE(host->flushNow().unsaved, 1);
+    QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/volume")));
 
-    host->client().flush();
+    QCOMPARE(errorText(host->client().dropCache()), QString());
+    QCOMPARE(host->flushNow().unsaved, 0);
 
-    QVERIFY(host->writes().syncFailed());
+    QCOMPARE(host->client().getData(volume, { TuloRoles::Value() }).value(),
+             QList<QVariant>({ number(1).__variant() }));
+}
+
+void tst_host::failedSyncMakesEverythingSinceTheLastGoodOneUnsaved()
+{
+    const std::unique_ptr<Host> host = openHost();
+    host->client().setValue(CMPath(QStringLiteral("/settings/audio/balance")), number(1));
+    QCOMPARE(host->flushNow().error, QString());
+    host->client().setValue(volume, number(1));
+    QVERIFY(waitForTimer(*host));
+    syncError = EIO;
+
+    const FlushResult failed = host->flushNow();
+
+    QCOMPARE(failed.error, QStringLiteral("The file system did not sync: Input/output error"));
+    QCOMPARE(host->writes().unsavedPaths(), QStringList(volume.text()));
+    QCOMPARE(host->writes().lastError(), failed.error);
     QVERIFY(!host->writes().isSaved());
-    QCOMPARE(host->writes().unsavedPaths(), QStringList());
-    setSync(0);
+
+    // The system reports an error once; what it was about is written again.
+    syncError = 0;
+    QVERIFY(QFile::remove(m_tree->writePath() + QStringLiteral("/audio/volume")));
+    QCOMPARE(host->flushNow().error, QString());
+    QVERIFY(host->writes().isSaved());
+    QCOMPARE(m_tree->readWrittenRoles(QStringLiteral("/audio/volume")).value(TuloRoles::Value()),
+             number(1).__variant());
+}
+
+void tst_host::flushThatWaitsHoldsUpNoRequest()
+{
+    QSemaphore gate;
+    syncGate = [&gate] {
+        gate.acquire();
+    };
+    const std::unique_ptr<Host> host = openHost();
+    host->client().setValue(volume, number(1));
+    int answers = 0;
+    host->flush([&answers](const FlushResult&) { ++answers; });
+    QTRY_COMPARE_WITH_TIMEOUT(syncCount.load(), 1, replyWaitMs);
+
+    QCOMPARE(errorText(host->client().setValue(volume, number(2))), QString());
+    QCOMPARE(host->client().getData(volume, { TuloRoles::Value() }).value(),
+             QList<QVariant>({ number(2).__variant() }));
+    QCOMPARE(answers, 0);
+
+    gate.release();
+    QTRY_COMPARE_WITH_TIMEOUT(answers, 1, replyWaitMs);
+    gate.release(2);
+}
+
+void tst_host::flushesThatWaitShareTheNext()
+{
+    QSemaphore gate;
+    syncGate = [&gate] {
+        gate.acquire();
+    };
+    const std::unique_ptr<Host> host = openHost();
+    QStringList answers;
+    host->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("a")); });
+    QTRY_COMPARE_WITH_TIMEOUT(syncCount.load(), 1, replyWaitMs);
+
+    host->client().setValue(volume, number(1));
+    host->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("b")); });
+    host->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("c")); });
+    gate.release();
+    QTRY_COMPARE_WITH_TIMEOUT(syncCount.load(), 2, replyWaitMs);
+    QCOMPARE(answers, QStringList(QStringLiteral("a")));
+    QVERIFY(!m_tree->readWritten(QStringLiteral("/audio/volume")).isNull());
+
+    gate.release();
+    QTRY_COMPARE_WITH_TIMEOUT(answers.size(), 3, replyWaitMs);
+    QCOMPARE(syncCount.load(), 2);
+}
+
+void tst_host::stopAnswersEveryFlush()
+{
+    const std::unique_ptr<Host> host = openHost();
+    host->client().setValue(volume, number(1));
+    QStringList answers;
+    host->flush([&answers](const FlushResult& result) { answers.append(result.error); });
+
+    QVERIFY(host->stop());
+
+    QCOMPARE(answers, QStringList(QString()));
+    QVERIFY(!m_tree->readWritten(QStringLiteral("/audio/volume")).isNull());
+}
+
+void tst_host::replacedTreeIsNotSaved()
+{
+    const std::unique_ptr<Host> host = openHost();
+    host->client().setValue(volume, number(1));
+    const QString tree = m_tree->writePath();
+    QVERIFY(QDir().rename(tree, tree + QLatin1String(".old")));
+    QVERIFY(QDir().mkdir(tree));
+
+    const FlushResult result = host->flushNow();
+
+    QVERIFY2(result.error.contains(tree), qPrintable(result.error));
+    QVERIFY(!host->stop());
+}
+
+void tst_host::replacedTreeIsNoticedAfterAWrite()
+{
+    const std::unique_ptr<Host> host = openHost();
+    const QString tree = m_tree->writePath();
+    QVERIFY(QDir().rename(tree, tree + QLatin1String(".old")));
+    QVERIFY(QDir().mkdir(tree));
+    host->client().setValue(volume, number(1));
+
+    QTRY_VERIFY_WITH_TIMEOUT(host->writes().lastError().contains(tree), replyWaitMs);
 }
 
 void tst_host::stopFlushesWhatIsPending()
@@ -484,8 +601,7 @@ void tst_host::stopFlushesWhatIsPending()
     QCOMPARE(m_tree->readWrittenRoles(QStringLiteral("/audio/volume")).value(TuloRoles::Value()),
              number(1).__variant());
     QVERIFY(host->writes().isSaved());
-    QVERIFY(
-        m_log->messages(log4cplus::INFO_LOG_LEVEL).contains(QStringLiteral("Flush action: sync")));
+    QCOMPARE(syncCount.load(), 1);
 }
 
 void tst_host::stopSyncsWhatTheTimerWrote()
@@ -493,11 +609,11 @@ void tst_host::stopSyncsWhatTheTimerWrote()
     const std::unique_ptr<Host> host = openHost();
     host->client().setValue(volume, number(1));
     QVERIFY(waitForTimer(*host));
+    QCOMPARE(syncCount.load(), 0);
 
     QVERIFY(host->stop());
 
-    QVERIFY(
-        m_log->messages(log4cplus::INFO_LOG_LEVEL).contains(QStringLiteral("Flush action: sync")));
+    QCOMPARE(syncCount.load(), 1);
 }
 
 void tst_host::stopWithoutChangesRunsNoSync()
@@ -507,8 +623,16 @@ void tst_host::stopWithoutChangesRunsNoSync()
 
     QVERIFY(host->stop());
 
-    QVERIFY(
-        !m_log->messages(log4cplus::INFO_LOG_LEVEL).contains(QStringLiteral("Flush action: sync")));
+    QCOMPARE(syncCount.load(), 0);
+}
+
+void tst_host::workersSlotForWritingHasItsName()
+{
+    const std::unique_ptr<Host> host = openHost();
+    CMWorker* const worker = loadWorker(QStringLiteral(TULO_PLUGIN_FILE), {}).worker.release();
+
+    QVERIFY(worker->metaObject()->indexOfSlot("on_writeTimer_timeout()") >= 0);
+    delete worker;
 }
 
 void tst_host::stopTellsOfAFailedWrite()

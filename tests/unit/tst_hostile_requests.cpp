@@ -146,7 +146,7 @@ void tst_HostileRequests::guardRefusesAndTheServiceLives()
     QFETCH(const QString, outcome);
     QFETCH(const QString, record);
     const Stage stage;
-    const Guard guard(stage.worker.get(), stage.defaultPath(), stage.writePath());
+    Guard guard(stage.worker.get(), stage.defaultPath(), stage.writePath());
     Router router;
     router.addWorker(stage.worker.get());
     Client client(&router, &guard);

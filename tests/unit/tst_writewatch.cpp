@@ -32,6 +32,7 @@ void error(const QString& text)
 const QString written = QStringLiteral("written file: /tree/write/audio/volume");
 const QString failed = QStringLiteral("Settings: path '/tree/write/audio/.volume' flush failed");
 const QString sync = QStringLiteral("Flush action: sync");
+const TuloRoles roles { TuloHash({ { QStringLiteral("timestamp"), 5 } }) };
 const QString syncFailed = QStringLiteral("Sync failed with return code1, output is: x");
 
 } // namespace
@@ -51,8 +52,14 @@ private slots:
     void everyFailureIsReadFromItsRecord();
     void unsavedPathIsSavedByALaterWrite();
     void unsavedPathStaysWhenAnotherIsWritten();
-    void failedSyncIsRemembered();
-    void flushIsNeededUntilTheSync();
+    void writtenPathIsConfirmedByTheNextSync();
+    void syncConfirmsNothingWrittenAfterItBegan();
+    void failedSyncMakesWrittenPathsUnsaved();
+    void unsavedChangesHoldTheirRoles();
+    void unsavedChangeThatIsPendingAgainIsLeftToTheWorker();
+    void workersOwnSyncConfirmsNothing();
+    void longErrorIsCut();
+    void revisionGrowsWithWhatIsUnsavedOnly();
     void otherRecordsChangeNothing_data();
     void otherRecordsChangeNothing();
     void treeAtTheRootIsWatched();
@@ -87,15 +94,14 @@ void tst_writewatch::nothingIsKnownAtFirst()
     QCOMPARE(m_watch->pendingPaths(), QStringList());
     QCOMPARE(m_watch->unsavedPaths(), QStringList());
     QCOMPARE(m_watch->lastError(), QString());
-    QVERIFY(!m_watch->syncFailed());
     QVERIFY(!m_watch->needsFlush());
     QVERIFY(m_watch->isSaved());
 }
 
 void tst_writewatch::acceptedPathIsPendingUntilItIsWritten()
 {
-    m_watch->addPending(CMPath(volume));
-    m_watch->addPending(CMPath(QStringLiteral("/settings/audio/bass")));
+    m_watch->addPending(CMPath(volume), roles);
+    m_watch->addPending(CMPath(QStringLiteral("/settings/audio/bass")), roles);
     QCOMPARE(m_watch->pendingPaths(),
              QStringList({ QStringLiteral("/settings/audio/bass"), volume }));
     QVERIFY(!m_watch->isSaved());
@@ -149,7 +155,7 @@ void tst_writewatch::everyFailureIsReadFromItsRecord()
 {
     QFETCH(QString, record);
     QFETCH(QString, path);
-    m_watch->addPending(CMPath(path));
+    m_watch->addPending(CMPath(path), roles);
 
     error(record);
 
@@ -165,10 +171,11 @@ void tst_writewatch::unsavedPathIsSavedByALaterWrite()
     info(sync);
     QCOMPARE(m_watch->unsavedPaths(), QStringList(volume));
 
-    m_watch->addPending(CMPath(volume));
+    m_watch->addPending(CMPath(volume), roles);
     info(written);
 
     QCOMPARE(m_watch->unsavedPaths(), QStringList());
+    QCOMPARE(m_watch->unsavedCount(), 0);
     QVERIFY(m_watch->isSaved());
     // The last error is history and stays.
     QCOMPARE(m_watch->lastError(), failed);
@@ -183,29 +190,101 @@ void tst_writewatch::unsavedPathStaysWhenAnotherIsWritten()
     QCOMPARE(m_watch->unsavedPaths(), QStringList(volume));
 }
 
-void tst_writewatch::failedSyncIsRemembered()
+void tst_writewatch::writtenPathIsConfirmedByTheNextSync()
 {
+    m_watch->addPending(CMPath(volume), roles);
     info(written);
-    info(sync);
-    error(syncFailed);
-
-    QVERIFY(m_watch->syncFailed());
     QVERIFY(m_watch->needsFlush());
-    QVERIFY(!m_watch->isSaved());
-    QCOMPARE(m_watch->lastError(), syncFailed);
 
-    info(sync);
-    QVERIFY(!m_watch->syncFailed());
+    m_watch->endSync(m_watch->beginSync(), QString());
+
+    QVERIFY(!m_watch->needsFlush());
     QVERIFY(m_watch->isSaved());
 }
 
-void tst_writewatch::flushIsNeededUntilTheSync()
+void tst_writewatch::syncConfirmsNothingWrittenAfterItBegan()
 {
+    const int sync = m_watch->beginSync();
+    m_watch->addPending(CMPath(volume), roles);
     info(written);
+
+    m_watch->endSync(sync, QString());
+
     QVERIFY(m_watch->needsFlush());
+    QVERIFY(m_watch->isSaved());
+}
+
+void tst_writewatch::failedSyncMakesWrittenPathsUnsaved()
+{
+    m_watch->addPending(CMPath(volume), roles);
+    info(written);
+    const int sync = m_watch->beginSync();
+    // The error may be about it as well.
+    m_watch->addPending(CMPath(QStringLiteral("/settings/audio/bass")), roles);
+    info(QStringLiteral("written file: /tree/write/audio/bass"));
+
+    m_watch->endSync(sync, QStringLiteral("broken"));
+
+    QCOMPARE(m_watch->unsavedPaths(),
+             QStringList({ QStringLiteral("/settings/audio/bass"), volume }));
+    QCOMPARE(m_watch->unsavedCount(), 2);
+    QCOMPARE(m_watch->lastError(), QStringLiteral("broken"));
+    QVERIFY(!m_watch->isSaved());
+}
+
+void tst_writewatch::unsavedChangesHoldTheirRoles()
+{
+    m_watch->addPending(CMPath(volume), roles);
+    error(failed);
+
+    const QVector<WriteWatch::Change> changes = m_watch->unsavedChanges();
+
+    QCOMPARE(changes.size(), 1);
+    QCOMPARE(changes.first().path, CMPath(volume));
+    QVERIFY(changes.first().roles == roles);
+}
+
+void tst_writewatch::unsavedChangeThatIsPendingAgainIsLeftToTheWorker()
+{
+    m_watch->addPending(CMPath(volume), roles);
+    error(failed);
+
+    m_watch->addPending(CMPath(volume), roles);
+
+    QVERIFY(m_watch->unsavedChanges().isEmpty());
+    QCOMPARE(m_watch->unsavedPaths(), QStringList(volume));
+}
+
+void tst_writewatch::workersOwnSyncConfirmsNothing()
+{
+    m_watch->addPending(CMPath(volume), roles);
+    info(written);
 
     info(sync);
-    QVERIFY(!m_watch->needsFlush());
+    QVERIFY(m_watch->needsFlush());
+
+    error(syncFailed);
+    QCOMPARE(m_watch->lastError(), syncFailed);
+    QVERIFY(m_watch->isSaved());
+}
+
+void tst_writewatch::longErrorIsCut()
+{
+    error(QStringLiteral("Sync failed with return code1, output is: ")
+          + QString(100000, QLatin1Char('x')));
+
+    QCOMPARE(m_watch->lastError().size(), WriteWatch::maximumErrorLength);
+}
+
+void tst_writewatch::revisionGrowsWithWhatIsUnsavedOnly()
+{
+    const int before = m_watch->revision();
+    m_watch->addPending(CMPath(volume), roles);
+    info(written);
+    QCOMPARE(m_watch->revision(), before);
+
+    error(failed);
+    QVERIFY(m_watch->revision() > before);
 }
 
 void tst_writewatch::otherRecordsChangeNothing_data()
@@ -226,7 +305,7 @@ void tst_writewatch::otherRecordsChangeNothing_data()
 void tst_writewatch::otherRecordsChangeNothing()
 {
     QFETCH(QString, record);
-    m_watch->addPending(CMPath(volume));
+    m_watch->addPending(CMPath(volume), roles);
 
     error(record);
 
@@ -239,7 +318,7 @@ void tst_writewatch::treeAtTheRootIsWatched()
 {
     WriteWatch watch(QStringLiteral("/"), CMPath(QStringLiteral("/settings")));
     watch.attach();
-    watch.addPending(CMPath(volume));
+    watch.addPending(CMPath(volume), roles);
 
     info(QStringLiteral("written file: //audio/volume"));
 
@@ -250,10 +329,10 @@ void tst_writewatch::changesAreSignalled()
 {
     QSignalSpy spy(m_watch.get(), &WriteWatch::changed);
 
-    m_watch->addPending(CMPath(volume));
+    m_watch->addPending(CMPath(volume), roles);
     info(written);
     error(failed);
-    info(sync);
+    m_watch->endSync(m_watch->beginSync(), QString());
     info(QStringLiteral("something else"));
 
     QCOMPARE(spy.count(), 4);
@@ -272,7 +351,7 @@ void tst_writewatch::attachingTwiceCountsOnce()
 void tst_writewatch::attachingLowersTheLevelToInfo()
 {
     workerLogger().setLogLevel(log4cplus::ERROR_LOG_LEVEL);
-    m_watch->addPending(CMPath(volume));
+    m_watch->addPending(CMPath(volume), roles);
 
     m_watch->attach();
     info(written);
@@ -292,7 +371,7 @@ void tst_writewatch::attachingLeavesALowerLevel()
 
 void tst_writewatch::recordsAfterAReconfigurationAreReadWhenAttachedAgain()
 {
-    m_watch->addPending(CMPath(volume));
+    m_watch->addPending(CMPath(volume), roles);
     workerLogger().removeAllAppenders();
     workerLogger().setLogLevel(log4cplus::OFF_LOG_LEVEL);
 

@@ -1,0 +1,162 @@
+#include "host/flusher.h"
+
+#include "host/client.h"
+#include "host/ownerlock.h"
+
+#include "api/core/tulo.h"
+
+#include <QDeadlineTimer>
+
+#include <utility>
+
+namespace {
+
+constexpr int placeCheckMs = 1000;
+
+} // namespace
+
+Flusher::Flusher(CMWorker* worker, Client* client, const OwnerLock* lock, WriteWatch* writes)
+    : m_worker(worker)
+    , m_client(client)
+    , m_lock(lock)
+    , m_writes(writes)
+{
+    m_start.setSingleShot(true);
+    m_deadline.setSingleShot(true);
+    m_deadline.setInterval(syncTimeoutMs);
+    checkedConnect(&m_start, &QTimer::timeout, this, &Flusher::on_start_timeout);
+    checkedConnect(&m_deadline, &QTimer::timeout, this, &Flusher::on_deadline_timeout);
+    m_placeCheck.setSingleShot(true);
+    m_placeCheck.setInterval(placeCheckMs);
+    checkedConnect(&m_placeCheck, &QTimer::timeout, this, &Flusher::on_placeCheck_timeout);
+    checkedConnect(&m_sync, &TreeSync::finished, this, &Flusher::on_sync_finished);
+    // Queued: it is emitted inside a log call of the worker.
+    connect(
+        m_writes, &WriteWatch::changed, this,
+        [this] {
+            if (!m_placeCheck.isActive())
+                m_placeCheck.start();
+        },
+        Qt::QueuedConnection);
+}
+
+// ---------------------------------------------------------------------------------------------
+// A flush: write, sync, answer.
+// ---------------------------------------------------------------------------------------------
+
+void Flusher::flush(const Done& done)
+{
+    m_waiting.append(done);
+    m_start.start();
+}
+
+void Flusher::on_start_timeout()
+{
+    if (m_waiting.isEmpty() || !m_served.isEmpty())
+        return;
+    m_served = std::exchange(m_waiting, {});
+    if (!m_lock->isOwned()) {
+        answer(QString());
+        return;
+    }
+    m_deadline.start();
+    begin();
+}
+
+FlushResult Flusher::flushNow()
+{
+    FlushResult result;
+    bool isAnswered = false;
+    m_served += std::exchange(m_waiting, {});
+    m_served.append([&result, &isAnswered](const FlushResult& answered) {
+        result = answered;
+        isAnswered = true;
+    });
+    const QDeadlineTimer deadline(syncTimeoutMs);
+    if (m_lock->isOwned())
+        begin();
+    else
+        answer(QString());
+    while (!isAnswered && m_sync.wait(int(deadline.remainingTime()))) { }
+    if (!isAnswered)
+        on_deadline_timeout();
+    return result;
+}
+
+bool Flusher::isWaitedFor() const
+{
+    return !m_waiting.isEmpty() || !m_served.isEmpty();
+}
+
+void Flusher::begin()
+{
+    const QString error = writePending();
+    if (!error.isEmpty()) {
+        fail(error);
+        return;
+    }
+    // One that began before, for others or in vain, covers only what was written by then.
+    m_coversServed = m_sync.isRunning() && !m_writes->hasWrittenSinceSync();
+    if (!m_sync.isRunning())
+        startSync();
+}
+
+// Empty, or the reason why nothing can be written.
+QString Flusher::writePending()
+{
+    const QVector<WriteWatch::Change> unsaved = m_writes->unsavedChanges();
+    for (const WriteWatch::Change& change : unsaved)
+        m_client->setRoles(change.path, change.roles);
+    if (!QMetaObject::invokeMethod(m_worker, "on_writeTimer_timeout", Qt::DirectConnection))
+        return QStringLiteral("The worker cannot be asked to write");
+    return m_lock->displacement();
+}
+
+void Flusher::startSync()
+{
+    m_coversServed = true;
+    m_syncNumber = m_writes->beginSync();
+    m_sync.start(m_lock->directory());
+}
+
+void Flusher::on_sync_finished(const QString& error)
+{
+    const QString reason =
+        error.isEmpty() ? QString() : QStringLiteral("The file system did not sync: ") + error;
+    m_writes->endSync(m_syncNumber, reason);
+    if (m_coversServed)
+        answer(reason);
+    else if (!m_served.isEmpty())
+        startSync();
+}
+
+void Flusher::on_deadline_timeout()
+{
+    fail(
+        QStringLiteral("The file system did not sync within %1 seconds").arg(syncTimeoutMs / 1000));
+}
+
+void Flusher::on_placeCheck_timeout()
+{
+    const QString displacement = m_lock->displacement();
+    if (!displacement.isEmpty() && displacement != m_writes->lastError())
+        m_writes->setError(displacement);
+}
+
+void Flusher::fail(const QString& error)
+{
+    m_writes->setError(error);
+    answer(error);
+}
+
+void Flusher::answer(const QString& error)
+{
+    m_deadline.stop();
+    m_coversServed = false;
+    const FlushResult result { error, m_writes->unsavedCount() };
+    const QVector<Done> served = std::exchange(m_served, {});
+    for (const Done& done : served)
+        done(result);
+    if (!m_waiting.isEmpty())
+        m_start.start();
+}

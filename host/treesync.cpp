@@ -1,0 +1,120 @@
+#include "host/treesync.h"
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+namespace {
+
+QString systemText(int error)
+{
+    return QString::fromLocal8Bit(std::strerror(error));
+}
+
+QString syncDirectory(int directory)
+{
+    if (::syncfs(directory) != 0)
+        return systemText(errno);
+    // A file system that went read-only because of an error confirms that there is nothing to do.
+    struct statvfs fileSystem = {};
+    if (::fstatvfs(directory, &fileSystem) != 0)
+        return systemText(errno);
+    return (fileSystem.f_flag & ST_RDONLY) != 0 ? systemText(EROFS) : QString();
+}
+
+} // namespace
+
+/// One sync; shared with its thread, which may outlive the object that started it.
+struct TreeSync::Run
+{
+    std::mutex mutex;
+    std::condition_variable ended;
+    // Under the mutex.
+    TreeSync* owner = nullptr; ///< null: nobody waits for the end any more
+    bool hasEnded = false;
+    QString error;
+};
+
+TreeSync::~TreeSync()
+{
+    if (m_run) {
+        const std::lock_guard<std::mutex> locker(m_run->mutex);
+        m_run->owner = nullptr;
+    }
+}
+
+void TreeSync::start(int directory)
+{
+    // A copy for the thread: it shares the record of which errors were reported.
+    const int copy = ::fcntl(directory, F_DUPFD_CLOEXEC, 0);
+    const int error = errno;
+    m_run = std::make_shared<Run>();
+    m_run->owner = this;
+    const auto end = [](const std::shared_ptr<Run>& run, const QString& result) {
+        const std::lock_guard<std::mutex> locker(run->mutex);
+        run->hasEnded = true;
+        run->error = result;
+        run->ended.notify_all();
+        if (run->owner != nullptr)
+            QMetaObject::invokeMethod(run->owner, &TreeSync::on_run_ended, Qt::QueuedConnection);
+    };
+    if (copy < 0) {
+        end(m_run, systemText(error));
+        return;
+    }
+    try {
+        std::thread([run = m_run, copy, end] {
+            const QString result = syncDirectory(copy);
+            ::close(copy);
+            end(run, result);
+        }).detach();
+    } catch (const std::system_error& failure) {
+        ::close(copy);
+        end(m_run, QString::fromLocal8Bit(failure.what()));
+    }
+}
+
+bool TreeSync::isRunning() const
+{
+    return m_run != nullptr;
+}
+
+bool TreeSync::wait(int milliseconds)
+{
+    if (!m_run)
+        return true;
+    {
+        std::unique_lock<std::mutex> locker(m_run->mutex);
+        const auto hasEnded = [this] {
+            return m_run->hasEnded;
+        };
+        if (!m_run->ended.wait_for(locker, std::chrono::milliseconds(milliseconds), hasEnded))
+            return false;
+    }
+    on_run_ended();
+    return true;
+}
+
+void TreeSync::on_run_ended()
+{
+    // An event of a run that wait() has seen the end of.
+    if (!m_run)
+        return;
+    QString error;
+    {
+        const std::lock_guard<std::mutex> locker(m_run->mutex);
+        if (!m_run->hasEnded)
+            return;
+        error = m_run->error;
+    }
+    m_run.reset();
+    emit finished(error);
+}
