@@ -614,5 +614,15 @@ CMError Guard::judgeWritableTree(const CMPath& path, const QString& settingPath)
     // The file, and the temporary file that the worker writes first.
     const QByteArray name = QFile::encodeName(nameOf(settingPath));
     CMError error = judgeKind(kindOf(directory + '/' + name));
-    return isRefused(error) ? error : judgeKind(kindOf(directory + "/." + name));
+    if (isRefused(error))
+        return error;
+    struct stat temporary = {};
+    if (::lstat((directory + "/." + name).constData(), &temporary) != 0)
+        return CMError();
+    // The worker writes into it, and so into the other file.
+    if (S_ISREG(temporary.st_mode) && temporary.st_nlink > 1) {
+        return refusal(
+            QStringLiteral("The temporary file of '%1' is another file, too: a hard link"), path);
+    }
+    return judgeKind(temporary.st_mode & S_IFMT);
 }

@@ -20,6 +20,7 @@
 #include <memory>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 Q_DECLARE_METATYPE(ErrorKind)
 
@@ -126,6 +127,7 @@ private slots:
     void linkInTheWritableTreeIsNotFollowedByAChange_data();
     void linkInTheWritableTreeIsNotFollowedByAChange();
     void pipeInTheWritableTreeIsNotOpenedByAChange();
+    void hardLinkAsTemporaryFileIsNotWritten();
     void fileInPlaceOfADirectoryRefusesAChange();
 
     void badValueIsRefused_data();
@@ -793,6 +795,27 @@ void tst_guard::pipeInTheWritableTreeIsNotOpenedByAChange()
     QCOMPARE(errorText(reply),
              QStringLiteral("Refused: '/settings/list/new' is blocked by a special file in the "
                             "writable tree"));
+}
+
+void tst_guard::hardLinkAsTemporaryFileIsNotWritten()
+{
+    const QString precious = m_tree->path() + QStringLiteral("/precious");
+    QFile file(precious);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("precious");
+    file.close();
+    m_tree->makeWriteDirectory(QStringLiteral("/list"));
+    const QString temporary = m_tree->writePath() + QStringLiteral("/list/.new");
+    QCOMPARE(
+        ::link(QFile::encodeName(precious).constData(), QFile::encodeName(temporary).constData()),
+        0);
+
+    const auto reply =
+        setData(QStringLiteral("/settings/list/new"), TuloRoles::Value(), intValue(1));
+
+    QCOMPARE(errorText(reply),
+             QStringLiteral("Refused: The temporary file of '/settings/list/new' is another file, "
+                            "too: a hard link"));
 }
 
 void tst_guard::fileInPlaceOfADirectoryRefusesAChange()
