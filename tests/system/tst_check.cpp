@@ -1,6 +1,8 @@
 #include "tests/system/commandline.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -32,6 +34,7 @@ class TstCheck : public QObject
 
 private slots:
     void exampleTreeIsClean();
+    void filesOfTheFormatPageAreClean();
     void findings_data();
     void findings();
     void jsonFindings();
@@ -58,6 +61,53 @@ void TstCheck::exampleTreeIsClean()
     QCOMPARE(result.standardOutput, QByteArray());
     QCOMPARE(result.standardError, summary(QStringLiteral(TULO_EXAMPLE_TREE), written.path(), 0));
     QCOMPARE(result.exitCode, 0);
+}
+
+// The examples of the page, in its order, are what they say they are.
+void TstCheck::filesOfTheFormatPageAreClean()
+{
+    QFile page(QStringLiteral(TULO_SOURCE_DIR "/docs/file-format.md"));
+    QVERIFY(page.open(QIODevice::ReadOnly));
+    const QList<QByteArray> lines = page.readAll().split('\n');
+    QVector<QByteArray> files;
+    for (int i = 0; i < lines.size(); ++i) {
+        if (lines.at(i) != "```json")
+            continue;
+        files.append(QByteArray());
+        for (++i; lines.at(i) != "```"; ++i)
+            files.last() += lines.at(i) + '\n';
+    }
+    QCOMPARE(files.size(), 4);
+    const QTemporaryDir defaults;
+    const QTemporaryDir written;
+    const QStringList names { defaults.filePath(QStringLiteral("audio/volume")),
+                              defaults.filePath(QStringLiteral("audio/.meta")),
+                              defaults.filePath(QStringLiteral("audio/presets/.meta")),
+                              written.filePath(QStringLiteral("audio/volume")) };
+    for (int i = 0; i < names.size(); ++i) {
+        QVERIFY(QDir().mkpath(QFileInfo(names.at(i)).path()));
+        QFile file(names.at(i));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(files.at(i));
+    }
+    const QStringList trees { QStringLiteral("--default-path"), defaults.path(),
+                              QStringLiteral("--write-path"), written.path() };
+    const QString program = QStringLiteral(TULO_CM_PROGRAM);
+
+    const ChildResult check =
+        ChildProcess::run(program, trees + QStringList(QStringLiteral("check")));
+    QCOMPARE(check.standardOutput, QByteArray());
+    QCOMPARE(check.exitCode, 0);
+    const ChildResult volume = ChildProcess::run(
+        program,
+        trees + QStringList { QStringLiteral("get"), QStringLiteral("/settings/audio/volume") });
+    QCOMPARE(volume.standardOutput, QByteArray("20\n"));
+    const ChildResult preset = ChildProcess::run(
+        program,
+        trees
+            + QStringList { QStringLiteral("set"), QStringLiteral("/settings/audio/presets/one"),
+                            QStringLiteral("dab:5C") });
+    QCOMPARE(preset.standardOutput, QByteArray("dab:5C\n"));
 }
 
 void TstCheck::findings_data()
