@@ -68,8 +68,9 @@ Answer<TuloValue> parseValue(const QString& text, const QString& kind)
     const QVariant content = TuloJson::parse(text.toUtf8(), error, nullptr);
     if (!error.isEmpty() && looksStructured(text)) {
         return { {},
-                 usageFailure(QStringLiteral("VALUE is no JSON (%1); '--string' takes it as a text")
-                                  .arg(error.message())) };
+                 usageFailure(
+                     QStringLiteral("VALUE is not valid JSON (%1); '--string' takes it as a text")
+                         .arg(error.message())) };
     }
     if (!error.isEmpty())
         return { TuloValue::of(TuloValue::String(), text), {} };
@@ -90,7 +91,7 @@ Answer<TuloValue> parseValue(const QString& text, const QString& kind)
         return { TuloValue::of(kind, text), {} };
     const TuloValue value = valueOfKind(kind, content);
     if (value.isEmpty())
-        return { {}, usageFailure(QStringLiteral("'%1' is no value").arg(text)) };
+        return { {}, usageFailure(QStringLiteral("'%1' is not a value").arg(text)) };
     return { value, {} };
 }
 

@@ -413,14 +413,14 @@ void TstCommandline::usage_data()
     row("string without a value", words("set /settings/audio/volume --default --string"),
         "'--string' needs a VALUE");
     row("broken list", words("set /settings/audio/sources [1,"),
-        "VALUE is no JSON (line 1, column 4: Invalid value.); '--string' takes it as a text");
+        "VALUE is not valid JSON (line 1, column 4: Invalid value.); '--string' takes it as a text");
     row("object of no kind", words("set /settings/audio/volume {\"number\":5}"),
         "VALUE is an object, but not one with a single kind (bool, int, double, string, list) and "
         "what fits it");
     row("object with what does not fit", words("set /settings/audio/volume {\"int\":\"5\"}"),
         "VALUE is an object, but not one with a single kind (bool, int, double, string, list) and "
         "what fits it");
-    row("null", words("set /settings/audio/volume null"), "'null' is no value");
+    row("null", words("set /settings/audio/volume null"), "'null' is not a value");
     row("roles that are no object", words("set /settings/audio/volume --roles 5"),
         "'--roles' needs a JSON object");
     row("unknown verb", words("op /settings/audio/volume halve 2"),
