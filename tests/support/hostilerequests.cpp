@@ -295,60 +295,73 @@ void addBadValues()
     add("a list", QVariantList { 5 }, noObject, kept);
     add("bytes", QByteArrayLiteral("{\"int\":5}"), noObject, kept);
 
+    // The framework refuses what cannot be stored, and the stored value stays.
+    const auto addMalformed = [&kept](const char* name, const QVariantHash& value,
+                                      const char* refusal, const char* reason) {
+        addRow(QLatin1String("value: ") + QString::fromLatin1(name),
+               setAttempt(volume, TuloRoles::Value(), value), about(volume, refusal), kept,
+               QStringLiteral("WARN Value for '%1' refused: %2")
+                   .arg(volume, QString::fromLatin1(reason)));
+    };
+    const char* const notInt = "it is not of the kind 'int'";
+    const char* const notDouble = "it is not of the kind 'double'";
+    const char* const notBool = "it is not of the kind 'bool'";
+    const char* const notString = "it is not of the kind 'string'";
+    const char* const notList = "it is not of the kind 'list'";
+    const char* const ofNoKind = "it is of no known kind";
+    const char* const notJson = "it holds what JSON cannot hold";
+    const char* const noKind = "Refused: A value for '%1' does not have one known kind";
+    addMalformed("two kinds", { { TuloValue::Int(), 1 }, { TuloValue::Bool(), true } }, noKind,
+                 ofNoKind);
+    addMalformed("unknown kind", { { QStringLiteral("colour"), 1 } }, noKind, ofNoKind);
+    addMalformed("kind in another case", { { QStringLiteral("Int"), 1 } }, noKind, ofNoKind);
+    addMalformed("kind without a name", { { QString(), 1 } }, noKind, ofNoKind);
+    addMalformed("value inside a value", { { QStringLiteral("value"), intValue(1) } }, noKind,
+                 ofNoKind);
+
+    const char* const wrongKind = "Refused: A value for '%1' is not of the kind it names";
+    addMalformed("int of a text", { { TuloValue::Int(), QStringLiteral("5") } }, wrongKind, notInt);
+    addMalformed("int of a fraction", { { TuloValue::Int(), 1.5 } }, wrongKind, notInt);
+    addMalformed("int of a switch", { { TuloValue::Int(), true } }, wrongKind, notInt);
+    addMalformed("int of nothing", { { TuloValue::Int(), QVariant() } }, wrongKind, notInt);
+    addMalformed("double of a text", { { TuloValue::Double(), QStringLiteral("x") } }, wrongKind,
+                 notDouble);
+    addMalformed("bool of a number", { { TuloValue::Bool(), 1 } }, wrongKind, notBool);
+    addMalformed("bool of a text", { { TuloValue::Bool(), QStringLiteral("true") } }, wrongKind,
+                 notBool);
+    addMalformed("string of a number", { { TuloValue::String(), 5 } }, wrongKind, notString);
+    addMalformed("string of nothing", { { TuloValue::String(), QVariant() } }, wrongKind,
+                 notString);
+    addMalformed("string of a list", { { TuloValue::String(), QVariantList { 1 } } }, wrongKind,
+                 notString);
+    addMalformed("list of a text", { { TuloValue::List(), QStringLiteral("x") } }, wrongKind,
+                 notList);
+    addMalformed("list of an object", { { TuloValue::List(), QVariantHash { { volume, 1 } } } },
+                 wrongKind, notList);
+
+    const char* const notFinite = "Refused: A number for '%1' is not finite";
+    const double infinity = std::numeric_limits<double>::infinity();
+    const double notANumber = std::numeric_limits<double>::quiet_NaN();
+    addMalformed("not a number", { { TuloValue::Double(), notANumber } }, notFinite, notDouble);
+    addMalformed("infinity", { { TuloValue::Double(), infinity } }, notFinite, notDouble);
+    addMalformed("negative infinity", { { TuloValue::Double(), -infinity } }, notFinite, notDouble);
+    addMalformed("infinity in a list", { { TuloValue::List(), QVariantList { 1, infinity } } },
+                 notFinite, notJson);
+
+    const char* const noJson = "Refused: A value for '%1' holds something that JSON cannot hold";
+    addMalformed("string of bytes", { { TuloValue::String(), QByteArrayLiteral("x") } }, noJson,
+                 notString);
+    addMalformed("bytes in a list",
+                 { { TuloValue::List(), QVariantList { QByteArrayLiteral("x") } } }, noJson,
+                 notJson);
+    addMalformed("character in a list", { { TuloValue::List(), QVariantList { QChar(u'x') } } },
+                 noJson, notJson);
+
     const auto addContent = [&add](const char* name, const QVariantHash& value, const char* refusal,
                                    const char* stored) {
         add(name, value, refusal,
             QStringLiteral("saved /audio/volume {value: %1}").arg(QString::fromUtf8(stored)));
     };
-    const char* const noKind = "Refused: A value for '%1' does not have one known kind";
-    addContent("two kinds", { { TuloValue::Int(), 1 }, { TuloValue::Bool(), true } }, noKind,
-               "{bool: true, int: 1}");
-    addContent("unknown kind", { { QStringLiteral("colour"), 1 } }, noKind, "{colour: 1}");
-    addContent("kind in another case", { { QStringLiteral("Int"), 1 } }, noKind, "{Int: 1}");
-    addContent("kind without a name", { { QString(), 1 } }, noKind, "{: 1}");
-    addContent("value inside a value", { { QStringLiteral("value"), intValue(1) } }, noKind,
-               "{value: {int: 1}}");
-
-    const char* const wrongKind = "Refused: A value for '%1' is not of the kind it names";
-    addContent("int of a text", { { TuloValue::Int(), QStringLiteral("5") } }, wrongKind,
-               "{int: 5}");
-    addContent("int of a fraction", { { TuloValue::Int(), 1.5 } }, wrongKind, "{int: 1.5}");
-    addContent("int of a switch", { { TuloValue::Int(), true } }, wrongKind, "{int: true}");
-    addContent("int of nothing", { { TuloValue::Int(), QVariant() } }, wrongKind, "{int: null}");
-    addContent("double of a text", { { TuloValue::Double(), QStringLiteral("x") } }, wrongKind,
-               "{double: x}");
-    addContent("bool of a number", { { TuloValue::Bool(), 1 } }, wrongKind, "{bool: 1}");
-    addContent("bool of a text", { { TuloValue::Bool(), QStringLiteral("true") } }, wrongKind,
-               "{bool: true}");
-    addContent("string of a number", { { TuloValue::String(), 5 } }, wrongKind, "{string: 5}");
-    addContent("string of nothing", { { TuloValue::String(), QVariant() } }, wrongKind,
-               "{string: null}");
-    addContent("string of a list", { { TuloValue::String(), QVariantList { 1 } } }, wrongKind,
-               "{string: [1]}");
-    addContent("list of a text", { { TuloValue::List(), QStringLiteral("x") } }, wrongKind,
-               "{list: x}");
-    addContent("list of an object", { { TuloValue::List(), QVariantHash { { volume, 1 } } } },
-               wrongKind, "{list: {/settings/audio/volume: 1}}");
-
-    const char* const notFinite = "Refused: A number for '%1' is not finite";
-    const double infinity = std::numeric_limits<double>::infinity();
-    const double notANumber = std::numeric_limits<double>::quiet_NaN();
-    addContent("not a number", { { TuloValue::Double(), notANumber } }, notFinite, "{double: nan}");
-    addContent("infinity", { { TuloValue::Double(), infinity } }, notFinite, "{double: inf}");
-    addContent("negative infinity", { { TuloValue::Double(), -infinity } }, notFinite,
-               "{double: -inf}");
-    addContent("infinity in a list", { { TuloValue::List(), QVariantList { 1, infinity } } },
-               notFinite, "{list: [1, inf]}");
-
-    const char* const noJson = "Refused: A value for '%1' holds something that JSON cannot hold";
-    addContent("string of bytes", { { TuloValue::String(), QByteArrayLiteral("x") } }, noJson,
-               "{string: x}");
-    addContent("bytes in a list",
-               { { TuloValue::List(), QVariantList { QByteArrayLiteral("x") } } }, noJson,
-               "{list: [x]}");
-    addContent("character in a list", { { TuloValue::List(), QVariantList { QChar(u'x') } } },
-               noJson, "{list: [x]}");
-
     const char* const noUnicode = "Refused: A text for '%1' is not valid Unicode";
     const QString lone(QChar(0xDC00));
     addContent("text with a lone surrogate", { { TuloValue::String(), lone } }, noUnicode,
@@ -390,11 +403,12 @@ void addBadChanges()
         add("value that is no object", role, QVariantHash { { TuloRoles::Value(), 5 } },
             "Refused: A value for '%1' is not an object", kept);
     }
-    add("value of two kinds", TuloRoles::SetRoles(),
-        QVariantHash { { TuloRoles::Value(),
-                         QVariantHash { { TuloValue::Int(), 1 }, { TuloValue::Bool(), true } } } },
-        "Refused: A value for '%1' does not have one known kind",
-        QStringLiteral("saved /audio/volume {value: {bool: true, int: 1}}"));
+    const QVariantHash twoKinds { { TuloValue::Int(), 1 }, { TuloValue::Bool(), true } };
+    addRow(QStringLiteral("setRoles: value of two kinds"),
+           setAttempt(volume, TuloRoles::SetRoles(),
+                      QVariantHash { { TuloRoles::Value(), twoKinds } }),
+           about(volume, "Refused: A value for '%1' does not have one known kind"), kept,
+           QStringLiteral("WARN Value for '%1' refused: it is of no known kind").arg(volume));
     add("role with an infinity", TuloRoles::SetRoles(), QVariantHash { { title, infinity } },
         "Refused: A number for '%1' is not finite",
         QStringLiteral("saved /audio/volume {title: inf, value: {int: 7}}"));

@@ -1,5 +1,6 @@
 #include "api/core/model/cmedit.h"
 #include "api/core/tulojson.h"
+#include "api/core/tuloroles.h"
 #include "tests/support/logcapture.h"
 
 #include <QTest>
@@ -94,12 +95,15 @@ private slots:
     void operationHasVerbAndOperand();
 
     void emptyRequestStaysEmpty();
-    void emptyConstraintsAcceptAnything_data();
-    void emptyConstraintsAcceptAnything();
+    void emptyConstraintsAcceptWhatCanBeStored_data();
+    void emptyConstraintsAcceptWhatCanBeStored();
+    void emptyConstraintsRefuseWhatCannotBeStored_data() { notStorable(); }
+    void emptyConstraintsRefuseWhatCannotBeStored() { judge(); }
+    void contentThatJsonCannotHoldIsRefused();
     void kindOfTheConstraintsDecides_data() { kinds(); }
     void kindOfTheConstraintsDecides() { judge(); }
-    void kindIsThatOfMinMaxValuesStoredInThisOrder_data();
-    void kindIsThatOfMinMaxValuesStoredInThisOrder();
+    void kindIsThatOfTheConstraintsBeforeTheStored_data();
+    void kindIsThatOfTheConstraintsBeforeTheStored();
     void integerIsClampedAndSnapped_data() { integers(); }
     void integerIsClampedAndSnapped() { judge(); }
     void integerAtTheLimitsOf64Bits_data() { limits(); }
@@ -114,6 +118,11 @@ private slots:
     void lengthAndPatternRefuse() { judge(); }
     void listsAreJudgedByLength_data() { lists(); }
     void listsAreJudgedByLength() { judge(); }
+    void elementsOfAListAreJudged_data() { elements(); }
+    void elementsOfAListAreJudged() { judge(); }
+    void storedValueOfAnotherKindDoesNotBind();
+    void constraintsThatAreNoObjectRefuse_data();
+    void constraintsThatAreNoObjectRefuse();
     void malformedConstraintRefuses_data() { malformedConstraints(); }
     void malformedConstraintRefuses() { judge(); }
     void constraintsOfOtherKindsAreIgnored_data() { otherKinds(); }
@@ -135,6 +144,8 @@ private:
     void listed();
     void texts();
     void lists();
+    void elements();
+    void notStorable();
     void malformedConstraints();
     void otherKinds();
     void judge();
@@ -350,15 +361,16 @@ void tst_framework_edit::emptyRequestStaysEmpty()
     }
 }
 
-void tst_framework_edit::emptyConstraintsAcceptAnything_data()
+void tst_framework_edit::emptyConstraintsAcceptWhatCanBeStored_data()
 {
     QTest::addColumn<QByteArray>("requested");
-    for (const char* value : { R"({"int":5})", R"({"string":"x"})", R"({"color":[1]})",
-                               R"({"int":5,"string":"x"})", R"({"int":"x"})" })
+    for (const char* value :
+         { R"({"int":5})", R"({"string":"x"})", R"({"int":18446744073709551615})",
+           R"({"double":-0.5})", R"({"list":[1,null,{"a":[]}]})" })
         QTest::newRow(value) << QByteArray(value);
 }
 
-void tst_framework_edit::emptyConstraintsAcceptAnything()
+void tst_framework_edit::emptyConstraintsAcceptWhatCanBeStored()
 {
     QFETCH(QByteArray, requested);
 
@@ -367,6 +379,38 @@ void tst_framework_edit::emptyConstraintsAcceptAnything()
                          TuloEdit(), CMPath());
 
     QCOMPARE(json(result), requested);
+}
+
+void tst_framework_edit::notStorable()
+{
+    const QString unknown = QStringLiteral("it is of no known kind");
+    addColumns();
+    refused("{}", R"({"color": [1]})", unknown);
+    refused("{}", R"({"int": 5, "string": "x"})", unknown);
+    refused("{}", R"({"int": "x"})", notOfKind("int"));
+    refused("{}", R"({"int": 5.5})", notOfKind("int"));
+    refused("{}", R"({"double": true})", notOfKind("double"));
+    refused("{}", R"({"bool": null})", notOfKind("bool"));
+}
+
+void tst_framework_edit::contentThatJsonCannotHoldIsRefused()
+{
+    const QString notJson = QStringLiteral("it holds what JSON cannot hold");
+    const QVariantList deep { 1, QVariantHash { { QStringLiteral("a"), std::nan("") } } };
+    for (const char* edit : { "{}", R"({"kind": "list"})", R"({"maxLength": 5})" }) {
+        const TuloEdit constraints { TuloHash(hash(edit)) };
+        for (const QVariant& element :
+             { QVariant(std::nan("")), QVariant(deep), QVariant::fromValue<QObject*>(nullptr) }) {
+            const TuloValue list = TuloValue::of(TuloValue::List(), QVariantList { element });
+            const CMEdit::Judgement judgement = CMEdit::judge(TuloValue(), list, constraints);
+            QVERIFY(judgement.value.isEmpty());
+            QCOMPARE(judgement.reason, notJson);
+        }
+    }
+    for (const double number : { std::nan(""), HUGE_VAL }) {
+        const TuloValue value = TuloValue::of(TuloValue::Double(), number);
+        QCOMPARE(CMEdit::judge(TuloValue(), value, TuloEdit()).reason, notOfKind("double"));
+    }
 }
 
 void tst_framework_edit::judge()
@@ -393,7 +437,15 @@ void tst_framework_edit::kinds()
     addColumns();
     row(R"({"kind": "int"})", R"({"int": 5})", R"({"int":5})");
     row(R"({"kind": "int"})", R"({"double": 5.0})", R"({"int":5})");
-    refused(R"({"kind": "int"})", R"({"double": 5.5})", notOfKind("int"));
+    // Between two integers the nearer one, from the middle away from 0.
+    row(R"({"kind": "int"})", R"({"double": 5.4})", R"({"int":5})", notOfKind("int"));
+    row(R"({"kind": "int"})", R"({"double": 5.5})", R"({"int":6})", notOfKind("int"));
+    row(R"({"kind": "int"})", R"({"double": -5.5})", R"({"int":-6})", notOfKind("int"));
+    row(R"({"kind": "int"})", R"({"double": -0.2})", R"({"int":0})", notOfKind("int"));
+    row(R"({"kind": "int"})", R"({"double": 1e300})", R"({"int":9223372036854775807})",
+        notOfKind("int"));
+    row(R"({"kind": "int"})", R"({"double": -1e300})", R"({"int":-9223372036854775808})",
+        notOfKind("int"));
     refused(R"({"kind": "int"})", R"({"string": "5"})", notOfKind("int"));
     refused(R"({"kind": "int"})", R"({"bool": true})", notOfKind("int"));
     refused(R"({"kind": "int"})", R"({"int": "5"})", notOfKind("int"));
@@ -402,7 +454,8 @@ void tst_framework_edit::kinds()
     refused(R"({"kind": "int"})", R"({"color": 5})", notOfKind("int"));
     row(R"({"kind": "double"})", R"({"double": 0.5})", R"({"double":0.5})");
     row(R"({"kind": "double"})", R"({"int": 5})", R"({"double":5.0})");
-    refused(R"({"kind": "double"})", R"({"int": 9007199254740993})", notOfKind("double"));
+    row(R"({"kind": "double"})", R"({"int": 9007199254740993})", R"({"double":9007199254740992.0})",
+        notOfKind("double"));
     refused(R"({"kind": "double"})", R"({"bool": false})", notOfKind("double"));
     row(R"({"kind": "bool"})", R"({"bool": false})", R"({"bool":false})");
     refused(R"({"kind": "bool"})", R"({"int": 0})", notOfKind("bool"));
@@ -418,7 +471,7 @@ void tst_framework_edit::kinds()
     row(R"({"unknown": 1})", R"({"string": "x"})", R"({"string":"x"})");
 }
 
-void tst_framework_edit::kindIsThatOfMinMaxValuesStoredInThisOrder_data()
+void tst_framework_edit::kindIsThatOfTheConstraintsBeforeTheStored_data()
 {
     QTest::addColumn<QByteArray>("stored");
     QTest::addColumn<QByteArray>("edit");
@@ -429,7 +482,14 @@ void tst_framework_edit::kindIsThatOfMinMaxValuesStoredInThisOrder_data()
     };
     kind(R"({"int": 1})", R"({"kind": "string", "min": 0.5, "values": [true]})", "string");
     kind(R"({"string": "x"})", R"({"min": 0.5, "max": 1, "values": [true]})", "double");
-    kind(R"({"string": "x"})", R"({"min": 0, "max": 1.5})", "int");
+    kind(R"({"string": "x"})", R"({"min": 0, "max": 1})", "int");
+    // One double makes all of them doubles.
+    kind(R"({"string": "x"})", R"({"min": 0, "max": 1.5})", "double");
+    kind(R"({"string": "x"})", R"({"min": 0, "values": [1, 2.5]})", "double");
+    kind(R"({"double": 21.5})", R"({"min": 16, "max": 28, "step": 0.5})", "double");
+    kind(R"({"double": 1.0})", R"({"values": [1, 2]})", "double");
+    kind(R"({"double": 1.0})", R"({"kind": "int", "max": 1.5})", "int");
+    kind(R"({"double": 1.0})", R"({"values": ["a"]})", "string");
     kind(R"({"string": "x"})", R"({"max": 1.5, "values": [true]})", "double");
     kind(R"({"string": "x"})", R"({"values": [true, false]})", "bool");
     kind(R"({"int": 1})", R"({"values": ["a", "b"]})", "string");
@@ -444,10 +504,12 @@ void tst_framework_edit::kindIsThatOfMinMaxValuesStoredInThisOrder_data()
     kind("{}", "{}", "");
     kind(R"({"int": 1})", R"({"kind": "nonsense"})", "");
     kind(R"({"int": 1})", R"({"min": "a"})", "");
+    kind(R"({"int": 1})", R"({"min": 0, "max": "a"})", "");
+    kind(R"({"int": 1})", R"({"edit": "kind=int"})", "");
     kind(R"({"int": 1})", R"({"values": [1, "a"]})", "");
 }
 
-void tst_framework_edit::kindIsThatOfMinMaxValuesStoredInThisOrder()
+void tst_framework_edit::kindIsThatOfTheConstraintsBeforeTheStored()
 {
     QFETCH(QByteArray, stored);
     QFETCH(QByteArray, edit);
@@ -464,7 +526,11 @@ void tst_framework_edit::integers()
     row(range, R"({"int": 101})", R"({"int":100})", aboveMax);
     row(range, R"({"int": -1})", R"({"int":0})", belowMin);
     row(range, R"({"double": 101.0})", R"({"int":100})", aboveMax);
-    refused(range, R"({"double": 100.5})", notOfKind("int"));
+    row(range, R"({"double": 28.6})", R"({"int":29})", notOfKind("int"));
+    row(range, R"({"double": 100.5})", R"({"int":100})",
+        notOfKind("int") + QStringLiteral(", ") + aboveMax);
+    row(range, R"({"double": -1e300})", R"({"int":0})",
+        notOfKind("int") + QStringLiteral(", ") + belowMin);
     const char* fives = R"({"min": 0, "max": 100, "step": 5})";
     row(fives, R"({"int": 35})", R"({"int":35})");
     row(fives, R"({"int": 36})", R"({"int":35})", besideStep);
@@ -590,6 +656,9 @@ void tst_framework_edit::doubles()
     row(R"({"kind": "double", "step": 0.001})", R"({"double": 1e300})", R"({"double":1e300})");
     row(R"({"min": -1.7e308, "max": 1.7e308, "step": 1e-300})", R"({"double": 1.7e308})",
         R"({"double":1.7e308})");
+    // The range's own end has more digits than a step.
+    row(R"({"min": 0.10000000000000002, "max": 1, "step": 1})", R"({"double": 0.3})",
+        R"({"double":0.10000000000000002})", besideStep);
     row(R"({"min": 0.3333333333333333, "step": 1})", R"({"double": 0.0})",
         R"({"double":0.3333333333333333})", belowMin);
     refused(R"({"min": 1.0, "max": 0.5})", R"({"double": 0.7})", noneFits);
@@ -673,6 +742,89 @@ void tst_framework_edit::lists()
     row(length, R"({"list": [null]})", R"({"list":[null]})");
     row(length, R"({"list": [[1, 2, 3], "x"]})", R"({"list":[[1,2,3],"x"]})");
     refused(length, R"({"list": [1, 2, 3]})", QStringLiteral("it is longer than 'maxLength'"));
+}
+
+void tst_framework_edit::elements()
+{
+    const auto unfit = [](const QString& reason) {
+        return QStringLiteral("an element does not fit 'elements': ") + reason;
+    };
+    addColumns();
+    const char* percents = R"({"kind": "list", "elements": {"min": 0, "max": 100}})";
+    row(percents, R"({"list": [0, 100]})", R"({"list":[0,100]})");
+    row(percents, R"({"list": []})", R"({"list":[]})");
+    row(percents, R"({"list": [1, 101, -1, 102]})", R"({"list":[1,100,0,100]})",
+        unfit(aboveMax) + QStringLiteral(", ") + unfit(belowMin));
+    row(percents, R"({"list": [1.5]})", R"({"list":[2]})", unfit(notOfKind("int")));
+    refused(percents, R"({"list": [1, "2"]})", unfit(notOfKind("int")));
+    refused(percents, R"({"list": [1, null]})", unfit(QStringLiteral("it is of no known kind")));
+    refused(percents, R"({"list": [{"int": 1}]})", unfit(QStringLiteral("it is of no known kind")));
+    refused(percents, R"({"int": 1})", notOfKind("list"));
+    const char* words = R"({"kind": "list", "maxLength": 2, "elements": {"values": ["a", "b"]}})";
+    row(words, R"({"list": ["a", "b"]})", R"({"list":["a","b"]})");
+    refused(words, R"({"list": ["a", "c"]})", unfit(notListed));
+    refused(words, R"({"list": ["a", "a", "a"]})", QStringLiteral("it is longer than 'maxLength'"));
+    // Lists of lists.
+    const char* rows = R"({"kind": "list", "elements": {"kind": "list", "elements": {"max": 5}}})";
+    row(rows, R"({"list": [[1], [], [5]]})", R"({"list":[[1],[],[5]]})");
+    row(rows, R"({"list": [[1, 9]]})", R"({"list":[[1,5]]})", unfit(unfit(aboveMax)));
+    // Each by its own kind.
+    const char* shortOnes = R"({"kind": "list", "elements": {"maxLength": 1}})";
+    row(shortOnes, R"({"list": ["a", 18446744073709551615, true, [1]]})",
+        R"({"list":["a",18446744073709551615,true,[1]]})");
+    refused(shortOnes, R"({"list": ["ab"]})",
+            unfit(QStringLiteral("it is longer than 'maxLength'")));
+    row(R"({"kind": "list", "elements": {}})", R"({"list": [null, {}]})", R"({"list":[null,{}]})");
+    row(R"({"kind": "list", "elements": null})", R"({"list": [null]})", R"({"list":[null]})");
+    refused(R"({"kind": "list", "elements": 5})", R"({"list": []})", malformed("elements"));
+    refused(R"({"kind": "list", "elements": {"kind": "nonsense"}})", R"({"list": [1]})",
+            unfit(malformed("kind")));
+    row(R"({"kind": "int", "elements": 5})", R"({"int": 1})", R"({"int":1})");
+}
+
+void tst_framework_edit::storedValueOfAnotherKindDoesNotBind()
+{
+    const TuloValue stored(hash(R"({"string": "x"})"));
+    const TuloValue requested(hash(R"({"int": 5})"));
+    for (const char* edit : { R"({"kind": "int"})", R"({"max": 9})", R"({"values": [5]})", "{}" }) {
+        const CMEdit::Judgement judgement =
+            CMEdit::judge(stored, requested, TuloEdit(TuloHash(hash(edit))));
+        QCOMPARE(json(judgement.value), json(requested));
+        QCOMPARE(judgement.reason, QString());
+    }
+}
+
+void tst_framework_edit::constraintsThatAreNoObjectRefuse_data()
+{
+    QTest::addColumn<QByteArray>("edit");
+    QTest::addColumn<bool>("isMalformed");
+    const auto entry = [](const char* text, bool isMalformed) {
+        QTest::newRow(text) << QByteArray(text) << isMalformed;
+    };
+    entry("\"kind=int\"", true);
+    entry("\"\"", true);
+    entry("5", true);
+    entry("false", true);
+    entry("[]", true);
+    entry("{}", false);
+    entry("null", false);
+}
+
+void tst_framework_edit::constraintsThatAreNoObjectRefuse()
+{
+    QFETCH(QByteArray, edit);
+    QFETCH(bool, isMalformed);
+    const TuloRoles roles(TuloHash(hash("{\"edit\": " + edit + "}")));
+    const TuloValue value(hash(R"({"int": 5})"));
+
+    QCOMPARE(roles.edit().isMalformed(), isMalformed);
+    for (const TuloValue& stored : { TuloValue(), value }) {
+        const CMEdit::Judgement judgement = CMEdit::judge(stored, value, roles.edit());
+        QCOMPARE(judgement.value.isEmpty(), isMalformed);
+        QCOMPARE(judgement.reason, isMalformed ? malformed("edit") : QString());
+    }
+    // What a client is answered stays as it was.
+    QCOMPARE(json(roles), canonical("{\"edit\": " + edit + "}"));
 }
 
 void tst_framework_edit::malformedConstraints()

@@ -193,7 +193,7 @@ CMPath TuloRoles::path() const
 
 TuloEdit TuloRoles::edit() const
 {
-    return TuloEdit(__hashAttribute(editKey).toHash());
+    return TuloEdit::fromVariant(__hashAttribute(editKey));
 }
 
 bool TuloRoles::modifiable() const

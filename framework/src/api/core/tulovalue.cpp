@@ -27,6 +27,8 @@ const QString valuesKey = QStringLiteral("values");
 const QString minLengthKey = QStringLiteral("minLength");
 const QString maxLengthKey = QStringLiteral("maxLength");
 const QString patternKey = QStringLiteral("pattern");
+const QString elementsKey = QStringLiteral("elements");
+const QString malformedKey = QStringLiteral("edit");
 
 const QString opKey = QStringLiteral("op");
 const QString operandKey = QStringLiteral("value");
@@ -204,6 +206,14 @@ TuloEdit::TuloEdit(const TuloHash& hash)
 {
 }
 
+TuloEdit TuloEdit::fromVariant(const QVariant& entry)
+{
+    const int type = entry.userType();
+    if (!entry.isValid() || type == QMetaType::QVariantHash || type == QMetaType::QVariantMap)
+        return TuloEdit(entry.toHash());
+    return TuloEdit(QVariantHash { { malformedKey, entry } });
+}
+
 const QString& TuloEdit::Kind()
 {
     return kindKey;
@@ -244,6 +254,21 @@ const QString& TuloEdit::Pattern()
     return patternKey;
 }
 
+const QString& TuloEdit::Elements()
+{
+    return elementsKey;
+}
+
+const QString& TuloEdit::Malformed()
+{
+    return malformedKey;
+}
+
+bool TuloEdit::isMalformed() const
+{
+    return __contains(malformedKey);
+}
+
 QString TuloEdit::kind() const
 {
     return __hashAttribute(kindKey).toString();
@@ -282,6 +307,11 @@ int TuloEdit::maxLength() const
 QString TuloEdit::pattern() const
 {
     return __hashAttribute(patternKey).toString();
+}
+
+TuloEdit TuloEdit::elements() const
+{
+    return fromVariant(__hashAttribute(elementsKey));
 }
 
 TuloOperation::TuloOperation(const TuloHash& hash)

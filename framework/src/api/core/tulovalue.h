@@ -47,6 +47,9 @@ public:
     using TuloHash::TuloHash;
     TuloEdit() = default;
     TuloEdit(const TuloHash& hash); // NOLINT: records convert into each other
+    /// What a setting or another constraint has for constraints: none without an entry, and
+    /// malformed ones when that is not an object.
+    static TuloEdit fromVariant(const QVariant& entry);
 
     static const QString& Kind();
     static const QString& Min();
@@ -56,7 +59,11 @@ public:
     static const QString& MinLength();
     static const QString& MaxLength();
     static const QString& Pattern();
+    static const QString& Elements();
+    /// The key under which malformed constraints hold what they were made of.
+    static const QString& Malformed();
 
+    bool isMalformed() const;
     /// The kind a value must have; empty when the constraints do not name one.
     QString kind() const;
     // Range and grid of a number, invalid when absent. The grid starts at min, or at 0.
@@ -71,6 +78,8 @@ public:
     int maxLength() const;
     /// A regular expression that a text must match as a whole; empty when absent.
     QString pattern() const;
+    /// The constraints on each element of a list.
+    TuloEdit elements() const;
 };
 
 /// A change to apply to a value: {"op": verb, "value": operand}.

@@ -1,6 +1,7 @@
 #include "api/core/model/cmedit.h"
 
 #include "api/core/tulo.h"
+#include "api/core/tulojson.h"
 
 #include <QRegularExpression>
 
@@ -42,6 +43,11 @@ Judgement noneFits()
     return refused(QStringLiteral("no value fits the constraints"));
 }
 
+QString notOfKind(const QString& kind)
+{
+    return QStringLiteral("it is not of the kind '%1'").arg(kind);
+}
+
 Judgement adjusted(const TuloValue& value, const QStringList& reasons)
 {
     return { value, reasons.join(QLatin1String(", ")) };
@@ -49,6 +55,7 @@ Judgement adjusted(const TuloValue& value, const QStringList& reasons)
 
 const QString belowMin = QStringLiteral("it is below 'min'");
 const QString aboveMax = QStringLiteral("it is above 'max'");
+const QString notJson = QStringLiteral("it holds what JSON cannot hold");
 const QString besideStep = QStringLiteral("it does not lie on a 'step'");
 
 bool isNumberKind(const QString& kind)
@@ -66,36 +73,88 @@ struct WantedKind
     QString malformedConstraint; ///< the one that ought to have named it
 };
 
-// The kind of all of them; ints among doubles count as doubles. Empty when they do not agree.
+// The kind of all of them; ints among doubles count as doubles. Empty when they do not agree, or
+// there are none.
 QString commonKind(const QVariantList& values)
 {
     QStringList kinds;
     for (const QVariant& value : values)
         kinds.append(TuloValue::ofContent(value).kind());
     kinds.removeDuplicates();
-    if (kinds.size() == 1)
-        return kinds.first();
+    if (kinds.size() <= 1)
+        return kinds.value(0);
     const bool allNumbers = std::all_of(kinds.cbegin(), kinds.cend(), isNumberKind);
     return allNumbers ? TuloValue::Double() : QString();
 }
 
 WantedKind wantedKind(const TuloValue& stored, const TuloEdit& edit)
 {
+    if (edit.isMalformed())
+        return { {}, TuloEdit::Malformed() };
     if (edit.__hashAttribute(TuloEdit::Kind()).isValid()) {
         const bool known = TuloValue::kinds().contains(edit.kind());
         return known ? WantedKind { edit.kind(), {} } : WantedKind { {}, TuloEdit::Kind() };
     }
-    for (const QString& bound : { TuloEdit::Min(), TuloEdit::Max() }) {
-        if (!edit.__hashAttribute(bound).isValid())
+    bool isBounded = false;
+    bool isDouble = stored.kind() == TuloValue::Double();
+    for (const QString& key : { TuloEdit::Min(), TuloEdit::Max() }) {
+        const QVariant bound = edit.__hashAttribute(key);
+        if (!bound.isValid())
             continue;
-        const QString kind = TuloValue::ofContent(edit.__hashAttribute(bound)).kind();
-        return isNumberKind(kind) ? WantedKind { kind, {} } : WantedKind { {}, bound };
+        const QString kind = TuloValue::ofContent(bound).kind();
+        if (!isNumberKind(kind))
+            return { {}, key };
+        isBounded = true;
+        isDouble = isDouble || kind == TuloValue::Double();
     }
-    if (!edit.values().isEmpty()) {
-        const QString kind = commonKind(edit.values());
-        return kind.isEmpty() ? WantedKind { {}, TuloEdit::Values() } : WantedKind { kind, {} };
-    }
-    return { stored.kind(), {} };
+    const QVariantList values = edit.values();
+    const QString listed = commonKind(values);
+    isDouble = isDouble || listed == TuloValue::Double();
+    if (isBounded || isNumberKind(listed))
+        return { isDouble ? TuloValue::Double() : TuloValue::Int(), {} };
+    if (values.isEmpty())
+        return { stored.kind(), {} };
+    return listed.isEmpty() ? WantedKind { {}, TuloEdit::Values() } : WantedKind { listed, {} };
+}
+
+// Lists may hold anything.
+bool holdsJson(const TuloValue& value)
+{
+    return value.kind() != TuloValue::List() || !TuloJson::serialize(value.content()).isNull();
+}
+
+// `requested` in the wanted kind: a number as the nearest one of it.
+Judgement judgeKind(const TuloValue& requested, const QString& kind)
+{
+    const TuloValue same = requested.convertedTo(kind);
+    if (!same.isEmpty())
+        return { same, {} };
+    if (kind.isEmpty())
+        return refused(QStringLiteral("it is of no known kind"));
+    const TuloValue number = requested.convertedTo(requested.kind());
+    if (!isNumberKind(kind) || !isNumberKind(number.kind()))
+        return refused(notOfKind(kind));
+    if (kind == TuloValue::Double())
+        return { TuloValue::of(kind, number.content().toDouble()), notOfKind(kind) };
+    using Limits = std::numeric_limits<qlonglong>;
+    const double rounded = std::round(number.content().toDouble());
+    const qlonglong integer = rounded >= integersEnd ? Limits::max()
+        : rounded < -integersEnd                     ? Limits::min()
+                                                     : qlonglong(rounded);
+    return { TuloValue::of(kind, integer), notOfKind(kind) };
+}
+
+// What is asked of a value that nothing constrains: that it can be stored. It stays as it is.
+Judgement judgeUnconstrained(const TuloValue& requested)
+{
+    // Integers beyond the signed 64 bits, which no constraint can be about.
+    const QString kind = requested.kind();
+    if (kind == TuloValue::Int() && requested.content().userType() == QMetaType::ULongLong)
+        return { requested, {} };
+    const Judgement judgement = judgeKind(requested, kind);
+    if (judgement.value.isEmpty())
+        return judgement;
+    return holdsJson(judgement.value) ? Judgement { requested, {} } : refused(notJson);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -228,8 +287,14 @@ std::optional<double> nearestStep(double value, double origin, double step, doub
                                   double highest)
 {
     const double count = (value - origin) / step;
-    const double up = stepAmount(origin, step, std::ceil(count));
-    const double down = stepAmount(origin, step, std::floor(count));
+    // A step that leaves the range by rounding errors only is the range's end.
+    const double beside = step * stepTolerance;
+    double up = stepAmount(origin, step, std::ceil(count));
+    if (up > highest && up - highest < beside)
+        up = highest;
+    double down = stepAmount(origin, step, std::floor(count));
+    if (down < lowest && lowest - down < beside)
+        down = lowest;
     const bool canGoUp = up <= highest;
     const bool canGoDown = down >= lowest;
     if (canGoUp && (up - value <= value - down || !canGoDown))
@@ -320,6 +385,37 @@ Judgement judgeText(const TuloValue& value, const TuloEdit& edit)
 // All kinds.
 // ---------------------------------------------------------------------------------------------
 
+Judgement judgeList(const TuloValue& value, const TuloEdit& edit)
+{
+    if (!holdsJson(value))
+        return refused(notJson);
+    const TuloEdit constraints = edit.elements();
+    if (constraints.isMalformed())
+        return malformed(TuloEdit::Elements());
+    QVariantList elements = value.content().toList();
+    QStringList reasons;
+    if (!constraints.isEmpty()) {
+        for (QVariant& element : elements) {
+            const TuloValue requested = TuloValue::ofContent(element);
+            const Judgement judgement = requested.isEmpty()
+                ? judgeKind(requested, QString())
+                : CMEdit::judge(TuloValue(), requested, constraints);
+            const QString reason =
+                QStringLiteral("an element does not fit 'elements': ") + judgement.reason;
+            if (judgement.value.isEmpty())
+                return refused(reason);
+            if (!judgement.reason.isEmpty() && !reasons.contains(reason))
+                reasons.append(reason);
+            // As it was where it fits: it may be an integer beyond the signed 64 bits.
+            if (judgement.value != requested)
+                element = judgement.value.content();
+        }
+    }
+    const Judgement length = judgeLength(value, edit, elements.size());
+    return length.value.isEmpty() ? length
+                                  : adjusted(TuloValue::of(value.kind(), elements), reasons);
+}
+
 Judgement judgeByKind(const TuloValue& value, const TuloEdit& edit)
 {
     const QString kind = value.kind();
@@ -328,7 +424,7 @@ Judgement judgeByKind(const TuloValue& value, const TuloEdit& edit)
     if (kind == TuloValue::String())
         return judgeText(value, edit);
     if (kind == TuloValue::List())
-        return judgeLength(value, edit, value.content().toList().size());
+        return judgeList(value, edit);
     return { value, {} };
 }
 
@@ -357,20 +453,24 @@ QString CMEdit::kind(const TuloValue& stored, const TuloEdit& edit)
 CMEdit::Judgement CMEdit::judge(const TuloValue& stored, const TuloValue& requested,
                                 const TuloEdit& edit)
 {
-    if (requested.isEmpty() || edit.isEmpty())
+    if (requested.isEmpty())
         return { requested, {} };
+    if (edit.isEmpty())
+        return judgeUnconstrained(requested);
 
     const WantedKind wanted = wantedKind(stored, edit);
     if (!wanted.malformedConstraint.isEmpty())
         return malformed(wanted.malformedConstraint);
-    const QString kind = wanted.kind.isEmpty() ? requested.kind() : wanted.kind;
-    const TuloValue value = requested.convertedTo(kind);
-    if (value.isEmpty())
-        return refused(kind.isEmpty() ? QStringLiteral("it is of no known kind")
-                                      : QStringLiteral("it is not of the kind '%1'").arg(kind));
-
-    const Judgement judgement = judgeByKind(value, edit);
-    return judgement.value.isEmpty() ? judgement : judgeListed(judgement, edit);
+    const Judgement ofKind =
+        judgeKind(requested, wanted.kind.isEmpty() ? requested.kind() : wanted.kind);
+    if (ofKind.value.isEmpty())
+        return ofKind;
+    const Judgement judgement = judgeByKind(ofKind.value, edit);
+    if (judgement.value.isEmpty())
+        return judgement;
+    QStringList reasons { ofKind.reason, judgement.reason };
+    reasons.removeAll(QString());
+    return judgeListed(adjusted(judgement.value, reasons), edit);
 }
 
 TuloValue CMEdit::validate(const TuloValue& stored, const TuloValue& requested,
