@@ -82,6 +82,7 @@ private slots:
     void sumsBeyondTheDoublesSaturate();
     void operandThatIsNotFiniteLeavesTheValue();
     void tenStepsOfATenthAreOne();
+    void removeTakesTimeInProportion();
 
 private:
     void setRows();
@@ -131,6 +132,7 @@ void tst_framework_operations::setRows()
     row(R"({"int": 5})", "{}", "set", R"({"string": "x"})", R"({"string":"x"})");
     row(R"({"int": 5})", R"({"max": 6})", "set", R"({"int": 7})", R"({"int":6})");
     row(R"({"int": 5})", R"({"max": 6})", "set", R"({"double": 3.0})", R"({"int":3})");
+    row(R"({"int": 5})", R"({"max": 6})", "set", R"({"double": 3.5})", R"({"int":4})");
     row(R"({"int": 5})", R"({"max": 6})", "set", R"({"string": "x"})", R"({"int":5})");
     row(R"({"int": 5})", "{}", "set", "{}", R"({"int":5})");
     row(R"({"color": 5})", "{}", "set", R"({"int": 7})", R"({"int":7})");
@@ -224,6 +226,11 @@ void tst_framework_operations::removeRows()
     row(R"({"list": [1, 2, 1, "1"]})", "{}", "remove", R"({"string": "1"})", R"({"list":[1,2,1]})");
     row(R"({"list": [1, 2.0]})", "{}", "remove", R"({"int": 2})", R"({"list":[1]})");
     row(R"({"list": [1, true]})", "{}", "remove", R"({"bool": true})", R"({"list":[1]})");
+    row(R"({"list": [2, 2.5, -0.0, 9007199254740993]})", "{}", "remove",
+        R"({"list": [2.0, 0, 9007199254740992.0]})", R"({"list":[2.5,9007199254740993]})");
+    row(R"({"list": [18446744073709551615, true, 1, {"a": [1], "b": 2}, [1, "x"], ""]})", "{}",
+        "remove", R"({"list": [18446744073709551615, 1.0, {"b": 2.0, "a": [1.0]}, [1, "x"]]})",
+        R"({"list":[true,""]})");
     row(R"({"list": [1, 2, 3]})", "{}", "remove", R"({"list": [3, 1, 9]})", R"({"list":[2]})");
     row(R"({"list": [1, [2], {"a": 1}, {"a": 2}, null]})", "{}", "remove",
         R"({"list": [[2], {"a": 1}, null]})", R"({"list":[1,{"a":2}]})");
@@ -253,6 +260,14 @@ void tst_framework_operations::valuesRows()
     row(R"({"bool": true})", R"({"values": [true, false]})", "next", "{}", R"({"bool":false})");
     row(R"({"list": [1]})", R"({"values": [[1], [2]]})", "next", "{}", R"({"list":[2]})");
     row(R"({"int": 1})", words, "next", "{}", R"({"int":1})");
+    // Past what the range refuses.
+    const char* cut = R"({"values": [1, 100, 5, 200], "max": 10})";
+    row(R"({"int": 1})", cut, "next", "{}", R"({"int":5})");
+    row(R"({"int": 5})", cut, "next", "{}", R"({"int":5})");
+    row(R"({"int": 5})", cut, "previous", "{}", R"({"int":1})");
+    row(R"({"int": 100})", cut, "next", "{}", R"({"int":5})");
+    row(R"({"int": 7})", cut, "previous", "{}", R"({"int":5})");
+    row("{}", R"({"values": [100, 200], "max": 10})", "next", "{}", "{}");
 }
 
 void tst_framework_operations::stepRows()
@@ -288,6 +303,11 @@ void tst_framework_operations::stepRows()
         R"({"double":0.3})");
     row(R"({"double": 0.25})", R"({"min": 0.0, "max": 1.0, "step": 0.1})", "previous", "{}",
         R"({"double":0.2})");
+    // Beside its step by rounding errors only.
+    row(R"({"double": 0.30000000000000004})", R"({"min": 0.0, "max": 1.0, "step": 0.1})",
+        "previous", "{}", R"({"double":0.2})");
+    row(R"({"double": 0.7999999999999999})", R"({"min": 0.0, "max": 1.0, "step": 0.1})", "next",
+        "{}", R"({"double":0.9})");
     row(R"({"double": 0.5})", "{}", "next", "{}", R"({"double":1.5})");
     // The operand does not matter.
     row(R"({"int": 5})", fives, "next", R"({"string": "x"})", R"({"int":10})");
@@ -388,6 +408,25 @@ void tst_framework_operations::tenStepsOfATenthAreOne()
     }
 
     QCOMPARE(walked, QByteArray("0.1 0.2 0.3 0.4 0.5 0.6 0.7 0.8 0.9 1.0 "));
+}
+
+// Each compared with each, so many would take hours.
+void tst_framework_operations::removeTakesTimeInProportion()
+{
+    constexpr int count = 200000;
+    QVariantList all;
+    QVariantList odd;
+    for (int i = 0; i < count; ++i) {
+        all.append(i);
+        if (i % 2 != 0)
+            odd.append(double(i));
+    }
+
+    const TuloValue result = CMOperation::apply(
+        TuloValue::of(TuloValue::List(), all), TuloEdit(),
+        TuloOperation(QStringLiteral("remove"), TuloValue::of(TuloValue::List(), odd)));
+
+    QCOMPARE(result.content().toList().size(), count / 2);
 }
 
 QTEST_GUILESS_MAIN(tst_framework_operations)

@@ -2,8 +2,14 @@
 
 #include "api/core/model/cmedit.h"
 
+#include <QHash>
+#include <QVariant>
+
 #include <algorithm>
+#include <cstddef>
+#include <iterator>
 #include <limits>
+#include <unordered_set>
 
 namespace {
 
@@ -119,12 +125,46 @@ TuloValue append(const Change& change)
     return TuloValue();
 }
 
-// Alike as contents of the same kind: strictly by type, numbers by amount.
-bool areAlike(const QVariant& left, const QVariant& right)
+// ---------------------------------------------------------------------------------------------
+// A set of contents, in which a number equals any number of the same amount and nothing else.
+// ---------------------------------------------------------------------------------------------
+
+struct Alike
 {
-    const QString kind = TuloValue::List();
-    return TuloValue::of(kind, left) == TuloValue::of(kind, right);
-}
+    bool operator()(const QVariant& left, const QVariant& right) const
+    {
+        const QString kind = TuloValue::List();
+        return TuloValue::of(kind, left) == TuloValue::of(kind, right);
+    }
+};
+
+/// Equal for contents that are alike.
+struct ContentHash
+{
+    std::size_t operator()(const QVariant& content) const
+    {
+        const TuloValue value = TuloValue::ofContent(content);
+        const TuloValue number = value.convertedTo(TuloValue::Double());
+        if (!number.isEmpty())
+            return ::qHash(number.content().toDouble(), qGlobalQHashSeed());
+        if (value.kind() == TuloValue::Int())
+            return ::qHash(value.content().toLongLong(), qGlobalQHashSeed());
+        if (value.kind() == TuloValue::String())
+            return ::qHash(value.content().toString(), qGlobalQHashSeed());
+        std::size_t hash = std::size_t(content.userType());
+        if (value.kind() == TuloValue::List()) {
+            for (const QVariant& element : value.content().toList())
+                hash = hash * 31 + (*this)(element);
+        } else if (content.userType() == QMetaType::QVariantHash) {
+            const QVariantHash entries = content.toHash();
+            for (auto entry = entries.cbegin(); entry != entries.cend(); ++entry)
+                hash += ::qHash(entry.key(), qGlobalQHashSeed()) ^ (*this)(*entry);
+        }
+        return hash;
+    }
+};
+
+using Contents = std::unordered_set<QVariant, ContentHash, Alike>;
 
 TuloValue remove(const Change& change)
 {
@@ -136,14 +176,12 @@ TuloValue remove(const Change& change)
     }
     if (change.kind != TuloValue::List() || change.operand.isEmpty())
         return TuloValue();
-    const QVariantList unwanted = elements(change.operand);
+    const QVariantList operands = elements(change.operand);
+    const Contents unwanted(operands.cbegin(), operands.cend());
     QVariantList left;
     const QVariantList all = current.toList();
-    std::copy_if(all.cbegin(), all.cend(), std::back_inserter(left), [&](const QVariant& element) {
-        return std::none_of(
-            unwanted.cbegin(), unwanted.cend(),
-            [&element](const QVariant& candidate) { return areAlike(candidate, element); });
-    });
+    std::copy_if(all.cbegin(), all.cend(), std::back_inserter(left),
+                 [&unwanted](const QVariant& element) { return unwanted.count(element) == 0; });
     return TuloValue::of(change.kind, left);
 }
 
@@ -159,32 +197,41 @@ bool isBelow(const TuloValue& left, const TuloValue& right)
         : left.content().toDouble() < right.content().toDouble();
 }
 
+// Past those that the other constraints refuse.
 TuloValue neighbourInValues(const Change& change, int direction)
 {
     const QVariantList values = change.edit.values();
     const auto valueAt = [&](int index) {
         return TuloValue::ofContent(values.at(index)).convertedTo(change.kind);
     };
-    const int last = values.size() - 1;
-    for (int index = 0; index <= last; ++index) {
-        if (valueAt(index) == change.current && !change.current.isEmpty())
-            return valueAt(std::clamp(index + direction, 0, last));
+    int index = 0;
+    while (index < values.size() && (change.current.isEmpty() || valueAt(index) != change.current))
+        ++index;
+    if (index == values.size())
+        index = direction > 0 ? -1 : values.size();
+    for (index += direction; index >= 0 && index < values.size(); index += direction) {
+        const TuloValue value = valueAt(index);
+        const CMEdit::Judgement judgement = CMEdit::judge(value, value, change.edit);
+        if (!judgement.value.isEmpty() && judgement.reason.isEmpty())
+            return value;
     }
-    return valueAt(direction > 0 ? 0 : last);
+    return change.current;
 }
 
 TuloValue neighbourStep(const Change& change, int direction)
 {
     const TuloValue start = currentOr(change, 0);
-    const TuloValue onStep = CMEdit::judge(start, start, change.edit).value;
+    const CMEdit::Judgement onStep = CMEdit::judge(start, start, change.edit);
     const TuloValue step = change.edit.step().isValid()
         ? TuloValue::ofContent(change.edit.step()).convertedTo(change.kind)
         : number(change, 1);
-    if (onStep.isEmpty() || step.isEmpty())
+    if (onStep.value.isEmpty() || step.isEmpty())
         return TuloValue();
-    // From between two steps the nearest one may already be the neighbour.
-    const bool isThere = direction > 0 ? isBelow(start, onStep) : isBelow(onStep, start);
-    return isThere ? onStep : sum(onStep, product(step, number(change, direction)));
+    // From between two steps the nearest one may already be the neighbour. What is beside its step
+    // by rounding errors only lies on it.
+    const bool isThere = !onStep.reason.isEmpty()
+        && (direction > 0 ? isBelow(start, onStep.value) : isBelow(onStep.value, start));
+    return isThere ? onStep.value : sum(onStep.value, product(step, number(change, direction)));
 }
 
 TuloValue neighbour(const Change& change, int direction)

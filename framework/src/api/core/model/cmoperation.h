@@ -11,13 +11,14 @@ public:
     /// The verbs: set, add, multiply, toggle, append, remove, next, previous.
     static const QStringList& verbs();
 
-    /// Returns the value that `operation` makes of `current`, within the constraints: a number
-    /// is brought into the range and onto the step as CMEdit::judge() does it. What the
-    /// constraints refuse, an unknown verb, a verb that does not fit the kind, and an operand of
-    /// another kind (but a number that loses nothing will do) leave the value as it was.
+    /// Returns the value that `operation` makes of `current`, within the constraints: the result
+    /// is adjusted as CMEdit::judge() does it. What the constraints refuse, an unknown verb, a
+    /// verb that does not fit the kind, and an operand of another kind leave the value as it was.
+    /// A number of the other number kind will do: set takes the nearest one, the others one that
+    /// loses nothing.
     ///
-    /// The kind is the one that the constraints or the current value tell, otherwise the
-    /// operand's, for toggle a boolean.
+    /// The kind is CMEdit::kind(), and where that is empty the operand's, for toggle a boolean.
+    /// Without any constraints set takes a value of every kind.
     ///
     ///     verb            kind            result
     ///     set             any             the operand
@@ -26,11 +27,12 @@ public:
     ///     toggle          bool            the other one
     ///     append          string          the operand's text at the end
     ///                     list            the operand's elements at the end, or the operand as
-    ///                                     one element if it is no list
+    ///                                     one element if it is not a list
     ///     remove          string          without any occurrence of the operand's text
     ///                     list            without any element equal to one of the operand's, or
-    ///                                     to the operand if it is no list
-    ///     next, previous  listed values   the neighbour in the list; from outside of the list its
+    ///                                     to the operand if it is not a list
+    ///     next, previous  listed values   the neighbour in the list, of those that the other
+    ///                                     constraints accept; from outside of the list its
     ///                                     first, or last
     ///                     other number    one step up or down, 1 where there is none; from
     ///                                     between two steps the nearest that way
