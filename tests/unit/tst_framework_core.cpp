@@ -61,6 +61,8 @@ private slots:
     void connectionAcrossThreadsOfUnregisteredTypeAborts();
     void connectionAcrossThreadsPassesOnceRegistered();
     void failedConnectionAborts();
+    void connectionWithoutOneOfTheTwoAborts_data();
+    void connectionWithoutOneOfTheTwoAborts();
     void checkRegistersNothing();
 };
 
@@ -227,6 +229,28 @@ void tst_framework_core::failedConnectionAborts()
             checkedConnect(&sender, &Sender::plain, &receiver, &Receiver::take,
                            Qt::ConnectionType(Qt::DirectConnection | Qt::UniqueConnection));
         }
+    });
+
+    QCOMPARE(child.signal, SIGABRT);
+    QVERIFY2(child.standardError.contains("ASSERT: \"connection\" in file "), child.standardError);
+}
+
+void tst_framework_core::connectionWithoutOneOfTheTwoAborts_data()
+{
+    QTest::addColumn<bool>("hasSender");
+    QTest::newRow("no sender") << false;
+    QTest::newRow("no receiver") << true;
+}
+
+void tst_framework_core::connectionWithoutOneOfTheTwoAborts()
+{
+    QFETCH(bool, hasSender);
+
+    const ChildResult child = ChildProcess::runInChild([hasSender] {
+        const Sender sender;
+        const Receiver receiver;
+        checkedConnect(hasSender ? &sender : nullptr, &Sender::plain,
+                       hasSender ? nullptr : &receiver, &Receiver::take);
     });
 
     QCOMPARE(child.signal, SIGABRT);

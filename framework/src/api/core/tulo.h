@@ -38,8 +38,10 @@ template<typename Sender, typename Signal, typename Receiver>
 bool verifyConnectionSignalParameters(const Sender* sender, Signal signal, const Receiver* receiver,
                                       Qt::ConnectionType type)
 {
+    // Without one of the two there is no connection, which QObject::connect() tells.
+    const bool exist = sender != nullptr && receiver != nullptr;
     const bool queued = type == Qt::QueuedConnection
-        || (type == Qt::AutoConnection && sender->thread() != receiver->thread());
+        || (type == Qt::AutoConnection && exist && sender->thread() != receiver->thread());
     return !queued || signalParametersAreQueueable(QMetaMethod::fromSignal(signal));
 }
 
