@@ -58,6 +58,7 @@ void tst_settingvalue::kind_data()
     row("default", R"({"defaultValue":{"bool":true},"value":{"string":"yes"}})", "bool");
     row("stored only", R"({"value":{"string":"yes"}})", "string");
     row("range", R"({"edit":{"min":1,"max":5}})", "int");
+    row("range with a fraction", R"({"edit":{"min":1,"max":5.5}})", "double");
     row("range, default double", R"({"edit":{"min":1},"defaultValue":{"double":2.5}})", "double");
     row("range, stored double", R"({"edit":{"min":1},"value":{"double":2.5}})", "double");
     row("range, named int", R"({"edit":{"kind":"int","min":1},"defaultValue":{"double":2}})",

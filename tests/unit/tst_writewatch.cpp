@@ -204,11 +204,11 @@ void tst_writewatch::writtenPathIsConfirmedByTheNextSync()
 
 void tst_writewatch::syncConfirmsNothingWrittenAfterItBegan()
 {
-    const int sync = m_watch->beginSync();
+    const int number = m_watch->beginSync();
     m_watch->addPending(CMPath(volume), roles);
     info(written);
 
-    m_watch->endSync(sync, QString());
+    m_watch->endSync(number, QString());
 
     QVERIFY(m_watch->needsFlush());
     QVERIFY(m_watch->isSaved());
@@ -218,12 +218,12 @@ void tst_writewatch::failedSyncMakesWrittenPathsUnsaved()
 {
     m_watch->addPending(CMPath(volume), roles);
     info(written);
-    const int sync = m_watch->beginSync();
+    const int number = m_watch->beginSync();
     // The error may be about it as well.
     m_watch->addPending(CMPath(QStringLiteral("/settings/audio/bass")), roles);
     info(QStringLiteral("written file: /tree/write/audio/bass"));
 
-    m_watch->endSync(sync, QStringLiteral("broken"));
+    m_watch->endSync(number, QStringLiteral("broken"));
 
     QCOMPARE(m_watch->unsavedPaths(),
              QStringList({ QStringLiteral("/settings/audio/bass"), volume }));
