@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QFile>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -39,17 +40,19 @@ Look unreadable(const QString& fileName, int error, QString* reason)
         reason);
 }
 
-// Zero, or the system's error, of reading all of it.
-int readAll(int file)
+// Zero, or the system's error, of reading `bytes` bytes.
+int readAll(int file, qint64 bytes)
 {
     std::array<char, 4096> block; // NOLINT: filled by read()
-    for (;;) {
+    while (bytes > 0) {
         const ssize_t count = ::read(file, block.data(), block.size());
         if (count == 0)
-            return 0;
+            break;
         if (count < 0 && errno != EINTR)
             return errno;
+        bytes -= std::max(count, ssize_t(0));
     }
+    return 0;
 }
 
 // Through links, as the worker reads it. A directory is sound: the worker does not read it.
@@ -72,7 +75,7 @@ Look lookAtFile(const QString& fileName, QString* reason)
     const int descriptor = ::open(name.constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (descriptor < 0)
         return unreadable(fileName, errno, reason);
-    const int error = readAll(descriptor);
+    const int error = readAll(descriptor, file.st_size);
     ::close(descriptor);
     return error == 0 ? Look::Sound : unreadable(fileName, error, reason);
 }
