@@ -2,6 +2,7 @@
 
 #include "tests/support/childprocess.h"
 #include "tests/support/logcapture.h"
+#include "tests/support/repeats.h"
 #include "tests/support/replywaiter.h"
 #include "tests/support/temporarytree.h"
 
@@ -239,9 +240,9 @@ void tst_KillPoints::verifyWholeFiles(const TemporaryTree& tree, bool targetExis
 
 void tst_KillPoints::writtenValuesSurviveAKillAtAnyMoment()
 {
-    constexpr int rounds = 20;
+    const int rounds = repeats(20, 200);
     // More steps than a driver gets through before it is killed.
-    constexpr int steps = 400;
+    const int steps = 380 + rounds;
     for (int round = 0; round < rounds; ++round) {
         const TemporaryTree tree;
         prepare(tree, false);

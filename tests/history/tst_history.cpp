@@ -9,6 +9,7 @@
 #include "api/core/model/tulosettingsactions.h"
 #include "api/core/tulojson.h"
 #include "tests/support/logcapture.h"
+#include "tests/support/repeats.h"
 #include "tests/support/replywaiter.h"
 #include "tests/support/temporarytree.h"
 
@@ -668,11 +669,13 @@ void tst_History::initTestCase()
 void tst_History::randomHistoryMatchesTheModel_data()
 {
     QTest::addColumn<unsigned>("seed");
-    // Others than the usual ones, for a longer search.
-    const int first = std::max(1, qEnvironmentVariableIntValue("TULO_HISTORY_FIRST_SEED"));
-    bool isCounted = false;
-    const int count = qEnvironmentVariableIntValue("TULO_HISTORY_SEEDS", &isCounted);
-    for (int seed = first; seed < first + (isCounted ? count : 20); ++seed)
+#ifdef TULO_SANITIZED
+    // Ten times as slow.
+    const int count = repeats(5, 50);
+#else
+    const int count = repeats(10, 200);
+#endif
+    for (int seed = 1; seed <= count; ++seed)
         QTest::addRow("seed %d", seed) << unsigned(seed);
 }
 

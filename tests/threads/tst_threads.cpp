@@ -6,6 +6,7 @@
 
 #include "api/core/model/tulosettingsactions.h"
 #include "tests/support/logcapture.h"
+#include "tests/support/repeats.h"
 #include "tests/support/replywaiter.h"
 #include "tests/support/temporarytree.h"
 
@@ -25,7 +26,7 @@
 namespace {
 
 constexpr int threadCount = 8;
-constexpr int requestsPerThread = 12500;
+const int requestsPerThread = repeats(2500, 12500);
 
 /// Runs `body` on so many threads, with the number of each.
 class Threads
@@ -177,7 +178,8 @@ private:
         else if (dice < 998)
             expectSuccess(m_client->dropCache());
         else
-            expectSuccess(m_client->setData(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant()));
+            expectSuccess(
+                m_client->setData(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant()));
     }
 
     // Nobody else changes it.
@@ -288,12 +290,12 @@ void tst_Threads::eightThreadsAreServedInOrder()
 
 void tst_Threads::callsFromForeignThreadsReachTheIdleLoopLater()
 {
-    constexpr int rounds = 250;
+    const int rounds = repeats(50, 250);
     const Stage stage;
     std::atomic<int> failures { 0 };
 
     // The loop of the worker's thread does not run: this thread waits for the others.
-    Threads threads(threadCount, [&stage, &failures](int number) {
+    Threads threads(threadCount, [&stage, &failures, rounds](int number) {
         for (int round = 1; round <= rounds; ++round) {
             const auto reply = CMReply<QVariant>::create();
             stage.client->callDirectly(CMSetDataRequest(ownSetting(number), TuloRoles::Value(),

@@ -4,6 +4,7 @@
 #include "api/core/tulojson.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/registryobserver.h"
+#include "tests/support/repeats.h"
 #include "tests/support/replywaiter.h"
 #include "tests/support/temporarytree.h"
 
@@ -21,7 +22,6 @@ extern "C" int syncfs(int)
 
 namespace {
 
-constexpr int sequences = 300;
 constexpr int stepsOfASequence = 20;
 
 const QStringList settings {
@@ -155,6 +155,7 @@ void tst_rejected_changes::rejectedChangesLeaveNoTrace()
     options.defaultPath = m_tree->defaultPath();
     options.writePath = m_tree->writePath();
     options.access = HostOptions::Access::Own;
+    const int sequences = repeats(60, 300);
     for (int sequence = 0; sequence < sequences; ++sequence) {
         m_random.seed(unsigned(sequence));
         HostFailure failure;
