@@ -5,7 +5,6 @@
 #include <QByteArray>
 #include <QFile>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -40,19 +39,17 @@ Look unreadable(const QString& fileName, int error, QString* reason)
         reason);
 }
 
-// Zero, or the system's error, of reading `bytes` bytes.
-int readAll(int file, qint64 bytes)
+// Zero, or the system's error, of reading all of it.
+int readAll(int file)
 {
     std::array<char, 4096> block; // NOLINT: filled by read()
-    while (bytes > 0) {
+    for (;;) {
         const ssize_t count = ::read(file, block.data(), block.size());
         if (count == 0)
-            break;
+            return 0;
         if (count < 0 && errno != EINTR)
             return errno;
-        bytes -= std::max(count, ssize_t(0));
     }
-    return 0;
 }
 
 // Through links, as the worker reads it. A directory is sound: the worker does not read it.
@@ -75,7 +72,7 @@ Look lookAtFile(const QString& fileName, QString* reason)
     const int descriptor = ::open(name.constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (descriptor < 0)
         return unreadable(fileName, errno, reason);
-    const int error = readAll(descriptor, file.st_size);
+    const int error = readAll(descriptor);
     ::close(descriptor);
     return error == 0 ? Look::Sound : unreadable(fileName, error, reason);
 }
