@@ -468,8 +468,11 @@ CMEdit::Judgement CMEdit::judge(const TuloValue& stored, const TuloValue& reques
     const Judgement judgement = judgeByKind(ofKind.value, edit);
     if (judgement.value.isEmpty())
         return judgement;
-    QStringList reasons { ofKind.reason, judgement.reason };
-    reasons.removeAll(QString());
+    if (ofKind.reason.isEmpty())
+        return judgeListed(judgement, edit);
+    QStringList reasons { ofKind.reason };
+    if (!judgement.reason.isEmpty())
+        reasons.append(judgement.reason);
     return judgeListed(adjusted(judgement.value, reasons), edit);
 }
 
