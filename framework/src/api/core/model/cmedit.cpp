@@ -151,7 +151,7 @@ Judgement judgeUnconstrained(const TuloValue& requested)
     const QString kind = requested.kind();
     if (kind == TuloValue::Int() && requested.content().userType() == QMetaType::ULongLong)
         return { requested, {} };
-    const Judgement judgement = judgeKind(requested, kind);
+    Judgement judgement = judgeKind(requested, kind);
     if (judgement.value.isEmpty())
         return judgement;
     return holdsJson(judgement.value) ? Judgement { requested, {} } : refused(notJson);
@@ -461,11 +461,10 @@ CMEdit::Judgement CMEdit::judge(const TuloValue& stored, const TuloValue& reques
     const WantedKind wanted = wantedKind(stored, edit);
     if (!wanted.malformedConstraint.isEmpty())
         return malformed(wanted.malformedConstraint);
-    const Judgement ofKind =
-        judgeKind(requested, wanted.kind.isEmpty() ? requested.kind() : wanted.kind);
+    Judgement ofKind = judgeKind(requested, wanted.kind.isEmpty() ? requested.kind() : wanted.kind);
     if (ofKind.value.isEmpty())
         return ofKind;
-    const Judgement judgement = judgeByKind(ofKind.value, edit);
+    Judgement judgement = judgeByKind(ofKind.value, edit);
     if (judgement.value.isEmpty())
         return judgement;
     if (ofKind.reason.isEmpty())

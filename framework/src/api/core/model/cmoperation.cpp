@@ -151,7 +151,7 @@ struct ContentHash
             return ::qHash(value.content().toLongLong(), qGlobalQHashSeed());
         if (value.kind() == TuloValue::String())
             return ::qHash(value.content().toString(), qGlobalQHashSeed());
-        std::size_t hash = std::size_t(content.userType());
+        auto hash = std::size_t(content.userType());
         if (value.kind() == TuloValue::List()) {
             for (const QVariant& element : value.content().toList())
                 hash = hash * 31 + (*this)(element);
@@ -210,7 +210,7 @@ TuloValue neighbourInValues(const Change& change, int direction)
     if (index == values.size())
         index = direction > 0 ? -1 : values.size();
     for (index += direction; index >= 0 && index < values.size(); index += direction) {
-        const TuloValue value = valueAt(index);
+        TuloValue value = valueAt(index);
         const CMEdit::Judgement judgement = CMEdit::judge(value, value, change.edit);
         if (!judgement.value.isEmpty() && judgement.reason.isEmpty())
             return value;
