@@ -27,7 +27,7 @@
 
 namespace {
 
-enum Call { Access, Open, Read, CallCount };
+enum Call { Access, Open, Read, Stat, CallCount };
 
 /// Without constructors: libraries make system calls before this program's run.
 struct Faults
@@ -79,6 +79,8 @@ int faultyAccess(const char* name, int mode) asm("access");
 int faultyOpen(const char* name, int flags, ...) asm("open");
 int faultyOpen64(const char* name, int flags, ...) asm("open64");
 ssize_t faultyRead(int file, void* bytes, size_t size) asm("read");
+int faultyStat(int directory, const char* name, int flags, unsigned mask,
+               struct statx* status) asm("statx");
 }
 
 int faultyAccess(const char* name, int mode)
@@ -123,6 +125,13 @@ ssize_t faultyRead(int file, void* bytes, size_t size)
     return ::syscall(SYS_read, file, bytes, size);
 }
 
+int faultyStat(int directory, const char* name, int flags, unsigned mask, struct statx* status)
+{
+    if (isWatched(name) && fails(Stat))
+        return -1;
+    return int(::syscall(SYS_statx, directory, name, flags, mask, status));
+}
+
 // ---------------------------------------------------------------------------------------------
 
 namespace {
@@ -147,7 +156,9 @@ struct NamedCall
     const char* name;
     Call call;
 };
-constexpr NamedCall allCalls[] = { { "access", Access }, { "open", Open }, { "read", Read } };
+constexpr NamedCall allCalls[] = {
+    { "access", Access }, { "open", Open }, { "read", Read }, { "stat", Stat }
+};
 
 TuloValue intValue(qlonglong number)
 {
@@ -169,6 +180,9 @@ private slots:
     void momentsErrorHarmsNoValue_data();
     void momentsErrorHarmsNoValue();
     void momentsErrorOfATemplateHarmsNoRole();
+    void momentsErrorDoesNotHideAProductFile();
+    void momentsErrorDoesNotMakeAFileOfADirectory_data();
+    void momentsErrorDoesNotMakeAFileOfADirectory();
     void errorInTheMiddleIsNotTheEndOfTheFile();
     void interruptedReadIsContinued();
     void writtenFileThatNeverReadsCountsAsDamaged_data();
@@ -234,7 +248,7 @@ void tst_WorkerReadFaults::soundFileIsReadOnce()
 
     QCOMPARE(load().value(), intValue(60));
 
-    const std::array<int, CallCount> expected { 1, 1, 2 };
+    const std::array<int, CallCount> expected { 1, 1, 2, 1 };
     QVERIFY(takeCounts() == expected);
 }
 
@@ -285,6 +299,44 @@ void tst_WorkerReadFaults::momentsErrorOfATemplateHarmsNoRole()
 
     QCOMPARE(takeCounts().at(Open), 2);
     QCOMPARE(roles.valueUnit().toString(), QStringLiteral("dB"));
+}
+
+void tst_WorkerReadFaults::momentsErrorDoesNotHideAProductFile()
+{
+    m_fixture->tree.writeDefault(setting + QStringLiteral("_sport"),
+                                 QByteArray(R"({"value":{"int":70}})"));
+    m_fixture->create({ { QStringLiteral("product_postfix"), QStringLiteral("sport") } });
+    arm(defaultFile() + QStringLiteral("_sport"), Stat, EIO, 1);
+
+    const TuloRoles roles = load();
+
+    QCOMPARE(takeCounts().at(Stat), 2);
+    QCOMPARE(roles.defaultValue(), intValue(70));
+}
+
+void tst_WorkerReadFaults::momentsErrorDoesNotMakeAFileOfADirectory_data()
+{
+    QTest::addColumn<bool>("ofDefault");
+
+    QTest::newRow("default") << true;
+    QTest::newRow("written") << false;
+}
+
+void tst_WorkerReadFaults::momentsErrorDoesNotMakeAFileOfADirectory()
+{
+    QFETCH(bool, ofDefault);
+    const QString path = QStringLiteral("/folder");
+    if (ofDefault)
+        m_fixture->tree.makeDefaultDirectory(path);
+    else
+        m_fixture->tree.makeWriteDirectory(path);
+    arm((ofDefault ? m_fixture->tree.defaultPath() : m_fixture->tree.writePath()) + path, Stat,
+        ENOMEM, 1);
+
+    const TuloRoles roles = m_fixture->worker->load(path, nullptr);
+
+    QCOMPARE(takeCounts().at(Stat), 2);
+    QCOMPARE(int(roles.type()), int(TuloRolesType::Directory));
 }
 
 void tst_WorkerReadFaults::errorInTheMiddleIsNotTheEndOfTheFile()
@@ -419,7 +471,7 @@ void tst_WorkerReadFaults::missingFileIsLookedForOnce()
 
     QCOMPARE(load().value(), intValue(35));
 
-    const std::array<int, CallCount> expected { 1, 0, 0 };
+    const std::array<int, CallCount> expected { 1, 0, 0, 1 };
     QVERIFY(takeCounts() == expected);
 }
 

@@ -118,20 +118,38 @@ bool mayPass(int error)
     }
 }
 
-// A moment's error must not stand in for what a sound file says: what is read is remembered, and
-// the next change of the setting would write it. So a failed read is tried again after pauses
-// that double, 31 ms in all. They block the worker's thread and its clients, which is less than
-// what the wrong value would cost them.
-FileContent readFilePatiently(const QString& fileName)
+// A moment's error must not stand in for what is on disk: what is read is remembered, and the next
+// change of the setting would write it. So `attempt`, which returns the error of its last call or
+// 0, is made again after pauses that double, 31 ms in all. They block the worker's thread and its
+// clients, which is less than what the wrong value would cost them.
+template<typename Attempt>
+void tryPatiently(Attempt attempt)
 {
     constexpr unsigned long lastPauseMs = 16;
-    FileContent content = readFile(fileName);
-    for (unsigned long pauseMs = 1; mayPass(content.error) && pauseMs <= lastPauseMs;
-         pauseMs *= 2) {
+    for (unsigned long pauseMs = 1; mayPass(attempt()) && pauseMs <= lastPauseMs; pauseMs *= 2)
         QThread::msleep(pauseMs);
+}
+
+FileContent readFilePatiently(const QString& fileName)
+{
+    FileContent content;
+    tryPatiently([&] {
         content = readFile(fileName);
-    }
+        return content.error;
+    });
     return content;
+}
+
+// Whether there is something of that name of which `question` holds.
+bool holdsPatiently(const QString& fileName, bool (QFileInfo::*question)() const)
+{
+    bool answer = false;
+    tryPatiently([&] {
+        errno = 0;
+        answer = (QFileInfo(fileName).*question)();
+        return answer ? 0 : errno;
+    });
+    return answer;
 }
 
 // Letters, marks, digits, "_" and "-": what "^[\w-_]*$" stands for in a QRegExp, whose matching
@@ -466,7 +484,8 @@ TuloRoles CMSettingsWorker::load(const QString& path, bool* exists)
     CacheRecord record;
     TuloRoles& roles = record.roles;
     const QString writtenName = m_writePath + path;
-    if (QFileInfo(m_defaultPath + path).isDir() || QFileInfo(writtenName).isDir()) {
+    if (holdsPatiently(m_defaultPath + path, &QFileInfo::isDir)
+        || holdsPatiently(writtenName, &QFileInfo::isDir)) {
         const QVariantHash meta = loadFile(m_defaultPath + path + metaFile, true).toHash();
         for (auto entry = meta.cbegin(); entry != meta.cend(); ++entry)
             roles.__setHashAttribute(entry.key(), entry.value());
@@ -516,7 +535,7 @@ TuloRoles CMSettingsWorker::loadDefaultRoles(const QString& path, QVariant* file
     static constexpr char signature[] = "TuloRoles CMSettingsWorker::load(const QString&, bool*)";
     const QString productName = path + QLatin1Char('_') + m_productPostfix;
     const QString productFile = m_defaultPath + separator + productName;
-    if (QFileInfo(productFile).isFile()) {
+    if (holdsPatiently(productFile, &QFileInfo::isFile)) {
         *fileContent = loadFile(productFile, true);
         LOG4CPLUS_TRACE(logger, "Load all: " << productName);
     } else {
