@@ -664,7 +664,7 @@ void CMSettingsWorker::updateParentDir(const QString& path, const TuloRoles& rol
     if (alias != m_rowsPathMap.cend())
         subscribe()->rowsChanged(addPrefix(*alias), command, -1, -1);
 
-    // After the announcements: whoever lists the directory inside one meets the old rows.
+    // After the announcements: a subscriber that lists the directory gets the old rows.
     m_dirCache.insert(parent, { entries, true });
 }
 

@@ -31,8 +31,8 @@ public:
     /// Returns the text to store instead of `value`. `path` is the name of the file that is
     /// written: the write directory followed by the setting path.
     virtual QString encryptValue(const TuloValue& value, SettingType type, const QString& path) = 0;
-    /// Returns the plain value. `path` is the setting path, not a file name: whoever derives
-    /// keys from it allows for both forms.
+    /// Returns the plain value. `path` is the setting path, not a file name: a handler that
+    /// derives keys from it allows for both forms.
     virtual TuloValue decryptValue(const QString& encrypted, SettingType type,
                                    const QString& path) = 0;
 };
@@ -59,9 +59,9 @@ public:
 /// write is logged, dropped and never reported, and destroying the worker discards what is
 /// pending. Only the flush action, answered, says that everything writable has been written.
 ///
-/// Lives on the thread that creates it; the timer and all slots run there. Whoever hosts the
-/// worker delivers requests on that thread, too: the tables that are not under the mutex rely
-/// on it. The creator owns the worker.
+/// Lives on the thread that creates it; the timer and all slots run there. The host delivers
+/// requests on that thread, too: the tables that are not under the mutex rely on it. The creator
+/// owns the worker.
 class CMSettingsWorker : public CMWorker
 {
     Q_OBJECT

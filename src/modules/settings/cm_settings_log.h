@@ -1,6 +1,6 @@
 #pragma once
 
-// How this module logs. Whoever includes this header logs with the stock macros and the logger
+// How this module logs. A file that includes this header logs with the stock macros and the logger
 // below; each logging function names itself in a local constant `signature` first:
 //
 //     static constexpr char signature[] = "void CMSettingsWorker::on_writeTimer_timeout()";

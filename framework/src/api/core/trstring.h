@@ -20,7 +20,7 @@ struct TrCharData
 using TrArg = QString;
 
 /// A text that is shown in the current language. A value type that keeps the source and
-/// translates each time it is asked, so whoever caches it follows a change of language.
+/// translates each time it is asked, so a cached one follows a change of language.
 ///
 /// Becomes a variant through the conversion operator, which also registers the type, its
 /// equality and its conversion to a plain string.

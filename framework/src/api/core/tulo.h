@@ -38,7 +38,7 @@ template<typename Sender, typename Signal, typename Receiver>
 bool verifyConnectionSignalParameters(const Sender* sender, Signal signal, const Receiver* receiver,
                                       Qt::ConnectionType type)
 {
-    // Without one of the two there is no connection, which QObject::connect() tells.
+    // With a null pointer QObject::connect() fails, which is asserted as such.
     const bool exist = sender != nullptr && receiver != nullptr;
     const bool queued = type == Qt::QueuedConnection
         || (type == Qt::AutoConnection && exist && sender->thread() != receiver->thread());

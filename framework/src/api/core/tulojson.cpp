@@ -22,8 +22,8 @@
 namespace {
 
 // ---------------------------------------------------------------------------------------------
-// Reading. The parser reports events; the builder keeps the open objects and lists on a stack
-// of its own, so depth costs no call stack.
+// Reading. The parser reports events; the builder keeps the open objects and lists on an
+// explicit stack, so depth costs no call stack.
 // ---------------------------------------------------------------------------------------------
 
 // Most texts are, and need no look at each character's encoding.

@@ -35,7 +35,7 @@ public:
     QVariant content() const;
     /// The same value in `kind`, its content in that kind's own type: bool, qlonglong, double,
     /// QString or QVariantList. A number changes its kind if nothing of it is lost: the integral
-    /// double 5.0 is the int 5, but 2^53 + 1 is no double. A boolean is never a number. Empty
+    /// double 5.0 is the int 5, but 2^53 + 1 cannot be a double. A boolean is never a number. Empty
     /// when the value is not of that kind, or its content does not fit its own.
     TuloValue convertedTo(const QString& kind) const;
 };

@@ -4,7 +4,7 @@
 #include "api/core/tulohash.h"
 
 /// The error that a reply carries: entries name (a plain string), message and title (texts).
-/// An error without a name is no error.
+/// Without a name it stands for success.
 class CMError : public TuloHash
 {
 public:

@@ -44,8 +44,8 @@ public:
     static bool isIn(const QVariant& value);
     /// The path in `value`, or that of its string form.
     static CMPath fromVariant(const QVariant& value);
-    /// Registers the metatype "CMPath" with its equality and its conversion to a string. For
-    /// whoever is about to queue a path; nothing registers it at load.
+    /// Registers the metatype "CMPath" with its equality and its conversion to a string. Call
+    /// it before a path is queued; nothing registers it at load.
     static void registerMetaType();
 
 private:

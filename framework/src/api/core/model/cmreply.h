@@ -16,8 +16,8 @@
 
 class CMVoidReply;
 
-/// Told once when a reply is finished. Not owned by the reply: a watcher outlives it or takes
-/// itself out with CMVoidReply::removeWatcher(). That does not wait for a thread that is telling
+/// Called once when a reply is finished. Not owned by the reply: a watcher outlives it or takes
+/// itself out with CMVoidReply::removeWatcher(). That does not wait for a thread that is calling
 /// the watchers already.
 class CMReplyWatcher
 {
@@ -51,7 +51,7 @@ public:
     /// and tells whether it is finished.
     bool waitForFinished(unsigned long milliseconds) const;
 
-    /// A watcher added to a finished reply is told at once.
+    /// A watcher added to a finished reply is called at once.
     void addWatcher(CMReplyWatcher* watcher);
     void removeWatcher(CMReplyWatcher* watcher);
 
@@ -78,7 +78,7 @@ protected:
     // The standard library's, which cost nothing to make: every request brings a reply.
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_condition;
-    // Set under the mutex. Whoever finds it set may read the value and the error without the
+    // Set under the mutex. A thread that finds it set may read the value and the error without the
     // mutex: they do not change any more.
     std::atomic<bool> m_finished { false };
     CMError m_error;

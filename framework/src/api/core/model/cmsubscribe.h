@@ -29,10 +29,10 @@ public:
     virtual void rowsChanged(const CMPath& path, const QString& command, int version);
 };
 
-/// The subscription registry of one worker: who wants to hear of which path, and through which
-/// every change is announced. Subscribers of exactly the announced path are called synchronously,
-/// in order of subscription, observers after them; each once. One that is taken out while an
-/// announcement is under way is not called any more.
+/// The subscription registry of one worker: holds the subscribers of each path and announces every
+/// change. Subscribers of exactly the announced path are called synchronously, in order of
+/// subscription, observers after them; each once. One that is taken out while an announcement is
+/// under way is not called any more.
 ///
 /// Every operation may be called on any thread; the path-added signals are emitted on the calling
 /// one. Destroy the registry when no other thread uses it.
