@@ -428,10 +428,8 @@ void addBadChanges()
     addRow(QStringLiteral("setRoles: the path"),
            setAttempt(volume, TuloRoles::SetRoles(),
                       QVariantHash { { TuloRoles::Path(), QStringLiteral("/etc/passwd") } }),
-           QStringLiteral("Refused: The role 'path' of '%1' cannot be set")
-               .arg(volume),
-           QLatin1String("error ") + pathRole,
-           QStringLiteral("ERROR Role path cannot be stored"));
+           QStringLiteral("Refused: The role 'path' of '%1' cannot be set").arg(volume),
+           QLatin1String("error ") + pathRole, QStringLiteral("ERROR Role path cannot be stored"));
 }
 
 // Changes to what is no setting, or none that may be changed.
@@ -457,8 +455,7 @@ void addBadTargets()
     add("audio/trap", "Refused: A symbolic link in the writable tree is in the way of '%1'");
     add("plain/new", "Refused: No setting '%1' can be created: its directory has no template");
     add("linked/new", "Refused: A symbolic link in the writable tree is in the way of '%1'");
-    add("audio/socket",
-        "Refused: '%1' is blocked by a special file in the writable tree",
+    add("audio/socket", "Refused: '%1' is blocked by a special file in the writable tree",
         QStringLiteral("ERROR Settings: Unable to parse '%W/audio/socket': line 1, column 1: The "
                        "document is empty."));
 
