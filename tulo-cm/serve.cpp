@@ -11,6 +11,7 @@
 #include <QDBusConnection>
 #include <QDBusError>
 
+#include <csignal>
 #include <memory>
 
 #include <systemd/sd-daemon.h>
@@ -54,10 +55,39 @@ void reloadLogging(const ServeOptions& options, Host& host, Output& output)
     host.writes().attach();
 }
 
-// Offers the service on a new connection.
+/// As long as it lives, SIGTERM and SIGINT end the process at once, also one that came before.
+class EndAtOnce
+{
+public:
+    EndAtOnce()
+    {
+        struct sigaction byDefault = {};
+        byDefault.sa_handler = SIG_DFL;
+        ::sigaction(SIGTERM, &byDefault, &m_terminate);
+        ::sigaction(SIGINT, &byDefault, &m_interrupt);
+        if (Interrupts::requested())
+            ::raise(SIGTERM);
+    }
+    ~EndAtOnce()
+    {
+        ::sigaction(SIGTERM, &m_terminate, nullptr);
+        ::sigaction(SIGINT, &m_interrupt, nullptr);
+    }
+    Q_DISABLE_COPY(EndAtOnce)
+
+private:
+    struct sigaction m_terminate = {};
+    struct sigaction m_interrupt = {};
+};
+
+// Offers the service on a new connection. A bus that accepts it and then says nothing is waited
+// for without a limit. Everything that could be written is on disk by then.
 bool offer(Service& service, const QString& busName, QString* reason)
 {
-    const QDBusConnection bus = BusSession::connectTo(busName);
+    const QDBusConnection bus = [&busName] {
+        const EndAtOnce endAtOnce;
+        return BusSession::connectTo(busName);
+    }();
     if (bus.isConnected())
         return service.offer(bus, reason);
     *reason = QStringLiteral("no %1 bus: %2").arg(busName, bus.lastError().message());

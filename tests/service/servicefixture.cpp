@@ -112,6 +112,11 @@ void PrivateBus::kill()
     m_daemon.finish();
 }
 
+void PrivateBus::stop() const
+{
+    m_daemon.sendSignal(SIGSTOP);
+}
+
 namespace {
 
 QStringList serviceWords(const CommandLine& trees, const QString& bus, const QStringList& options,

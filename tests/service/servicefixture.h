@@ -27,6 +27,8 @@ public:
 
     QString address() const;
     void kill();
+    /// The daemon no longer runs, and its socket still accepts.
+    void stop() const;
 
 private:
     const QTemporaryDir m_directory;

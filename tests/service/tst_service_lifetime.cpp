@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -28,6 +29,23 @@ QByteArray fileNameOf(const TemporaryTree& tree, const char* name)
     return QFile::encodeName(tree.writePath()) + name;
 }
 
+QVariantHash writtenVolume(const TemporaryTree& tree)
+{
+    return tree.readWrittenRoles(QStringLiteral("/audio/volume"))
+        .value(QStringLiteral("value"))
+        .toHash();
+}
+
+sockaddr_un socketAddress(const QByteArray& name)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (size_t(name.size()) >= sizeof address.sun_path)
+        qFatal("the socket's name is too long");
+    std::memcpy(address.sun_path, name.constData(), size_t(name.size()));
+    return address;
+}
+
 } // namespace
 
 /// Start and stop, the owner's lock, and what becomes of the service without its bus.
@@ -39,6 +57,8 @@ private slots:
     void orderlyStopLeavesEverythingOnDisk_data();
     void orderlyStopLeavesEverythingOnDisk();
     void stopAnswersTheFlushThatRuns();
+    void stopSavesBeforeItTalksToTheBus();
+    void stopTellsThatTheDiskFailed();
     void killedServiceLeavesWhatWasFlushed();
     void secondInstanceIsRefused();
     void otherTreeOnTheSameBusIsRefused();
@@ -49,6 +69,7 @@ private slots:
 
     void lostBusEndsTheServiceWithEverythingOnDisk();
     void lostBusWakesTheIdleService();
+    void lostBusThatAnswersNothingCostsNoChange();
     void closedConnectionIsMadeAgain();
     void missingBusIsTold();
 };
@@ -114,6 +135,49 @@ void TstServiceLifetime::stopAnswersTheFlushThatRuns()
     const ChildResult result = service.finish();
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(ServiceProcess::complaints(result), QByteArray());
+}
+
+void TstServiceLifetime::stopSavesBeforeItTalksToTheBus()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    const SyncGate gate;
+    ServiceProcess service(trees, bus.address());
+    service.replaceSync(gate.script());
+    QVERIFY2(service.serve(), service.standardError());
+    BusClient(bus.address()).call("SetValue", { volume, variantOf(40) });
+    bus.stop();
+
+    service.sendSignal(SIGTERM);
+    QVERIFY(gate.waitForFlush());
+
+    // What a killed service would leave.
+    QCOMPARE(writtenVolume(trees.tree), QVariantHash({ { QStringLiteral("int"), 40 } }));
+    gate.letOneThrough();
+    const ChildResult result = service.finish();
+    QCOMPARE(ServiceProcess::complaints(result), QByteArray());
+    QCOMPARE(result.exitCode, 0);
+}
+
+void TstServiceLifetime::stopTellsThatTheDiskFailed()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    const SyncGate gate;
+    ServiceProcess service(trees, bus.address());
+    service.replaceSync(gate.script() + "; exit 1");
+    QVERIFY2(service.serve(), service.standardError());
+    BusClient(bus.address()).call("SetValue", { volume, variantOf(40) });
+
+    service.sendSignal(SIGTERM);
+    QVERIFY(gate.waitForFlush());
+    gate.letOneThrough();
+
+    const ChildResult result = service.finish();
+    QCOMPARE(ServiceProcess::complaints(result),
+             QByteArray("tulo-cm: not on disk: /settings/audio/volume (The file system did not "
+                        "sync: Input/output error)\n"));
+    QCOMPARE(result.exitCode, 6);
 }
 
 void TstServiceLifetime::killedServiceLeavesWhatWasFlushed()
@@ -252,10 +316,7 @@ void TstServiceLifetime::readinessIsToldToTheServiceManager()
     const CommandLine trees;
     const PrivateBus bus;
     const QByteArray name = QFile::encodeName(trees.tree.path()) + "/notify";
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    QVERIFY(size_t(name.size()) < sizeof address.sun_path);
-    std::memcpy(address.sun_path, name.constData(), size_t(name.size()));
+    const sockaddr_un address = socketAddress(name);
     const int manager = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     QVERIFY(manager >= 0);
     QCOMPARE(::bind(manager, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
@@ -294,10 +355,7 @@ void TstServiceLifetime::lostBusEndsTheServiceWithEverythingOnDisk()
     QVERIFY2(ServiceProcess::complaints(result).startsWith("tulo-cm: the bus has gone; no "),
              result.standardError);
     QCOMPARE(result.exitCode, 7);
-    QCOMPARE(trees.tree.readWrittenRoles(QStringLiteral("/audio/volume"))
-                 .value(QStringLiteral("value"))
-                 .toHash(),
-             QVariantHash({ { QStringLiteral("int"), 40 } }));
+    QCOMPARE(writtenVolume(trees.tree), QVariantHash({ { QStringLiteral("int"), 40 } }));
 }
 
 void TstServiceLifetime::lostBusWakesTheIdleService()
@@ -311,6 +369,35 @@ void TstServiceLifetime::lostBusWakesTheIdleService()
     bus.kill();
 
     QCOMPARE(service.finish().exitCode, 7);
+}
+
+// A new connection to it would be waited for, for ever.
+void TstServiceLifetime::lostBusThatAnswersNothingCostsNoChange()
+{
+    const CommandLine trees;
+    PrivateBus bus;
+    const SyncGate gate;
+    ServiceProcess service(trees, bus.address());
+    service.replaceSync(gate.script());
+    QVERIFY2(service.serve(), service.standardError());
+    BusClient(bus.address()).call("SetValue", { volume, variantOf(40) });
+    const QByteArray name = QFile::encodeName(bus.address().mid(int(std::strlen("unix:path="))));
+    QCOMPARE(::unlink(name.constData()), 0);
+    const sockaddr_un address = socketAddress(name);
+    const int mute = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    QCOMPARE(::bind(mute, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    QCOMPARE(::listen(mute, 5), 0);
+
+    bus.kill();
+    QVERIFY(gate.waitForFlush());
+    gate.letOneThrough();
+    // It connects, which is after the flush.
+    pollfd connection { mute, POLLIN, 0 };
+    QCOMPARE(::poll(&connection, 1, ChildProcess::waitMs), 1);
+
+    QCOMPARE(service.end().signal, SIGTERM);
+    QCOMPARE(writtenVolume(trees.tree), QVariantHash({ { QStringLiteral("int"), 40 } }));
+    ::close(mute);
 }
 
 void TstServiceLifetime::closedConnectionIsMadeAgain()

@@ -4,6 +4,8 @@
 #include <QFile>
 #include <QTest>
 
+#include <csignal>
+
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -82,6 +84,7 @@ class TstServiceWrites : public QObject
 private slots:
     void failedWriteAtTheTimerIsNotForgotten();
     void failedSyncIsAnsweredToTheFlush();
+    void flushSyncsTheFileSystemOfTheTreeAlone();
     void unsavedChangeIsToldAtTheStop();
     void fullDiskIsTold();
     void hangUpReadsTheLogConfiguration();
@@ -163,6 +166,40 @@ void TstServiceWrites::failedSyncIsAnsweredToTheFlush()
     QCOMPARE(flush.exitCode, 6);
     const ChildResult result = service.end();
     QCOMPARE(result.exitCode, 6);
+}
+
+// A slow disk of somebody else holds up no flush.
+void TstServiceWrites::flushSyncsTheFileSystemOfTheTreeAlone()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    const QString traceFile = trees.tree.path() + QLatin1String("/trace");
+    ServiceProcess service(trees, bus.address(), {},
+                           { QStringLiteral("strace"), QStringLiteral("-f"), QStringLiteral("-o"),
+                             traceFile, QStringLiteral("-e"),
+                             QStringLiteral("trace=execve,sync,syncfs") });
+    // The leak checker cannot work in a process that is traced already.
+    service.setVariable(QStringLiteral("ASAN_OPTIONS"), QStringLiteral("detect_leaks=0"));
+    if (!service.serve())
+        QSKIP("this machine does not let strace trace a process");
+    const BusClient client(bus.address());
+    client.call("SetValue", { volume, variantOf(40) });
+    QCOMPARE(client.call("Flush"), QStringLiteral("u 0"));
+    client.call("SetValue", { volume, variantOf(45) });
+    const QByteArray words = service.standardError();
+    const int processId = words.mid(words.lastIndexOf(' ')).trimmed().toInt();
+    QVERIFY2(processId > 0, words);
+
+    QCOMPARE(::kill(processId, SIGTERM), 0);
+    QCOMPARE(service.finish().exitCode, 0);
+
+    QFile file(traceFile);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QByteArray trace = file.readAll();
+    // For the flush, and for the stop.
+    QCOMPARE(trace.count(" syncfs("), 2);
+    QCOMPARE(trace.count(" sync("), 0);
+    QCOMPARE(trace.count(" execve("), 1);
 }
 
 void TstServiceWrites::unsavedChangeIsToldAtTheStop()
