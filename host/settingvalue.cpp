@@ -82,7 +82,7 @@ ValueJudgement judgeChange(const TuloRoles& setting, const TuloValue& requested)
     if (!judgement.value.isEmpty()) {
         const CMEdit::Judgement workers =
             CMEdit::judge(setting.value(), judgement.value, setting.edit());
-        if (workers.value.isEmpty())
+        if (workers.value != judgement.value)
             judgement = workers;
     }
     result.value = judgement.value;

@@ -95,6 +95,9 @@ void tst_settingvalue::change_data()
         "{}", "it is not of the kind 'bool'");
     row("bool over a stale text", R"({"defaultValue":{"bool":true},"value":{"string":"yes"}})",
         R"({"bool":false})", true, R"({"bool":false})", "");
+    row("text over a stale int, limited in length",
+        R"({"defaultValue":{"string":"abc"},"value":{"int":5},"edit":{"maxLength":10}})",
+        R"({"string":"hello"})", true, R"({"string":"hello"})", "");
     row("int for a double", R"({"defaultValue":{"double":0.5}})", R"({"int":5})", true,
         R"({"double":5.0})", "");
     row("no kind at all", "{}", R"({"string":"x"})", true, R"({"string":"x"})", "");

@@ -71,6 +71,7 @@ struct WantedKind
 {
     QString kind; ///< empty when nothing names one
     QString malformedConstraint; ///< the one that ought to have named it
+    bool isStored = false; ///< only the stored value has it
 };
 
 // The kind of all of them; ints among doubles count as doubles. Empty when they do not agree, or
@@ -113,7 +114,7 @@ WantedKind wantedKind(const TuloValue& stored, const TuloEdit& edit)
     if (isBounded || isNumberKind(listed))
         return { isDouble ? TuloValue::Double() : TuloValue::Int(), {} };
     if (values.isEmpty())
-        return { stored.kind(), {} };
+        return { stored.kind(), {}, true };
     return listed.isEmpty() ? WantedKind { {}, TuloEdit::Values() } : WantedKind { listed, {} };
 }
 
@@ -461,7 +462,9 @@ CMEdit::Judgement CMEdit::judge(const TuloValue& stored, const TuloValue& reques
     const WantedKind wanted = wantedKind(stored, edit);
     if (!wanted.malformedConstraint.isEmpty())
         return malformed(wanted.malformedConstraint);
-    Judgement ofKind = judgeKind(requested, wanted.kind.isEmpty() ? requested.kind() : wanted.kind);
+    // What only the stored value tells may be left from another image.
+    const bool isBound = !wanted.isStored && !wanted.kind.isEmpty();
+    Judgement ofKind = judgeKind(requested, isBound ? wanted.kind : requested.kind());
     if (ofKind.value.isEmpty())
         return ofKind;
     Judgement judgement = judgeByKind(ofKind.value, edit);
