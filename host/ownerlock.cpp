@@ -148,7 +148,7 @@ OwnerLock::Status OwnerLock::openBoth()
         return fail(QStringLiteral("cannot be examined: ") + qt_error_string(errno));
     if (!S_ISREG(file.st_mode))
         return fail(QStringLiteral("is not a regular file"));
-    // What is written below must not land in another file of ours that somebody linked here.
+    // What is written below must not land in another file of ours that was linked here.
     if (file.st_nlink != 1)
         return fail(QStringLiteral("has more than one name"));
     if (file.st_uid != ::geteuid() && file.st_uid != tree.st_uid)
@@ -166,7 +166,9 @@ OwnerLock::Status OwnerLock::lockBoth()
             return fail(QStringLiteral("cannot be locked: ") + qt_error_string(errno));
         return inUse(readProcessId(m_file));
     }
-    if (::flock(m_directory, LOCK_EX | LOCK_NB) != 0) {
+    // Some network file systems lock no directory; then the file has to do.
+    const bool isLocked = ::flock(m_directory, LOCK_EX | LOCK_NB) == 0;
+    if (!isLocked && errno != EBADF && errno != ENOLCK && errno != EOPNOTSUPP) {
         // The file that the owner locked has gone, and its process id with it.
         if (errno == EWOULDBLOCK)
             return inUse(0);
