@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QFile>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -15,6 +16,10 @@
 #include <unistd.h>
 
 namespace {
+
+// The worker holds 300 nodes. A request makes it load three at most that are not looked at here on
+// its behalf: a parent directory, an alias.
+constexpr int rememberedNodes = 75;
 
 enum class Look { Absent, Sound, Unsound };
 
@@ -39,17 +44,19 @@ Look unreadable(const QString& fileName, int error, QString* reason)
         reason);
 }
 
-// Zero, or the system's error, of reading all of it.
-int readAll(int file)
+// Zero, or the system's error, of reading `bytes` bytes.
+int readAll(int file, qint64 bytes)
 {
     std::array<char, 4096> block; // NOLINT: filled by read()
-    for (;;) {
+    while (bytes > 0) {
         const ssize_t count = ::read(file, block.data(), block.size());
         if (count == 0)
-            return 0;
+            break;
         if (count < 0 && errno != EINTR)
             return errno;
+        bytes -= std::max(count, ssize_t(0));
     }
+    return 0;
 }
 
 // Through links, as the worker reads it. A directory is sound: the worker does not read it.
@@ -72,7 +79,7 @@ Look lookAtFile(const QString& fileName, QString* reason)
     const int descriptor = ::open(name.constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (descriptor < 0)
         return unreadable(fileName, errno, reason);
-    const int error = readAll(descriptor);
+    const int error = readAll(descriptor, file.st_size);
     ::close(descriptor);
     return error == 0 ? Look::Sound : unreadable(fileName, error, reason);
 }
@@ -111,12 +118,14 @@ FileProbe::FileProbe(const QString& defaultPath, const QString& writePath,
     : m_defaultPath(defaultPath)
     , m_writePath(writePath)
     , m_productPostfix(productPostfix)
+    , m_nodes(rememberedNodes)
 {
 }
 
 QString FileProbe::inspect(const QString& settingPath)
 {
-    return m_soundNodes.contains(settingPath) ? QString() : inspectAgain(settingPath);
+    const bool* const isSound = m_nodes.object(settingPath);
+    return isSound != nullptr && *isSound ? QString() : inspectAgain(settingPath);
 }
 
 QString FileProbe::inspectAgain(const QString& settingPath)
@@ -135,8 +144,7 @@ QString FileProbe::inspectAgain(const QString& settingPath)
     QString reason = inspectAll(own, lookAtFile, &exists);
     if (reason.isEmpty())
         reason = inspectAll(shared, lookAtFile, &hasTemplate);
-    if (reason.isEmpty() && exists)
-        m_soundNodes.insert(settingPath);
+    m_nodes.insert(settingPath, new bool(reason.isEmpty() && exists));
     return reason;
 }
 
@@ -155,6 +163,6 @@ QString FileProbe::inspectListing(const QString& settingPath)
 
 void FileProbe::forget()
 {
-    m_soundNodes.clear();
+    m_nodes.clear();
     m_soundListings.clear();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QCache>
 #include <QSet>
 #include <QString>
 
@@ -8,10 +9,10 @@
 /// value would be lost with the next change. A file that is not a regular one, also behind a
 /// link, could hold up the process for ever.
 ///
-/// Remembers what it has seen to be sound, until forget(); the worker's caches hold it from then
-/// on. A name without a file is looked at each time and never remembered, so clients cannot make
-/// it grow. The look and the worker's own reading are two steps: it does not protect from
-/// somebody who changes the trees at that very moment.
+/// Remembers which of the last nodes it has seen to be sound, until forget(): so few that the
+/// worker, whose cache of nodes is larger, reads none of them again meanwhile. The look and the
+/// worker's own reading are two steps: it does not protect from changes of the trees at that very
+/// moment.
 ///
 /// Worker thread only.
 class FileProbe
@@ -37,6 +38,8 @@ private:
     const QString m_defaultPath;
     const QString m_writePath;
     const QString m_productPostfix;
-    QSet<QString> m_soundNodes;
-    QSet<QString> m_soundListings;
+    /// By setting path, the least recently used leaves first: whether it has files, all of them
+    /// sound. One without a file counts, as it takes a place in the worker's cache as well.
+    QCache<QString, bool> m_nodes;
+    QSet<QString> m_soundListings; ///< the worker never forgets a listing
 };

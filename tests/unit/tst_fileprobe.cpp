@@ -52,6 +52,7 @@ private slots:
     void fileThatCannotBeOpenedAtThisMomentIsUnsoundAtThisMomentOnly();
     void directoryThatCannotBeOpenedAtThisMomentIsUnsoundAtThisMomentOnly();
     void soundNodeIsLookedAtOnceUntilForgotten();
+    void nodeThatTheWorkerMayReadAgainIsLookedAtAgain();
     void missingNodeIsLookedAtEachTime();
     void inspectAgainLooksEachTime();
 
@@ -169,6 +170,17 @@ void tst_fileprobe::soundNodeIsLookedAtOnceUntilForgotten()
     QCOMPARE(m_probe->inspect(volume), QString());
 
     m_probe->forget();
+
+    QVERIFY(!m_probe->inspect(volume).isEmpty());
+}
+
+// The worker holds 300 nodes, missing ones among them.
+void tst_fileprobe::nodeThatTheWorkerMayReadAgainIsLookedAtAgain()
+{
+    QCOMPARE(m_probe->inspect(volume), QString());
+    for (int i = 0; i < 300; ++i)
+        QCOMPARE(m_probe->inspect(QStringLiteral("/audio/none%1").arg(i)), QString());
+    const NoDescriptors none;
 
     QVERIFY(!m_probe->inspect(volume).isEmpty());
 }
