@@ -192,21 +192,46 @@ void Client::serveQueued()
 void Client::serve(const CMRequest& request)
 {
     CMError error;
-    m_adjustment = Guard::Adjustment();
+    Guard::Adjustment adjustment;
     const CMRequest admitted =
-        m_guard == nullptr ? request : m_guard->admit(request, &error, &m_adjustment);
-    if (errorKind(error) != ErrorKind::None) {
+        m_guard == nullptr ? request : m_guard->admit(request, &error, &adjustment);
+    if (errorKind(error) == ErrorKind::None)
+        route(admitted);
+    else
         request.voidReply().setError(error);
-        return;
-    }
-    m_router->request(admitted);
+    // Only now: subscribers have their own requests served inside of a change.
+    if (request.kind() == CMRequest::Kind::SetData)
+        m_adjustment = adjustment;
+}
 
-    if (request.kind() != CMRequest::Kind::SetData
-        || CMSetDataRequest(request).role() == TuloRoles::Activate())
+void Client::route(const CMRequest& admitted)
+{
+    m_router->request(admitted);
+    if (admitted.kind() != CMRequest::Kind::SetData)
         return;
-    const CMSetDataRequest::Reply reply = CMSetDataRequest(request).reply();
-    if (reply.isFinished() && errorKind(reply.error()) == ErrorKind::None)
-        emit changeAccepted(absolute(request.path()), TuloRoles(TuloHash(reply.value().toHash())));
+    const CMSetDataRequest change(admitted);
+    if (change.role() == TuloRoles::Activate() || !change.reply().isFinished()
+        || errorKind(change.reply().error()) != ErrorKind::None)
+        return;
+    TuloRoles roles(TuloHash(change.value().toHash()));
+    if (change.role() == TuloRoles::Value()) {
+        roles = TuloRoles();
+        roles.setValue(TuloValue(TuloHash(change.value().toHash())));
+    }
+    roles.setTimestamp(TuloRoles(TuloHash(change.reply().value().toHash())).timestamp());
+    emit changeAccepted(absolute(change.path()), roles);
+}
+
+CMSetDataRequest::Reply Client::storeAgain(const CMPath& path, const TuloRoles& roles)
+{
+    auto reply = CMSetDataRequest::Reply::create();
+    const CMSetDataRequest request(path, TuloRoles::SetRoles(), roles.__variant(), reply);
+    const CMError error = m_guard == nullptr ? CMError() : m_guard->judgeStoringAgain(path);
+    if (errorKind(error) == ErrorKind::None)
+        route(request);
+    else
+        reply.setError(error);
+    return reply;
 }
 
 void Client::callDirectly(const CMRequest& request) const

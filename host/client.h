@@ -78,6 +78,8 @@ public:
     /// itself cannot be listed. Worker thread only.
     Rows rows(const CMPath& path, qint32 firstRow, qint32 lastRow, const QStringList& roles,
               CMError* error);
+    /// Stores again what was accepted before, without judging it anew. Worker thread only.
+    CMSetDataRequest::Reply storeAgain(const CMPath& path, const TuloRoles& roles);
     /// How the value of the last change was adjusted to fit, if it was. Worker thread only.
     const Guard::Adjustment& adjustment() const;
 
@@ -89,14 +91,16 @@ public:
     void close();
 
 signals:
-    /// The worker accepted a change to the setting `path` (with its leading "/") and will write
-    /// `roles`. Emitted on the worker's thread, after the reply was finished.
+    /// The worker accepted a change to the setting `path` (with its leading "/"): `roles` are those
+    /// that were changed, and the timestamp. Emitted on the worker's thread, after the reply was
+    /// finished.
     void changeAccepted(const CMPath& path, const TuloRoles& roles);
     /// Hands the turn to the worker's thread, once for each queued request.
     void privateRequestQueued();
 
 private:
     void serve(const CMRequest& request);
+    void route(const CMRequest& admitted);
     void serveQueued();
 
     Router* const m_router;

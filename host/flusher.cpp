@@ -30,14 +30,19 @@ Flusher::Flusher(CMWorker* worker, Client* client, const OwnerLock* lock, WriteW
     m_placeCheck.setInterval(placeCheckMs);
     checkedConnect(&m_placeCheck, &QTimer::timeout, this, &Flusher::on_placeCheck_timeout);
     checkedConnect(&m_sync, &TreeSync::finished, this, &Flusher::on_sync_finished);
+    m_confirmation.setSingleShot(true);
+    m_confirmation.setInterval(confirmDelayMs);
+    checkedConnect(&m_confirmation, &QTimer::timeout, this, &Flusher::on_confirmation_timeout);
     // Queued: it is emitted inside a log call of the worker.
-    connect(
-        m_writes, &WriteWatch::changed, this,
-        [this] {
-            if (!m_placeCheck.isActive())
-                m_placeCheck.start();
-        },
-        Qt::QueuedConnection);
+    connect(m_writes, &WriteWatch::changed, this, &Flusher::on_writes_changed,
+            Qt::QueuedConnection);
+}
+
+Flusher::~Flusher()
+{
+    m_served += std::exchange(m_waiting, {});
+    if (!m_served.isEmpty())
+        answer(QStringLiteral("The host has stopped"));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -59,7 +64,6 @@ void Flusher::on_start_timeout()
         answer(QString());
         return;
     }
-    m_deadline.start();
     begin();
 }
 
@@ -72,11 +76,12 @@ FlushResult Flusher::flushNow()
         result = answered;
         isAnswered = true;
     });
-    const QDeadlineTimer deadline(syncTimeoutMs);
     if (m_lock->isOwned())
         begin();
     else
         answer(QString());
+    // The writes may have taken long, too.
+    const QDeadlineTimer deadline(syncTimeoutMs);
     while (!isAnswered && m_sync.wait(int(deadline.remainingTime()))) { }
     if (!isAnswered)
         on_deadline_timeout();
@@ -99,16 +104,23 @@ void Flusher::begin()
     m_coversServed = m_sync.isRunning() && !m_writes->hasWrittenSinceSync();
     if (!m_sync.isRunning())
         startSync();
+    m_deadline.start();
 }
 
 // Empty, or the reason why nothing can be written.
 QString Flusher::writePending()
 {
     const QVector<WriteWatch::Change> unsaved = m_writes->unsavedChanges();
-    for (const WriteWatch::Change& change : unsaved)
-        m_client->setRoles(change.path, change.roles);
+    for (const WriteWatch::Change& change : unsaved) {
+        const CMError error = m_client->storeAgain(change.path, change.roles).error();
+        if (errorKind(error) != ErrorKind::None)
+            m_writes->setError(error.message().toString());
+    }
     if (!QMetaObject::invokeMethod(m_worker, "on_writeTimer_timeout", Qt::DirectConnection))
         return QStringLiteral("The worker cannot be asked to write");
+    // Each write leaves a record of its success or failure.
+    if (m_writes->pendingCount() > 0)
+        return QStringLiteral("The worker has not told what became of every write");
     return m_lock->displacement();
 }
 
@@ -124,7 +136,7 @@ void Flusher::on_sync_finished(const QString& error)
     const QString reason =
         error.isEmpty() ? QString() : QStringLiteral("The file system did not sync: ") + error;
     m_writes->endSync(m_syncNumber, reason);
-    if (m_coversServed)
+    if (m_coversServed && !m_served.isEmpty())
         answer(reason);
     else if (!m_served.isEmpty())
         startSync();
@@ -134,6 +146,29 @@ void Flusher::on_deadline_timeout()
 {
     fail(
         QStringLiteral("The file system did not sync within %1 seconds").arg(syncTimeoutMs / 1000));
+}
+
+// ---------------------------------------------------------------------------------------------
+// What the worker's timer wrote, and where.
+// ---------------------------------------------------------------------------------------------
+
+void Flusher::on_writes_changed()
+{
+    if (!m_lock->isOwned())
+        return;
+    if (!m_placeCheck.isActive())
+        m_placeCheck.start();
+    const int unconfirmed = m_writes->unconfirmedCount();
+    if (unconfirmed >= maximumUnconfirmed)
+        on_confirmation_timeout();
+    else if (unconfirmed > 0 && !m_confirmation.isActive())
+        m_confirmation.start();
+}
+
+void Flusher::on_confirmation_timeout()
+{
+    if (!m_sync.isRunning() && m_writes->unconfirmedCount() > 0)
+        startSync();
 }
 
 void Flusher::on_placeCheck_timeout()

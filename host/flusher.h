@@ -25,9 +25,11 @@ struct FlushResult
 ///
 /// A flush stores again what an earlier one could not (with the timestamps of then), has the
 /// worker write what is pending, and then asks the tree's own file system for confirmation,
-/// beside the worker's thread: a slow or stalled disk holds up nobody but those who wait for it.
-/// Other file systems are left alone. Whoever asks while a flush runs waits for the next one,
-/// all of them for the same.
+/// beside the worker's thread: a slow or stalled disk holds up only those who wait for it.
+/// Other file systems are left alone. Calls that come while a flush runs share the next one.
+///
+/// What the worker's timer wrote is confirmed in the same way, soon and without being asked for,
+/// so that little has to be kept and stored again.
 ///
 /// The worker's slot "on_writeTimer_timeout" is invoked by that name: it writes everything
 /// pending, and never reports anything.
@@ -43,11 +45,17 @@ class Flusher : public QObject
 public:
     /// A file system that has not confirmed by then counts as failed.
     static constexpr int syncTimeoutMs = 30000;
+    /// What was written is confirmed after so long, or when it is so many settings.
+    static constexpr int confirmDelayMs = 30000;
+    static constexpr int maximumUnconfirmed = 100;
 
     using Done = std::function<void(const FlushResult&)>;
 
     /// All outlive it. Without an owned `lock` nothing can be changed, so nothing is done.
     Flusher(CMWorker* worker, Client* client, const OwnerLock* lock, WriteWatch* writes);
+    /// Answers those who still wait that nothing was saved.
+    ~Flusher() override;
+    Q_DISABLE_COPY(Flusher)
 
     /// Calls `done` on this thread, later, once; from the event loop or from flushNow().
     void flush(const Done& done);
@@ -59,7 +67,9 @@ private slots:
     void on_start_timeout();
     void on_sync_finished(const QString& error);
     void on_deadline_timeout();
+    void on_writes_changed();
     void on_placeCheck_timeout();
+    void on_confirmation_timeout();
 
 private:
     void begin();
@@ -78,6 +88,7 @@ private:
     QTimer m_start; ///< so that all who ask in one turn of the event loop share a flush
     QTimer m_deadline;
     QTimer m_placeCheck;
+    QTimer m_confirmation;
     QVector<Done> m_waiting; ///< for a flush that has not begun
     QVector<Done> m_served; ///< by the flush under way
 };

@@ -356,13 +356,24 @@ CMRequest Guard::admitSetData(const CMSetDataRequest& request, CMError* error,
         return request;
 
     TuloRoles setting;
+    bool isNew = false;
     if (!m_readOnlyMessage.isEmpty())
         *error = hostError(ErrorKind::InUse, m_readOnlyMessage);
     if (!isRefused(*error))
-        *error = judgeTarget(path, &setting);
+        *error = judgeTarget(path, &setting, &isNew);
     if (!isRefused(*error))
         *error = judgeContent(request);
-    return isRefused(*error) ? CMRequest() : admitChange(request, setting, error, adjustment);
+    if (isRefused(*error))
+        return CMRequest();
+    const CMRequest admitted = admitChange(request, setting, error, adjustment);
+    if (!isRefused(*error) && isNew)
+        countCreated(settingPathOf(path));
+    return admitted;
+}
+
+CMError Guard::judgeStoringAgain(const CMPath& path)
+{
+    return judgePlace(path, settingPathOf(path));
 }
 
 // The value that is to be stored, within the constraints.
@@ -444,24 +455,19 @@ bool Guard::isDirectory(const QString& settingPath) const
         || m_worker->subscribe()->rowsVersion(m_worker->addPrefix(settingPath)) > 0;
 }
 
-// Sets `setting` to what tells which values it may have.
-CMError Guard::judgeTarget(const CMPath& path, TuloRoles* setting)
+// Sets `setting` to what tells which values it may have, `isNew` when it does not exist yet.
+CMError Guard::judgeTarget(const CMPath& path, TuloRoles* setting, bool* isNew)
 {
     const QString settingPath = settingPathOf(path);
     // The worker answers for the flush action as if it were a setting.
     const CMPath node = m_worker->addPrefix(settingPath);
     if (isAction(node))
         return refusal(QStringLiteral("Path '%1' is an action"), path);
-    if (isDirectory(settingPath))
-        return refusal(QStringLiteral("Path '%1' is a directory"), path);
-    CMError error = judgeWritableTree(path, settingPath);
+    CMError error = judgePlace(path, settingPath);
     if (isRefused(error))
         return error;
-
-    const QString reason = m_files.inspectAgain(settingPath);
-    if (!reason.isEmpty())
-        return hostError(ErrorKind::Unavailable, reason);
     const std::optional<TuloRoles> roles = rolesOf(settingPath);
+    *isNew = !roles;
     if (!roles)
         return judgeNewSetting(path, settingPath, setting);
     if (!roles->modifiable())
@@ -469,6 +475,18 @@ CMError Guard::judgeTarget(const CMPath& path, TuloRoles* setting)
                        ErrorKind::NotModifiable);
     *setting = *roles;
     return CMError();
+}
+
+// Whether the setting's files can be read and written, whatever the setting is.
+CMError Guard::judgePlace(const CMPath& path, const QString& settingPath)
+{
+    if (isDirectory(settingPath))
+        return refusal(QStringLiteral("Path '%1' is a directory"), path);
+    CMError error = judgeWritableTree(path, settingPath);
+    if (isRefused(error))
+        return error;
+    const QString reason = m_files.inspectAgain(settingPath);
+    return reason.isEmpty() ? CMError() : hostError(ErrorKind::Unavailable, reason);
 }
 
 CMError Guard::judgeNewSetting(const CMPath& path, const QString& settingPath, TuloRoles* setting)
@@ -519,16 +537,14 @@ std::optional<TuloRoles> Guard::rolesOf(const QString& settingPath) const
 }
 
 // ---------------------------------------------------------------------------------------------
-// Settings made at run time: those that no default file describes. One that was admitted counts,
-// whatever becomes of it.
+// Settings made at run time: those that no default file describes.
 // ---------------------------------------------------------------------------------------------
 
 CMError Guard::judgeQuota(const CMPath& path, const QString& settingPath)
 {
     findCreated();
-    QSet<QString>& names = m_created[parentOf(settingPath)];
-    const QString name = nameOf(settingPath);
-    if (names.contains(name))
+    const QSet<QString> names = m_created.value(parentOf(settingPath));
+    if (names.contains(nameOf(settingPath)))
         return CMError();
     if (names.size() >= maximumCreatedInDirectory) {
         return overLimit(QStringLiteral("No setting '%1' can be created: its directory has %2 "
@@ -540,9 +556,15 @@ CMError Guard::judgeQuota(const CMPath& path, const QString& settingPath)
                                         "made at run time"),
                          path, maximumCreated);
     }
-    names.insert(name);
-    ++m_createdCount;
     return CMError();
+}
+
+void Guard::countCreated(const QString& settingPath)
+{
+    QSet<QString>& names = m_created[parentOf(settingPath)];
+    const int before = names.size();
+    names.insert(nameOf(settingPath));
+    m_createdCount += names.size() - before;
 }
 
 void Guard::findCreated()

@@ -25,9 +25,9 @@
 ///   temporary file, no lock), nothing that a file system could not hold. "%" is an ordinary
 ///   character; nothing is decoded.
 /// - A change never goes through a symbolic link or to a special file in the writable tree.
-///   Reading follows links as the file system does, in both trees: only whoever may write in a
+///   Reading follows links as the file system does, in both trees: only who may write in a
 ///   tree can have put them there, no request makes one. The test and the use are two steps, so
-///   it does not protect from somebody who changes the trees at that very moment.
+///   it does not protect from changes of the trees at that very moment.
 /// - A change goes to a setting that exists and is modifiable, or creates a listable name in a
 ///   directory that the default tree describes by a ".meta".
 /// - It does not let clients grow the worker's caches: directories that do not exist are answered
@@ -80,12 +80,16 @@ public:
     /// nothing does.
     CMError judgeFiles(const CMPath& path);
 
+    /// What keeps a change that was admitted before from being stored again; an empty error when
+    /// nothing does. Its value is not judged anew.
+    CMError judgeStoringAgain(const CMPath& path);
+
     /// The names that listings of a directory show, sorted, as far as files and the settings
     /// made through this guard tell.
     QStringList listedNames(const CMPath& directory) const;
 
-    /// What is wrong with a path by itself; an empty error when nothing is. For whoever
-    /// subscribes; admit() looks at the path as well.
+    /// What is wrong with a path by itself; an empty error when nothing is. For callers
+    /// that subscribe; admit() looks at the path as well.
     static CMError judgePath(const CMPath& path);
     /// What is wrong with a value (as a variant: a hash with one entry under its kind, or an
     /// empty one); an empty error when nothing is.
@@ -99,10 +103,12 @@ private:
     static CMRequest admitChange(const CMSetDataRequest& request, const TuloRoles& setting,
                                  CMError* error, Adjustment* adjustment);
     static CMError judgeContent(const CMSetDataRequest& request);
-    CMError judgeTarget(const CMPath& path, TuloRoles* setting);
+    CMError judgeTarget(const CMPath& path, TuloRoles* setting, bool* isNew);
+    CMError judgePlace(const CMPath& path, const QString& settingPath);
     CMError judgeNewSetting(const CMPath& path, const QString& settingPath, TuloRoles* setting);
     CMError judgeWritableTree(const CMPath& path, const QString& settingPath) const;
     CMError judgeQuota(const CMPath& path, const QString& settingPath);
+    void countCreated(const QString& settingPath);
     void findCreated();
 
     /// Tells whether `path` is the worker's, in either form.
@@ -121,7 +127,7 @@ private:
     QString m_readOnlyMessage;
 
     // Settings that only the writable tree holds: names by directory, in setting paths. Filled
-    // when the first one is made.
+    // when the first one is to be made.
     QHash<QString, QSet<QString>> m_created;
     int m_createdCount = 0;
     bool m_knowsCreated = false;

@@ -20,19 +20,20 @@ QString systemText(int error)
     return QString::fromLocal8Bit(std::strerror(error));
 }
 
-QString syncDirectory(int directory)
+// Zero, or the system's error.
+int syncDirectory(int directory)
 {
     if (::syncfs(directory) != 0)
-        return systemText(errno);
+        return errno;
     // ext4 forgets to report a journal that failed just before it was waited for, until the next
     // change finds it. This one changes nothing: there is no such attribute.
     if (::fremovexattr(directory, "user.tulo.none") != 0 && (errno == EROFS || errno == EIO))
-        return systemText(errno);
+        return errno;
     // A file system that went read-only because of an error confirms that there is nothing to do.
     struct statvfs fileSystem = {};
     if (::fstatvfs(directory, &fileSystem) != 0)
-        return systemText(errno);
-    return (fileSystem.f_flag & ST_RDONLY) != 0 ? systemText(EROFS) : QString();
+        return errno;
+    return (fileSystem.f_flag & ST_RDONLY) != 0 ? EROFS : 0;
 }
 
 } // namespace
@@ -45,7 +46,7 @@ struct TreeSync::Run
     // Under the mutex.
     TreeSync* owner = nullptr; ///< null: nobody waits for the end any more
     bool hasEnded = false;
-    QString error;
+    int error = 0;
 };
 
 TreeSync::~TreeSync()
@@ -63,7 +64,7 @@ void TreeSync::start(int directory)
     const int error = errno;
     m_run = std::make_shared<Run>();
     m_run->owner = this;
-    const auto end = [](const std::shared_ptr<Run>& run, const QString& result) {
+    const auto end = [](const std::shared_ptr<Run>& run, int result) {
         const std::lock_guard<std::mutex> locker(run->mutex);
         run->hasEnded = true;
         run->error = result;
@@ -72,18 +73,18 @@ void TreeSync::start(int directory)
             QMetaObject::invokeMethod(run->owner, &TreeSync::on_run_ended, Qt::QueuedConnection);
     };
     if (copy < 0) {
-        end(m_run, systemText(error));
+        end(m_run, error);
         return;
     }
     try {
         std::thread([run = m_run, copy, end] {
-            const QString result = syncDirectory(copy);
+            const int result = syncDirectory(copy);
             ::close(copy);
             end(run, result);
         }).detach();
     } catch (const std::system_error& failure) {
         ::close(copy);
-        end(m_run, QString::fromLocal8Bit(failure.what()));
+        end(m_run, failure.code().value());
     }
 }
 
@@ -113,7 +114,7 @@ void TreeSync::on_run_ended()
     // An event of a run that wait() has seen the end of.
     if (!m_run)
         return;
-    QString error;
+    int error = 0;
     {
         const std::lock_guard<std::mutex> locker(m_run->mutex);
         if (!m_run->hasEnded)
@@ -121,5 +122,5 @@ void TreeSync::on_run_ended()
         error = m_run->error;
     }
     m_run.reset();
-    emit finished(error);
+    emit finished(error == 0 ? QString() : systemText(error));
 }

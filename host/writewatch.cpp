@@ -130,7 +130,9 @@ void WriteWatch::addPending(const CMPath& path, const TuloRoles& roles)
 {
     QMutexLocker locker(&m_mutex);
     State& state = m_changes[path.text()];
-    state.roles = roles;
+    const QVariantHash added = roles.__variant().toHash();
+    for (auto role = added.cbegin(); role != added.cend(); ++role)
+        state.roles.__setHashAttribute(role.key(), role.value());
     setPending(&state, true);
     locker.unlock();
     emit changed();
@@ -151,6 +153,12 @@ void WriteWatch::setUnsaved(State* state, bool isUnsaved)
     ++m_revision;
 }
 
+void WriteWatch::setUnconfirmed(State* state, int sync)
+{
+    m_unconfirmedCount += int(sync != 0) - int(state->unconfirmedBy != 0);
+    state->unconfirmedBy = sync;
+}
+
 // The tree's path of a file's name; empty for a file outside the tree.
 QString WriteWatch::nodeOf(const QString& fileName) const
 {
@@ -169,7 +177,7 @@ void WriteWatch::read(const QString& record)
         State& state = m_changes[node];
         setPending(&state, false);
         setUnsaved(&state, false);
-        state.unconfirmedBy = m_nextSync;
+        setUnconfirmed(&state, m_nextSync);
         m_hasWrittenSinceSync = true;
     } else if (record.startsWith(syncFailedText)) {
         m_lastError = record.left(maximumErrorLength);
@@ -181,7 +189,7 @@ void WriteWatch::read(const QString& record)
         State& state = m_changes[node];
         setPending(&state, false);
         setUnsaved(&state, true);
-        state.unconfirmedBy = 0;
+        setUnconfirmed(&state, 0);
         m_lastError = record.left(maximumErrorLength);
         ++m_revision;
     }
@@ -211,7 +219,7 @@ void WriteWatch::endSync(int number, const QString& error)
         const bool isCovered =
             state.unconfirmedBy != 0 && (state.unconfirmedBy <= number || !error.isEmpty());
         if (isCovered) {
-            state.unconfirmedBy = 0;
+            setUnconfirmed(&state, 0);
             setUnsaved(&state, state.isUnsaved || !error.isEmpty());
         }
         if (isCovered && !state.isPending && !state.isUnsaved)
@@ -279,6 +287,12 @@ int WriteWatch::pendingCount() const
 {
     const QMutexLocker locker(&m_mutex);
     return m_pendingCount;
+}
+
+int WriteWatch::unconfirmedCount() const
+{
+    const QMutexLocker locker(&m_mutex);
+    return m_unconfirmedCount;
 }
 
 int WriteWatch::unsavedCount() const

@@ -18,8 +18,8 @@
 /// A change is pending from its acceptance to the record about its file. Then it is either
 /// unsaved, when the write failed, or written and not yet confirmed, until a sync of the tree's
 /// file system tells: what that sync could not confirm is unsaved, too. The worker drops a write
-/// that failed, so the accepted roles of everything that is not confirmed are kept here, for
-/// Host::flush() to store them again.
+/// that failed, so what was changed and is not confirmed is kept here, for Host::flush() to store
+/// it again.
 ///
 /// Needs the worker's INFO records. attach() sees to that; a log configuration shows fewer
 /// levels by the thresholds of appenders, not by that logger's level, and calls attach() again,
@@ -38,7 +38,7 @@ public:
     struct Change
     {
         CMPath path;
-        TuloRoles roles; ///< as the worker answered them
+        TuloRoles roles; ///< everything that was changed and is not confirmed
     };
 
     /// Watches for files below the directory `writePath` (canonical); `prefix` is the worker's.
@@ -49,7 +49,8 @@ public:
     /// logger's level to INFO if it is above.
     void attach();
 
-    /// A change to `path` was accepted; `roles` will be written.
+    /// A change to `path` was accepted: `roles` are those that were changed. They add to what is
+    /// not confirmed of earlier changes to the same setting.
     void addPending(const CMPath& path, const TuloRoles& roles);
 
     /// Begins a sync that covers everything written until now; returns its number, for
@@ -66,6 +67,8 @@ public:
     /// Settings accepted and not yet tried to write, sorted.
     QStringList pendingPaths() const;
     int pendingCount() const;
+    /// Settings written and not confirmed.
+    int unconfirmedCount() const;
     /// Settings whose last write failed or could not be confirmed, sorted.
     QStringList unsavedPaths() const;
     int unsavedCount() const;
@@ -101,6 +104,7 @@ private:
     void setFailed(const QString& failedFile, const QString& record);
     void setPending(State* state, bool isPending);
     void setUnsaved(State* state, bool isUnsaved);
+    void setUnconfirmed(State* state, int sync);
     QStringList pathsWhere(bool State::*flag) const;
     QString nodeOf(const QString& fileName) const;
 
@@ -113,6 +117,7 @@ private:
     QHash<QString, State> m_changes;
     int m_pendingCount = 0;
     int m_unsavedCount = 0;
+    int m_unconfirmedCount = 0;
     int m_nextSync = 1;
     bool m_hasWrittenSinceSync = false;
     QString m_lastError;

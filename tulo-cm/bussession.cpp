@@ -14,8 +14,8 @@
 
 namespace {
 
-// Long enough for a flush whose sync takes its 30 seconds, and another one before it.
-constexpr int callTimeoutMs = 60000;
+// Long enough for a flush whose sync takes its 30 seconds, another one before it, and the writes.
+constexpr int callTimeoutMs = 90000;
 
 const QString connectionName = QStringLiteral("tulo-cm");
 

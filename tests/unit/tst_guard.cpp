@@ -143,6 +143,7 @@ private slots:
     void adjustmentIsTold();
     void newSettingsAreLimited();
     void settingsFoundInTheTreeCount();
+    void rejectedNewSettingsDoNotCount();
     void unreadableFileIsUnavailable_data();
     void unreadableFileIsUnavailable();
     void rowsTellWhichOfThemCannotBeServed();
@@ -1073,6 +1074,19 @@ void tst_guard::settingsFoundInTheTreeCount()
         setData(QStringLiteral("/settings/list/more"), TuloRoles::Value(), intValue(1));
 
     QCOMPARE(errorKind(reply.error()), ErrorKind::Limits);
+}
+
+void tst_guard::rejectedNewSettingsDoNotCount()
+{
+    for (int number = 0; number < Guard::maximumCreatedInDirectory; ++number) {
+        const auto rejected = setData(QStringLiteral("/settings/list/n%1").arg(number),
+                                      TuloRoles::Value(), QVariant(listOf(QVariantList())));
+        QCOMPARE(errorKind(rejected.error()), ErrorKind::Rejected);
+    }
+
+    QCOMPARE(
+        errorText(setData(QStringLiteral("/settings/list/one"), TuloRoles::Value(), intValue(1))),
+        QString());
 }
 
 void tst_guard::unreadableFileIsUnavailable_data()

@@ -93,6 +93,9 @@ private slots:
     void flushThatWaitsHoldsUpNoRequest();
     void flushesThatWaitShareTheNext();
     void stopAnswersEveryFlush();
+    void manyWritesAreConfirmedUnasked();
+    void largestValueIsStoredAgain();
+    void changeWithoutAValueIsStoredAgainWithoutOne();
     void replacedTreeIsNotSaved();
     void replacedTreeIsNoticedAfterAWrite();
     void workersSlotForWritingHasItsName();
@@ -551,6 +554,63 @@ void tst_host::flushesThatWaitShareTheNext()
     gate.release();
     QTRY_COMPARE_WITH_TIMEOUT(answers.size(), 3, replyWaitMs);
     QCOMPARE(syncCount.load(), 2);
+}
+
+void tst_host::manyWritesAreConfirmedUnasked()
+{
+    for (int i = 0; i < Flusher::maximumUnconfirmed; ++i)
+        m_tree->writeDefault(QStringLiteral("/many/n%1").arg(i), R"({"value":{"int":0}})");
+    const std::unique_ptr<Host> host = openHost();
+    for (int i = 0; i < Flusher::maximumUnconfirmed; ++i)
+        host->client().setValue(CMPath(QStringLiteral("/settings/many/n%1").arg(i)), number(1));
+
+    QTRY_VERIFY_WITH_TIMEOUT(!host->writes().needsFlush(), replyWaitMs);
+
+    QVERIFY(syncCount >= 1);
+}
+
+void tst_host::largestValueIsStoredAgain()
+{
+    m_tree->writeDefault(QStringLiteral("/audio/text"), R"({"id":"T","value":{"string":""}})");
+    m_log->expect(log4cplus::ERROR_LOG_LEVEL,
+                  QStringLiteral("Settings: path '%1/audio/.text' open file failed")
+                      .arg(m_tree->writePath()));
+    const std::unique_ptr<Host> host = openHost();
+    const TuloValue large = TuloValue::of(TuloValue::String(),
+                                          QString(Guard::maximumValueBytes - 13, QLatin1Char('x')));
+    QCOMPARE(
+        errorText(host->client().setValue(CMPath(QStringLiteral("/settings/audio/text")), large)),
+        QString());
+    m_tree->makeWriteDirectory(QStringLiteral("/audio/.text"));
+    QCOMPARE(host->flushNow().unsaved, 1);
+    QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/.text")));
+
+    QCOMPARE(host->flushNow().unsaved, 0);
+
+    QVERIFY(m_tree->readWrittenRoles(QStringLiteral("/audio/text")).value(TuloRoles::Value())
+            == large.__variant());
+}
+
+void tst_host::changeWithoutAValueIsStoredAgainWithoutOne()
+{
+    m_tree->writeDefault(QStringLiteral("/audio/loud"),
+                         R"({"value":{"int":200},"edit":{"max":100}})");
+    const CMPath loud(QStringLiteral("/settings/audio/loud"));
+    m_log->expect(log4cplus::ERROR_LOG_LEVEL,
+                  QStringLiteral("Settings: path '%1/audio/.loud' open file failed")
+                      .arg(m_tree->writePath()));
+    const std::unique_ptr<Host> host = openHost();
+    TuloRoles roles;
+    roles.setId(QStringLiteral("A"));
+    QCOMPARE(errorText(host->client().setRoles(loud, roles)), QString());
+    m_tree->makeWriteDirectory(QStringLiteral("/audio/.loud"));
+    QCOMPARE(host->flushNow().unsaved, 1);
+    QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/.loud")));
+
+    QCOMPARE(host->flushNow().unsaved, 0);
+
+    QCOMPARE(host->client().getData(loud, { TuloRoles::Value() }).value(),
+             QList<QVariant>({ number(200).__variant() }));
 }
 
 void tst_host::stopAnswersEveryFlush()

@@ -57,6 +57,8 @@ private slots:
     void failedSyncMakesWrittenPathsUnsaved();
     void unsavedChangesHoldTheirRoles();
     void unsavedChangeThatIsPendingAgainIsLeftToTheWorker();
+    void unconfirmedChangesAddUp();
+    void unconfirmedPathsAreCounted();
     void workersOwnSyncConfirmsNothing();
     void longErrorIsCut();
     void revisionGrowsWithWhatIsUnsavedOnly();
@@ -253,6 +255,32 @@ void tst_writewatch::unsavedChangeThatIsPendingAgainIsLeftToTheWorker()
 
     QVERIFY(m_watch->unsavedChanges().isEmpty());
     QCOMPARE(m_watch->unsavedPaths(), QStringList(volume));
+}
+
+void tst_writewatch::unconfirmedChangesAddUp()
+{
+    m_watch->addPending(CMPath(volume),
+                        TuloRoles(TuloHash({ { QStringLiteral("id"), QStringLiteral("A") },
+                                             { QStringLiteral("timestamp"), 4 } })));
+    m_watch->addPending(CMPath(volume), roles);
+    error(failed);
+
+    QVERIFY(m_watch->unsavedChanges().first().roles
+            == TuloRoles(TuloHash({ { QStringLiteral("id"), QStringLiteral("A") },
+                                    { QStringLiteral("timestamp"), 5 } })));
+}
+
+void tst_writewatch::unconfirmedPathsAreCounted()
+{
+    m_watch->addPending(CMPath(volume), roles);
+    QCOMPARE(m_watch->unconfirmedCount(), 0);
+    info(written);
+    info(written);
+    QCOMPARE(m_watch->unconfirmedCount(), 1);
+
+    m_watch->endSync(m_watch->beginSync(), QString());
+
+    QCOMPARE(m_watch->unconfirmedCount(), 0);
 }
 
 void tst_writewatch::workersOwnSyncConfirmsNothing()
