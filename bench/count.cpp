@@ -104,6 +104,8 @@ const std::map<std::string, Factory>& operations()
         { "accept_directory", onStore(oneDirectory, acceptChange) },
         { "durable", onStore(manyDirectories, durableChange) },
         { "changes_1000", onStore(manyDirectories, thousandChanges) },
+        { "unsaved", alone([] { return failedChange(0); }) },
+        { "unsaved_8000", alone([] { return failedChange(8000); }) },
         { "json_parse", alone(parseJson) },
         { "json_floor", alone(buildHash) },
         { "json_serialize", alone(serializeJson) },

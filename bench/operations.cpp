@@ -3,6 +3,8 @@
 #include "floors.h"
 #include "store_tulo.h"
 
+#include "host/writewatch.h"
+
 #include "api/core/tulojson.h"
 
 #include <QCache>
@@ -12,6 +14,11 @@
 #include <numeric>
 #include <random>
 #include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
 
 namespace {
 
@@ -164,6 +171,40 @@ Operation thousandChanges(const std::string& store, const Shape& shape)
             tulo->sync();
         },
         1);
+}
+
+Operation failedChange(int unsaved)
+{
+    struct Change
+    {
+        CMPath path;
+        log4cplus::tstring record;
+    };
+    const auto watch =
+        std::make_shared<WriteWatch>(QStringLiteral("/tree"), CMPath(QStringLiteral("/settings")));
+    watch->attach();
+    std::vector<Change> changes;
+    for (int i = 0; i < workingSet + unsaved; ++i) {
+        changes.push_back(
+            { CMPath(QStringLiteral("/settings/many/%1").arg(i)),
+              "Settings: path '/tree/many/." + std::to_string(i) + "' open file failed" });
+    }
+    TuloRoles roles;
+    roles.setValue(TuloValue::of(TuloValue::Int(), sampleSetting));
+    const auto logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("CMSettingsWorker"));
+    const auto fail = [=](std::size_t i) {
+        watch->addPending(changes[i].path, roles);
+        LOG4CPLUS_ERROR(logger, changes[i].record);
+        // As the service asks for each change.
+        watch->revision();
+    };
+    for (std::size_t i = 0; i < changes.size(); ++i)
+        fail(i);
+    if (watch->unsavedCount() != int(changes.size()) || watch->pendingCount() != 0)
+        throw std::runtime_error("a failed write was not noted");
+    return [=](int i) {
+        fail(std::size_t(i) % workingSet);
+    };
 }
 
 Operation parseJson()
