@@ -22,7 +22,10 @@ if(NOT datadir MATCHES "^/usr/(local/)?share$")
         " ${datadir}/dbus-1/system-services/org.tulo.ConfigurationManager1.service")
 endif()
 if(NOT CMAKE_INSTALL_PREFIX MATCHES "^/usr(/local)?$")
-    string(APPEND commands "\n    systemctl link ${unit}")
+    string(APPEND commands
+        "\n    systemd-sysusers ${CMAKE_INSTALL_PREFIX}/lib/sysusers.d/tulo-cm.conf"
+        "\n    systemd-tmpfiles --create ${CMAKE_INSTALL_PREFIX}/lib/tmpfiles.d/tulo-cm.conf"
+        "\n    systemctl link ${unit}")
 endif()
 if(commands)
     message("The service cannot start from this prefix before root has run:${commands}")

@@ -206,6 +206,8 @@ void TstServicePackaging::missingCommandsAreToldForAnotherPrefix_data()
                QStringLiteral("install -D -m 644 -t /usr/local/share/dbus-1/system-services "
                               "/opt/tulo/share/dbus-1/system-services/"
                               "org.tulo.ConfigurationManager1.service"),
+               QStringLiteral("systemd-sysusers /opt/tulo/lib/sysusers.d/tulo-cm.conf"),
+               QStringLiteral("systemd-tmpfiles --create /opt/tulo/lib/tmpfiles.d/tulo-cm.conf"),
                QStringLiteral("systemctl link /opt/tulo/lib/systemd/system/tulo-cm.service")
            };
 }
