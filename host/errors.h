@@ -9,7 +9,7 @@
 enum class ErrorKind {
     None, ///< no error
     InvalidPath, ///< names nothing
-    Refused, ///< turned away by the guard
+    Refused, ///< rejected by the guard before the worker is asked
     Rejected, ///< a value that the setting cannot have
     Unavailable, ///< the setting's files cannot be read at this moment
     NotModifiable, ///< a change to a read-only setting

@@ -70,7 +70,7 @@ bool isControl(QChar character)
     return character.category() == QChar::Other_Control;
 }
 
-// Whether the text takes more bytes in UTF-8; a short one is told without making them.
+// Whether the text takes more bytes in UTF-8; for a short one without making them.
 bool isLonger(QStringView text, int bytes)
 {
     constexpr int bytesPerCharacter = 3;

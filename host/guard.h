@@ -116,7 +116,7 @@ private:
     /// Tells whether there is such a directory in a tree, or for an accepted change.
     bool isDirectory(const QString& settingPath) const;
     /// What the worker knows of a setting or directory that tells what it may hold; nothing when
-    /// there is no such node.
+    /// the node does not exist.
     std::optional<TuloRoles> rolesOf(const QString& settingPath) const;
 
     CMWorker* const m_worker;

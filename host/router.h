@@ -24,7 +24,7 @@ public:
     /// Asked before a worker's own request for a row is served; an error is then the answer.
     void setRowCheck(const std::function<CMError(const CMPath&)>& check);
 
-    /// Null when nobody serves `path`.
+    /// Null when no worker serves `path`.
     CMWorker* workerFor(const CMPath& path) const;
 
     /// Has the request answered on the calling thread; the invalid-path error when nobody

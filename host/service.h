@@ -17,7 +17,7 @@
 /// described in org.tulo.ConfigurationManager1.xml; the names below are theirs.
 ///
 /// Lives on the host's thread and serves every call there, in the order of arrival, so one
-/// request of all clients is under way at a time. Only flushes wait, and hold up nobody else
+/// request of all clients is under way at a time. Only flushes wait, and hold up others no
 /// longer than the pending files take to write; a client has at most maximumWaiting of them.
 /// Invalid values are rejected before they reach the worker; what the worker announces goes out
 /// as broadcast signals.

@@ -54,7 +54,7 @@ QString becomeOwner(const QString& writePath)
         return failure(qt_error_string(errno));
     if (!hasBecome(tree.st_uid, group))
         return failure(QStringLiteral("the rights of root are still there"));
-    // A mask that keeps the owner out would make files that nobody can use.
+    // A mask that keeps the owner out would make files that the owner cannot use.
     ::umask(::umask(0077) & 0077);
     return QString();
 }

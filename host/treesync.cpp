@@ -26,7 +26,7 @@ int syncDirectory(int directory)
     if (::syncfs(directory) != 0)
         return errno;
     // ext4 forgets to report a journal that failed just before it was waited for, until the next
-    // change finds it. This one changes nothing: there is no such attribute.
+    // change finds it. This one changes nothing: the attribute does not exist.
     if (::fremovexattr(directory, "user.tulo.none") != 0 && (errno == EROFS || errno == EIO))
         return errno;
     // A file system that went read-only because of an error confirms that there is nothing to do.
@@ -44,7 +44,7 @@ struct TreeSync::Run
     std::mutex mutex;
     std::condition_variable ended;
     // Under the mutex.
-    TreeSync* owner = nullptr; ///< null: nobody waits for the end any more
+    TreeSync* owner = nullptr; ///< null once the object is gone
     bool hasEnded = false;
     int error = 0;
 };
