@@ -3,7 +3,7 @@
 //
 // The writable tree lies on an ext4 of its own, on a loop device over a file whose writes fail when
 // the test wants (failing_disk). The moments are drawn at random among all writes of some rounds of
-// changes and flushes, with a fixed seed. With TULO_TEST_FULL set they are 110.
+// changes and flushes, with a fixed seed: 12, in full 110.
 
 #include "host/host.h"
 
@@ -11,6 +11,7 @@
 
 #include "tests/support/childprocess.h"
 #include "tests/support/logcapture.h"
+#include "tests/support/repeats.h"
 #include "tests/support/temporarytree.h"
 
 #include <QDir>
@@ -299,11 +300,6 @@ Outcome outcomeOf(const QString& mountOptions, const std::optional<Moment>& mome
     return outcome;
 }
 
-bool isFull()
-{
-    return qEnvironmentVariableIsSet("TULO_TEST_FULL");
-}
-
 } // namespace
 
 class tst_FailingDisk : public QObject
@@ -344,10 +340,9 @@ void tst_FailingDisk::addMountOptions()
 {
     QTest::addColumn<QString>("mountOptions");
     QTest::addColumn<int>("moments");
-    QTest::newRow("default") << QString() << (isFull() ? 60 : 4);
-    QTest::newRow("remounted read-only")
-        << QStringLiteral(",errors=remount-ro") << (isFull() ? 30 : 4);
-    QTest::newRow("data in the journal") << QStringLiteral(",data=journal") << (isFull() ? 20 : 4);
+    QTest::newRow("default") << QString() << repeats(4, 60);
+    QTest::newRow("remounted read-only") << QStringLiteral(",errors=remount-ro") << repeats(4, 30);
+    QTest::newRow("data in the journal") << QStringLiteral(",data=journal") << repeats(4, 20);
 }
 
 namespace {
@@ -416,12 +411,13 @@ void tst_FailingDisk::syncWithoutAnAnswerIsSeenToLoseChanges()
     if (!m_canMount)
         QSKIP("needs root, FUSE and loop devices, for a disk that fails");
     constexpr int maximumMoments = 60;
+    const int wantedLosses = repeats(1, maximumMoments);
     Moments random { QString() };
     ignoresTheDisk = true;
 
     int moments = 0;
     int losses = 0;
-    while (moments < maximumMoments && (losses == 0 || isFull())) {
+    while (moments < maximumMoments && losses < wantedLosses) {
         const Outcome outcome = outcomeOf(QString(), random.next());
         QVERIFY2(outcome.trouble.isEmpty(), qPrintable(outcome.trouble));
         ++moments;
