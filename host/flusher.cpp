@@ -144,8 +144,11 @@ void Flusher::on_sync_finished(const QString& error)
 
 void Flusher::on_deadline_timeout()
 {
-    fail(
-        QStringLiteral("The file system did not sync within %1 seconds").arg(syncTimeoutMs / 1000));
+    const QString reason =
+        QStringLiteral("The file system did not sync within %1 seconds").arg(syncTimeoutMs / 1000);
+    // Nobody knows what became of it, so the next flush writes it again.
+    m_writes->endSync(m_syncNumber, reason);
+    answer(reason);
 }
 
 // ---------------------------------------------------------------------------------------------

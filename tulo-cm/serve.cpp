@@ -156,10 +156,9 @@ int serve(const ServeOptions& options, Output& output)
     const bool isSaved = host->stop();
     service.withdraw();
     if (!isSaved) {
-        return report(output, NotSaved, QStringLiteral("NotSaved"),
-                      QStringLiteral("not on disk: %1 (%2)")
-                          .arg(host->writes().unsavedPaths().join(QStringLiteral(", ")),
-                               host->writes().lastError()));
+        const Failure unsaved = notSaved(host->writes().unsavedPaths(), host->writes().lastError());
+        output.failure(unsaved);
+        return unsaved.exitCode;
     }
     return hasBus ? Done : Unavailable;
 }
