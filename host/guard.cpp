@@ -365,7 +365,7 @@ CMRequest Guard::admitSetData(const CMSetDataRequest& request, CMError* error,
         *error = judgeContent(request);
     if (isRefused(*error))
         return CMRequest();
-    const CMRequest admitted = admitChange(request, setting, error, adjustment);
+    CMRequest admitted = admitChange(request, setting, error, adjustment);
     if (!isRefused(*error) && isNew)
         countCreated(settingPathOf(path));
     return admitted;
