@@ -7,7 +7,7 @@ option(TULO_FUZZ "The fuzz targets search for new inputs; needs clang" OFF)
 
 # Environment that the tests need because of the instrumentation.
 set(TULO_TEST_ENVIRONMENT "")
-# Seconds. For what hangs, not for what is slow: a busy machine is no failure.
+# Seconds. For what hangs, not for what is slow: a busy machine does not fail.
 set(TULO_TEST_TIMEOUT 900)
 
 set(tulo_instrumentation "")
