@@ -105,12 +105,12 @@ Rows Client::rowsOf(const TuloRowsRoles& answer, const QStringList& roles)
     for (const QVariant& entry : answered) {
         // Behind the roles that were asked for: path and type.
         QList<QVariant> values = entry.toList();
+        TULO_ASSERT(values.size() == roles.size() + 2);
         Row row;
         row.isDirectory = values.takeLast().toInt() == TuloRolesType::Directory;
         row.path = CMPath::fromVariant(values.takeLast());
         row.name = nameOf(row.path.text());
         row.values = values;
-        TULO_ASSERT(row.values.size() == roles.size());
         rows.rows.append(row);
     }
     return rows;

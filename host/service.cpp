@@ -49,7 +49,7 @@ QVariantMap rolesOf(const Row& row, const QStringList& roles)
         return errorEntry(row.error);
     QVariantHash values;
     for (int i = 0; i < roles.size(); ++i)
-        values.insert(roles.at(i), row.values.at(i));
+        values.insert(roles.at(i), row.values.value(i));
     return busRoles(values);
 }
 
@@ -262,7 +262,7 @@ QVariantMap Service::GetData(const QString& path, const QStringList& roles)
     const QVariantList values = reply.value();
     QVariantHash answer;
     for (int i = 0; i < roles.size(); ++i)
-        answer.insert(roles.at(i), values.at(i));
+        answer.insert(roles.at(i), values.value(i));
     const QVariantMap present = busRoles(answer);
     if (busSize(present) > maximumRolesBytes) {
         refuseSize(path);
@@ -452,7 +452,7 @@ bool Service::isEncrypted(const CMPath& path)
 {
     const auto reply = m_host.client().getData(path, { TuloRoles::Encrypted() });
     // If we cannot tell, treat the value as encrypted.
-    return errorKind(reply.error()) != ErrorKind::None || reply.value().first().toBool();
+    return errorKind(reply.error()) != ErrorKind::None || reply.value().value(0).toBool();
 }
 
 void Service::valueChanged(const CMPath& path, const QVariant& value)
