@@ -52,3 +52,15 @@ function(tulo_add_test)
         ENVIRONMENT
             "LC_ALL=C.UTF-8;QTEST_FUNCTION_TIMEOUT=${milliseconds};${TULO_TEST_ENVIRONMENT}")
 endfunction()
+
+# tulo_count_reached()
+#
+# What the tests of this folder reach counts in a coverage build, a file for each process and
+# library; what a random input or a program's session comes by does not.
+function(tulo_count_reached)
+    if(TULO_COVERAGE)
+        get_directory_property(tests TESTS)
+        set_property(TEST ${tests} APPEND PROPERTY ENVIRONMENT
+            LLVM_PROFILE_FILE=${PROJECT_BINARY_DIR}/profiles/%p-%m.profraw)
+    endif()
+endfunction()
