@@ -146,7 +146,7 @@ void Flusher::on_deadline_timeout()
 {
     const QString reason =
         QStringLiteral("The file system did not sync within %1 seconds").arg(syncTimeoutMs / 1000);
-    // Nobody knows what became of it, so the next flush writes it again.
+    // The outcome is unknown, so the next flush writes it again.
     m_writes->endSync(m_syncNumber, reason);
     answer(reason);
 }

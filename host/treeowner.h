@@ -4,7 +4,7 @@
 
 #include <sys/types.h>
 
-/// The user's name, or the number where there is no name.
+/// The name of the user, or the number of a user without a name.
 QString userName(uid_t id);
 
 /// When root runs this and `writePath` belongs to another user, makes the process that user for

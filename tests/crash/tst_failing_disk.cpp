@@ -1,7 +1,7 @@
 // A disk begins to fail in the middle of everything. Afterwards its image is mounted as a start
 // would find it: what a flush answered to be saved must be there.
 //
-// The writable tree lies on an ext4 of its own, on a loop device over a file whose writes fail when
+// The writable tree lies on a private ext4, on a loop device over a file whose writes fail when
 // the test wants (failing_disk). The moments are drawn at random among all writes of some rounds of
 // changes and flushes, with a fixed seed: 12, in full 110.
 
@@ -176,7 +176,7 @@ private:
 constexpr int rounds = 6;
 constexpr int roundsAfterFailure = 2;
 
-// In each round the same two, one of them with a text that needs blocks of its own, and a new one
+// In each round the same two, one of them with a text that needs extra blocks, and a new one
 // in a new directory.
 QStringList settingsOf(int round)
 {
