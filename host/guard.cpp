@@ -1,5 +1,6 @@
 #include "host/guard.h"
 
+#include "host/nodenames.h"
 #include "host/separator.h"
 #include "host/settingvalue.h"
 
@@ -12,7 +13,6 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
-#include <QRegExp>
 
 #include <algorithm>
 #include <cmath>
@@ -261,13 +261,6 @@ CMError Guard::judgeValue(const CMPath& path, const QVariant& value)
     if (!fitsKind(record.kind(), record.content()))
         return refusal(QStringLiteral("A value for '%1' is not of the kind it names"), path);
     return CMError();
-}
-
-bool Guard::isListable(const QString& name)
-{
-    // The worker's own pattern, in the engine that takes it.
-    static const QRegExp pattern(QStringLiteral("^[\\w-_]+$"));
-    return pattern.exactMatch(name);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -51,7 +51,6 @@ public:
         QString reason; ///< names the constraint and its limit; empty when nothing was adjusted
     };
 
-    static constexpr int maximumLevels = 16; ///< components of a path, the mount included
     static constexpr int maximumNameBytes = 200; ///< of a component, in UTF-8
     static constexpr int maximumPathBytes = 1000; ///< of a whole path, in UTF-8
     static constexpr int maximumRows = 500; ///< answered by one request
@@ -94,8 +93,6 @@ public:
     /// What is wrong with a value (as a variant: a hash with one entry under its kind, or an
     /// empty one); an empty error when nothing is.
     static CMError judgeValue(const CMPath& path, const QVariant& value);
-    /// Tells whether listings show a child of this name.
-    static bool isListable(const QString& name);
 
 private:
     CMError judgeRows(const CMGetRowsRequest& request);

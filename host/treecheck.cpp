@@ -1,7 +1,7 @@
 #include "host/treecheck.h"
 
 #include "host/fileprobe.h"
-#include "host/guard.h"
+#include "host/nodenames.h"
 #include "host/settingvalue.h"
 #include "host/treeowner.h"
 
@@ -32,7 +32,7 @@ using Kind = TreeFinding::Kind;
 using Effect = TreeFinding::Effect;
 
 // Of what a path can name; the mount is its first component.
-constexpr int maximumDepth = Guard::maximumLevels - 1;
+constexpr int maximumDepth = maximumLevels - 1;
 constexpr char metaName[] = ".meta";
 
 QString shown(const QVariant& content)
@@ -123,7 +123,7 @@ struct Entry
 
     bool isHidden() const { return name.startsWith('.'); }
     bool isMeta() const { return name == metaName; }
-    bool isListable() const { return Guard::isListable(QFile::decodeName(name)); }
+    bool isListed() const { return isListable(QFile::decodeName(name)); }
     bool isDirectory() const { return error == 0 && S_ISDIR(file.st_mode); }
     bool isSpecial() const
     {
@@ -182,8 +182,7 @@ protected:
     {
         if (entry.depth > maximumDepth) {
             add(entry, Kind::TooDeep, Effect::Wrong,
-                QStringLiteral("is below level %1, so no path reaches it")
-                    .arg(Guard::maximumLevels));
+                QStringLiteral("is below level %1, so no path reaches it").arg(maximumLevels));
         }
     }
 
@@ -316,7 +315,7 @@ private:
                 QStringLiteral("no listing shows this name"));
         } else if (entry.isSpecial()) {
             addSpecial(entry);
-        } else if (!entry.isMeta() && !entry.isListable()) {
+        } else if (!entry.isMeta() && !entry.isListed()) {
             add(entry, Kind::NotListed, Effect::Wrong,
                 QStringLiteral("no listing shows this name"));
         } else if (entry.error != 0) {
@@ -443,7 +442,7 @@ private:
             addSpecial(entry);
             return;
         }
-        if (!entry.isListable())
+        if (!entry.isListed())
             return;
         if (entry.isLink) {
             add(entry, Kind::Link, Effect::Wrong,
@@ -502,7 +501,7 @@ private:
         const bool hasSetting = isRegular(entry.fileName.chopped(entry.name.size()) + name)
             || isRegular(m_defaultRoot + '/' + directory + name);
         // One that its first write would have made.
-        const bool mayBeNew = !directory.isEmpty() && Guard::isListable(QFile::decodeName(name))
+        const bool mayBeNew = !directory.isEmpty() && isListable(QFile::decodeName(name))
             && isRegular(m_defaultRoot + '/' + directory + metaName);
         if (entry.isMeta() || (!hasSetting && !mayBeNew))
             return;

@@ -6,7 +6,7 @@
 #include "serve.h"
 #include "textinput.h"
 
-#include "host/guard.h"
+#include "host/nodenames.h"
 #include "host/treeowner.h"
 
 #include <QCoreApplication>
@@ -100,7 +100,7 @@ Failure judgePlace(const Arguments& arguments)
 Failure judgeWorkerOptions(const Arguments& arguments)
 {
     const QString product = arguments.value(productOption);
-    if (!product.isEmpty() && !Guard::isListable(product)) {
+    if (!product.isEmpty() && !isListable(product)) {
         return usageFailure(
             QStringLiteral(
                 "'%1' is not a product postfix, which has only letters, digits, '_' and '-'")

@@ -1,6 +1,7 @@
 #include "host/client.h"
 #include "host/guard.h"
 #include "host/loader.h"
+#include "host/nodenames.h"
 #include "host/router.h"
 
 #include "api/core/model/tulosettingsactions.h"
@@ -1178,7 +1179,7 @@ void tst_guard::listableNamesAreThoseOfListings()
     const auto reply = m_client->getRows(CMPath(QStringLiteral("/settings/names")), 0, 9, {});
 
     QCOMPARE(errorText(reply), QString());
-    QCOMPARE(Guard::isListable(name), reply.value().rowsCount() == 1);
+    QCOMPARE(isListable(name), reply.value().rowsCount() == 1);
 }
 
 QTEST_GUILESS_MAIN(tst_guard)

@@ -1,0 +1,11 @@
+#include "host/nodenames.h"
+
+#include <QRegExp>
+#include <QString>
+
+bool isListable(const QString& name)
+{
+    // The worker's own pattern, in the engine that takes it.
+    static const QRegExp pattern(QStringLiteral("^[\\w-_]+$"));
+    return pattern.exactMatch(name);
+}

@@ -1,0 +1,11 @@
+#pragma once
+
+class QString;
+
+// What the nodes of a tree may be called, for files and requests alike.
+
+/// Components of a path, the mount included.
+inline constexpr int maximumLevels = 16;
+
+/// Tells whether listings show a child of this name.
+bool isListable(const QString& name);
