@@ -1,6 +1,6 @@
 #include "host/busvalue.h"
 
-#include "host/settingvalue.h"
+#include "trees/settingvalue.h"
 
 #include "api/core/model/cmpath.h"
 #include "api/core/trstring.h"

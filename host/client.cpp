@@ -1,7 +1,7 @@
 #include "host/client.h"
 
 #include "host/router.h"
-#include "host/separator.h"
+#include "trees/separator.h"
 
 #include "api/core/model/tulosettingsactions.h"
 #include "api/core/tulo.h"

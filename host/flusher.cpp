@@ -1,7 +1,7 @@
 #include "host/flusher.h"
 
 #include "host/client.h"
-#include "host/ownerlock.h"
+#include "trees/ownerlock.h"
 
 #include "api/core/tulo.h"
 

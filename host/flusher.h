@@ -1,7 +1,7 @@
 #pragma once
 
-#include "host/treesync.h"
 #include "host/writewatch.h"
+#include "trees/treesync.h"
 
 #include <QObject>
 #include <QString>

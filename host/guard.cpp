@@ -1,8 +1,8 @@
 #include "host/guard.h"
 
-#include "host/nodenames.h"
-#include "host/separator.h"
-#include "host/settingvalue.h"
+#include "trees/nodenames.h"
+#include "trees/separator.h"
+#include "trees/settingvalue.h"
 
 #include "api/core/model/cmsubscribe.h"
 #include "api/core/model/tulosettingsactions.h"

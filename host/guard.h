@@ -1,7 +1,7 @@
 #pragma once
 
 #include "host/errors.h"
-#include "host/fileprobe.h"
+#include "trees/fileprobe.h"
 
 #include "api/core/model/cmrequest.h"
 #include "api/core/model/cmworker.h"

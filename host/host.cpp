@@ -1,7 +1,7 @@
 #include "host/host.h"
 
 #include "host/loader.h"
-#include "host/separator.h"
+#include "trees/separator.h"
 
 #include "api/core/language.h"
 

@@ -3,9 +3,9 @@
 #include "host/client.h"
 #include "host/flusher.h"
 #include "host/guard.h"
-#include "host/ownerlock.h"
 #include "host/router.h"
 #include "host/writewatch.h"
+#include "trees/ownerlock.h"
 
 #include "api/core/model/cmsubscribe.h"
 

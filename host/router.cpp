@@ -1,6 +1,6 @@
 #include "host/router.h"
 
-#include "host/separator.h"
+#include "trees/separator.h"
 
 void Router::addWorker(CMWorker* worker)
 {

@@ -1,6 +1,6 @@
 #include "host/writewatch.h"
 
-#include "host/separator.h"
+#include "trees/separator.h"
 
 #include <QDir>
 #include <QMutexLocker>

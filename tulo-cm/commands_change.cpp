@@ -1,6 +1,6 @@
 #include "commands.h"
 
-#include "host/settingvalue.h"
+#include "trees/settingvalue.h"
 
 #include "api/core/model/cmedit.h"
 #include "api/core/model/cmoperation.h"

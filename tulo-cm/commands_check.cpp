@@ -1,6 +1,6 @@
 #include "commands.h"
 
-#include "host/treecheck.h"
+#include "trees/treecheck.h"
 
 #include <QFileInfo>
 

@@ -6,8 +6,8 @@
 #include "serve.h"
 #include "textinput.h"
 
-#include "host/nodenames.h"
-#include "host/treeowner.h"
+#include "trees/nodenames.h"
+#include "trees/treeowner.h"
 
 #include <QCoreApplication>
 #include <QDir>

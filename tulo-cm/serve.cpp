@@ -5,7 +5,7 @@
 #include "interrupts.h"
 
 #include "host/service.h"
-#include "host/treecheck.h"
+#include "trees/treecheck.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>

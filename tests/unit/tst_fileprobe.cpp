@@ -1,4 +1,4 @@
-#include "host/fileprobe.h"
+#include "trees/fileprobe.h"
 
 #include "tests/support/temporarytree.h"
 

@@ -1,8 +1,8 @@
 #include "host/client.h"
 #include "host/guard.h"
 #include "host/loader.h"
-#include "host/nodenames.h"
 #include "host/router.h"
+#include "trees/nodenames.h"
 
 #include "api/core/model/tulosettingsactions.h"
 #include "tests/support/logcapture.h"

@@ -1,5 +1,5 @@
-#include "host/ownerlock.h"
-#include "host/treeowner.h"
+#include "trees/ownerlock.h"
+#include "trees/treeowner.h"
 
 #include "tests/support/childprocess.h"
 #include "tests/support/temporarytree.h"

@@ -1,4 +1,4 @@
-#include "host/settingvalue.h"
+#include "trees/settingvalue.h"
 
 #include "api/core/tulojson.h"
 

@@ -1,4 +1,4 @@
-#include "host/treecheck.h"
+#include "trees/treecheck.h"
 
 #include "tests/support/childprocess.h"
 #include "tests/support/temporarytree.h"

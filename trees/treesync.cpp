@@ -1,4 +1,4 @@
-#include "host/treesync.h"
+#include "trees/treesync.h"
 
 #include <cerrno>
 #include <chrono>

@@ -1,6 +1,6 @@
-#include "host/fileprobe.h"
+#include "trees/fileprobe.h"
 
-#include "host/separator.h"
+#include "trees/separator.h"
 
 #include <QByteArray>
 #include <QFile>

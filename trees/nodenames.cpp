@@ -1,4 +1,4 @@
-#include "host/nodenames.h"
+#include "trees/nodenames.h"
 
 #include <QRegExp>
 #include <QString>

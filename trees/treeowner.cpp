@@ -1,4 +1,4 @@
-#include "host/treeowner.h"
+#include "trees/treeowner.h"
 
 #include <QFile>
 

@@ -1,9 +1,9 @@
-#include "host/treecheck.h"
+#include "trees/treecheck.h"
 
-#include "host/fileprobe.h"
-#include "host/nodenames.h"
-#include "host/settingvalue.h"
-#include "host/treeowner.h"
+#include "trees/fileprobe.h"
+#include "trees/nodenames.h"
+#include "trees/settingvalue.h"
+#include "trees/treeowner.h"
 
 #include "api/core/model/cmedit.h"
 #include "api/core/tulojson.h"

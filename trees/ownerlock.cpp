@@ -1,6 +1,6 @@
-#include "host/ownerlock.h"
+#include "trees/ownerlock.h"
 
-#include "host/treeowner.h"
+#include "trees/treeowner.h"
 
 #include <QByteArray>
 #include <QFile>
