@@ -2,8 +2,8 @@
 
 #include "configurationmanagerproxy.h"
 
+#include "daemon/service.h"
 #include "host/guard.h"
-#include "host/service.h"
 
 #include "api/core/model/tulosettingsactions.h"
 

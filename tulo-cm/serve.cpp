@@ -4,7 +4,7 @@
 #include "commands.h"
 #include "interrupts.h"
 
-#include "host/service.h"
+#include "daemon/service.h"
 #include "trees/treecheck.h"
 
 #include <QCoreApplication>

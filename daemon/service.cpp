@@ -1,4 +1,4 @@
-#include "host/service.h"
+#include "daemon/service.h"
 
 #include "configurationmanageradaptor.h"
 

@@ -1,4 +1,4 @@
-#include "host/busvalue.h"
+#include "daemon/busvalue.h"
 
 #include "trees/settingvalue.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "host/busvalue.h"
+#include "daemon/busvalue.h"
 #include "host/host.h"
 
 #include <QDBusConnection>
