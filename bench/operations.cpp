@@ -3,7 +3,7 @@
 #include "floors.h"
 #include "store_tulo.h"
 
-#include "host/writewatch.h"
+#include "engine/writewatch.h"
 
 #include "api/core/tulojson.h"
 

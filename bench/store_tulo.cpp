@@ -1,6 +1,6 @@
 #include "store_tulo.h"
 
-#include "host/loader.h"
+#include "engine/loader.h"
 
 #include "api/core/model/tulosettingsactions.h"
 

@@ -1,17 +1,17 @@
-# tulo_add_test(NAME tst_xxx [WORKER] [HOST] [PROGRAM] [SOURCES file...] [LIBRARIES library...])
+# tulo_add_test(NAME tst_xxx [WORKER] [ENGINE] [PROGRAM] [SOURCES file...] [LIBRARIES library...])
 #
 # One Qt Test program and the ctest test of the same name. SOURCES defaults to
 # the file named like the test. That file includes the meta-object code "tst_xxx.moc".
 #
 #   WORKER  the test looks inside the worker: it is compiled without access
 #           control and linked with the worker's own code
-#   HOST    the test uses the host library
+#   ENGINE  the test uses the engine library
 #   PROGRAM the test starts tulo-cm
 #
 # The places a test needs (TULO_PLUGIN_FILE and so on) are defined by
 # tests_support, which every test is linked with.
 function(tulo_add_test)
-    cmake_parse_arguments(PARSE_ARGV 0 arg "WORKER;HOST;PROGRAM" "NAME" "SOURCES;LIBRARIES")
+    cmake_parse_arguments(PARSE_ARGV 0 arg "WORKER;ENGINE;PROGRAM" "NAME" "SOURCES;LIBRARIES")
     if(NOT arg_NAME OR arg_UNPARSED_ARGUMENTS)
         message(FATAL_ERROR "tulo_add_test: no NAME, or unknown: ${arg_UNPARSED_ARGUMENTS}")
     endif()
@@ -35,8 +35,8 @@ function(tulo_add_test)
     else()
         tulo_precompile(${arg_NAME} TEST)
     endif()
-    if(arg_HOST)
-        target_link_libraries(${arg_NAME} PRIVATE tulo_host)
+    if(arg_ENGINE)
+        target_link_libraries(${arg_NAME} PRIVATE tulo_engine)
     endif()
     # Loaded by file name.
     add_dependencies(${arg_NAME} tulo_cb_settings)

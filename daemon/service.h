@@ -1,7 +1,7 @@
 #pragma once
 
 #include "daemon/busvalue.h"
-#include "host/host.h"
+#include "engine/host.h"
 
 #include <QDBusConnection>
 #include <QDBusContext>

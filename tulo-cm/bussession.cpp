@@ -3,7 +3,7 @@
 #include "configurationmanagerproxy.h"
 
 #include "daemon/service.h"
-#include "host/guard.h"
+#include "engine/guard.h"
 
 #include "api/core/model/tulosettingsactions.h"
 

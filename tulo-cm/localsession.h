@@ -2,7 +2,7 @@
 
 #include "session.h"
 
-#include "host/host.h"
+#include "engine/host.h"
 
 #include "api/core/model/cmsubscribe.h"
 

@@ -3,7 +3,7 @@
 #include "output.h"
 #include "session.h"
 
-#include "host/host.h"
+#include "engine/host.h"
 
 #include <QString>
 

@@ -5,7 +5,7 @@
 // the test wants (failing_disk). The moments are drawn at random among all writes of some rounds of
 // changes and flushes, with a fixed seed: 12, in full 110.
 
-#include "host/host.h"
+#include "engine/host.h"
 
 #include "api/core/tulojson.h"
 

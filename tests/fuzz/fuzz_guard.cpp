@@ -7,7 +7,7 @@
 #include "forgetall.h"
 #include "fuzzinput.h"
 
-#include "host/guard.h"
+#include "engine/guard.h"
 
 #include "api/core/tulojson.h"
 #include "tests/support/replywaiter.h"

@@ -7,9 +7,9 @@
 #include "forgetall.h"
 #include "fuzzinput.h"
 
-#include "host/client.h"
-#include "host/guard.h"
-#include "host/router.h"
+#include "engine/client.h"
+#include "engine/guard.h"
+#include "engine/router.h"
 
 #include "api/core/tulojson.h"
 #include "tests/support/replywaiter.h"

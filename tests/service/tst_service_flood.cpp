@@ -1,6 +1,6 @@
 #include "tests/service/servicefixture.h"
 
-#include "host/host.h"
+#include "engine/host.h"
 
 #include "tests/support/logcapture.h"
 #include "tests/support/repeats.h"

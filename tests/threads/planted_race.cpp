@@ -2,8 +2,8 @@
 // guards. ThreadSanitizer has to say so: it shows that the set-up under which the other
 // programs run without a report can report.
 
-#include "host/client.h"
-#include "host/router.h"
+#include "engine/client.h"
+#include "engine/router.h"
 
 #include <QCoreApplication>
 

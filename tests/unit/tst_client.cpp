@@ -1,6 +1,6 @@
-#include "host/client.h"
-#include "host/guard.h"
-#include "host/router.h"
+#include "engine/client.h"
+#include "engine/guard.h"
+#include "engine/router.h"
 
 #include "api/core/model/tulosettingsactions.h"
 #include "tests/support/replywaiter.h"

@@ -1,7 +1,7 @@
-#include "host/client.h"
-#include "host/guard.h"
-#include "host/loader.h"
-#include "host/router.h"
+#include "engine/client.h"
+#include "engine/guard.h"
+#include "engine/loader.h"
+#include "engine/router.h"
 #include "trees/nodenames.h"
 
 #include "api/core/model/tulosettingsactions.h"

@@ -1,5 +1,5 @@
-#include "host/host.h"
-#include "host/loader.h"
+#include "engine/host.h"
+#include "engine/loader.h"
 
 #include "api/core/language.h"
 #include "tests/support/childprocess.h"

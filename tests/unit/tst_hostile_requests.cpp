@@ -3,9 +3,9 @@
 
 #include "cm_settings.h"
 
-#include "host/client.h"
-#include "host/guard.h"
-#include "host/router.h"
+#include "engine/client.h"
+#include "engine/guard.h"
+#include "engine/router.h"
 
 #include "tests/support/childprocess.h"
 #include "tests/support/hostilerequests.h"

@@ -1,4 +1,4 @@
-#include "host/loader.h"
+#include "engine/loader.h"
 
 #include "api/core/tulo.h"
 #include "tests/support/logcapture.h"

@@ -1,4 +1,4 @@
-#include "host/host.h"
+#include "engine/host.h"
 
 #include "api/core/model/cmoperation.h"
 #include "api/core/tulojson.h"

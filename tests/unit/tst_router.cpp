@@ -1,5 +1,5 @@
-#include "host/errors.h"
-#include "host/router.h"
+#include "engine/errors.h"
+#include "engine/router.h"
 
 #include "tests/support/replywaiter.h"
 #include "tests/unit/hostfixture.h"

@@ -1,4 +1,4 @@
-#include "host/writewatch.h"
+#include "engine/writewatch.h"
 
 #include "tests/support/logcapture.h"
 

@@ -1,6 +1,6 @@
-#include "host/client.h"
+#include "engine/client.h"
 
-#include "host/router.h"
+#include "engine/router.h"
 #include "trees/separator.h"
 
 #include "api/core/model/tulosettingsactions.h"

@@ -1,4 +1,4 @@
-#include "host/router.h"
+#include "engine/router.h"
 
 #include "trees/separator.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "host/writewatch.h"
+#include "engine/writewatch.h"
 #include "trees/treesync.h"
 
 #include <QObject>

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "host/client.h"
-#include "host/flusher.h"
-#include "host/guard.h"
-#include "host/router.h"
-#include "host/writewatch.h"
+#include "engine/client.h"
+#include "engine/flusher.h"
+#include "engine/guard.h"
+#include "engine/router.h"
+#include "engine/writewatch.h"
 #include "trees/ownerlock.h"
 
 #include "api/core/model/cmsubscribe.h"

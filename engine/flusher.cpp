@@ -1,6 +1,6 @@
-#include "host/flusher.h"
+#include "engine/flusher.h"
 
-#include "host/client.h"
+#include "engine/client.h"
 #include "trees/ownerlock.h"
 
 #include "api/core/tulo.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "host/errors.h"
+#include "engine/errors.h"
 #include "trees/fileprobe.h"
 
 #include "api/core/model/cmrequest.h"

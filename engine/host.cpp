@@ -1,6 +1,6 @@
-#include "host/host.h"
+#include "engine/host.h"
 
-#include "host/loader.h"
+#include "engine/loader.h"
 #include "trees/separator.h"
 
 #include "api/core/language.h"

@@ -1,4 +1,4 @@
-#include "host/loader.h"
+#include "engine/loader.h"
 
 #include <QFileInfo>
 #include <QLibrary>

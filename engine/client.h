@@ -1,7 +1,7 @@
 #pragma once
 
-#include "host/errors.h"
-#include "host/guard.h"
+#include "engine/errors.h"
+#include "engine/guard.h"
 
 #include "api/core/model/cmrequest.h"
 #include "api/core/model/cmworker.h"

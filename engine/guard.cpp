@@ -1,4 +1,4 @@
-#include "host/guard.h"
+#include "engine/guard.h"
 
 #include "trees/nodenames.h"
 #include "trees/separator.h"

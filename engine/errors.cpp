@@ -1,4 +1,4 @@
-#include "host/errors.h"
+#include "engine/errors.h"
 
 #include <algorithm>
 #include <array>
