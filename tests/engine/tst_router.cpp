@@ -1,8 +1,8 @@
 #include "engine/errors.h"
 #include "engine/router.h"
 
+#include "tests/engine/hostfixture.h"
 #include "tests/support/replywaiter.h"
-#include "tests/unit/hostfixture.h"
 
 #include <QTest>
 

@@ -1,4 +1,4 @@
-#include "tests/service/servicefixture.h"
+#include "tests/daemon/servicefixture.h"
 
 #include <QFile>
 #include <QRegularExpression>

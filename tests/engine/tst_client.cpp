@@ -3,8 +3,8 @@
 #include "engine/router.h"
 
 #include "api/core/model/tulosettingsactions.h"
+#include "tests/engine/hostfixture.h"
 #include "tests/support/replywaiter.h"
-#include "tests/unit/hostfixture.h"
 
 #include <QTest>
 #include <QThread>
