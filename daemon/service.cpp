@@ -43,7 +43,7 @@ QVariantMap errorEntry(const QString& message)
     return { { QStringLiteral("error"), message } };
 }
 
-QVariantMap rolesOf(const Row& row, const QStringList& roles)
+QVariantMap rolesOf(const DirectoryRow& row, const QStringList& roles)
 {
     if (!row.error.isEmpty())
         return errorEntry(row.error);
@@ -277,7 +277,7 @@ uint Service::GetRows(const QString& path, int first, int last, const QStringLis
     if (!accepted(path))
         return 0;
     CMError error;
-    const Rows answer = m_host.client().rows(CMPath(path), first, last, roles, &error);
+    const DirectoryRows answer = m_host.client().rows(CMPath(path), first, last, roles, &error);
     if (refused(error))
         return 0;
     rowsVersion = answer.version;
@@ -287,7 +287,7 @@ uint Service::GetRows(const QString& path, int first, int last, const QStringLis
         return 0;
     }
     int size = 0;
-    for (const Row& row : answer.rows) {
+    for (const DirectoryRow& row : answer.rows) {
         BusRow busRow { row.name, rolesOf(row, roles) };
         int rowSize = busSize(busRow.name) + busSize(busRow.roles);
         if (rowSize > maximumPageBytes) {

@@ -95,9 +95,9 @@ void Client::wait(const CMVoidReply& reply, int milliseconds)
         hostError(ErrorKind::TimedOut, QStringLiteral("No answer within %1 ms").arg(milliseconds)));
 }
 
-Rows Client::rowsOf(const TuloRowsRoles& answer, const QStringList& roles)
+DirectoryRows Client::rowsOf(const TuloRowsRoles& answer, const QStringList& roles)
 {
-    Rows rows;
+    DirectoryRows rows;
     rows.count = answer.rowsCount();
     rows.version = answer.rowsVersion();
     rows.directory = answer.roles();
@@ -106,7 +106,7 @@ Rows Client::rowsOf(const TuloRowsRoles& answer, const QStringList& roles)
         // Behind the roles that were asked for: path and type.
         QList<QVariant> values = entry.toList();
         TULO_ASSERT(values.size() == roles.size() + 2);
-        Row row;
+        DirectoryRow row;
         row.isDirectory = values.takeLast().toInt() == TuloRolesType::Directory;
         row.path = CMPath::fromVariant(values.takeLast());
         row.name = nameOf(row.path.text());
@@ -116,8 +116,8 @@ Rows Client::rowsOf(const TuloRowsRoles& answer, const QStringList& roles)
     return rows;
 }
 
-Rows Client::rows(const CMPath& path, qint32 firstRow, qint32 lastRow, const QStringList& roles,
-                  CMError* error)
+DirectoryRows Client::rows(const CMPath& path, qint32 firstRow, qint32 lastRow,
+                           const QStringList& roles, CMError* error)
 {
     const CMGetRowsRequest::Reply all = getRows(path, firstRow, lastRow, roles);
     *error = all.error();
@@ -127,10 +127,10 @@ Rows Client::rows(const CMPath& path, qint32 firstRow, qint32 lastRow, const QSt
     // directory itself can be listed.
     const CMGetRowsRequest::Reply none = getRows(path, 1, 0, roles);
     if (errorKind(none.error()) != ErrorKind::None)
-        return Rows();
-    Rows result = rowsOf(none.value(), roles);
+        return DirectoryRows();
+    DirectoryRows result = rowsOf(none.value(), roles);
     if (firstRow < 0 || lastRow < 0)
-        return Rows();
+        return DirectoryRows();
     *error = CMError();
 
     const QStringList names = m_guard == nullptr ? QStringList() : m_guard->listedNames(path);
@@ -142,7 +142,7 @@ Rows Client::rows(const CMPath& path, qint32 firstRow, qint32 lastRow, const QSt
             result.rows += rowsOf(one.value(), roles).rows;
             continue;
         }
-        Row row;
+        DirectoryRow row;
         row.name = names.size() == result.count ? names.at(index) : QString();
         row.path = CMPath(path.text() + separator + row.name);
         row.error = one.error().message().toString();

@@ -14,7 +14,7 @@
 class Router;
 
 /// One row of a directory. Answers of the worker hold no names; these come from the row's path.
-struct Row
+struct DirectoryRow
 {
     QString name;
     CMPath path;
@@ -24,12 +24,12 @@ struct Row
 };
 
 /// The answer to Client::getRows(), taken apart.
-struct Rows
+struct DirectoryRows
 {
     int count = 0; ///< rows of the whole directory, not of those answered
     int version = 0;
     TuloRoles directory; ///< the directory's own roles
-    QList<Row> rows;
+    QList<DirectoryRow> rows;
 };
 
 /// The client's side of a request: builds it, has it judged by the guard and served by the
@@ -76,15 +76,15 @@ public:
     /// Like getRows(), taken apart. A row that cannot be served keeps its place, with its name, as
     /// far as that is known, and the reason: it hides no other. `error` is set when the directory
     /// itself cannot be listed. Worker thread only.
-    Rows rows(const CMPath& path, qint32 firstRow, qint32 lastRow, const QStringList& roles,
-              CMError* error);
+    DirectoryRows rows(const CMPath& path, qint32 firstRow, qint32 lastRow,
+                       const QStringList& roles, CMError* error);
     /// Stores again what was accepted before, without judging it anew. Worker thread only.
     CMSetDataRequest::Reply storeAgain(const CMPath& path, const TuloRoles& roles);
     /// How the value of the last change was adjusted to fit, if it was. Worker thread only.
     const Guard::Adjustment& adjustment() const;
 
     /// Takes an answer to getRows() apart; `roles` are those that were given there.
-    static Rows rowsOf(const TuloRowsRoles& answer, const QStringList& roles);
+    static DirectoryRows rowsOf(const TuloRowsRoles& answer, const QStringList& roles);
 
     /// From now on every request, those that are queued included, gets the error Stopped.
     /// Worker thread only.

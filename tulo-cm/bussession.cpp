@@ -383,8 +383,8 @@ void BusSession::on_service_valueChanged(const QString& path, const QDBusVariant
 {
     if (!m_watched.contains(path))
         return;
-    Event event;
-    event.kind = Event::Kind::Value;
+    SessionEvent event;
+    event.kind = SessionEvent::Kind::Value;
     event.path = path;
     event.value = roleFromBus(TuloRoles::Value(), QVariant::fromValue(value)).toHash();
     emitEvent(event);
@@ -394,7 +394,7 @@ void BusSession::on_service_dataChanged(const QString& path)
 {
     if (!m_watched.contains(path))
         return;
-    Event event;
+    SessionEvent event;
     event.path = path;
     emitEvent(event);
 }
@@ -404,8 +404,8 @@ void BusSession::on_service_rowsChanged(const QString& path, const QString& comm
 {
     if (!m_watched.contains(path))
         return;
-    Event event;
-    event.kind = Event::Kind::Rows;
+    SessionEvent event;
+    event.kind = SessionEvent::Kind::Rows;
     event.path = path;
     event.command = command;
     event.rowsVersion = rowsVersion;

@@ -170,7 +170,7 @@ Answer<RowPage> LocalSession::getRows(const QString& path, int first, int last,
                                       const QStringList& roles)
 {
     CMError error;
-    const Rows rows = m_host->client().rows(CMPath(path), first, last, roles, &error);
+    const DirectoryRows rows = m_host->client().rows(CMPath(path), first, last, roles, &error);
     const Failure failure = failureOf(error, path);
     if (failure)
         return { {}, failure };
@@ -178,7 +178,7 @@ Answer<RowPage> LocalSession::getRows(const QString& path, int first, int last,
     page.count = rows.count;
     page.version = rows.version;
     page.roles = plain(rows.directory.__variant().toHash());
-    for (const Row& row : rows.rows)
+    for (const DirectoryRow& row : rows.rows)
         page.rows.append({ row.path.text(), row.isDirectory, named(roles, row.values), row.error });
     return { page, {} };
 }
@@ -257,8 +257,8 @@ void LocalSession::valueChanged(const CMPath& path, const QVariant& value)
 {
     if (!m_watched.contains(path.text()))
         return;
-    Event event;
-    event.kind = Event::Kind::Value;
+    SessionEvent event;
+    event.kind = SessionEvent::Kind::Value;
     event.path = path.text();
     event.value = value.toHash();
     emitEvent(event);
@@ -268,7 +268,7 @@ void LocalSession::dataChanged(const CMPath& path)
 {
     if (!m_watched.contains(path.text()))
         return;
-    Event event;
+    SessionEvent event;
     event.path = path.text();
     emitEvent(event);
 }
@@ -277,8 +277,8 @@ void LocalSession::rowsChanged(const CMPath& path, const QString& command, int v
 {
     if (!m_watched.contains(path.text()))
         return;
-    Event event;
-    event.kind = Event::Kind::Rows;
+    SessionEvent event;
+    event.kind = SessionEvent::Kind::Rows;
     event.path = path.text();
     event.command = command;
     event.rowsVersion = version;

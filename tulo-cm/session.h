@@ -82,7 +82,7 @@ struct TreeDirectories
 };
 
 /// A change that a session announces.
-struct Event
+struct SessionEvent
 {
     enum class Kind { Value, Data, Rows };
 
@@ -133,18 +133,18 @@ public:
     virtual Failure watch(const QString& path) = 0;
     virtual void unwatch(const QString& path) = 0;
     /// Called from any operation and from the event loop.
-    void setEventHandler(std::function<void(const Event&)> handler)
+    void setEventHandler(std::function<void(const SessionEvent&)> handler)
     {
         m_eventHandler = std::move(handler);
     }
 
 protected:
-    void emitEvent(const Event& event) const
+    void emitEvent(const SessionEvent& event) const
     {
         if (m_eventHandler)
             m_eventHandler(event);
     }
 
 private:
-    std::function<void(const Event&)> m_eventHandler;
+    std::function<void(const SessionEvent&)> m_eventHandler;
 };

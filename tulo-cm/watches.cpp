@@ -6,7 +6,7 @@ Watches::Watches(Session& session, Output& output)
     : m_session(session)
     , m_output(output)
 {
-    m_session.setEventHandler([this](const Event& event) {
+    m_session.setEventHandler([this](const SessionEvent& event) {
         print(event);
         count(event.path);
     });
@@ -48,37 +48,37 @@ Failure Watches::printCurrent(const QString& path)
         m_session.getData(path, { TuloRoles::Type(), TuloRoles::Value() });
     if (node.failure)
         return node.failure;
-    Event event;
+    SessionEvent event;
     event.path = path;
     if (node.value.value(TuloRoles::Type()).toInt() == TuloRolesType::Directory) {
         // A range that ends before it begins: the version without any row.
         const Answer<RowPage> rows = m_session.getRows(path, 1, 0, {});
         if (rows.failure)
             return rows.failure;
-        event.kind = Event::Kind::Rows;
+        event.kind = SessionEvent::Kind::Rows;
         event.rowsVersion = rows.value.version;
     } else {
-        event.kind = Event::Kind::Value;
+        event.kind = SessionEvent::Kind::Value;
         event.value = node.value.value(TuloRoles::Value()).toHash();
     }
     print(event);
     return {};
 }
 
-void Watches::print(const Event& event)
+void Watches::print(const SessionEvent& event)
 {
     const QString value = QStringLiteral("value");
     const QString data = QStringLiteral("data");
     const QString rows = QStringLiteral("rows");
-    const QString kind = event.kind == Event::Kind::Value ? value
-        : event.kind == Event::Kind::Rows                 ? rows
-                                                          : data;
+    const QString kind = event.kind == SessionEvent::Kind::Value ? value
+        : event.kind == SessionEvent::Kind::Rows                 ? rows
+                                                                 : data;
     if (m_output.isJson()) {
         QVariantHash object { { QStringLiteral("event"), kind },
                               { QStringLiteral("path"), event.path } };
-        if (event.kind == Event::Kind::Value)
+        if (event.kind == SessionEvent::Kind::Value)
             object.insert(value, event.value);
-        if (event.kind == Event::Kind::Rows) {
+        if (event.kind == SessionEvent::Kind::Rows) {
             object.insert(QStringLiteral("command"), event.command);
             object.insert(QStringLiteral("rowsVersion"), event.rowsVersion);
         }
@@ -86,7 +86,7 @@ void Watches::print(const Event& event)
         return;
     }
     QString line = kind + QLatin1Char(' ') + event.path;
-    if (event.kind == Event::Kind::Value)
+    if (event.kind == SessionEvent::Kind::Value)
         line += QLatin1Char(' ') + shownInCell(event.value);
     if (!event.command.isEmpty())
         line += QLatin1Char(' ') + event.command;

@@ -29,7 +29,7 @@ public:
     Failure printCurrent(const QString& path);
 
 private:
-    void print(const Event& event);
+    void print(const SessionEvent& event);
     void count(const QString& path);
 
     Session& m_session;

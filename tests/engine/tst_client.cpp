@@ -326,7 +326,7 @@ void tst_client::rowsGetTheirNamesFromTheirPaths()
     answer.setRowsVersion(3);
     answer.setRoles(directoryRoles);
 
-    const Rows rows = Client::rowsOf(answer, { TuloRoles::Title() });
+    const DirectoryRows rows = Client::rowsOf(answer, { TuloRoles::Title() });
 
     QCOMPARE(rows.count, 7);
     QCOMPARE(rows.version, 3);
@@ -343,7 +343,7 @@ void tst_client::rowsGetTheirNamesFromTheirPaths()
 
 void tst_client::rowsOfAnEmptyAnswerAreEmpty()
 {
-    const Rows rows = Client::rowsOf(TuloRowsRoles(), { TuloRoles::Title() });
+    const DirectoryRows rows = Client::rowsOf(TuloRowsRoles(), { TuloRoles::Title() });
 
     QCOMPARE(rows.count, 0);
     QVERIFY(rows.rows.isEmpty());

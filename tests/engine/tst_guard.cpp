@@ -500,9 +500,9 @@ void tst_guard::rowsOfADirectoryInEitherTreeAreServed()
     const auto reply = m_client->getRows(CMPath(path), 0, INT_MAX, {});
 
     QCOMPARE(errorText(reply), QString());
-    const Rows rows = Client::rowsOf(reply.value(), {});
+    const DirectoryRows rows = Client::rowsOf(reply.value(), {});
     QStringList answered;
-    for (const Row& row : rows.rows)
+    for (const DirectoryRow& row : rows.rows)
         answered.append(row.name);
     QCOMPARE(answered, names);
 }
@@ -1126,7 +1126,8 @@ void tst_guard::rowsTellWhichOfThemCannotBeServed()
     m_log->expect(log4cplus::ERROR_LOG_LEVEL, record);
     CMError error;
 
-    const Rows rows = m_client->rows(CMPath(directory), 0, 9, { TuloRoles::Value() }, &error);
+    const DirectoryRows rows =
+        m_client->rows(CMPath(directory), 0, 9, { TuloRoles::Value() }, &error);
 
     QCOMPARE(error.message().toString(), QString());
     QCOMPARE(rows.count, 3);

@@ -206,7 +206,7 @@ private:
         const auto reply = m_client->getRows(CMPath(QStringLiteral("/settings/shared")), 0, 9,
                                              { TuloRoles::Value() });
         expectSuccess(reply);
-        const Rows rows = Client::rowsOf(reply.value(), { TuloRoles::Value() });
+        const DirectoryRows rows = Client::rowsOf(reply.value(), { TuloRoles::Value() });
         expect(rows.count == Stage::sharedCount);
         expect(rows.rows.size() == 10);
     }
