@@ -20,6 +20,8 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 
+using namespace tulo;
+
 namespace {
 
 // More than the value cache holds.

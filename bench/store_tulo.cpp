@@ -13,6 +13,8 @@
 #include <fstream>
 #include <stdexcept>
 
+using namespace tulo;
+
 namespace {
 
 const QString prefix = QStringLiteral("/settings/");

@@ -14,6 +14,8 @@
 #include <cmath>
 #include <limits>
 
+namespace tulo {
+
 namespace {
 
 bool isValueRole(const QString& role)
@@ -262,3 +264,5 @@ TuloValue valueFromPlain(const QVariant& content, const TuloRoles& setting)
         return TuloValue(TuloHash(content.toHash()));
     return valueOfKind(kindOfSetting(setting), content);
 }
+
+} // namespace tulo

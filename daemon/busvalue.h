@@ -9,6 +9,8 @@
 #include <QVariant>
 #include <QVector>
 
+namespace tulo {
+
 /// One row of a directory as it travels on the bus: (sa{sv}).
 struct BusRow
 {
@@ -20,9 +22,6 @@ using BusRows = QVector<BusRow>;
 
 QDBusArgument& operator<<(QDBusArgument& argument, const BusRow& row);
 const QDBusArgument& operator>>(const QDBusArgument& argument, BusRow& row);
-
-Q_DECLARE_METATYPE(BusRow)
-Q_DECLARE_METATYPE(BusRows)
 
 /// Registers BusRow and BusRows for marshalling. Before the first call on either side.
 void registerBusTypes();
@@ -51,3 +50,8 @@ QVariant plainFromBus(const QVariant& value, bool* accepted);
 /// The value that `content` (from plainFromBus()) stands for in a setting with these roles; a
 /// hash is taken as it is, for the guard to judge its kind. Empty when it is none.
 TuloValue valueFromPlain(const QVariant& content, const TuloRoles& setting);
+
+} // namespace tulo
+
+Q_DECLARE_METATYPE(tulo::BusRow)
+Q_DECLARE_METATYPE(tulo::BusRows)

@@ -8,6 +8,8 @@
 #include <QDBusError>
 #include <QPointer>
 
+namespace tulo {
+
 namespace {
 
 const QString notSavedError = QStringLiteral("NotSaved");
@@ -471,3 +473,5 @@ void Service::rowsChanged(const CMPath& path, const QString& command, int versio
 {
     emit RowsChanged(path.text(), command, version);
 }
+
+} // namespace tulo

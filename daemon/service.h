@@ -13,6 +13,8 @@
 #include <QTimer>
 #include <QVariant>
 
+namespace tulo {
+
 /// Offers a host's settings on D-Bus. The interface, its methods, signals and errors are
 /// described in org.tulo.ConfigurationManager1.xml; the names below are theirs.
 ///
@@ -114,3 +116,5 @@ private:
     QTimer m_announcement;
     int m_announcedRevision = 0; ///< of the write watch
 };
+
+} // namespace tulo

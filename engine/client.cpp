@@ -11,6 +11,8 @@
 
 #include <algorithm>
 
+namespace tulo {
+
 namespace {
 
 CMError stoppedError()
@@ -249,3 +251,5 @@ void Client::close()
     for (const CMRequest& request : qAsConst(queue))
         request.voidReply().setError(stoppedError());
 }
+
+} // namespace tulo

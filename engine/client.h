@@ -11,6 +11,8 @@
 #include <QObject>
 #include <QStringList>
 
+namespace tulo {
+
 class Router;
 
 /// One row of a directory. Answers of the worker hold no names; these come from the row's path.
@@ -113,3 +115,5 @@ private:
     QList<CMRequest> m_queue;
     bool m_closed = false;
 };
+
+} // namespace tulo

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 
+namespace tulo {
+
 namespace {
 
 struct NamedKind
@@ -48,3 +50,5 @@ CMError hostError(ErrorKind kind, const QString& message)
 {
     return CMError(errorName(kind), TrString(message));
 }
+
+} // namespace tulo

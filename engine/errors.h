@@ -4,6 +4,8 @@
 
 #include <QString>
 
+namespace tulo {
+
 /// Why a request was not served. The host's own errors carry the kind's name; every other error
 /// of a worker is Other.
 enum class ErrorKind {
@@ -26,3 +28,5 @@ QString errorName(ErrorKind kind);
 ErrorKind errorKind(const CMError& error);
 /// An error of the host: `message` is one line, final and untranslated.
 CMError hostError(ErrorKind kind, const QString& message);
+
+} // namespace tulo

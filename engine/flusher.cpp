@@ -9,6 +9,8 @@
 
 #include <utility>
 
+namespace tulo {
+
 namespace {
 
 constexpr int placeCheckMs = 1000;
@@ -198,3 +200,5 @@ void Flusher::answer(const QString& error)
     if (!m_waiting.isEmpty())
         m_start.start();
 }
+
+} // namespace tulo

@@ -10,8 +10,11 @@
 
 #include <functional>
 
-class Client;
 class CMWorker;
+
+namespace tulo {
+
+class Client;
 class OwnerLock;
 
 /// What became of a flush.
@@ -92,3 +95,5 @@ private:
     QVector<Done> m_waiting; ///< for a flush that has not begun
     QVector<Done> m_served; ///< by the flush under way
 };
+
+} // namespace tulo

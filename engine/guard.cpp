@@ -19,6 +19,8 @@
 
 #include <sys/stat.h>
 
+namespace tulo {
+
 namespace {
 
 constexpr int shownPathLength = 200;
@@ -641,3 +643,5 @@ CMError Guard::judgeWritableTree(const CMPath& path, const QString& settingPath)
     }
     return judgeKind(temporary.st_mode & S_IFMT);
 }
+
+} // namespace tulo

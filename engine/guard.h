@@ -13,6 +13,8 @@
 
 #include <optional>
 
+namespace tulo {
+
 /// Stands in front of a settings worker and turns away what the worker must not be asked.
 ///
 /// The worker passes paths to the file system as they come, remembers every directory it was
@@ -129,3 +131,5 @@ private:
     int m_createdCount = 0;
     bool m_knowsCreated = false;
 };
+
+} // namespace tulo

@@ -7,6 +7,8 @@
 
 #include <QFileInfo>
 
+namespace tulo {
+
 namespace {
 
 bool isBelow(const QString& path, const QString& directory)
@@ -236,3 +238,5 @@ int Host::catalogueCount() const
 {
     return m_catalogueCount;
 }
+
+} // namespace tulo

@@ -15,6 +15,8 @@
 #include <memory>
 #include <optional>
 
+namespace tulo {
+
 /// What Host::open() needs to know.
 struct HostOptions
 {
@@ -127,3 +129,5 @@ private:
     std::unique_ptr<Flusher> m_flusher;
     bool m_isSaved = true; ///< after stop()
 };
+
+} // namespace tulo

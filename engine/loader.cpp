@@ -3,6 +3,8 @@
 #include <QFileInfo>
 #include <QLibrary>
 
+namespace tulo {
+
 namespace {
 
 LoadResult failure(LoadStatus status, const QString& message)
@@ -48,3 +50,5 @@ LoadResult loadWorker(const QString& fileName, const QVariantHash& configuration
     }
     return result;
 }
+
+} // namespace tulo

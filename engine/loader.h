@@ -7,6 +7,8 @@
 
 #include <memory>
 
+namespace tulo {
+
 /// How loading a worker ended.
 enum class LoadStatus { Loaded, NoSuchFile, NotALibrary, NoEntryPoint, NoWorker };
 
@@ -23,3 +25,5 @@ struct LoadResult
 /// The library stays loaded until the process ends, whatever became of the worker: replies,
 /// metatypes and log4cplus objects may refer to its code.
 LoadResult loadWorker(const QString& fileName, const QVariantHash& configuration);
+
+} // namespace tulo

@@ -2,6 +2,8 @@
 
 #include "trees/separator.h"
 
+namespace tulo {
+
 void Router::addWorker(CMWorker* worker)
 {
     m_workers.insert(worker->prefixPath().text(), worker);
@@ -51,3 +53,5 @@ CMReply<QList<QVariant>> Router::getData(const CMPath& path, const QStringList& 
         reply.setError(error);
     return reply;
 }
+
+} // namespace tulo

@@ -8,6 +8,8 @@
 
 #include <functional>
 
+namespace tulo {
+
 /// Finds the worker that serves a path: the one with the longest prefix, in whole components,
 /// with or without the path's leading "/". "/settings2" is not below "/settings".
 ///
@@ -38,3 +40,5 @@ private:
     QHash<QString, CMWorker*> m_workers; ///< by prefix, with its leading "/"
     std::function<CMError(const CMPath&)> m_rowCheck;
 };
+
+} // namespace tulo

@@ -11,6 +11,8 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/spi/loggingevent.h>
 
+namespace tulo {
+
 namespace {
 
 // The worker's records. Their texts are an interface.
@@ -324,3 +326,5 @@ bool WriteWatch::isSaved() const
     const QMutexLocker locker(&m_mutex);
     return m_pendingCount == 0 && m_unsavedCount == 0;
 }
+
+} // namespace tulo

@@ -12,6 +12,8 @@
 
 #include <log4cplus/appender.h>
 
+namespace tulo {
+
 /// Knows which accepted changes are not safely on disk. The worker reports only in its log
 /// whether a write succeeded, so this reads the records of the logger "CMSettingsWorker".
 ///
@@ -123,3 +125,5 @@ private:
     QString m_lastError;
     int m_revision = 0;
 };
+
+} // namespace tulo

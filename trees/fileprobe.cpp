@@ -15,6 +15,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace tulo {
+
 namespace {
 
 // The worker holds 300 nodes. A request makes it load three at most that are not looked at here on
@@ -166,3 +168,5 @@ void FileProbe::forget()
     m_nodes.clear();
     m_soundListings.clear();
 }
+
+} // namespace tulo

@@ -4,6 +4,8 @@
 #include <QSet>
 #include <QString>
 
+namespace tulo {
+
 /// Opens a node's files before the worker does, and tells what the worker could not: a file that
 /// cannot be read at this moment counts as missing for the worker, or ends the process, and its
 /// value would be lost with the next change. A file that is not a regular one, also behind a
@@ -43,3 +45,5 @@ private:
     QCache<QString, bool> m_nodes;
     QSet<QString> m_soundListings; ///< the worker never forgets a listing
 };
+
+} // namespace tulo

@@ -2,6 +2,8 @@
 
 class QString;
 
+namespace tulo {
+
 // What the nodes of a tree may be called, for files and requests alike.
 
 /// Components of a path, the mount included.
@@ -9,3 +11,5 @@ inline constexpr int maximumLevels = 16;
 
 /// Tells whether listings show a child of this name.
 bool isListable(const QString& name);
+
+} // namespace tulo

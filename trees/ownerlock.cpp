@@ -12,6 +12,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace tulo {
+
 namespace {
 
 constexpr char lockName[] = ".tulo-cm.lock";
@@ -239,3 +241,5 @@ std::optional<qint64> OwnerLock::holderOf(const QString& writePath)
     ::close(descriptor);
     return holder;
 }
+
+} // namespace tulo

@@ -4,6 +4,8 @@
 
 #include <optional>
 
+namespace tulo {
+
 /// The right to change a writable tree, which one process has at a time: a lock on the file
 /// ".tulo-cm.lock" in it and one on the directory itself, which the kernel gives up when the
 /// process ends, however it ends. The file holds the owner's process id in decimal and stays
@@ -67,3 +69,5 @@ private:
     qint64 m_holder = 0;
     QString m_message;
 };
+
+} // namespace tulo

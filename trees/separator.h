@@ -3,6 +3,8 @@
 #include <QLatin1Char>
 #include <QString>
 
+namespace tulo {
+
 /// Between the names of a path, a setting's or a file's.
 inline constexpr QLatin1Char separator('/');
 
@@ -11,3 +13,5 @@ inline QString nameOf(const QString& path)
 {
     return path.mid(path.lastIndexOf(separator) + 1);
 }
+
+} // namespace tulo

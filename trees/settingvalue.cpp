@@ -4,6 +4,8 @@
 #include "api/core/model/cmoperation.h"
 #include "api/core/tulojson.h"
 
+namespace tulo {
+
 namespace {
 
 QString jsonText(const QVariant& content)
@@ -140,3 +142,5 @@ QString withLimits(const QString& reason, const TuloEdit& edit)
     }
     return text;
 }
+
+} // namespace tulo

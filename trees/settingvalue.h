@@ -6,6 +6,8 @@
 #include <QString>
 #include <QVariant>
 
+namespace tulo {
+
 // Values without a kind, as people and D-Bus clients give them. No state; thread-safe.
 
 /// The kind that a setting's values have: that of its constraints, of its default value, or,
@@ -37,3 +39,5 @@ TuloValue valueOfKind(const QString& kind, const QVariant& content);
 /// What CMEdit::judge() gave as its reason, with the limits: "it is above 'max'" becomes
 /// "it is above 'max' (100)".
 QString withLimits(const QString& reason, const TuloEdit& edit);
+
+} // namespace tulo

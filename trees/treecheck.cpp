@@ -26,6 +26,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace tulo {
+
 namespace {
 
 using Kind = TreeFinding::Kind;
@@ -579,3 +581,5 @@ QVector<TreeFinding> inspectTrees(const QString& defaultPath, const QString& wri
     findings += WritableInspection(writePath, defaultPath, user).run();
     return findings;
 }
+
+} // namespace tulo

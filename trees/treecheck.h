@@ -3,6 +3,8 @@
 #include <QString>
 #include <QVector>
 
+namespace tulo {
+
 /// Something in one of the two trees that is wrong or deserves a look.
 struct TreeFinding
 {
@@ -50,3 +52,5 @@ QString findingName(TreeFinding::Kind kind);
 /// runs this, owner, group and mode are judged for the owner of the writable tree; supplementary
 /// groups and access control lists do not count then.
 QVector<TreeFinding> inspectTrees(const QString& defaultPath, const QString& writePath);
+
+} // namespace tulo

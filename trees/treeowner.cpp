@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace tulo {
+
 namespace {
 
 bool hasBecome(uid_t user, gid_t group)
@@ -58,3 +60,5 @@ QString becomeOwner(const QString& writePath)
     ::umask(::umask(0077) & 0077);
     return QString();
 }
+
+} // namespace tulo

@@ -4,6 +4,8 @@
 
 #include <sys/types.h>
 
+namespace tulo {
+
 /// The name of the user, or the number of a user without a name.
 QString userName(uid_t id);
 
@@ -13,3 +15,5 @@ QString userName(uid_t id);
 ///
 /// Returns an empty text, or one line that says why the process still is root.
 QString becomeOwner(const QString& writePath);
+
+} // namespace tulo

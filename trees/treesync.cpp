@@ -13,6 +13,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+namespace tulo {
+
 namespace {
 
 QString systemText(int error)
@@ -124,3 +126,5 @@ void TreeSync::on_run_ended()
     m_run.reset();
     emit finished(error == 0 ? QString() : systemText(error));
 }
+
+} // namespace tulo

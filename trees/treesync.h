@@ -5,6 +5,8 @@
 
 #include <memory>
 
+namespace tulo {
+
 /// Asks the file system of a writable tree whether everything written to it is on the disk, on a
 /// thread beside the caller's. A stalled disk holds up that thread only.
 ///
@@ -40,3 +42,5 @@ private:
 
     std::shared_ptr<Run> m_run; ///< null: none is running
 };
+
+} // namespace tulo

@@ -12,6 +12,8 @@
 #include <QDBusError>
 #include <QDBusPendingReply>
 
+namespace tulo {
+
 namespace {
 
 // Long enough for a flush whose sync takes its 30 seconds, another one before it, and the writes.
@@ -411,3 +413,5 @@ void BusSession::on_service_rowsChanged(const QString& path, const QString& comm
     event.rowsVersion = rowsVersion;
     emitEvent(event);
 }
+
+} // namespace tulo

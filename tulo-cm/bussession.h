@@ -12,6 +12,8 @@
 class ConfigurationManagerProxy;
 class QDBusError;
 
+namespace tulo {
+
 /// The state of the service, from its properties and from the bus.
 struct ServiceStatus
 {
@@ -80,3 +82,5 @@ private:
     bool m_isSubscribed = false;
     bool m_hasLostWatches = false;
 };
+
+} // namespace tulo

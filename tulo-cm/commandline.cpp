@@ -9,6 +9,8 @@
 
 #include <algorithm>
 
+namespace tulo {
+
 namespace {
 
 QString text(const char* utf8)
@@ -602,3 +604,5 @@ QVariantHash helpObject(const Command& command)
              { text("example"), exampleOf(command) },
              { text("options"), describedOptions(optionsOf(command)) } };
 }
+
+} // namespace tulo

@@ -7,6 +7,8 @@
 #include <QStringList>
 #include <QVector>
 
+namespace tulo {
+
 struct Context;
 class Arguments;
 
@@ -103,3 +105,5 @@ QString commandHelp(const Command& command);
 /// The help as an object for programs: for all commands, and for one.
 QVariantHash helpObject(bool inShell);
 QVariantHash helpObject(const Command& command);
+
+} // namespace tulo

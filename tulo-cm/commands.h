@@ -5,6 +5,8 @@
 #include "session.h"
 #include "watches.h"
 
+namespace tulo {
+
 class BusSession;
 
 /// What a command works with. The same for all commands of one process.
@@ -58,3 +60,5 @@ inline int firstFailure(int earlier, int later)
 {
     return earlier != Done ? earlier : later;
 }
+
+} // namespace tulo

@@ -9,6 +9,8 @@
 #include "api/core/tuloroles.h"
 #include "textinput.h"
 
+namespace tulo {
+
 namespace {
 
 const QString stringOption = QStringLiteral("string");
@@ -318,3 +320,5 @@ int runDropCache(Context& context, const Arguments&)
 {
     return printDone(context, context.session->dropCache(), TuloSettingsActionsDropCache().text());
 }
+
+} // namespace tulo

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+namespace tulo {
+
 namespace {
 
 Failure judgeDirectory(const QString& path)
@@ -60,3 +62,5 @@ int runCheck(Context& context, const Arguments&)
     }
     return findings.size() == harmless ? Done : Findings;
 }
+
+} // namespace tulo

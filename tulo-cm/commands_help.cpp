@@ -1,5 +1,7 @@
 #include "commands.h"
 
+namespace tulo {
+
 namespace {
 
 void print(Output& output, QString text, const QVariantHash& object)
@@ -41,3 +43,5 @@ int runHelpOption(Context& context, const Arguments& arguments)
     }
     return Done;
 }
+
+} // namespace tulo

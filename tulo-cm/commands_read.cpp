@@ -9,6 +9,8 @@
 #include <climits>
 #include <numeric>
 
+namespace tulo {
+
 namespace {
 
 const QString roleOption = QStringLiteral("role");
@@ -336,3 +338,5 @@ int runTree(Context& context, const Arguments& arguments)
     printer.finish();
     return exitCode;
 }
+
+} // namespace tulo

@@ -7,6 +7,8 @@
 
 #include <unistd.h>
 
+namespace tulo {
+
 namespace {
 
 // Figures of a process from /proc; 0 where they are not known.
@@ -88,3 +90,5 @@ int runStatus(Context& context, const Arguments&)
     context.output.table({}, lines);
     return Done;
 }
+
+} // namespace tulo

@@ -3,6 +3,8 @@
 #include "bussession.h"
 #include "interrupts.h"
 
+namespace tulo {
+
 int runWatch(Context& context, const Arguments& arguments)
 {
     Output& output = context.output;
@@ -56,3 +58,5 @@ int runWait(Context& context, const Arguments& arguments)
     serveEvents(milliseconds, [&context] { return context.output.isClosed(); });
     return Done;
 }
+
+} // namespace tulo

@@ -11,6 +11,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+namespace tulo {
+
 namespace {
 
 // What the signal handler may touch.
@@ -109,3 +111,5 @@ void serveEvents(int milliseconds, const std::function<bool()>& ended)
     while (!ended() && !Interrupts::requested() && !deadline.hasExpired())
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
 }
+
+} // namespace tulo

@@ -4,6 +4,8 @@
 
 #include <functional>
 
+namespace tulo {
+
 /// Turns SIGINT, SIGTERM and SIGHUP (the terminal was closed) into an orderly end: the event loop
 /// wakes up for them, and long operations check requested() from time to time. A SIGHUP that was
 /// ignored from the start, as nohup does, stays ignored. One object at a time, on the main thread;
@@ -33,3 +35,5 @@ private:
 /// Serves events for `milliseconds` (-1: without limit), until a signal comes or until `ended`
 /// returns true, which is asked after each turn of the event loop.
 void serveEvents(int milliseconds, const std::function<bool()>& ended);
+
+} // namespace tulo

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+namespace tulo {
+
 namespace {
 
 constexpr int pageRows = 250;
@@ -98,3 +100,5 @@ Listing listRows(Session& session, const QString& path, int first, int last,
 {
     return Lister(session, path, roles, progress).list(first, last);
 }
+
+} // namespace tulo

@@ -3,6 +3,8 @@
 #include "output.h"
 #include "session.h"
 
+namespace tulo {
+
 /// A range of a directory's rows, gathered from as many requests as it takes.
 struct Listing
 {
@@ -16,3 +18,5 @@ struct Listing
 /// Leaves out the rows that cannot be served, and says which.
 Listing listRows(Session& session, const QString& path, int first, int last,
                  const QStringList& roles, Progress& progress);
+
+} // namespace tulo

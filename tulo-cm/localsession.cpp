@@ -3,6 +3,8 @@
 #include "api/core/model/tulosettingsactions.h"
 #include "api/core/trstring.h"
 
+namespace tulo {
+
 namespace {
 
 int exitCodeOf(ErrorKind kind)
@@ -284,3 +286,5 @@ void LocalSession::rowsChanged(const CMPath& path, const QString& command, int v
     event.rowsVersion = version;
     emitEvent(event);
 }
+
+} // namespace tulo

@@ -10,6 +10,8 @@
 
 #include <memory>
 
+namespace tulo {
+
 /// The settings served by a worker in this process, on two directories.
 ///
 /// Lives on the thread that opens it. Changes are written a second after the first of them if
@@ -63,3 +65,5 @@ private:
     QSet<QString> m_subscribed; ///< grows only: the registry delivers twice to who asks twice
     QSet<QString> m_watched;
 };
+
+} // namespace tulo

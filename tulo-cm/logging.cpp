@@ -16,6 +16,8 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/spi/loggingevent.h>
 
+namespace tulo {
+
 namespace {
 
 const QStringList levelNames { QStringLiteral("trace"), QStringLiteral("debug"),
@@ -75,3 +77,5 @@ Failure configureLogging(const QString& level, const QString& configurationFile)
     root.setLogLevel(levels[index]);
     return {};
 }
+
+} // namespace tulo

@@ -4,6 +4,8 @@
 
 #include <QString>
 
+namespace tulo {
+
 /// Where log records go: to standard error by default, `level` and above ("trace" to "fatal",
 /// "off"); or where the log4cplus property file says. Both may be null: default level, no file.
 ///
@@ -11,3 +13,5 @@
 /// itself. Can be called again to reload the file; callers that attached appenders must attach
 /// them again.
 Failure configureLogging(const QString& level, const QString& configurationFile);
+
+} // namespace tulo

@@ -23,6 +23,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+namespace tulo {
+
 namespace {
 
 const QString defaultPathOption = QStringLiteral("default-path");
@@ -158,7 +160,7 @@ HostOptions hostOptions(const Arguments& arguments, const TreeDirectories& trees
     return options;
 }
 
-Failure configureLogging(const Arguments& arguments)
+Failure startLogging(const Arguments& arguments)
 {
     return configureLogging(arguments.value(QStringLiteral("log-level")),
                             arguments.value(QStringLiteral("log-config")));
@@ -252,7 +254,7 @@ Failure prepare(const Arguments& arguments, TreeDirectories* trees)
 {
     const Command& command = *arguments.command;
     if (command.needs == Command::Needs::Nothing)
-        return configureLogging(arguments);
+        return startLogging(arguments);
     Failure failure = judgeOptions(arguments, trees);
     if (!failure && isOwnProcess(arguments) && command.place == Command::Place::ServiceOrShell) {
         failure = { Unavailable, QStringLiteral("NoService"),
@@ -269,7 +271,7 @@ Failure prepare(const Arguments& arguments, TreeDirectories* trees)
         if (!reason.isEmpty())
             failure = { Unavailable, QStringLiteral("NoAccess"), reason, QString() };
     }
-    return failure ? failure : configureLogging(arguments);
+    return failure ? failure : startLogging(arguments);
 }
 
 int runCommand(const Arguments& arguments, Output& output)
@@ -291,7 +293,7 @@ int runCommand(const Arguments& arguments, Output& output)
     if (isServing(arguments)) {
         return serve({ options, busName(arguments),
                        [&arguments] {
-                           return configureLogging(arguments);
+                           return startLogging(arguments);
                        } },
                      output);
     }
@@ -346,8 +348,12 @@ Answer<QStringList> decodeWords(int count, char** words)
 
 } // namespace
 
+} // namespace tulo
+
 int main(int argc, char** argv)
 {
+    using namespace tulo;
+
     openStandardStreams();
     const QCoreApplication application(argc, argv);
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));

@@ -12,6 +12,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+namespace tulo {
+
 namespace {
 
 constexpr int flushBytes = 64 * 1024;
@@ -307,3 +309,5 @@ void Progress::add(int count)
     m_nextMs = m_time.elapsed() + progressStepMs;
     writeError(QStringLiteral("\r\x1b[K%1 %2").arg(m_count).arg(m_what).toUtf8());
 }
+
+} // namespace tulo

@@ -9,6 +9,8 @@
 #include <QVariant>
 #include <QVector>
 
+namespace tulo {
+
 /// What the program prints: results on standard output, everything else on standard error.
 ///
 /// Settings, file names and messages can hold anything, so all of it is printed escaped(); only
@@ -102,3 +104,5 @@ private:
     QElapsedTimer m_time;
     qint64 m_nextMs;
 };
+
+} // namespace tulo

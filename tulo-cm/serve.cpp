@@ -16,6 +16,8 @@
 
 #include <systemd/sd-daemon.h>
 
+namespace tulo {
+
 namespace {
 
 int report(Output& output, int exitCode, const QString& name, const QString& message)
@@ -162,3 +164,5 @@ int serve(const ServeOptions& options, Output& output)
     }
     return hasBus ? Done : Unavailable;
 }
+
+} // namespace tulo

@@ -9,6 +9,8 @@
 
 #include <functional>
 
+namespace tulo {
+
 /// What `serve` needs to know beside the host's own options.
 struct ServeOptions
 {
@@ -22,3 +24,5 @@ struct ServeOptions
 /// ends. SIGHUP has the log configuration read again. Tells the service manager when it is ready
 /// and when it stops, if one asks. Returns the exit code.
 int serve(const ServeOptions& options, Output& output);
+
+} // namespace tulo

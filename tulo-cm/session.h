@@ -10,6 +10,8 @@
 
 #include <functional>
 
+namespace tulo {
+
 /// How the program ends; documented for scripts.
 enum ExitCode : int {
     Done = 0,
@@ -148,3 +150,5 @@ protected:
 private:
     std::function<void(const SessionEvent&)> m_eventHandler;
 };
+
+} // namespace tulo

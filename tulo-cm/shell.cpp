@@ -11,6 +11,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+namespace tulo {
+
 namespace {
 
 // Standard input, line by line, while events are served.
@@ -137,3 +139,5 @@ int runQuit(Context& context, const Arguments&)
     context.quit = true;
     return Done;
 }
+
+} // namespace tulo

@@ -9,6 +9,8 @@
 
 #include <unistd.h>
 
+namespace tulo {
+
 Answer<QString> decode(const QByteArray& bytes, const QString& what)
 {
     QTextCodec::ConverterState state;
@@ -83,3 +85,5 @@ Answer<QStringList> splitWords(const QString& line)
         words.append(word);
     return { words, {} };
 }
+
+} // namespace tulo

@@ -6,6 +6,8 @@
 #include <QString>
 #include <QStringList>
 
+namespace tulo {
+
 /// Text that comes in from outside, which has to be UTF-8. `what` names it in the failure.
 Answer<QString> decode(const QByteArray& bytes, const QString& what);
 
@@ -16,3 +18,5 @@ Answer<QString> readStandardInput();
 /// backslash takes the mark, or itself, out of its meaning; elsewhere it does so for any
 /// character. A line with U+0000 fails.
 Answer<QStringList> splitWords(const QString& line);
+
+} // namespace tulo

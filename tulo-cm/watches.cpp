@@ -2,6 +2,8 @@
 
 #include "api/core/tuloroles.h"
 
+namespace tulo {
+
 Watches::Watches(Session& session, Output& output)
     : m_session(session)
     , m_output(output)
@@ -103,3 +105,5 @@ void Watches::count(const QString& path)
     for (const QString& one : paths)
         remove(one);
 }
+
+} // namespace tulo

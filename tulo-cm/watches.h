@@ -8,6 +8,8 @@
 
 #include <memory>
 
+namespace tulo {
+
 /// The paths whose changes are printed, and the printing. An event is printed at once, also in
 /// the middle of another command.
 class Watches
@@ -36,3 +38,5 @@ private:
     Output& m_output;
     QHash<QString, std::shared_ptr<int>> m_left; ///< by path; shared by those added together
 };
+
+} // namespace tulo

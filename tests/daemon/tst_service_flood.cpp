@@ -19,6 +19,8 @@
 #include <sanitizer/allocator_interface.h>
 #endif
 
+using namespace tulo;
+
 namespace {
 
 constexpr int pathCount = 100000;

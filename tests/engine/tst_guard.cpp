@@ -23,6 +23,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using namespace tulo;
+
 Q_DECLARE_METATYPE(ErrorKind)
 
 namespace {

@@ -21,6 +21,8 @@
 
 #include <unistd.h>
 
+using namespace tulo;
+
 Q_DECLARE_METATYPE(HostFailure::Kind)
 
 namespace {

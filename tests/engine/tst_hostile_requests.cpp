@@ -19,6 +19,8 @@
 #include <memory>
 #include <sstream>
 
+using namespace tulo;
+
 namespace {
 
 template<typename T>

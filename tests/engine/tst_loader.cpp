@@ -13,6 +13,8 @@
 
 #include <dlfcn.h>
 
+using namespace tulo;
+
 Q_DECLARE_METATYPE(LoadStatus)
 
 namespace {

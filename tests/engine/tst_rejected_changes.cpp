@@ -14,6 +14,8 @@
 #include <memory>
 #include <random>
 
+using namespace tulo;
+
 // No test waits for a disk.
 extern "C" int syncfs(int)
 {

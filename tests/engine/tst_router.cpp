@@ -6,6 +6,8 @@
 
 #include <QTest>
 
+using namespace tulo;
+
 class tst_router : public QObject
 {
     Q_OBJECT

@@ -9,6 +9,8 @@
 
 #include <memory>
 
+using namespace tulo;
+
 namespace {
 
 const QString tree = QStringLiteral("/tree/write");

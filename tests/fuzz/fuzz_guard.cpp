@@ -20,6 +20,8 @@
 
 #include <utility>
 
+using namespace tulo;
+
 namespace {
 
 /// A writable tree with links that lead out of it.

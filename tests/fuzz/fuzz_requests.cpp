@@ -21,6 +21,8 @@
 #include <memory>
 #include <utility>
 
+using namespace tulo;
+
 namespace {
 
 constexpr int mostRequests = 64;

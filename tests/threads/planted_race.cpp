@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <thread>
 
+using namespace tulo;
+
 namespace {
 
 int requests = 0; // NOLINT: the race

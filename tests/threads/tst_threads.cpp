@@ -23,6 +23,8 @@
 #include <utility>
 #include <vector>
 
+using namespace tulo;
+
 namespace {
 
 constexpr int threadCount = 8;

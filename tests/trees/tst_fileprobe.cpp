@@ -13,6 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using namespace tulo;
+
 namespace {
 
 const QString volume = QStringLiteral("/audio/volume");

@@ -16,6 +16,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using namespace tulo;
+
 Q_DECLARE_METATYPE(OwnerLock::Status)
 
 namespace {

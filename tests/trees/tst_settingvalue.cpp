@@ -4,6 +4,8 @@
 
 #include <QTest>
 
+using namespace tulo;
+
 namespace {
 
 TuloHash hashOf(const QByteArray& json)

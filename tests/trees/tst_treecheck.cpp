@@ -15,6 +15,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+using namespace tulo;
+
 using Arrange = std::function<void(const TemporaryTree&)>;
 
 Q_DECLARE_METATYPE(Arrange)
