@@ -258,7 +258,7 @@ QVariantMap Service::GetData(const QString& path, const QStringList& roles)
 {
     if (!accepted(path))
         return {};
-    const auto reply = m_host.client().getData(CMPath(path), roles);
+    const auto reply = m_host.dispatcher().getData(CMPath(path), roles);
     if (refused(reply))
         return {};
     const QVariantList values = reply.value();
@@ -279,7 +279,7 @@ uint Service::GetRows(const QString& path, int first, int last, const QStringLis
     if (!accepted(path))
         return 0;
     CMError error;
-    const DirectoryRows answer = m_host.client().rows(CMPath(path), first, last, roles, &error);
+    const DirectoryRows answer = m_host.dispatcher().rows(CMPath(path), first, last, roles, &error);
     if (refused(error))
         return 0;
     rowsVersion = answer.version;
@@ -316,7 +316,7 @@ TuloRoles Service::settingRoles(const QString& path)
 {
     const QStringList names { TuloRoles::Value(), TuloRoles::DefaultValue(), TuloRoles::Edit() };
     for (const QString& node : { path, path.section(QLatin1Char('/'), 0, -2) }) {
-        const auto reply = m_host.client().getData(CMPath(node), names);
+        const auto reply = m_host.dispatcher().getData(CMPath(node), names);
         if (errorKind(reply.error()) != ErrorKind::None)
             continue;
         TuloRoles roles;
@@ -353,7 +353,7 @@ QVariantMap Service::SetValue(const QString& path, const QDBusVariant& value)
     TuloValue settingValue;
     if (!accepted(path) || !acceptedValue(path, value.variant(), &settingValue))
         return {};
-    return stored(m_host.client().setValue(CMPath(path), settingValue));
+    return stored(m_host.dispatcher().setValue(CMPath(path), settingValue));
 }
 
 QVariantMap Service::SetRoles(const QString& path, const QVariantMap& roles)
@@ -391,7 +391,7 @@ QVariantMap Service::SetRoles(const QString& path, const QVariantMap& roles)
             return {};
         }
     }
-    return stored(m_host.client().setRoles(CMPath(path), changed));
+    return stored(m_host.dispatcher().setRoles(CMPath(path), changed));
 }
 
 QVariantMap Service::Apply(const QString& path, const QString& verb, const QVariantList& operand)
@@ -407,7 +407,7 @@ QVariantMap Service::Apply(const QString& path, const QString& verb, const QVari
     TuloValue value;
     if (!operand.isEmpty() && !acceptedValue(path, operand.first(), &value))
         return {};
-    return stored(m_host.client().apply(CMPath(path), TuloOperation(verb, value)));
+    return stored(m_host.dispatcher().apply(CMPath(path), TuloOperation(verb, value)));
 }
 
 uint Service::Flush()
@@ -443,7 +443,7 @@ void Service::answerFlush(const QDBusMessage& call, const FlushResult& result)
 void Service::DropCache()
 {
     if (message().isReplyRequired())
-        refused(m_host.client().dropCache());
+        refused(m_host.dispatcher().dropCache());
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -452,7 +452,7 @@ void Service::DropCache()
 
 bool Service::isEncrypted(const CMPath& path)
 {
-    const auto reply = m_host.client().getData(path, { TuloRoles::Encrypted() });
+    const auto reply = m_host.dispatcher().getData(path, { TuloRoles::Encrypted() });
     // If we cannot tell, treat the value as encrypted.
     return errorKind(reply.error()) != ErrorKind::None || reply.value().value(0).toBool();
 }

@@ -1,6 +1,6 @@
 #include "engine/flusher.h"
 
-#include "engine/client.h"
+#include "engine/dispatcher.h"
 #include "trees/ownerlock.h"
 
 #include "api/core/tulo.h"
@@ -17,9 +17,10 @@ constexpr int placeCheckMs = 1000;
 
 } // namespace
 
-Flusher::Flusher(CMWorker* worker, Client* client, const OwnerLock* lock, WriteWatch* writes)
+Flusher::Flusher(CMWorker* worker, Dispatcher* dispatcher, const OwnerLock* lock,
+                 WriteWatch* writes)
     : m_worker(worker)
-    , m_client(client)
+    , m_dispatcher(dispatcher)
     , m_lock(lock)
     , m_writes(writes)
 {
@@ -114,7 +115,7 @@ QString Flusher::writePending()
 {
     const QVector<WriteWatch::Change> unsaved = m_writes->unsavedChanges();
     for (const WriteWatch::Change& change : unsaved) {
-        const CMError error = m_client->storeAgain(change.path, change.roles).error();
+        const CMError error = m_dispatcher->storeAgain(change.path, change.roles).error();
         if (errorKind(error) != ErrorKind::None)
             m_writes->setError(error.message().toString());
     }

@@ -14,7 +14,7 @@ class CMWorker;
 
 namespace tulo {
 
-class Client;
+class Dispatcher;
 class OwnerLock;
 
 /// What became of a flush.
@@ -55,7 +55,7 @@ public:
     using Done = std::function<void(const FlushResult&)>;
 
     /// All outlive it. Without an owned `lock` nothing can be changed, so nothing is done.
-    Flusher(CMWorker* worker, Client* client, const OwnerLock* lock, WriteWatch* writes);
+    Flusher(CMWorker* worker, Dispatcher* dispatcher, const OwnerLock* lock, WriteWatch* writes);
     /// Answers those who still wait that nothing was saved.
     ~Flusher() override;
     Q_DISABLE_COPY(Flusher)
@@ -82,7 +82,7 @@ private:
     void answer(const QString& error);
 
     CMWorker* const m_worker;
-    Client* const m_client;
+    Dispatcher* const m_dispatcher;
     const OwnerLock* const m_lock;
     WriteWatch* const m_writes;
     TreeSync m_sync;

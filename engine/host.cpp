@@ -146,10 +146,11 @@ bool Host::createWorker(HostFailure* failure)
                                                   "%2")
                                        .arg(m_writePath, QString::number(*m_otherOwner)));
     }
-    m_client = std::make_unique<Client>(&m_router, m_guard.get());
-    QObject::connect(m_client.get(), &Client::changeAccepted, m_writes.get(),
+    m_dispatcher = std::make_unique<Dispatcher>(&m_router, m_guard.get());
+    QObject::connect(m_dispatcher.get(), &Dispatcher::changeAccepted, m_writes.get(),
                      &WriteWatch::addPending);
-    m_flusher = std::make_unique<Flusher>(m_worker.get(), m_client.get(), &m_lock, m_writes.get());
+    m_flusher =
+        std::make_unique<Flusher>(m_worker.get(), m_dispatcher.get(), &m_lock, m_writes.get());
     if (!m_options.language.isEmpty()) {
         m_catalogueCount =
             Language::instance()->setLocale(m_options.language, m_options.catalogues);
@@ -175,7 +176,7 @@ bool Host::stop()
         m_isSaved = result.error.isEmpty() && result.unsaved == 0;
     }
     m_flusher.reset();
-    m_client->close();
+    m_dispatcher->close();
     m_router.removeWorker(m_worker.get());
     m_worker.reset();
     m_lock.release();
@@ -184,9 +185,9 @@ bool Host::stop()
     return m_isSaved;
 }
 
-Client& Host::client()
+Dispatcher& Host::dispatcher()
 {
-    return *m_client;
+    return *m_dispatcher;
 }
 
 CMSubscribe* Host::registry() const

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "engine/client.h"
+#include "engine/dispatcher.h"
 #include "engine/flusher.h"
 #include "engine/guard.h"
 #include "engine/router.h"
@@ -59,7 +59,7 @@ struct HostFailure
 ///
 /// Lives on the thread that opens it, which becomes the worker's thread and runs an event loop
 /// if changes are to be written without a flush. Needs a QCoreApplication. One thread stops it;
-/// the client may be used from all.
+/// the dispatcher may be used from all.
 class Host
 {
 public:
@@ -74,7 +74,7 @@ public:
     Q_DISABLE_COPY(Host)
 
     /// All requests go through it. Valid as long as the host; refuses after stop().
-    Client& client();
+    Dispatcher& dispatcher();
     /// Where changes are announced: subscribe a CMSubscriber and unsubscribe it before stop().
     /// The registry keeps every path, so judge a stranger's path with Guard::judgePath() first.
     /// Null after stop().
@@ -125,7 +125,7 @@ private:
     Router m_router;
     std::unique_ptr<CMWorker> m_worker;
     std::unique_ptr<Guard> m_guard;
-    std::unique_ptr<Client> m_client;
+    std::unique_ptr<Dispatcher> m_dispatcher;
     std::unique_ptr<Flusher> m_flusher;
     bool m_isSaved = true; ///< after stop()
 };

@@ -161,7 +161,7 @@ Answer<TreeDirectories> LocalSession::directories()
 
 Answer<QVariantHash> LocalSession::getData(const QString& path, const QStringList& roles)
 {
-    const CMGetDataRequest::Reply reply = m_host->client().getData(CMPath(path), roles);
+    const CMGetDataRequest::Reply reply = m_host->dispatcher().getData(CMPath(path), roles);
     const Failure failure = failureOf(reply, path);
     if (failure)
         return { {}, failure };
@@ -172,7 +172,7 @@ Answer<RowPage> LocalSession::getRows(const QString& path, int first, int last,
                                       const QStringList& roles)
 {
     CMError error;
-    const DirectoryRows rows = m_host->client().rows(CMPath(path), first, last, roles, &error);
+    const DirectoryRows rows = m_host->dispatcher().rows(CMPath(path), first, last, roles, &error);
     const Failure failure = failureOf(error, path);
     if (failure)
         return { {}, failure };
@@ -187,18 +187,18 @@ Answer<RowPage> LocalSession::getRows(const QString& path, int first, int last,
 
 Answer<QVariantHash> LocalSession::setValue(const QString& path, const TuloValue& value)
 {
-    return changed(m_host->client().setValue(CMPath(path), value), path);
+    return changed(m_host->dispatcher().setValue(CMPath(path), value), path);
 }
 
 Answer<QVariantHash> LocalSession::setRoles(const QString& path, const QVariantHash& roles)
 {
-    return changed(m_host->client().setRoles(CMPath(path), TuloRoles(TuloHash(roles))), path);
+    return changed(m_host->dispatcher().setRoles(CMPath(path), TuloRoles(TuloHash(roles))), path);
 }
 
 Answer<QVariantHash> LocalSession::apply(const QString& path, const QString& verb,
                                          const TuloValue& operand)
 {
-    return changed(m_host->client().apply(CMPath(path), TuloOperation(verb, operand)), path);
+    return changed(m_host->dispatcher().apply(CMPath(path), TuloOperation(verb, operand)), path);
 }
 
 Failure LocalSession::flush()
@@ -211,7 +211,7 @@ Failure LocalSession::flush()
 
 Failure LocalSession::dropCache()
 {
-    return failureOf(m_host->client().dropCache(), TuloSettingsActionsDropCache().text());
+    return failureOf(m_host->dispatcher().dropCache(), TuloSettingsActionsDropCache().text());
 }
 
 Failure LocalSession::settle(bool)

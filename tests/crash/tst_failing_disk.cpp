@@ -270,7 +270,7 @@ Outcome outcomeOf(const QString& mountOptions, const std::optional<Moment>& mome
         for (int round = 1; round <= rounds && roundsLeft > 0; ++round, --roundsLeft) {
             const QStringList settings = settingsOf(round);
             for (const QString& setting : settings) {
-                const auto reply = host->client().setValue(
+                const auto reply = host->dispatcher().setValue(
                     CMPath(QLatin1String("/settings") + setting), valueOf(setting, round));
                 if (reply.error().name().isEmpty())
                     accepted.insert(setting, round);

@@ -111,13 +111,13 @@ void TstServiceFlood::badRequestsCostTheHostNothing()
         CMError error;
         switch (kindOf(number, round)) {
         case 0:
-            error = host->client().getData(path, roles).error();
+            error = host->dispatcher().getData(path, roles).error();
             break;
         case 1:
-            error = host->client().getRows(path, 0, 100, roles).error();
+            error = host->dispatcher().getRows(path, 0, 100, roles).error();
             break;
         default:
-            error = host->client().setValue(path, value).error();
+            error = host->dispatcher().setValue(path, value).error();
             break;
         }
         answered += errorKind(error) == ErrorKind::None ? 0 : 1;

@@ -1,4 +1,4 @@
-#include "engine/client.h"
+#include "engine/dispatcher.h"
 #include "engine/guard.h"
 #include "engine/loader.h"
 #include "engine/router.h"
@@ -158,7 +158,7 @@ private slots:
 private:
     CMReply<QVariant> setData(const QString& path, const QString& role, const QVariant& value)
     {
-        return m_client->setData(CMPath(path), role, value);
+        return m_dispatcher->setData(CMPath(path), role, value);
     }
     bool workerSawRequest(const QString& operation) const;
 
@@ -167,7 +167,7 @@ private:
     std::unique_ptr<CMWorker> m_worker;
     std::unique_ptr<Router> m_router;
     std::unique_ptr<Guard> m_guard;
-    std::unique_ptr<Client> m_client;
+    std::unique_ptr<Dispatcher> m_dispatcher;
 };
 
 void tst_guard::init()
@@ -190,14 +190,14 @@ void tst_guard::init()
     m_router = std::make_unique<Router>();
     m_router->addWorker(m_worker.get());
     m_guard = std::make_unique<Guard>(m_worker.get(), m_tree->defaultPath(), m_tree->writePath());
-    m_client = std::make_unique<Client>(m_router.get(), m_guard.get());
+    m_dispatcher = std::make_unique<Dispatcher>(m_router.get(), m_guard.get());
     // What the worker says of its start.
     m_log->take();
 }
 
 void tst_guard::cleanup()
 {
-    m_client.reset();
+    m_dispatcher.reset();
     m_worker.reset();
     m_log->verifyNothingUnexpected();
     m_log.reset();
@@ -299,8 +299,8 @@ void tst_guard::badPathIsRefusedForEveryRequest()
     QFETCH(QString, error);
     m_log->setLevel(log4cplus::TRACE_LOG_LEVEL);
 
-    const auto data = m_client->getData(CMPath(path), { TuloRoles::Value() });
-    const auto rows = m_client->getRows(CMPath(path), 0, 9, {});
+    const auto data = m_dispatcher->getData(CMPath(path), { TuloRoles::Value() });
+    const auto rows = m_dispatcher->getRows(CMPath(path), 0, 9, {});
     const auto value = setData(path, TuloRoles::Value(), intValue(1));
     const auto roles = setData(path, TuloRoles::SetRoles(), QVariantHash());
     const auto action = setData(path, TuloRoles::Activate(), QVariant());
@@ -333,7 +333,7 @@ void tst_guard::goodPathReachesTheWorker()
     QFETCH(QString, path);
     m_log->setLevel(log4cplus::TRACE_LOG_LEVEL);
 
-    const auto reply = m_client->getData(CMPath(path), { TuloRoles::Value() });
+    const auto reply = m_dispatcher->getData(CMPath(path), { TuloRoles::Value() });
 
     // It names nothing, says the worker.
     QCOMPARE(errorKind(reply.error()), ErrorKind::InvalidPath);
@@ -348,9 +348,9 @@ void tst_guard::pathWithoutItsSlashIsServedWithTheWorkersWarning()
     m_log->expect(log4cplus::WARN_LOG_LEVEL, warning.arg(QStringLiteral("settings/audio")));
     m_log->expect(log4cplus::WARN_LOG_LEVEL, warning.arg(QStringLiteral("settings/list/new")));
 
-    const auto data =
-        m_client->getData(CMPath(QStringLiteral("settings/audio/volume")), { TuloRoles::Value() });
-    const auto rows = m_client->getRows(CMPath(QStringLiteral("settings/audio")), 0, 9, {});
+    const auto data = m_dispatcher->getData(CMPath(QStringLiteral("settings/audio/volume")),
+                                            { TuloRoles::Value() });
+    const auto rows = m_dispatcher->getRows(CMPath(QStringLiteral("settings/audio")), 0, 9, {});
     const auto change =
         setData(QStringLiteral("settings/list/new"), TuloRoles::Value(), intValue(1));
 
@@ -364,10 +364,10 @@ void tst_guard::percentSignIsAnOrdinaryCharacter()
 {
     m_tree->writeDefault(QStringLiteral("/audio/%2e%2e"), R"({"value":{"int":7}})");
 
-    const auto own =
-        m_client->getData(CMPath(QStringLiteral("/settings/audio/%2e%2e")), { TuloRoles::Value() });
-    const auto decoded = m_client->getData(CMPath(QStringLiteral("/settings/audio%2Fvolume")),
+    const auto own = m_dispatcher->getData(CMPath(QStringLiteral("/settings/audio/%2e%2e")),
                                            { TuloRoles::Value() });
+    const auto decoded = m_dispatcher->getData(CMPath(QStringLiteral("/settings/audio%2Fvolume")),
+                                               { TuloRoles::Value() });
 
     QCOMPARE(own.value(), QList<QVariant>({ intValue(7) }));
     QCOMPARE(errorText(decoded),
@@ -394,7 +394,7 @@ void tst_guard::badRowsAreRefused()
     QFETCH(int, first);
     QFETCH(int, last);
 
-    const auto reply = m_client->getRows(CMPath(directory), first, last, {});
+    const auto reply = m_dispatcher->getRows(CMPath(directory), first, last, {});
 
     QCOMPARE(errorText(reply),
              QStringLiteral("Refused: A row index at '/settings/audio' is negative"));
@@ -472,7 +472,7 @@ void tst_guard::rowsOfAMissingDirectoryAreAnsweredWithoutTheWorker()
     QFETCH(QString, path);
     m_log->setLevel(log4cplus::TRACE_LOG_LEVEL);
 
-    const auto reply = m_client->getRows(CMPath(path), 0, 9, {});
+    const auto reply = m_dispatcher->getRows(CMPath(path), 0, 9, {});
 
     // The very error that the worker answers.
     QCOMPARE(reply.error(), CMAbstractWorker::createErrorInvalidPath(CMPath(path)));
@@ -499,10 +499,10 @@ void tst_guard::rowsOfADirectoryInEitherTreeAreServed()
     QFETCH(QString, path);
     QFETCH(QStringList, names);
 
-    const auto reply = m_client->getRows(CMPath(path), 0, INT_MAX, {});
+    const auto reply = m_dispatcher->getRows(CMPath(path), 0, INT_MAX, {});
 
     QCOMPARE(errorText(reply), QString());
-    const DirectoryRows rows = Client::rowsOf(reply.value(), {});
+    const DirectoryRows rows = Dispatcher::rowsOf(reply.value(), {});
     QStringList answered;
     for (const DirectoryRow& row : rows.rows)
         answered.append(row.name);
@@ -512,14 +512,14 @@ void tst_guard::rowsOfADirectoryInEitherTreeAreServed()
 void tst_guard::rowsOfADirectoryThatHoldsAnAcceptedChangeAreServed()
 {
     const QString path = QStringLiteral("/settings/old/kept");
-    QCOMPARE(errorText(m_client->getData(CMPath(path), {})), QString());
+    QCOMPARE(errorText(m_dispatcher->getData(CMPath(path), {})), QString());
     QVERIFY(QFile::remove(m_tree->writePath() + QStringLiteral("/old/kept")));
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/old")));
-    QCOMPARE(errorText(m_client->getRows(CMPath(QStringLiteral("/settings/old")), 0, 9, {})),
+    QCOMPARE(errorText(m_dispatcher->getRows(CMPath(QStringLiteral("/settings/old")), 0, 9, {})),
              QStringLiteral("InvalidPath: Invalid path '/settings/old'"));
 
     QCOMPARE(errorText(setData(path, TuloRoles::Value(), intValue(2))), QString());
-    const auto reply = m_client->getRows(CMPath(QStringLiteral("/settings/old")), 0, 9, {});
+    const auto reply = m_dispatcher->getRows(CMPath(QStringLiteral("/settings/old")), 0, 9, {});
 
     QCOMPARE(errorText(reply), QString());
     QCOMPARE(reply.value().rowsCount(), 1);
@@ -531,10 +531,11 @@ void tst_guard::tooManyRolesAreRefused()
     const QString error = QStringLiteral("Limits: A request for '%1' names more than 64 roles");
 
     // Listings add two of their own.
-    QCOMPARE(errorText(m_client->getData(CMPath(volume), roles)), QString());
-    QCOMPARE(errorText(m_client->getRows(CMPath(directory), 0, 1, roles.mid(2))), QString());
-    QCOMPARE(errorText(m_client->getData(CMPath(volume), roles + roles)), error.arg(volume));
-    QCOMPARE(errorText(m_client->getRows(CMPath(directory), 0, 1, roles)), error.arg(directory));
+    QCOMPARE(errorText(m_dispatcher->getData(CMPath(volume), roles)), QString());
+    QCOMPARE(errorText(m_dispatcher->getRows(CMPath(directory), 0, 1, roles.mid(2))), QString());
+    QCOMPARE(errorText(m_dispatcher->getData(CMPath(volume), roles + roles)), error.arg(volume));
+    QCOMPARE(errorText(m_dispatcher->getRows(CMPath(directory), 0, 1, roles)),
+             error.arg(directory));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -585,8 +586,8 @@ void tst_guard::pathOfAnotherWorkerIsLeftToTheRouter()
 {
     for (const QString& path : { QStringLiteral("/media/a"), QStringLiteral("/settings2/a") }) {
         const QString error = QStringLiteral("InvalidPath: Invalid path '%1'").arg(path);
-        QCOMPARE(errorText(m_client->getData(CMPath(path), {})), error);
-        QCOMPARE(errorText(m_client->getRows(CMPath(path), 0, 1, {})), error);
+        QCOMPARE(errorText(m_dispatcher->getData(CMPath(path), {})), error);
+        QCOMPARE(errorText(m_dispatcher->getRows(CMPath(path), 0, 1, {})), error);
         QCOMPARE(errorText(setData(path, TuloRoles::Value(), intValue(1))), error);
     }
 }
@@ -679,7 +680,7 @@ void tst_guard::changeIsAdmitted()
     const auto reply = setData(path, TuloRoles::Value(), intValue(8));
 
     QCOMPARE(errorText(reply), QString());
-    QCOMPARE(m_client->getData(CMPath(path), { TuloRoles::Value() }).value(),
+    QCOMPARE(m_dispatcher->getData(CMPath(path), { TuloRoles::Value() }).value(),
              QList<QVariant>({ intValue(8) }));
 }
 
@@ -701,7 +702,7 @@ void tst_guard::pathRoleIsRefusedInAnyForm()
     TuloRoles roles;
     roles.__setHashAttribute(TuloRoles::Path(), role);
 
-    const auto reply = m_client->setRoles(CMPath(volume), roles);
+    const auto reply = m_dispatcher->setRoles(CMPath(volume), roles);
 
     QCOMPARE(errorText(reply),
              QStringLiteral("Refused: The role 'path' of '/settings/audio/volume' cannot be set"));
@@ -729,7 +730,7 @@ void tst_guard::nameAcceptedAndEvictedExists()
     QCOMPARE(errorText(setData(path, TuloRoles::Value(), intValue(1))), QString());
     QVERIFY(QFile::remove(m_tree->defaultPath() + QStringLiteral("/list/.meta")));
 
-    QCOMPARE(errorText(m_client->dropCache()), QString());
+    QCOMPARE(errorText(m_dispatcher->dropCache()), QString());
     const auto again = setData(path, TuloRoles::Value(), intValue(2));
 
     QCOMPARE(errorText(again), QString());
@@ -1010,16 +1011,16 @@ void tst_guard::valueThatGrowsIsLimited()
     const TuloOperation more(QStringLiteral("append"), TuloValue::of(TuloValue::List(), numbers));
 
     for (int i = 0; i < 2; ++i) {
-        QCOMPARE(errorText(m_client->apply(textPath, longer)), QString());
+        QCOMPARE(errorText(m_dispatcher->apply(textPath, longer)), QString());
         if (i == 0)
-            QCOMPARE(errorText(m_client->apply(listPath, more)), QString());
+            QCOMPARE(errorText(m_dispatcher->apply(listPath, more)), QString());
     }
 
-    QCOMPARE(errorText(m_client->apply(textPath, longer)),
+    QCOMPARE(errorText(m_dispatcher->apply(textPath, longer)),
              QStringLiteral("Limits: A value for '/settings/audio/text' takes more than 49152 "
                             "bytes"));
-    QCOMPARE(errorText(m_client->apply(listPath, more)), QString());
-    QCOMPARE(errorText(m_client->apply(listPath, more)),
+    QCOMPARE(errorText(m_dispatcher->apply(listPath, more)), QString());
+    QCOMPARE(errorText(m_dispatcher->apply(listPath, more)),
              QStringLiteral("Limits: A value for '/settings/audio/numbers' takes more than 49152 "
                             "bytes"));
 }
@@ -1029,15 +1030,15 @@ void tst_guard::adjustmentIsTold()
     m_tree->writeDefault(QStringLiteral("/audio/bass"), R"({"value":{"int":5},"edit":{"max":10}})");
     const CMPath bass(QStringLiteral("/settings/audio/bass"));
 
-    m_client->setValue(bass, TuloValue::of(TuloValue::Int(), 50));
+    m_dispatcher->setValue(bass, TuloValue::of(TuloValue::Int(), 50));
 
-    const Guard::Adjustment& adjustment = m_client->adjustment();
+    const Guard::Adjustment& adjustment = m_dispatcher->adjustment();
     QVERIFY(adjustment.asked == TuloValue::of(TuloValue::Int(), 50));
     QVERIFY(adjustment.stored == TuloValue::of(TuloValue::Int(), 10));
     QCOMPARE(adjustment.reason, QStringLiteral("it is above 'max' (10)"));
 
-    m_client->setValue(bass, TuloValue::of(TuloValue::Int(), 5));
-    QCOMPARE(m_client->adjustment().reason, QString());
+    m_dispatcher->setValue(bass, TuloValue::of(TuloValue::Int(), 5));
+    QCOMPARE(m_dispatcher->adjustment().reason, QString());
 }
 
 void tst_guard::newSettingsAreLimited()
@@ -1111,10 +1112,11 @@ void tst_guard::unreadableFileIsUnavailable()
     const CMPath path(QStringLiteral("/settings/audio/pipe"));
 
     const QString error = QStringLiteral("Unavailable: '%1' is not a regular file").arg(name);
-    QCOMPARE(errorText(m_client->getData(path, { TuloRoles::Value() })), error);
+    QCOMPARE(errorText(m_dispatcher->getData(path, { TuloRoles::Value() })), error);
     if (!isWritten)
-        QCOMPARE(errorText(m_client->setValue(path, TuloValue::of(TuloValue::Int(), 1))), error);
-    QCOMPARE(errorText(m_client->getData(CMPath(volume), { TuloRoles::Value() })), QString());
+        QCOMPARE(errorText(m_dispatcher->setValue(path, TuloValue::of(TuloValue::Int(), 1))),
+                 error);
+    QCOMPARE(errorText(m_dispatcher->getData(CMPath(volume), { TuloRoles::Value() })), QString());
 }
 
 void tst_guard::rowsTellWhichOfThemCannotBeServed()
@@ -1129,7 +1131,7 @@ void tst_guard::rowsTellWhichOfThemCannotBeServed()
     CMError error;
 
     const DirectoryRows rows =
-        m_client->rows(CMPath(directory), 0, 9, { TuloRoles::Value() }, &error);
+        m_dispatcher->rows(CMPath(directory), 0, 9, { TuloRoles::Value() }, &error);
 
     QCOMPARE(error.message().toString(), QString());
     QCOMPARE(rows.count, 3);
@@ -1151,9 +1153,9 @@ void tst_guard::readOnlyGuardRefusesChangesOnly()
              QStringLiteral("InUse: The tree is somebody else's"));
     QCOMPARE(errorText(setData(volume, TuloRoles::SetRoles(), QVariantHash())),
              QStringLiteral("InUse: The tree is somebody else's"));
-    QCOMPARE(errorText(m_client->getData(CMPath(volume), {})), QString());
-    QCOMPARE(errorText(m_client->getRows(CMPath(directory), 0, 1, {})), QString());
-    QCOMPARE(errorText(m_client->dropCache()), QString());
+    QCOMPARE(errorText(m_dispatcher->getData(CMPath(volume), {})), QString());
+    QCOMPARE(errorText(m_dispatcher->getRows(CMPath(directory), 0, 1, {})), QString());
+    QCOMPARE(errorText(m_dispatcher->dropCache()), QString());
 
     m_guard->setReadOnly(QString());
     QCOMPARE(errorText(setData(volume, TuloRoles::Value(), intValue(1))), QString());
@@ -1179,7 +1181,7 @@ void tst_guard::listableNamesAreThoseOfListings()
     QFETCH(QString, name);
     m_tree->writeDefault(QStringLiteral("/names/") + name, "{}");
 
-    const auto reply = m_client->getRows(CMPath(QStringLiteral("/settings/names")), 0, 9, {});
+    const auto reply = m_dispatcher->getRows(CMPath(QStringLiteral("/settings/names")), 0, 9, {});
 
     QCOMPARE(errorText(reply), QString());
     QCOMPARE(isListable(name), reply.value().rowsCount() == 1);

@@ -237,7 +237,7 @@ void tst_host::linkedDirectoriesAreCanonical()
     QCOMPARE(host->defaultPath(), m_tree->defaultPath());
     QCOMPARE(host->writePath(), m_tree->writePath());
     QVERIFY(host->ownsTree());
-    QCOMPARE(errorText(host->client().setValue(volume, number(1))), QString());
+    QCOMPARE(errorText(host->dispatcher().setValue(volume, number(1))), QString());
     (void)host->flushNow();
     QVERIFY(host->writes().isSaved());
 }
@@ -313,7 +313,7 @@ void tst_host::productVariantIsServed()
     const std::unique_ptr<Host> host = Host::open(options, &failure);
 
     QVERIFY(host);
-    QCOMPARE(host->client().getData(volume, { TuloRoles::Value() }).value(),
+    QCOMPARE(host->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(9).__variant() }));
 }
 
@@ -329,7 +329,7 @@ void tst_host::textsAreInTheLanguage()
     QVERIFY(host);
     QCOMPARE(host->catalogueCount(), 1);
     const TrString title = TrString::fromVariant(
-        host->client().getData(volume, { TuloRoles::Title() }).value().value(0));
+        host->dispatcher().getData(volume, { TuloRoles::Title() }).value().value(0));
 
     QCOMPARE(title.source(), QStringLiteral("Volume"));
     QCOMPARE(title.toString(), QString::fromUtf8("Lautst\xC3\xA4rke"));
@@ -370,7 +370,7 @@ void tst_host::readerSaysWhoOwnsTheTree()
     const std::unique_ptr<Host> reader = openHost(Access::Read);
 
     QCOMPARE(reader->otherOwner(), std::optional<qint64>(::getpid()));
-    const auto reply = reader->client().setValue(volume, number(1));
+    const auto reply = reader->dispatcher().setValue(volume, number(1));
     QCOMPARE(errorText(reply),
              QStringLiteral("InUse: The writable tree '%1' is in use by process %2")
                  .arg(m_tree->writePath(), QString::number(::getpid())));
@@ -380,12 +380,12 @@ void tst_host::readerRefusesChanges()
 {
     const std::unique_ptr<Host> host = openHost(Access::Read);
 
-    const auto change = host->client().setValue(volume, number(1));
+    const auto change = host->dispatcher().setValue(volume, number(1));
 
     QCOMPARE(errorText(change),
              QStringLiteral("InUse: The writable tree '%1' is open for reading only")
                  .arg(m_tree->writePath()));
-    QCOMPARE(host->client().getData(volume, { TuloRoles::Value() }).value(),
+    QCOMPARE(host->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(5).__variant() }));
 }
 
@@ -393,7 +393,7 @@ void tst_host::requestsPassTheGuard()
 {
     const std::unique_ptr<Host> host = openHost();
 
-    const auto reply = host->client().getRows(CMPath(QStringLiteral("/settings")), -1, 9, {});
+    const auto reply = host->dispatcher().getRows(CMPath(QStringLiteral("/settings")), -1, 9, {});
 
     QCOMPARE(errorKind(reply.error()), ErrorKind::Refused);
 }
@@ -404,7 +404,7 @@ void tst_host::changesAreAnnounced()
     RegistryObserver observer(host->registry());
     observer.subscribeValue(volume.text());
 
-    host->client().setValue(volume, number(1));
+    host->dispatcher().setValue(volume, number(1));
 
     QCOMPARE(observer.texts(),
              QStringList(QStringLiteral("value /settings/audio/volume {int: 1}")));
@@ -418,7 +418,7 @@ void tst_host::acceptedChangeIsPendingUntilTheFlush()
 {
     const std::unique_ptr<Host> host = openHost();
 
-    QCOMPARE(errorText(host->client().setValue(volume, number(1))), QString());
+    QCOMPARE(errorText(host->dispatcher().setValue(volume, number(1))), QString());
     QCOMPARE(host->writes().pendingPaths(), QStringList(volume.text()));
     QVERIFY(!host->writes().isSaved());
 
@@ -432,7 +432,7 @@ void tst_host::acceptedChangeIsPendingUntilTheFlush()
 void tst_host::acceptedChangeIsWrittenByTheTimer()
 {
     const std::unique_ptr<Host> host = openHost();
-    host->client().setValue(volume, number(1));
+    host->dispatcher().setValue(volume, number(1));
 
     QVERIFY(waitForTimer(*host));
 
@@ -448,7 +448,7 @@ void tst_host::failedWriteIsStoredAgainByTheNextFlush()
                                .arg(m_tree->writePath());
     m_log->expect(log4cplus::ERROR_LOG_LEVEL, record);
     const std::unique_ptr<Host> host = openHost();
-    const auto reply = host->client().setValue(volume, number(1));
+    const auto reply = host->dispatcher().setValue(volume, number(1));
     const qint64 timestamp = TuloRoles(TuloHash(reply.value().toHash())).timestamp();
     m_tree->makeWriteDirectory(QStringLiteral("/audio/volume"));
 
@@ -475,24 +475,24 @@ void tst_host::unsavedValueOutlivesTheWorkersCache()
                                  "'%1/audio/volume' failed")
                       .arg(m_tree->writePath()));
     const std::unique_ptr<Host> host = openHost();
-    host->client().setValue(volume, number(1));
+    host->dispatcher().setValue(volume, number(1));
     m_tree->makeWriteDirectory(QStringLiteral("/audio/volume"));
     QCOMPARE(host->flushNow().unsaved, 1);
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/volume")));
 
-    QCOMPARE(errorText(host->client().dropCache()), QString());
+    QCOMPARE(errorText(host->dispatcher().dropCache()), QString());
     QCOMPARE(host->flushNow().unsaved, 0);
 
-    QCOMPARE(host->client().getData(volume, { TuloRoles::Value() }).value(),
+    QCOMPARE(host->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(1).__variant() }));
 }
 
 void tst_host::failedSyncMakesEverythingSinceTheLastGoodOneUnsaved()
 {
     const std::unique_ptr<Host> host = openHost();
-    host->client().setValue(CMPath(QStringLiteral("/settings/audio/balance")), number(1));
+    host->dispatcher().setValue(CMPath(QStringLiteral("/settings/audio/balance")), number(1));
     QCOMPARE(host->flushNow().error, QString());
-    host->client().setValue(volume, number(1));
+    host->dispatcher().setValue(volume, number(1));
     QVERIFY(waitForTimer(*host));
     syncError = EIO;
 
@@ -519,13 +519,13 @@ void tst_host::flushThatWaitsHoldsUpNoRequest()
         gate.acquire();
     };
     const std::unique_ptr<Host> host = openHost();
-    host->client().setValue(volume, number(1));
+    host->dispatcher().setValue(volume, number(1));
     int answers = 0;
     host->flush([&answers](const FlushResult&) { ++answers; });
     QTRY_COMPARE_WITH_TIMEOUT(syncCount.load(), 1, replyWaitMs);
 
-    QCOMPARE(errorText(host->client().setValue(volume, number(2))), QString());
-    QCOMPARE(host->client().getData(volume, { TuloRoles::Value() }).value(),
+    QCOMPARE(errorText(host->dispatcher().setValue(volume, number(2))), QString());
+    QCOMPARE(host->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(2).__variant() }));
     QCOMPARE(answers, 0);
 
@@ -545,7 +545,7 @@ void tst_host::flushesThatWaitShareTheNext()
     host->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("a")); });
     QTRY_COMPARE_WITH_TIMEOUT(syncCount.load(), 1, replyWaitMs);
 
-    host->client().setValue(volume, number(1));
+    host->dispatcher().setValue(volume, number(1));
     host->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("b")); });
     host->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("c")); });
     gate.release();
@@ -564,7 +564,7 @@ void tst_host::manyWritesAreConfirmedUnasked()
         m_tree->writeDefault(QStringLiteral("/many/n%1").arg(i), R"({"value":{"int":0}})");
     const std::unique_ptr<Host> host = openHost();
     for (int i = 0; i < Flusher::maximumUnconfirmed; ++i)
-        host->client().setValue(CMPath(QStringLiteral("/settings/many/n%1").arg(i)), number(1));
+        host->dispatcher().setValue(CMPath(QStringLiteral("/settings/many/n%1").arg(i)), number(1));
 
     QTRY_VERIFY_WITH_TIMEOUT(!host->writes().needsFlush(), replyWaitMs);
 
@@ -580,9 +580,9 @@ void tst_host::largestValueIsStoredAgain()
     const std::unique_ptr<Host> host = openHost();
     const TuloValue large = TuloValue::of(TuloValue::String(),
                                           QString(Guard::maximumValueBytes - 13, QLatin1Char('x')));
-    QCOMPARE(
-        errorText(host->client().setValue(CMPath(QStringLiteral("/settings/audio/text")), large)),
-        QString());
+    QCOMPARE(errorText(host->dispatcher().setValue(CMPath(QStringLiteral("/settings/audio/text")),
+                                                   large)),
+             QString());
     m_tree->makeWriteDirectory(QStringLiteral("/audio/.text"));
     QCOMPARE(host->flushNow().unsaved, 1);
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/.text")));
@@ -604,21 +604,21 @@ void tst_host::changeWithoutAValueIsStoredAgainWithoutOne()
     const std::unique_ptr<Host> host = openHost();
     TuloRoles roles;
     roles.setId(QStringLiteral("A"));
-    QCOMPARE(errorText(host->client().setRoles(loud, roles)), QString());
+    QCOMPARE(errorText(host->dispatcher().setRoles(loud, roles)), QString());
     m_tree->makeWriteDirectory(QStringLiteral("/audio/.loud"));
     QCOMPARE(host->flushNow().unsaved, 1);
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/.loud")));
 
     QCOMPARE(host->flushNow().unsaved, 0);
 
-    QCOMPARE(host->client().getData(loud, { TuloRoles::Value() }).value(),
+    QCOMPARE(host->dispatcher().getData(loud, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(200).__variant() }));
 }
 
 void tst_host::stopAnswersEveryFlush()
 {
     const std::unique_ptr<Host> host = openHost();
-    host->client().setValue(volume, number(1));
+    host->dispatcher().setValue(volume, number(1));
     QStringList answers;
     host->flush([&answers](const FlushResult& result) { answers.append(result.error); });
 
@@ -631,7 +631,7 @@ void tst_host::stopAnswersEveryFlush()
 void tst_host::replacedTreeIsNotSaved()
 {
     const std::unique_ptr<Host> host = openHost();
-    host->client().setValue(volume, number(1));
+    host->dispatcher().setValue(volume, number(1));
     const QString tree = m_tree->writePath();
     QVERIFY(QDir().rename(tree, tree + QLatin1String(".old")));
     QVERIFY(QDir().mkdir(tree));
@@ -648,7 +648,7 @@ void tst_host::replacedTreeIsNoticedAfterAWrite()
     const QString tree = m_tree->writePath();
     QVERIFY(QDir().rename(tree, tree + QLatin1String(".old")));
     QVERIFY(QDir().mkdir(tree));
-    host->client().setValue(volume, number(1));
+    host->dispatcher().setValue(volume, number(1));
 
     QTRY_VERIFY_WITH_TIMEOUT(host->writes().lastError().contains(tree), replyWaitMs);
 }
@@ -656,7 +656,7 @@ void tst_host::replacedTreeIsNoticedAfterAWrite()
 void tst_host::stopFlushesWhatIsPending()
 {
     const std::unique_ptr<Host> host = openHost();
-    host->client().setValue(volume, number(1));
+    host->dispatcher().setValue(volume, number(1));
 
     QVERIFY(host->stop());
 
@@ -669,7 +669,7 @@ void tst_host::stopFlushesWhatIsPending()
 void tst_host::stopSyncsWhatTheTimerWrote()
 {
     const std::unique_ptr<Host> host = openHost();
-    host->client().setValue(volume, number(1));
+    host->dispatcher().setValue(volume, number(1));
     QVERIFY(waitForTimer(*host));
     QCOMPARE(syncCount.load(), 0);
 
@@ -681,7 +681,7 @@ void tst_host::stopSyncsWhatTheTimerWrote()
 void tst_host::stopWithoutChangesRunsNoSync()
 {
     const std::unique_ptr<Host> host = openHost();
-    host->client().getData(volume, { TuloRoles::Value() });
+    host->dispatcher().getData(volume, { TuloRoles::Value() });
 
     QVERIFY(host->stop());
 
@@ -704,7 +704,7 @@ void tst_host::stopTellsOfAFailedWrite()
                                  "'%1/audio/volume' failed")
                       .arg(m_tree->writePath()));
     const std::unique_ptr<Host> host = openHost();
-    host->client().setValue(volume, number(1));
+    host->dispatcher().setValue(volume, number(1));
     m_tree->makeWriteDirectory(QStringLiteral("/audio/volume"));
 
     QVERIFY(!host->stop());
@@ -721,7 +721,7 @@ void tst_host::stopGivesTheTreeBackAndRefusesRequests()
 
     QVERIFY(!host->ownsTree());
     QCOMPARE(host->registry(), nullptr);
-    QCOMPARE(errorKind(host->client().getData(volume, {}).error()), ErrorKind::Stopped);
+    QCOMPARE(errorKind(host->dispatcher().getData(volume, {}).error()), ErrorKind::Stopped);
     const std::unique_ptr<Host> next = openHost();
     QVERIFY(next->ownsTree());
 }
@@ -729,7 +729,7 @@ void tst_host::stopGivesTheTreeBackAndRefusesRequests()
 void tst_host::destructionFlushes()
 {
     std::unique_ptr<Host> host = openHost();
-    host->client().setValue(volume, number(1));
+    host->dispatcher().setValue(volume, number(1));
 
     host.reset();
 

@@ -3,7 +3,7 @@
 
 #include "cm_settings.h"
 
-#include "engine/client.h"
+#include "engine/dispatcher.h"
 #include "engine/guard.h"
 #include "engine/router.h"
 
@@ -151,22 +151,22 @@ void tst_HostileRequests::guardRefusesAndTheServiceLives()
     Guard guard(stage.worker.get(), stage.defaultPath(), stage.writePath());
     Router router;
     router.addWorker(stage.worker.get());
-    Client client(&router, &guard);
+    Dispatcher dispatcher(&router, &guard);
     const QStringList entries = stage.entries();
     // What the guard leaves to the worker is logged by it as ever.
     if (outcome == QLatin1String("error ") + refusal)
         expectRecord(record, stage);
 
     const CMRequest request = makeRequest(attempt);
-    client.submit(request);
+    dispatcher.submit(request);
 
     QCOMPARE(stage.outcome(request), QLatin1String("error ") + refusal);
     QCOMPARE(stage.worker->m_pendingWrites.size(), 0);
     QCOMPARE(stage.worker->m_dirCache.size(), 0);
     QCOMPARE(stage.entries(), entries);
 
-    const auto change = client.setData(CMPath(volume), TuloRoles::Value(), intValue(8));
-    const auto answer = client.getData(CMPath(volume), { TuloRoles::Value() });
+    const auto change = dispatcher.setData(CMPath(volume), TuloRoles::Value(), intValue(8));
+    const auto answer = dispatcher.getData(CMPath(volume), { TuloRoles::Value() });
     QCOMPARE(errorText(change), QString());
     QCOMPARE(text(answer.value()), QStringLiteral("[{int: 8}]"));
     router.removeWorker(stage.worker.get());
@@ -203,11 +203,11 @@ void tst_HostileRequests::readOnlyHostRefusesEveryChange()
     Guard guard(stage.worker.get(), stage.defaultPath(), stage.writePath());
     Router router;
     router.addWorker(stage.worker.get());
-    Client client(&router, &guard);
+    Dispatcher dispatcher(&router, &guard);
     guard.setReadOnly(QStringLiteral("The tree is in use"));
 
-    const auto set = client.setData(CMPath(volume), TuloRoles::Value(), intValue(8));
-    const auto get = client.getData(CMPath(volume), { TuloRoles::Value() });
+    const auto set = dispatcher.setData(CMPath(volume), TuloRoles::Value(), intValue(8));
+    const auto get = dispatcher.getData(CMPath(volume), { TuloRoles::Value() });
 
     QCOMPARE(errorText(set), QStringLiteral("InUse: The tree is in use"));
     QCOMPARE(text(get.value()), QStringLiteral("[{int: 7}]"));

@@ -45,7 +45,7 @@ QStringList traceOf(Host& host, const TemporaryTree& tree, const RegistryObserve
                      + (isDirectory ? QString() : QString::fromUtf8(tree.readWritten(entry))));
     }
     for (const QString& setting : settings) {
-        const auto reply = host.client().getData(
+        const auto reply = host.dispatcher().getData(
             CMPath(setting), { TuloRoles::Value(), TuloRoles::Timestamp(), TuloRoles::Id() });
         trace.append(setting + QLatin1Char(' ') + errorText(reply));
         if (errorText(reply).isEmpty())
@@ -74,7 +74,7 @@ private slots:
 private:
     int pick(int count) { return std::uniform_int_distribution<int>(0, count - 1)(m_random); }
     TuloValue randomValue();
-    CMReply<QVariant> change(Client& client, const CMPath& path);
+    CMReply<QVariant> change(Dispatcher& dispatcher, const CMPath& path);
 
     std::mt19937 m_random;
     std::unique_ptr<LogCapture> m_log;
@@ -131,21 +131,21 @@ TuloValue tst_rejected_changes::randomValue()
     }
 }
 
-CMReply<QVariant> tst_rejected_changes::change(Client& client, const CMPath& path)
+CMReply<QVariant> tst_rejected_changes::change(Dispatcher& dispatcher, const CMPath& path)
 {
     const int way = pick(3);
     if (way == 0)
-        return client.setValue(path, randomValue());
+        return dispatcher.setValue(path, randomValue());
     if (way == 1) {
         const QStringList verbs = CMOperation::verbs() + QStringList(QStringLiteral("halve"));
-        return client.apply(path, TuloOperation(verbs.at(pick(verbs.size())), randomValue()));
+        return dispatcher.apply(path, TuloOperation(verbs.at(pick(verbs.size())), randomValue()));
     }
     TuloRoles roles;
     roles.setValue(randomValue());
     roles.setId(QString::number(pick(100)));
     if (pick(4) == 0)
         roles.__setHashAttribute(TuloRoles::Path(), QVariantHash());
-    return client.setRoles(path, roles);
+    return dispatcher.setRoles(path, roles);
 }
 
 void tst_rejected_changes::rejectedChangesLeaveNoTrace()
@@ -170,10 +170,10 @@ void tst_rejected_changes::rejectedChangesLeaveNoTrace()
             if (pick(8) == 0)
                 QCOMPARE(host->flushNow().error, QString());
             if (pick(8) == 0)
-                QCOMPARE(errorText(host->client().dropCache()), QString());
+                QCOMPARE(errorText(host->dispatcher().dropCache()), QString());
             const QStringList before = traceOf(*host, *m_tree, observer);
 
-            const CMReply<QVariant> reply = change(host->client(), path);
+            const CMReply<QVariant> reply = change(host->dispatcher(), path);
 
             const ErrorKind kind = errorKind(reply.error());
             if (kind == ErrorKind::None) {

@@ -7,7 +7,7 @@
 #include "forgetall.h"
 #include "fuzzinput.h"
 
-#include "engine/client.h"
+#include "engine/dispatcher.h"
 #include "engine/guard.h"
 #include "engine/router.h"
 
@@ -60,7 +60,7 @@ public:
     explicit Stage(const TemporaryTree& tree)
         : worker(tree.config())
         , m_guard(&worker, tree.defaultPath(), tree.writePath())
-        , client(&m_router, &m_guard)
+        , dispatcher(&m_router, &m_guard)
     {
         delete std::exchange(worker.m_encryptionHandler, &m_handler);
         m_router.addWorker(&worker);
@@ -76,7 +76,7 @@ private:
     Guard m_guard;
 
 public:
-    Client client;
+    Dispatcher dispatcher;
 };
 
 CMPath takePath(FuzzInput* input)
@@ -98,39 +98,39 @@ void perform(FuzzInput* input, Stage* stage)
 {
     const unsigned kind = input->byte();
     const CMPath path = takePath(input);
-    Client& client = stage->client;
+    Dispatcher& dispatcher = stage->dispatcher;
     CMVoidReply reply;
     switch (kind % 10) {
     case 0:
     case 1:
-        reply = client.getData(path, TuloRoles::keys());
+        reply = dispatcher.getData(path, TuloRoles::keys());
         break;
     case 2: {
         const auto first = qint32(std::int8_t(input->byte()));
         const auto last = qint32(input->byte() << 24 | input->byte());
-        reply = client.getRows(path, first, last, { TuloRoles::Value() });
+        reply = dispatcher.getRows(path, first, last, { TuloRoles::Value() });
         break;
     }
     case 3:
     case 4:
-        reply = client.setData(path, TuloRoles::Value(), takeJson(input));
+        reply = dispatcher.setData(path, TuloRoles::Value(), takeJson(input));
         break;
     case 5:
-        reply = client.setData(path, TuloRoles::SetRoles(), takeJson(input));
+        reply = dispatcher.setData(path, TuloRoles::SetRoles(), takeJson(input));
         break;
     case 6:
-        reply = client.setData(path, TuloRoles::ValueOperation(), takeJson(input));
+        reply = dispatcher.setData(path, TuloRoles::ValueOperation(), takeJson(input));
         break;
     case 7:
         // Any role; the flush action, which runs a program, stays out.
-        reply = client.setData(path == CMPath(paths.at(14)) ? CMPath(paths.at(15)) : path,
-                               input->text(), takeJson(input));
+        reply = dispatcher.setData(path == CMPath(paths.at(14)) ? CMPath(paths.at(15)) : path,
+                                   input->text(), takeJson(input));
         break;
     case 8:
         stage->worker.on_writeTimer_timeout();
         return;
     default:
-        reply = client.dropCache();
+        reply = dispatcher.dropCache();
         break;
     }
     TULO_ASSERT(reply.isFinished());

@@ -2,7 +2,7 @@
 // guards. ThreadSanitizer has to say so: it shows that the set-up under which the other
 // programs run without a report can report.
 
-#include "engine/client.h"
+#include "engine/dispatcher.h"
 #include "engine/router.h"
 
 #include <QCoreApplication>
@@ -16,11 +16,11 @@ namespace {
 
 int requests = 0; // NOLINT: the race
 
-void ask(Client* client)
+void ask(Dispatcher* dispatcher)
 {
     for (int i = 0; i < 1000; ++i) {
         ++requests;
-        Client::wait(client->getData(CMPath(QStringLiteral("/nobody/is/here")), {}));
+        Dispatcher::wait(dispatcher->getData(CMPath(QStringLiteral("/nobody/is/here")), {}));
     }
 }
 
@@ -30,9 +30,9 @@ int main(int argc, char** argv)
 {
     QCoreApplication application(argc, argv);
     Router router;
-    Client client(&router);
-    std::thread first(ask, &client);
-    std::thread second(ask, &client);
+    Dispatcher dispatcher(&router);
+    std::thread first(ask, &dispatcher);
+    std::thread second(ask, &dispatcher);
     std::thread end([&] {
         first.join();
         second.join();

@@ -1,6 +1,6 @@
 #include "cm_settings.h"
 
-#include "engine/client.h"
+#include "engine/dispatcher.h"
 #include "engine/guard.h"
 #include "engine/router.h"
 
@@ -98,11 +98,11 @@ public:
         delete std::exchange(worker->m_encryptionHandler, &m_handler);
         router.addWorker(worker.get());
         m_guard = std::make_unique<Guard>(worker.get(), m_tree.defaultPath(), m_tree.writePath());
-        client = std::make_unique<Client>(&router, m_guard.get());
+        dispatcher = std::make_unique<Dispatcher>(&router, m_guard.get());
     }
     ~Stage()
     {
-        client.reset();
+        dispatcher.reset();
         router.removeWorker(worker.get());
     }
     Q_DISABLE_COPY(Stage)
@@ -114,7 +114,7 @@ public:
 
     Router router;
     std::unique_ptr<CMSettingsWorker> worker;
-    std::unique_ptr<Client> client;
+    std::unique_ptr<Dispatcher> dispatcher;
 
 private:
     const TemporaryTree m_tree;
@@ -127,8 +127,8 @@ private:
 class Requester
 {
 public:
-    Requester(Client* client, int number)
-        : m_client(client)
+    Requester(Dispatcher* dispatcher, int number)
+        : m_dispatcher(dispatcher)
         , m_number(number)
         , m_random(unsigned(number) + 1)
     {
@@ -153,7 +153,7 @@ private:
     }
     void expectSuccess(const CMVoidReply& reply)
     {
-        Client::wait(reply);
+        Dispatcher::wait(reply);
         expect(errorKind(reply.error()) == ErrorKind::None);
     }
 
@@ -162,15 +162,15 @@ private:
         const int dice = below(1000);
         if (dice < 300)
             expectSuccess(
-                m_client->getData(anyShared(), { TuloRoles::Value(), TuloRoles::Title() }));
+                m_dispatcher->getData(anyShared(), { TuloRoles::Value(), TuloRoles::Title() }));
         else if (dice < 450)
             readOwn();
         else if (dice < 600)
             writeOwn();
         else if (dice < 750)
-            expectSuccess(m_client->setValue(anyShared(), intValue(below(100))));
+            expectSuccess(m_dispatcher->setValue(anyShared(), intValue(below(100))));
         else if (dice < 850)
-            expectSuccess(m_client->apply(anyShared(), { QStringLiteral("add"), intValue(1) }));
+            expectSuccess(m_dispatcher->apply(anyShared(), { QStringLiteral("add"), intValue(1) }));
         else if (dice < 900)
             list();
         else if (dice < 950)
@@ -178,16 +178,16 @@ private:
         else if (dice < 995)
             severalAtOnce();
         else if (dice < 998)
-            expectSuccess(m_client->dropCache());
+            expectSuccess(m_dispatcher->dropCache());
         else
-            expectSuccess(
-                m_client->setData(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant()));
+            expectSuccess(m_dispatcher->setData(TuloSettingsActionsFlush(), TuloRoles::Activate(),
+                                                QVariant()));
     }
 
     // Nobody else changes it.
     void readOwn()
     {
-        const auto reply = m_client->getData(ownSetting(m_number), { TuloRoles::Value() });
+        const auto reply = m_dispatcher->getData(ownSetting(m_number), { TuloRoles::Value() });
         expectSuccess(reply);
         const TuloValue value(TuloHash(reply.value().value(0).toHash()));
         expect(value == intValue(m_lastNumber));
@@ -197,7 +197,7 @@ private:
     {
         TuloRoles roles;
         roles.setValue(intValue(m_lastNumber + 1));
-        const auto reply = m_client->setRoles(ownSetting(m_number), roles);
+        const auto reply = m_dispatcher->setRoles(ownSetting(m_number), roles);
         expectSuccess(reply);
         ++m_lastNumber;
         expect(TuloRoles(TuloHash(reply.value().toHash())).value() == intValue(m_lastNumber));
@@ -205,10 +205,10 @@ private:
 
     void list()
     {
-        const auto reply = m_client->getRows(CMPath(QStringLiteral("/settings/shared")), 0, 9,
-                                             { TuloRoles::Value() });
+        const auto reply = m_dispatcher->getRows(CMPath(QStringLiteral("/settings/shared")), 0, 9,
+                                                 { TuloRoles::Value() });
         expectSuccess(reply);
-        const DirectoryRows rows = Client::rowsOf(reply.value(), { TuloRoles::Value() });
+        const DirectoryRows rows = Dispatcher::rowsOf(reply.value(), { TuloRoles::Value() });
         expect(rows.count == Stage::sharedCount);
         expect(rows.rows.size() == 10);
     }
@@ -216,16 +216,16 @@ private:
     void refused()
     {
         const auto reply =
-            m_client->setValue(CMPath(QStringLiteral("/settings/../up")), intValue(1));
-        Client::wait(reply);
+            m_dispatcher->setValue(CMPath(QStringLiteral("/settings/../up")), intValue(1));
+        Dispatcher::wait(reply);
         expect(errorKind(reply.error()) == ErrorKind::Refused);
     }
 
     // Several requests on their way before the first is waited for: answered in order.
     void severalAtOnce()
     {
-        const auto write = m_client->setValue(ownSetting(m_number), intValue(m_lastNumber + 1));
-        const auto read = m_client->getData(ownSetting(m_number), { TuloRoles::Value() });
+        const auto write = m_dispatcher->setValue(ownSetting(m_number), intValue(m_lastNumber + 1));
+        const auto read = m_dispatcher->getData(ownSetting(m_number), { TuloRoles::Value() });
         ++m_lastNumber;
         expectSuccess(read);
         expect(write.isFinished());
@@ -233,7 +233,7 @@ private:
         expect(value == intValue(m_lastNumber));
     }
 
-    Client* const m_client;
+    Dispatcher* const m_dispatcher;
     const int m_number;
     std::mt19937 m_random;
     qlonglong m_lastNumber = 0;
@@ -276,11 +276,11 @@ void tst_Threads::eightThreadsAreServedInOrder()
     const Stage stage;
     std::vector<std::unique_ptr<Requester>> requesters;
     for (int number = 0; number < threadCount; ++number)
-        requesters.push_back(std::make_unique<Requester>(stage.client.get(), number));
+        requesters.push_back(std::make_unique<Requester>(stage.dispatcher.get(), number));
 
     Threads threads(threadCount, [&requesters](int number) { requesters[number]->run(); });
     threads.joinServingEvents();
-    stage.client->setData(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant());
+    stage.dispatcher->setData(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant());
 
     for (int number = 0; number < threadCount; ++number) {
         QCOMPARE(requesters[number]->failures(), 0);
@@ -300,10 +300,10 @@ void tst_Threads::callsFromForeignThreadsReachTheIdleLoopLater()
     Threads threads(threadCount, [&stage, &failures, rounds](int number) {
         for (int round = 1; round <= rounds; ++round) {
             const auto reply = CMReply<QVariant>::create();
-            stage.client->callDirectly(CMSetDataRequest(ownSetting(number), TuloRoles::Value(),
-                                                        intValue(round).__variant(), reply));
+            stage.dispatcher->callDirectly(CMSetDataRequest(ownSetting(number), TuloRoles::Value(),
+                                                            intValue(round).__variant(), reply));
             const auto answer = CMReply<QList<QVariant>>::create();
-            stage.client->callDirectly(
+            stage.dispatcher->callDirectly(
                 CMGetDataRequest(ownSetting(number), { TuloRoles::Value() }, answer));
             if (!reply.isFinished()
                 || TuloValue(TuloHash(answer.value().value(0).toHash())) != intValue(round))
@@ -328,11 +328,11 @@ void tst_Threads::callsFromForeignThreadsReachTheIdleLoopLater()
 void tst_Threads::flushFromAForeignThreadWaitsForTheLoop()
 {
     const Stage stage;
-    stage.client->setValue(ownSetting(0), intValue(5));
+    stage.dispatcher->setValue(ownSetting(0), intValue(5));
     const auto reply = CMReply<QVariant>::create();
 
     Threads threads(1, [&stage, &reply](int) {
-        stage.client->callDirectly(
+        stage.dispatcher->callDirectly(
             CMSetDataRequest(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant(), reply));
     });
     threads.join();

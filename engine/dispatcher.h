@@ -25,7 +25,7 @@ struct DirectoryRow
     QString error; ///< why the row cannot be served; empty when it can
 };
 
-/// The answer to Client::getRows(), taken apart.
+/// The answer to Dispatcher::getRows(), taken apart.
 struct DirectoryRows
 {
     int count = 0; ///< rows of the whole directory, not of those answered
@@ -34,13 +34,13 @@ struct DirectoryRows
     QList<DirectoryRow> rows;
 };
 
-/// The client's side of a request: builds it, has it judged by the guard and served by the
-/// worker on the worker's thread, one request at a time, and hands out the reply.
+/// The way of every request to the worker: builds it, has the guard check it and the worker serve
+/// it on the worker's thread, one request at a time, and hands out the reply.
 ///
 /// Lives on the worker's thread. The request functions are thread-safe: on the worker's thread
 /// a request is served at once (every reply of the settings worker is then finished when the
 /// function returns), from any other it is queued and wait() waits for it.
-class Client : public QObject
+class Dispatcher : public QObject
 {
     Q_OBJECT
 
@@ -48,10 +48,10 @@ public:
     static constexpr int defaultTimeoutMs = 60000;
 
     /// `guard` judges every request; without one (for measurements) everything is admitted.
-    /// Both outlive the client.
-    explicit Client(Router* router, Guard* guard = nullptr);
+    /// Both outlive the dispatcher.
+    explicit Dispatcher(Router* router, Guard* guard = nullptr);
     /// Closes.
-    ~Client() override;
+    ~Dispatcher() override;
 
     CMGetDataRequest::Reply getData(const CMPath& path, const QStringList& roles);
     /// `lastRow` is inclusive; at most Guard::maximumRows are answered. Asks for two roles more

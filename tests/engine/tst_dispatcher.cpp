@@ -1,4 +1,4 @@
-#include "engine/client.h"
+#include "engine/dispatcher.h"
 #include "engine/guard.h"
 #include "engine/router.h"
 
@@ -24,7 +24,7 @@ CMPath node(const QString& path)
     return CMPath(path);
 }
 
-/// A client with its worker on a thread of their own, which runs an event loop.
+/// A dispatcher with its worker on a thread of their own, which runs an event loop.
 class WorkerThread
 {
 public:
@@ -32,7 +32,7 @@ public:
     {
         m_router.addWorker(&worker);
         worker.moveToThread(&m_thread);
-        client.moveToThread(&m_thread);
+        dispatcher.moveToThread(&m_thread);
         m_thread.start();
     }
 
@@ -50,12 +50,12 @@ private:
 
 public:
     NotingWorker worker;
-    Client client { &m_router };
+    Dispatcher dispatcher { &m_router };
 };
 
 } // namespace
 
-class tst_client : public QObject
+class tst_dispatcher : public QObject
 {
     Q_OBJECT
 
@@ -71,9 +71,9 @@ private slots:
     void actionsAreActivated();
     void waitingEndsWithTheAnswer();
     void waitingTimesOutAndTheAnswerThatComesLaterIsIgnored();
-    void closedClientAnswersStopped();
-    void queuedRequestIsAnsweredStoppedWhenTheClientCloses();
-    void queuedRequestIsAnsweredStoppedWhenTheClientIsDestroyed();
+    void closedDispatcherAnswersStopped();
+    void queuedRequestIsAnsweredStoppedWhenTheDispatcherCloses();
+    void queuedRequestIsAnsweredStoppedWhenTheDispatcherIsDestroyed();
     void refusedRequestDoesNotReachTheWorker();
     void acceptedChangeIsSignalled_data();
     void acceptedChangeIsSignalled();
@@ -83,38 +83,38 @@ private slots:
 private:
     std::unique_ptr<NotingWorker> m_worker;
     std::unique_ptr<Router> m_router;
-    std::unique_ptr<Client> m_client;
+    std::unique_ptr<Dispatcher> m_dispatcher;
 };
 
-void tst_client::init()
+void tst_dispatcher::init()
 {
     m_worker = std::make_unique<NotingWorker>();
     m_router = std::make_unique<Router>();
     m_router->addWorker(m_worker.get());
-    m_client = std::make_unique<Client>(m_router.get());
+    m_dispatcher = std::make_unique<Dispatcher>(m_router.get());
 }
 
-void tst_client::cleanup()
+void tst_dispatcher::cleanup()
 {
-    m_client.reset();
+    m_dispatcher.reset();
     m_router.reset();
     m_worker.reset();
 }
 
-void tst_client::requestOnTheWorkersThreadIsServedAtOnce()
+void tst_dispatcher::requestOnTheWorkersThreadIsServedAtOnce()
 {
-    const auto reply = m_client->getData(node(QStringLiteral("/settings/a")), noRoles);
+    const auto reply = m_dispatcher->getData(node(QStringLiteral("/settings/a")), noRoles);
 
     QVERIFY(reply.isFinished());
     QCOMPARE(reply.value(), QList<QVariant>({ QStringLiteral("/settings/a") }));
 }
 
-void tst_client::requestFromAnotherThreadIsServedOnTheWorkersThread()
+void tst_dispatcher::requestFromAnotherThreadIsServedOnTheWorkersThread()
 {
     WorkerThread other;
 
-    const auto reply = other.client.getData(node(QStringLiteral("/settings/a")), noRoles);
-    Client::wait(reply);
+    const auto reply = other.dispatcher.getData(node(QStringLiteral("/settings/a")), noRoles);
+    Dispatcher::wait(reply);
 
     QCOMPARE(errorText(reply), QString());
     QCOMPARE(reply.value(), QList<QVariant>({ QStringLiteral("/settings/a") }));
@@ -122,20 +122,20 @@ void tst_client::requestFromAnotherThreadIsServedOnTheWorkersThread()
     QCOMPARE(other.worker.notes().at(0).thread, other.thread());
 }
 
-void tst_client::requestsOfManyThreadsAreServedOneAtATime()
+void tst_dispatcher::requestsOfManyThreadsAreServedOneAtATime()
 {
     constexpr int threads = 8;
     constexpr int requests = 50;
     WorkerThread other;
 
     std::vector<std::future<int>> clients;
-    for (int client = 0; client < threads; ++client) {
-        clients.push_back(std::async(std::launch::async, [&other, client] {
+    for (int dispatcher = 0; dispatcher < threads; ++dispatcher) {
+        clients.push_back(std::async(std::launch::async, [&other, dispatcher] {
             int own = 0;
             for (int request = 0; request < requests; ++request) {
-                const QString path = QStringLiteral("/settings/%1/%2").arg(client).arg(request);
-                const auto reply = other.client.getData(node(path), noRoles);
-                Client::wait(reply);
+                const QString path = QStringLiteral("/settings/%1/%2").arg(dispatcher).arg(request);
+                const auto reply = other.dispatcher.getData(node(path), noRoles);
+                Dispatcher::wait(reply);
                 own += reply.value() == QList<QVariant>({ path }) ? 1 : 0;
             }
             return own;
@@ -150,12 +150,12 @@ void tst_client::requestsOfManyThreadsAreServedOneAtATime()
         QCOMPARE(note.thread, other.thread());
 }
 
-void tst_client::directCallRunsOnTheCallingThread()
+void tst_dispatcher::directCallRunsOnTheCallingThread()
 {
     WorkerThread other;
     const auto reply = CMGetDataRequest::Reply::create();
 
-    other.client.callDirectly(
+    other.dispatcher.callDirectly(
         CMGetDataRequest(node(QStringLiteral("/settings/a")), noRoles, reply));
 
     QVERIFY(reply.isFinished());
@@ -163,7 +163,7 @@ void tst_client::directCallRunsOnTheCallingThread()
     QCOMPARE(other.worker.notes().at(0).thread, QThread::currentThread());
 }
 
-void tst_client::requestsCarryWhatWasAsked()
+void tst_dispatcher::requestsCarryWhatWasAsked()
 {
     const CMPath path = node(QStringLiteral("/settings/a"));
     const TuloValue value = TuloValue::of(TuloValue::Int(), 5);
@@ -171,11 +171,11 @@ void tst_client::requestsCarryWhatWasAsked()
     TuloRoles roles;
     roles.setId(QStringLiteral("x"));
 
-    m_client->getData(path, { TuloRoles::Title(), TuloRoles::Value() });
-    m_client->getRows(path, 2, 7, { TuloRoles::Title() });
-    m_client->setValue(path, value);
-    m_client->setRoles(path, roles);
-    m_client->apply(path, operation);
+    m_dispatcher->getData(path, { TuloRoles::Title(), TuloRoles::Value() });
+    m_dispatcher->getRows(path, 2, 7, { TuloRoles::Title() });
+    m_dispatcher->setValue(path, value);
+    m_dispatcher->setRoles(path, roles);
+    m_dispatcher->apply(path, operation);
 
     const QList<NotingWorker::Note> notes = m_worker->notes();
     QCOMPARE(notes.size(), 5);
@@ -196,10 +196,10 @@ void tst_client::requestsCarryWhatWasAsked()
     QCOMPARE(CMSetDataRequest(notes.at(4).request).value(), operation.__variant());
 }
 
-void tst_client::actionsAreActivated()
+void tst_dispatcher::actionsAreActivated()
 {
-    m_client->setData(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant());
-    m_client->dropCache();
+    m_dispatcher->setData(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant());
+    m_dispatcher->dropCache();
 
     QCOMPARE(
         m_worker->paths(),
@@ -209,26 +209,26 @@ void tst_client::actionsAreActivated()
         QCOMPARE(CMSetDataRequest(note.request).role(), TuloRoles::Activate());
 }
 
-void tst_client::waitingEndsWithTheAnswer()
+void tst_dispatcher::waitingEndsWithTheAnswer()
 {
     m_worker->setAnswering(false);
-    const auto reply = m_client->getData(node(QStringLiteral("/settings/a")), noRoles);
+    const auto reply = m_dispatcher->getData(node(QStringLiteral("/settings/a")), noRoles);
     QVERIFY(!reply.isFinished());
     const auto answering =
         std::async(std::launch::async, [reply] { reply.setValue({ QStringLiteral("x") }); });
 
-    Client::wait(reply);
+    Dispatcher::wait(reply);
 
     QCOMPARE(errorText(reply), QString());
     QCOMPARE(reply.value(), QList<QVariant>({ QStringLiteral("x") }));
 }
 
-void tst_client::waitingTimesOutAndTheAnswerThatComesLaterIsIgnored()
+void tst_dispatcher::waitingTimesOutAndTheAnswerThatComesLaterIsIgnored()
 {
     m_worker->setAnswering(false);
-    const auto reply = m_client->getData(node(QStringLiteral("/settings/a")), noRoles);
+    const auto reply = m_dispatcher->getData(node(QStringLiteral("/settings/a")), noRoles);
 
-    Client::wait(reply, 1);
+    Dispatcher::wait(reply, 1);
     reply.setValue({ QStringLiteral("x") });
 
     QCOMPARE(errorKind(reply.error()), ErrorKind::TimedOut);
@@ -236,11 +236,11 @@ void tst_client::waitingTimesOutAndTheAnswerThatComesLaterIsIgnored()
     QCOMPARE(reply.value(), QList<QVariant>());
 }
 
-void tst_client::closedClientAnswersStopped()
+void tst_dispatcher::closedDispatcherAnswersStopped()
 {
-    m_client->close();
+    m_dispatcher->close();
 
-    const auto reply = m_client->getData(node(QStringLiteral("/settings/a")), noRoles);
+    const auto reply = m_dispatcher->getData(node(QStringLiteral("/settings/a")), noRoles);
 
     QVERIFY(reply.isFinished());
     QCOMPARE(errorKind(reply.error()), ErrorKind::Stopped);
@@ -248,44 +248,46 @@ void tst_client::closedClientAnswersStopped()
     QVERIFY(m_worker->notes().isEmpty());
 }
 
-void tst_client::queuedRequestIsAnsweredStoppedWhenTheClientCloses()
+void tst_dispatcher::queuedRequestIsAnsweredStoppedWhenTheDispatcherCloses()
 {
-    const auto reply = std::async(std::launch::async, [this] {
-                           return m_client->getData(node(QStringLiteral("/settings/a")), noRoles);
-                       }).get();
+    const auto reply =
+        std::async(std::launch::async, [this] {
+            return m_dispatcher->getData(node(QStringLiteral("/settings/a")), noRoles);
+        }).get();
     QVERIFY(!reply.isFinished());
 
-    m_client->close();
+    m_dispatcher->close();
     QCoreApplication::sendPostedEvents();
 
     QCOMPARE(errorKind(reply.error()), ErrorKind::Stopped);
     QVERIFY(m_worker->notes().isEmpty());
 }
 
-void tst_client::queuedRequestIsAnsweredStoppedWhenTheClientIsDestroyed()
+void tst_dispatcher::queuedRequestIsAnsweredStoppedWhenTheDispatcherIsDestroyed()
 {
-    const auto reply = std::async(std::launch::async, [this] {
-                           return m_client->getData(node(QStringLiteral("/settings/a")), noRoles);
-                       }).get();
+    const auto reply =
+        std::async(std::launch::async, [this] {
+            return m_dispatcher->getData(node(QStringLiteral("/settings/a")), noRoles);
+        }).get();
 
-    m_client.reset();
+    m_dispatcher.reset();
 
     QCOMPARE(errorKind(reply.error()), ErrorKind::Stopped);
 }
 
-void tst_client::refusedRequestDoesNotReachTheWorker()
+void tst_dispatcher::refusedRequestDoesNotReachTheWorker()
 {
     Guard guard(m_worker.get(), QStringLiteral("/nowhere"), QStringLiteral("/nowhere"));
-    Client client(m_router.get(), &guard);
+    Dispatcher dispatcher(m_router.get(), &guard);
 
-    const auto reply = client.getData(node(QStringLiteral("/settings/../etc")), noRoles);
+    const auto reply = dispatcher.getData(node(QStringLiteral("/settings/../etc")), noRoles);
 
     QVERIFY(reply.isFinished());
     QCOMPARE(errorKind(reply.error()), ErrorKind::Refused);
     QVERIFY(m_worker->notes().isEmpty());
 }
 
-void tst_client::acceptedChangeIsSignalled_data()
+void tst_dispatcher::acceptedChangeIsSignalled_data()
 {
     QTest::addColumn<QString>("path");
     QTest::addColumn<QString>("role");
@@ -300,21 +302,21 @@ void tst_client::acceptedChangeIsSignalled_data()
     QTest::newRow("error") << QStringLiteral("/media/a") << TuloRoles::Value() << QStringList();
 }
 
-void tst_client::acceptedChangeIsSignalled()
+void tst_dispatcher::acceptedChangeIsSignalled()
 {
     QFETCH(QString, path);
     QFETCH(QString, role);
     QFETCH(QStringList, signalled);
     QStringList paths;
-    connect(m_client.get(), &Client::changeAccepted, this,
+    connect(m_dispatcher.get(), &Dispatcher::changeAccepted, this,
             [&paths](const CMPath& accepted) { paths.append(accepted.text()); });
 
-    m_client->setData(node(path), role, QVariantHash());
+    m_dispatcher->setData(node(path), role, QVariantHash());
 
     QCOMPARE(paths, signalled);
 }
 
-void tst_client::rowsGetTheirNamesFromTheirPaths()
+void tst_dispatcher::rowsGetTheirNamesFromTheirPaths()
 {
     const QVariantList setting { QStringLiteral("Volume"),
                                  node(QStringLiteral("/settings/audio/volume")).toVariant(), 101 };
@@ -328,7 +330,7 @@ void tst_client::rowsGetTheirNamesFromTheirPaths()
     answer.setRowsVersion(3);
     answer.setRoles(directoryRoles);
 
-    const DirectoryRows rows = Client::rowsOf(answer, { TuloRoles::Title() });
+    const DirectoryRows rows = Dispatcher::rowsOf(answer, { TuloRoles::Title() });
 
     QCOMPARE(rows.count, 7);
     QCOMPARE(rows.version, 3);
@@ -343,13 +345,13 @@ void tst_client::rowsGetTheirNamesFromTheirPaths()
     QCOMPARE(rows.rows.at(1).values, QList<QVariant>({ QVariant() }));
 }
 
-void tst_client::rowsOfAnEmptyAnswerAreEmpty()
+void tst_dispatcher::rowsOfAnEmptyAnswerAreEmpty()
 {
-    const DirectoryRows rows = Client::rowsOf(TuloRowsRoles(), { TuloRoles::Title() });
+    const DirectoryRows rows = Dispatcher::rowsOf(TuloRowsRoles(), { TuloRoles::Title() });
 
     QCOMPARE(rows.count, 0);
     QVERIFY(rows.rows.isEmpty());
 }
 
-QTEST_GUILESS_MAIN(tst_client)
-#include "tst_client.moc"
+QTEST_GUILESS_MAIN(tst_dispatcher)
+#include "tst_dispatcher.moc"

@@ -1,4 +1,4 @@
-#include "engine/client.h"
+#include "engine/dispatcher.h"
 
 #include "engine/router.h"
 #include "trees/separator.h"
@@ -28,15 +28,15 @@ CMPath absolute(const CMPath& path)
 
 } // namespace
 
-Client::Client(Router* router, Guard* guard)
+Dispatcher::Dispatcher(Router* router, Guard* guard)
     : m_router(router)
     , m_guard(guard)
 {
-    checkedConnect(this, &Client::privateRequestQueued, this, &Client::serveQueued,
+    checkedConnect(this, &Dispatcher::privateRequestQueued, this, &Dispatcher::serveQueued,
                    Qt::QueuedConnection);
 }
 
-Client::~Client()
+Dispatcher::~Dispatcher()
 {
     close();
 }
@@ -45,15 +45,15 @@ Client::~Client()
 // Requests. Thread-safe.
 // ---------------------------------------------------------------------------------------------
 
-CMGetDataRequest::Reply Client::getData(const CMPath& path, const QStringList& roles)
+CMGetDataRequest::Reply Dispatcher::getData(const CMPath& path, const QStringList& roles)
 {
     auto reply = CMGetDataRequest::Reply::create();
     submit(CMGetDataRequest(path, roles, reply));
     return reply;
 }
 
-CMGetRowsRequest::Reply Client::getRows(const CMPath& path, qint32 firstRow, qint32 lastRow,
-                                        const QStringList& roles)
+CMGetRowsRequest::Reply Dispatcher::getRows(const CMPath& path, qint32 firstRow, qint32 lastRow,
+                                            const QStringList& roles)
 {
     auto reply = CMGetRowsRequest::Reply::create();
     const QStringList rowRoles = roles + QStringList { TuloRoles::Path(), TuloRoles::Type() };
@@ -61,35 +61,35 @@ CMGetRowsRequest::Reply Client::getRows(const CMPath& path, qint32 firstRow, qin
     return reply;
 }
 
-CMSetDataRequest::Reply Client::setValue(const CMPath& path, const TuloValue& value)
+CMSetDataRequest::Reply Dispatcher::setValue(const CMPath& path, const TuloValue& value)
 {
     return setData(path, TuloRoles::Value(), value.__variant());
 }
 
-CMSetDataRequest::Reply Client::setRoles(const CMPath& path, const TuloRoles& roles)
+CMSetDataRequest::Reply Dispatcher::setRoles(const CMPath& path, const TuloRoles& roles)
 {
     return setData(path, TuloRoles::SetRoles(), roles.__variant());
 }
 
-CMSetDataRequest::Reply Client::apply(const CMPath& path, const TuloOperation& operation)
+CMSetDataRequest::Reply Dispatcher::apply(const CMPath& path, const TuloOperation& operation)
 {
     return setData(path, TuloRoles::ValueOperation(), operation.__variant());
 }
 
-CMSetDataRequest::Reply Client::dropCache()
+CMSetDataRequest::Reply Dispatcher::dropCache()
 {
     return setData(TuloSettingsActionsDropCache(), TuloRoles::Activate(), QVariant());
 }
 
-CMSetDataRequest::Reply Client::setData(const CMPath& path, const QString& role,
-                                        const QVariant& value)
+CMSetDataRequest::Reply Dispatcher::setData(const CMPath& path, const QString& role,
+                                            const QVariant& value)
 {
     auto reply = CMSetDataRequest::Reply::create();
     submit(CMSetDataRequest(path, role, value, reply));
     return reply;
 }
 
-void Client::wait(const CMVoidReply& reply, int milliseconds)
+void Dispatcher::wait(const CMVoidReply& reply, int milliseconds)
 {
     if (reply.data()->waitForFinished(static_cast<unsigned long>(milliseconds)))
         return;
@@ -97,7 +97,7 @@ void Client::wait(const CMVoidReply& reply, int milliseconds)
         hostError(ErrorKind::TimedOut, QStringLiteral("No answer within %1 ms").arg(milliseconds)));
 }
 
-DirectoryRows Client::rowsOf(const TuloRowsRoles& answer, const QStringList& roles)
+DirectoryRows Dispatcher::rowsOf(const TuloRowsRoles& answer, const QStringList& roles)
 {
     DirectoryRows rows;
     rows.count = answer.rowsCount();
@@ -118,8 +118,8 @@ DirectoryRows Client::rowsOf(const TuloRowsRoles& answer, const QStringList& rol
     return rows;
 }
 
-DirectoryRows Client::rows(const CMPath& path, qint32 firstRow, qint32 lastRow,
-                           const QStringList& roles, CMError* error)
+DirectoryRows Dispatcher::rows(const CMPath& path, qint32 firstRow, qint32 lastRow,
+                               const QStringList& roles, CMError* error)
 {
     const CMGetRowsRequest::Reply all = getRows(path, firstRow, lastRow, roles);
     *error = all.error();
@@ -153,7 +153,7 @@ DirectoryRows Client::rows(const CMPath& path, qint32 firstRow, qint32 lastRow,
     return result;
 }
 
-const Guard::Adjustment& Client::adjustment() const
+const Guard::Adjustment& Dispatcher::adjustment() const
 {
     return m_adjustment;
 }
@@ -163,7 +163,7 @@ const Guard::Adjustment& Client::adjustment() const
 // have their turn between two requests.
 // ---------------------------------------------------------------------------------------------
 
-void Client::submit(const CMRequest& request)
+void Dispatcher::submit(const CMRequest& request)
 {
     QMutexLocker locker(&m_mutex);
     if (m_closed) {
@@ -181,7 +181,7 @@ void Client::submit(const CMRequest& request)
     emit privateRequestQueued();
 }
 
-void Client::serveQueued()
+void Dispatcher::serveQueued()
 {
     QMutexLocker locker(&m_mutex);
     if (m_queue.isEmpty())
@@ -191,7 +191,7 @@ void Client::serveQueued()
     serve(request);
 }
 
-void Client::serve(const CMRequest& request)
+void Dispatcher::serve(const CMRequest& request)
 {
     CMError error;
     Guard::Adjustment adjustment;
@@ -206,7 +206,7 @@ void Client::serve(const CMRequest& request)
         m_adjustment = adjustment;
 }
 
-void Client::route(const CMRequest& admitted)
+void Dispatcher::route(const CMRequest& admitted)
 {
     m_router->request(admitted);
     if (admitted.kind() != CMRequest::Kind::SetData)
@@ -224,7 +224,7 @@ void Client::route(const CMRequest& admitted)
     emit changeAccepted(absolute(change.path()), roles);
 }
 
-CMSetDataRequest::Reply Client::storeAgain(const CMPath& path, const TuloRoles& roles)
+CMSetDataRequest::Reply Dispatcher::storeAgain(const CMPath& path, const TuloRoles& roles)
 {
     auto reply = CMSetDataRequest::Reply::create();
     const CMSetDataRequest request(path, TuloRoles::SetRoles(), roles.__variant(), reply);
@@ -236,12 +236,12 @@ CMSetDataRequest::Reply Client::storeAgain(const CMPath& path, const TuloRoles& 
     return reply;
 }
 
-void Client::callDirectly(const CMRequest& request) const
+void Dispatcher::callDirectly(const CMRequest& request) const
 {
     m_router->request(request);
 }
 
-void Client::close()
+void Dispatcher::close()
 {
     QMutexLocker locker(&m_mutex);
     m_closed = true;
