@@ -3,7 +3,7 @@
 #include "floors.h"
 #include "store_tulo.h"
 
-#include "engine/writewatch.h"
+#include "engine/writetracker.h"
 
 #include "api/core/tulojson.h"
 
@@ -182,8 +182,8 @@ Operation failedChange(int unsaved)
         CMPath path;
         log4cplus::tstring record;
     };
-    const auto watch =
-        std::make_shared<WriteWatch>(QStringLiteral("/tree"), CMPath(QStringLiteral("/settings")));
+    const auto watch = std::make_shared<WriteTracker>(QStringLiteral("/tree"),
+                                                      CMPath(QStringLiteral("/settings")));
     watch->attach();
     std::vector<Change> changes;
     for (int i = 0; i < workingSet + unsaved; ++i) {

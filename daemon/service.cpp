@@ -93,7 +93,7 @@ Service::Service(Host& host)
     connect(&m_announcement, &QTimer::timeout, this, &Service::announceProperties);
     // Queued: it is emitted inside a log call of the worker.
     connect(
-        &m_host.writes(), &WriteWatch::changed, this,
+        &m_host.writes(), &WriteTracker::changed, this,
         [this] {
             if (!m_announcement.isActive() && m_host.writes().revision() != m_announcedRevision)
                 m_announcement.start();

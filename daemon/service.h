@@ -114,7 +114,7 @@ private:
     bool m_isOffered = false;
     QHash<QString, int> m_waitingFlushes; ///< by client
     QTimer m_announcement;
-    int m_announcedRevision = 0; ///< of the write watch
+    int m_announcedRevision = 0; ///< of the write tracker
 };
 
 } // namespace tulo

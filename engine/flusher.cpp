@@ -18,7 +18,7 @@ constexpr int placeCheckMs = 1000;
 } // namespace
 
 Flusher::Flusher(CMWorker* worker, Dispatcher* dispatcher, const OwnerLock* lock,
-                 WriteWatch* writes)
+                 WriteTracker* writes)
     : m_worker(worker)
     , m_dispatcher(dispatcher)
     , m_lock(lock)
@@ -37,7 +37,7 @@ Flusher::Flusher(CMWorker* worker, Dispatcher* dispatcher, const OwnerLock* lock
     m_confirmation.setInterval(confirmDelayMs);
     checkedConnect(&m_confirmation, &QTimer::timeout, this, &Flusher::on_confirmation_timeout);
     // Queued: it is emitted inside a log call of the worker.
-    connect(m_writes, &WriteWatch::changed, this, &Flusher::on_writes_changed,
+    connect(m_writes, &WriteTracker::changed, this, &Flusher::on_writes_changed,
             Qt::QueuedConnection);
 }
 
@@ -113,8 +113,8 @@ void Flusher::begin()
 // Empty, or the reason why nothing can be written.
 QString Flusher::writePending()
 {
-    const QVector<WriteWatch::Change> unsaved = m_writes->unsavedChanges();
-    for (const WriteWatch::Change& change : unsaved) {
+    const QVector<WriteTracker::Change> unsaved = m_writes->unsavedChanges();
+    for (const WriteTracker::Change& change : unsaved) {
         const CMError error = m_dispatcher->storeAgain(change.path, change.roles).error();
         if (errorKind(error) != ErrorKind::None)
             m_writes->setError(error.message().toString());

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "engine/writewatch.h"
+#include "engine/writetracker.h"
 #include "trees/treesync.h"
 
 #include <QObject>
@@ -38,7 +38,7 @@ struct FlushResult
 /// pending, and never reports anything.
 ///
 /// When the tree was replaced, what is written does not arrive in the tree that was opened: that
-/// is an error of each flush, and of WriteWatch soon after the next write.
+/// is an error of each flush, and of WriteTracker soon after the next write.
 ///
 /// Lives on the worker's thread.
 class Flusher : public QObject
@@ -55,7 +55,7 @@ public:
     using Done = std::function<void(const FlushResult&)>;
 
     /// All outlive it. Without an owned `lock` nothing can be changed, so nothing is done.
-    Flusher(CMWorker* worker, Dispatcher* dispatcher, const OwnerLock* lock, WriteWatch* writes);
+    Flusher(CMWorker* worker, Dispatcher* dispatcher, const OwnerLock* lock, WriteTracker* writes);
     /// Answers those who still wait that nothing was saved.
     ~Flusher() override;
     Q_DISABLE_COPY(Flusher)
@@ -84,7 +84,7 @@ private:
     CMWorker* const m_worker;
     Dispatcher* const m_dispatcher;
     const OwnerLock* const m_lock;
-    WriteWatch* const m_writes;
+    WriteTracker* const m_writes;
     TreeSync m_sync;
     int m_syncNumber = 0; ///< of the last sync that was started
     bool m_coversServed = false; ///< the sync under way began after their changes were written

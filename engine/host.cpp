@@ -131,7 +131,7 @@ bool Host::createWorker(HostFailure* failure)
     }
 
     m_worker = std::move(loaded.worker);
-    m_writes = std::make_unique<WriteWatch>(m_writePath, m_worker->prefixPath());
+    m_writes = std::make_unique<WriteTracker>(m_writePath, m_worker->prefixPath());
     m_writes->attach();
     m_router.addWorker(m_worker.get());
     m_guard = std::make_unique<Guard>(m_worker.get(), m_defaultPath, m_writePath,
@@ -148,7 +148,7 @@ bool Host::createWorker(HostFailure* failure)
     }
     m_dispatcher = std::make_unique<Dispatcher>(&m_router, m_guard.get());
     QObject::connect(m_dispatcher.get(), &Dispatcher::changeAccepted, m_writes.get(),
-                     &WriteWatch::addPending);
+                     &WriteTracker::addPending);
     m_flusher =
         std::make_unique<Flusher>(m_worker.get(), m_dispatcher.get(), &m_lock, m_writes.get());
     if (!m_options.language.isEmpty()) {
@@ -205,12 +205,12 @@ FlushResult Host::flushNow()
     return m_flusher->flushNow();
 }
 
-const WriteWatch& Host::writes() const
+const WriteTracker& Host::writes() const
 {
     return *m_writes;
 }
 
-WriteWatch& Host::writes()
+WriteTracker& Host::writes()
 {
     return *m_writes;
 }

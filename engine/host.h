@@ -4,7 +4,7 @@
 #include "engine/flusher.h"
 #include "engine/guard.h"
 #include "engine/router.h"
-#include "engine/writewatch.h"
+#include "engine/writetracker.h"
 #include "trees/ownerlock.h"
 
 #include "api/core/model/cmsubscribe.h"
@@ -79,8 +79,8 @@ public:
     /// The registry keeps every path, so judge a stranger's path with Guard::judgePath() first.
     /// Null after stop().
     CMSubscribe* registry() const;
-    const WriteWatch& writes() const;
-    WriteWatch& writes();
+    const WriteTracker& writes() const;
+    WriteTracker& writes();
 
     /// Gets everything accepted onto the disk: see Flusher. `done` is called once, on this
     /// thread, at the latest by stop().
@@ -121,7 +121,7 @@ private:
     int m_catalogueCount = 0;
 
     // In the order of construction; each uses those before it.
-    std::unique_ptr<WriteWatch> m_writes;
+    std::unique_ptr<WriteTracker> m_writes;
     Router m_router;
     std::unique_ptr<CMWorker> m_worker;
     std::unique_ptr<Guard> m_guard;

@@ -227,7 +227,7 @@ Failure LocalSession::settle(bool)
 
 Failure LocalSession::saved() const
 {
-    const WriteWatch& writes = m_host->writes();
+    const WriteTracker& writes = m_host->writes();
     if (writes.isSaved())
         return {};
     return notSaved(writes.unsavedPaths(), writes.lastError());

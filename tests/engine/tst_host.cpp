@@ -158,7 +158,7 @@ std::unique_ptr<Host> tst_host::openHost(Access access) const
 
 bool tst_host::waitForTimer(Host& host)
 {
-    QSignalSpy spy(&host.writes(), &WriteWatch::changed);
+    QSignalSpy spy(&host.writes(), &WriteTracker::changed);
     return spy.wait(replyWaitMs) && host.writes().pendingPaths().isEmpty();
 }
 

@@ -29,7 +29,7 @@ namespace tulo {
 ///
 /// Thread-safe, its destruction included, except attach(). A change costs the same however many
 /// others are not on disk.
-class WriteWatch : public QObject
+class WriteTracker : public QObject
 {
     Q_OBJECT
 
@@ -44,8 +44,8 @@ public:
     };
 
     /// Watches for files below the directory `writePath` (canonical); `prefix` is the worker's.
-    WriteWatch(const QString& writePath, const CMPath& prefix);
-    ~WriteWatch() override;
+    WriteTracker(const QString& writePath, const CMPath& prefix);
+    ~WriteTracker() override;
 
     /// Attaches to the worker's logger, once only however often it is called, and lowers that
     /// logger's level to INFO if it is above.

@@ -1,4 +1,4 @@
-#include "engine/writewatch.h"
+#include "engine/writetracker.h"
 
 #include "tests/support/logcapture.h"
 
@@ -39,8 +39,8 @@ const QString syncFailed = QStringLiteral("Sync failed with return code1, output
 
 } // namespace
 
-/// The watch on records that are emitted here as the worker emits them.
-class tst_writewatch : public QObject
+/// A tracker of records that are emitted here as the worker emits them.
+class tst_writetracker : public QObject
 {
     Q_OBJECT
 
@@ -76,50 +76,50 @@ private slots:
 
 private:
     std::unique_ptr<LogCapture> m_log;
-    std::unique_ptr<WriteWatch> m_watch;
+    std::unique_ptr<WriteTracker> m_tracker;
 };
 
-void tst_writewatch::init()
+void tst_writetracker::init()
 {
     m_log = std::make_unique<LogCapture>();
-    m_watch = std::make_unique<WriteWatch>(tree, CMPath(QStringLiteral("/settings")));
-    m_watch->attach();
+    m_tracker = std::make_unique<WriteTracker>(tree, CMPath(QStringLiteral("/settings")));
+    m_tracker->attach();
 }
 
-void tst_writewatch::cleanup()
+void tst_writetracker::cleanup()
 {
-    m_watch.reset();
+    m_tracker.reset();
     m_log.reset();
     workerLogger().setLogLevel(log4cplus::NOT_SET_LOG_LEVEL);
 }
 
-void tst_writewatch::nothingIsKnownAtFirst()
+void tst_writetracker::nothingIsKnownAtFirst()
 {
-    QCOMPARE(m_watch->pendingPaths(), QStringList());
-    QCOMPARE(m_watch->unsavedPaths(), QStringList());
-    QCOMPARE(m_watch->lastError(), QString());
-    QVERIFY(!m_watch->needsFlush());
-    QVERIFY(m_watch->isSaved());
+    QCOMPARE(m_tracker->pendingPaths(), QStringList());
+    QCOMPARE(m_tracker->unsavedPaths(), QStringList());
+    QCOMPARE(m_tracker->lastError(), QString());
+    QVERIFY(!m_tracker->needsFlush());
+    QVERIFY(m_tracker->isSaved());
 }
 
-void tst_writewatch::acceptedPathIsPendingUntilItIsWritten()
+void tst_writetracker::acceptedPathIsPendingUntilItIsWritten()
 {
-    m_watch->addPending(CMPath(volume), roles);
-    m_watch->addPending(CMPath(QStringLiteral("/settings/audio/bass")), roles);
-    QCOMPARE(m_watch->pendingPaths(),
+    m_tracker->addPending(CMPath(volume), roles);
+    m_tracker->addPending(CMPath(QStringLiteral("/settings/audio/bass")), roles);
+    QCOMPARE(m_tracker->pendingPaths(),
              QStringList({ QStringLiteral("/settings/audio/bass"), volume }));
-    QVERIFY(!m_watch->isSaved());
-    QVERIFY(m_watch->needsFlush());
+    QVERIFY(!m_tracker->isSaved());
+    QVERIFY(m_tracker->needsFlush());
 
     info(written);
-    QCOMPARE(m_watch->pendingPaths(), QStringList(QStringLiteral("/settings/audio/bass")));
+    QCOMPARE(m_tracker->pendingPaths(), QStringList(QStringLiteral("/settings/audio/bass")));
 
     info(QStringLiteral("written file: /tree/write/audio/bass"));
-    QCOMPARE(m_watch->pendingPaths(), QStringList());
-    QVERIFY(m_watch->isSaved());
+    QCOMPARE(m_tracker->pendingPaths(), QStringList());
+    QVERIFY(m_tracker->isSaved());
 }
 
-void tst_writewatch::everyFailureIsReadFromItsRecord_data()
+void tst_writetracker::everyFailureIsReadFromItsRecord_data()
 {
     QTest::addColumn<QString>("record");
     QTest::addColumn<QString>("path");
@@ -155,169 +155,169 @@ void tst_writewatch::everyFailureIsReadFromItsRecord_data()
         "/settings/a/x' flush failed");
 }
 
-void tst_writewatch::everyFailureIsReadFromItsRecord()
+void tst_writetracker::everyFailureIsReadFromItsRecord()
 {
     QFETCH(QString, record);
     QFETCH(QString, path);
-    m_watch->addPending(CMPath(path), roles);
+    m_tracker->addPending(CMPath(path), roles);
 
     error(record);
 
-    QCOMPARE(m_watch->unsavedPaths(), QStringList(path));
-    QCOMPARE(m_watch->pendingPaths(), QStringList());
-    QCOMPARE(m_watch->lastError(), record);
-    QVERIFY(!m_watch->isSaved());
+    QCOMPARE(m_tracker->unsavedPaths(), QStringList(path));
+    QCOMPARE(m_tracker->pendingPaths(), QStringList());
+    QCOMPARE(m_tracker->lastError(), record);
+    QVERIFY(!m_tracker->isSaved());
 }
 
-void tst_writewatch::unsavedPathIsSavedByALaterWrite()
+void tst_writetracker::unsavedPathIsSavedByALaterWrite()
 {
     error(failed);
     info(sync);
-    QCOMPARE(m_watch->unsavedPaths(), QStringList(volume));
+    QCOMPARE(m_tracker->unsavedPaths(), QStringList(volume));
 
-    m_watch->addPending(CMPath(volume), roles);
+    m_tracker->addPending(CMPath(volume), roles);
     info(written);
 
-    QCOMPARE(m_watch->unsavedPaths(), QStringList());
-    QCOMPARE(m_watch->unsavedCount(), 0);
-    QVERIFY(m_watch->isSaved());
+    QCOMPARE(m_tracker->unsavedPaths(), QStringList());
+    QCOMPARE(m_tracker->unsavedCount(), 0);
+    QVERIFY(m_tracker->isSaved());
     // The last error is history and stays.
-    QCOMPARE(m_watch->lastError(), failed);
+    QCOMPARE(m_tracker->lastError(), failed);
 }
 
-void tst_writewatch::unsavedPathStaysWhenAnotherIsWritten()
+void tst_writetracker::unsavedPathStaysWhenAnotherIsWritten()
 {
     error(failed);
 
     info(QStringLiteral("written file: /tree/write/audio/bass"));
 
-    QCOMPARE(m_watch->unsavedPaths(), QStringList(volume));
+    QCOMPARE(m_tracker->unsavedPaths(), QStringList(volume));
 }
 
-void tst_writewatch::writtenPathIsConfirmedByTheNextSync()
+void tst_writetracker::writtenPathIsConfirmedByTheNextSync()
 {
-    m_watch->addPending(CMPath(volume), roles);
+    m_tracker->addPending(CMPath(volume), roles);
     info(written);
-    QVERIFY(m_watch->needsFlush());
+    QVERIFY(m_tracker->needsFlush());
 
-    m_watch->endSync(m_watch->beginSync(), QString());
+    m_tracker->endSync(m_tracker->beginSync(), QString());
 
-    QVERIFY(!m_watch->needsFlush());
-    QVERIFY(m_watch->isSaved());
+    QVERIFY(!m_tracker->needsFlush());
+    QVERIFY(m_tracker->isSaved());
 }
 
-void tst_writewatch::syncConfirmsNothingWrittenAfterItBegan()
+void tst_writetracker::syncConfirmsNothingWrittenAfterItBegan()
 {
-    const int number = m_watch->beginSync();
-    m_watch->addPending(CMPath(volume), roles);
+    const int number = m_tracker->beginSync();
+    m_tracker->addPending(CMPath(volume), roles);
     info(written);
 
-    m_watch->endSync(number, QString());
+    m_tracker->endSync(number, QString());
 
-    QVERIFY(m_watch->needsFlush());
-    QVERIFY(m_watch->isSaved());
+    QVERIFY(m_tracker->needsFlush());
+    QVERIFY(m_tracker->isSaved());
 }
 
-void tst_writewatch::failedSyncMakesWrittenPathsUnsaved()
+void tst_writetracker::failedSyncMakesWrittenPathsUnsaved()
 {
-    m_watch->addPending(CMPath(volume), roles);
+    m_tracker->addPending(CMPath(volume), roles);
     info(written);
-    const int number = m_watch->beginSync();
+    const int number = m_tracker->beginSync();
     // The error may be about it as well.
-    m_watch->addPending(CMPath(QStringLiteral("/settings/audio/bass")), roles);
+    m_tracker->addPending(CMPath(QStringLiteral("/settings/audio/bass")), roles);
     info(QStringLiteral("written file: /tree/write/audio/bass"));
 
-    m_watch->endSync(number, QStringLiteral("broken"));
+    m_tracker->endSync(number, QStringLiteral("broken"));
 
-    QCOMPARE(m_watch->unsavedPaths(),
+    QCOMPARE(m_tracker->unsavedPaths(),
              QStringList({ QStringLiteral("/settings/audio/bass"), volume }));
-    QCOMPARE(m_watch->unsavedCount(), 2);
-    QCOMPARE(m_watch->lastError(), QStringLiteral("broken"));
-    QVERIFY(!m_watch->isSaved());
+    QCOMPARE(m_tracker->unsavedCount(), 2);
+    QCOMPARE(m_tracker->lastError(), QStringLiteral("broken"));
+    QVERIFY(!m_tracker->isSaved());
 }
 
-void tst_writewatch::unsavedChangesHoldTheirRoles()
+void tst_writetracker::unsavedChangesHoldTheirRoles()
 {
-    m_watch->addPending(CMPath(volume), roles);
+    m_tracker->addPending(CMPath(volume), roles);
     error(failed);
 
-    const QVector<WriteWatch::Change> changes = m_watch->unsavedChanges();
+    const QVector<WriteTracker::Change> changes = m_tracker->unsavedChanges();
 
     QCOMPARE(changes.size(), 1);
     QCOMPARE(changes.first().path, CMPath(volume));
     QVERIFY(changes.first().roles == roles);
 }
 
-void tst_writewatch::unsavedChangeThatIsPendingAgainIsLeftToTheWorker()
+void tst_writetracker::unsavedChangeThatIsPendingAgainIsLeftToTheWorker()
 {
-    m_watch->addPending(CMPath(volume), roles);
+    m_tracker->addPending(CMPath(volume), roles);
     error(failed);
 
-    m_watch->addPending(CMPath(volume), roles);
+    m_tracker->addPending(CMPath(volume), roles);
 
-    QVERIFY(m_watch->unsavedChanges().isEmpty());
-    QCOMPARE(m_watch->unsavedPaths(), QStringList(volume));
+    QVERIFY(m_tracker->unsavedChanges().isEmpty());
+    QCOMPARE(m_tracker->unsavedPaths(), QStringList(volume));
 }
 
-void tst_writewatch::unconfirmedChangesAddUp()
+void tst_writetracker::unconfirmedChangesAddUp()
 {
-    m_watch->addPending(CMPath(volume),
-                        TuloRoles(TuloHash({ { QStringLiteral("id"), QStringLiteral("A") },
-                                             { QStringLiteral("timestamp"), 4 } })));
-    m_watch->addPending(CMPath(volume), roles);
+    m_tracker->addPending(CMPath(volume),
+                          TuloRoles(TuloHash({ { QStringLiteral("id"), QStringLiteral("A") },
+                                               { QStringLiteral("timestamp"), 4 } })));
+    m_tracker->addPending(CMPath(volume), roles);
     error(failed);
 
-    QVERIFY(m_watch->unsavedChanges().first().roles
+    QVERIFY(m_tracker->unsavedChanges().first().roles
             == TuloRoles(TuloHash({ { QStringLiteral("id"), QStringLiteral("A") },
                                     { QStringLiteral("timestamp"), 5 } })));
 }
 
-void tst_writewatch::unconfirmedPathsAreCounted()
+void tst_writetracker::unconfirmedPathsAreCounted()
 {
-    m_watch->addPending(CMPath(volume), roles);
-    QCOMPARE(m_watch->unconfirmedCount(), 0);
+    m_tracker->addPending(CMPath(volume), roles);
+    QCOMPARE(m_tracker->unconfirmedCount(), 0);
     info(written);
     info(written);
-    QCOMPARE(m_watch->unconfirmedCount(), 1);
+    QCOMPARE(m_tracker->unconfirmedCount(), 1);
 
-    m_watch->endSync(m_watch->beginSync(), QString());
+    m_tracker->endSync(m_tracker->beginSync(), QString());
 
-    QCOMPARE(m_watch->unconfirmedCount(), 0);
+    QCOMPARE(m_tracker->unconfirmedCount(), 0);
 }
 
-void tst_writewatch::workersOwnSyncConfirmsNothing()
+void tst_writetracker::workersOwnSyncConfirmsNothing()
 {
-    m_watch->addPending(CMPath(volume), roles);
+    m_tracker->addPending(CMPath(volume), roles);
     info(written);
 
     info(sync);
-    QVERIFY(m_watch->needsFlush());
+    QVERIFY(m_tracker->needsFlush());
 
     error(syncFailed);
-    QCOMPARE(m_watch->lastError(), syncFailed);
-    QVERIFY(m_watch->isSaved());
+    QCOMPARE(m_tracker->lastError(), syncFailed);
+    QVERIFY(m_tracker->isSaved());
 }
 
-void tst_writewatch::longErrorIsCut()
+void tst_writetracker::longErrorIsCut()
 {
     error(QStringLiteral("Sync failed with return code1, output is: ")
           + QString(100000, QLatin1Char('x')));
 
-    QCOMPARE(m_watch->lastError().size(), WriteWatch::maximumErrorLength);
+    QCOMPARE(m_tracker->lastError().size(), WriteTracker::maximumErrorLength);
 }
 
-void tst_writewatch::revisionGrowsWithWhatIsUnsavedOnly()
+void tst_writetracker::revisionGrowsWithWhatIsUnsavedOnly()
 {
-    const int before = m_watch->revision();
-    m_watch->addPending(CMPath(volume), roles);
+    const int before = m_tracker->revision();
+    m_tracker->addPending(CMPath(volume), roles);
     info(written);
-    QCOMPARE(m_watch->revision(), before);
+    QCOMPARE(m_tracker->revision(), before);
 
     error(failed);
-    QVERIFY(m_watch->revision() > before);
+    QVERIFY(m_tracker->revision() > before);
 }
 
-void tst_writewatch::otherRecordsChangeNothing_data()
+void tst_writetracker::otherRecordsChangeNothing_data()
 {
     QTest::addColumn<QString>("record");
     QTest::newRow("other tree") << QStringLiteral("written file: /tree/write2/audio/volume");
@@ -332,21 +332,21 @@ void tst_writewatch::otherRecordsChangeNothing_data()
     QTest::newRow("empty") << QString();
 }
 
-void tst_writewatch::otherRecordsChangeNothing()
+void tst_writetracker::otherRecordsChangeNothing()
 {
     QFETCH(QString, record);
-    m_watch->addPending(CMPath(volume), roles);
+    m_tracker->addPending(CMPath(volume), roles);
 
     error(record);
 
-    QCOMPARE(m_watch->pendingPaths(), QStringList(volume));
-    QCOMPARE(m_watch->unsavedPaths(), QStringList());
-    QCOMPARE(m_watch->lastError(), QString());
+    QCOMPARE(m_tracker->pendingPaths(), QStringList(volume));
+    QCOMPARE(m_tracker->unsavedPaths(), QStringList());
+    QCOMPARE(m_tracker->lastError(), QString());
 }
 
-void tst_writewatch::treeAtTheRootIsWatched()
+void tst_writetracker::treeAtTheRootIsWatched()
 {
-    WriteWatch watch(QStringLiteral("/"), CMPath(QStringLiteral("/settings")));
+    WriteTracker watch(QStringLiteral("/"), CMPath(QStringLiteral("/settings")));
     watch.attach();
     watch.addPending(CMPath(volume), roles);
 
@@ -355,69 +355,69 @@ void tst_writewatch::treeAtTheRootIsWatched()
     QCOMPARE(watch.pendingPaths(), QStringList());
 }
 
-void tst_writewatch::changesAreSignalled()
+void tst_writetracker::changesAreSignalled()
 {
-    QSignalSpy spy(m_watch.get(), &WriteWatch::changed);
+    QSignalSpy spy(m_tracker.get(), &WriteTracker::changed);
 
-    m_watch->addPending(CMPath(volume), roles);
+    m_tracker->addPending(CMPath(volume), roles);
     info(written);
     error(failed);
-    m_watch->endSync(m_watch->beginSync(), QString());
+    m_tracker->endSync(m_tracker->beginSync(), QString());
     info(QStringLiteral("something else"));
 
     QCOMPARE(spy.count(), 4);
 }
 
-void tst_writewatch::attachingTwiceCountsOnce()
+void tst_writetracker::attachingTwiceCountsOnce()
 {
-    QSignalSpy spy(m_watch.get(), &WriteWatch::changed);
+    QSignalSpy spy(m_tracker.get(), &WriteTracker::changed);
 
-    m_watch->attach();
+    m_tracker->attach();
     info(written);
 
     QCOMPARE(spy.count(), 1);
 }
 
-void tst_writewatch::attachingLowersTheLevelToInfo()
+void tst_writetracker::attachingLowersTheLevelToInfo()
 {
     workerLogger().setLogLevel(log4cplus::ERROR_LOG_LEVEL);
-    m_watch->addPending(CMPath(volume), roles);
+    m_tracker->addPending(CMPath(volume), roles);
 
-    m_watch->attach();
+    m_tracker->attach();
     info(written);
 
     QCOMPARE(workerLogger().getLogLevel(), log4cplus::INFO_LOG_LEVEL);
-    QCOMPARE(m_watch->pendingPaths(), QStringList());
+    QCOMPARE(m_tracker->pendingPaths(), QStringList());
 }
 
-void tst_writewatch::attachingLeavesALowerLevel()
+void tst_writetracker::attachingLeavesALowerLevel()
 {
     workerLogger().setLogLevel(log4cplus::TRACE_LOG_LEVEL);
 
-    m_watch->attach();
+    m_tracker->attach();
 
     QCOMPARE(workerLogger().getLogLevel(), log4cplus::TRACE_LOG_LEVEL);
 }
 
-void tst_writewatch::recordsAfterAReconfigurationAreReadWhenAttachedAgain()
+void tst_writetracker::recordsAfterAReconfigurationAreReadWhenAttachedAgain()
 {
-    m_watch->addPending(CMPath(volume), roles);
+    m_tracker->addPending(CMPath(volume), roles);
     workerLogger().removeAllAppenders();
     workerLogger().setLogLevel(log4cplus::OFF_LOG_LEVEL);
 
-    m_watch->attach();
+    m_tracker->attach();
     info(written);
 
-    QCOMPARE(m_watch->pendingPaths(), QStringList());
+    QCOMPARE(m_tracker->pendingPaths(), QStringList());
 }
 
-void tst_writewatch::destroyedWatchIsOffTheLogger()
+void tst_writetracker::destroyedWatchIsOffTheLogger()
 {
-    m_watch.reset();
+    m_tracker.reset();
 
     QVERIFY(workerLogger().getAllAppenders().empty());
     info(written);
 }
 
-QTEST_GUILESS_MAIN(tst_writewatch)
-#include "tst_writewatch.moc"
+QTEST_GUILESS_MAIN(tst_writetracker)
+#include "tst_writetracker.moc"

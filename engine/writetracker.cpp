@@ -1,4 +1,4 @@
-#include "engine/writewatch.h"
+#include "engine/writetracker.h"
 
 #include "trees/separator.h"
 
@@ -67,13 +67,13 @@ QString failedFile(const QString& record)
 
 } // namespace
 
-/// Hands the worker's records to the watch, as long as there is one: a record may be under way on
-/// another thread when the watch is destroyed.
-class WriteWatch::Appender : public log4cplus::Appender
+/// Hands the worker's records to the tracker, as long as there is one: a record may be under way on
+/// another thread when the tracker is destroyed.
+class WriteTracker::Appender : public log4cplus::Appender
 {
 public:
-    explicit Appender(WriteWatch* watch)
-        : m_watch(watch)
+    explicit Appender(WriteTracker* tracker)
+        : m_tracker(tracker)
     {
         setThreshold(log4cplus::INFO_LOG_LEVEL);
     }
@@ -81,41 +81,41 @@ public:
     Q_DISABLE_COPY(Appender)
 
     void close() override { closed = true; }
-    /// From here on the watch is not touched any more. Waits for a record that is being read.
+    /// From here on the tracker is not touched any more. Waits for a record that is being read.
     void detach()
     {
-        const std::lock_guard<std::recursive_mutex> locker(m_watchMutex);
-        m_watch = nullptr;
+        const std::lock_guard<std::recursive_mutex> locker(m_trackerMutex);
+        m_tracker = nullptr;
     }
 
 protected:
     void append(const log4cplus::spi::InternalLoggingEvent& event) override
     {
-        const std::lock_guard<std::recursive_mutex> locker(m_watchMutex);
-        if (m_watch != nullptr)
-            m_watch->read(QString::fromStdString(event.getMessage()));
+        const std::lock_guard<std::recursive_mutex> locker(m_trackerMutex);
+        if (m_tracker != nullptr)
+            m_tracker->read(QString::fromStdString(event.getMessage()));
     }
 
 private:
     // Recursive: what is connected to changed() may log.
-    std::recursive_mutex m_watchMutex;
-    WriteWatch* m_watch;
+    std::recursive_mutex m_trackerMutex;
+    WriteTracker* m_tracker;
 };
 
-WriteWatch::WriteWatch(const QString& writePath, const CMPath& prefix)
+WriteTracker::WriteTracker(const QString& writePath, const CMPath& prefix)
     : m_writePath(writePath)
     , m_prefix(prefix.text())
     , m_appender(new Appender(this))
 {
 }
 
-WriteWatch::~WriteWatch()
+WriteTracker::~WriteTracker()
 {
     workerLogger().removeAppender(m_appender);
     static_cast<Appender&>(*m_appender).detach();
 }
 
-void WriteWatch::attach()
+void WriteTracker::attach()
 {
     log4cplus::Logger logger = workerLogger();
     // The same appender is not added twice.
@@ -128,7 +128,7 @@ void WriteWatch::attach()
 // The life of a change: pending, then written or unsaved, then confirmed or unsaved.
 // ---------------------------------------------------------------------------------------------
 
-void WriteWatch::addPending(const CMPath& path, const TuloRoles& roles)
+void WriteTracker::addPending(const CMPath& path, const TuloRoles& roles)
 {
     QMutexLocker locker(&m_mutex);
     State& state = m_changes[path.text()];
@@ -140,13 +140,13 @@ void WriteWatch::addPending(const CMPath& path, const TuloRoles& roles)
     emit changed();
 }
 
-void WriteWatch::setPending(State* state, bool isPending)
+void WriteTracker::setPending(State* state, bool isPending)
 {
     m_pendingCount += int(isPending) - int(state->isPending);
     state->isPending = isPending;
 }
 
-void WriteWatch::setUnsaved(State* state, bool isUnsaved)
+void WriteTracker::setUnsaved(State* state, bool isUnsaved)
 {
     if (state->isUnsaved == isUnsaved)
         return;
@@ -155,21 +155,21 @@ void WriteWatch::setUnsaved(State* state, bool isUnsaved)
     ++m_revision;
 }
 
-void WriteWatch::setUnconfirmed(State* state, int sync)
+void WriteTracker::setUnconfirmed(State* state, int sync)
 {
     m_unconfirmedCount += int(sync != 0) - int(state->unconfirmedBy != 0);
     state->unconfirmedBy = sync;
 }
 
 // The tree's path of a file's name; empty for a file outside the tree.
-QString WriteWatch::nodeOf(const QString& fileName) const
+QString WriteTracker::nodeOf(const QString& fileName) const
 {
     const QString name = QDir::cleanPath(fileName);
     const QString root = m_writePath.endsWith(separator) ? m_writePath : m_writePath + separator;
     return name.startsWith(root) ? m_prefix + separator + name.mid(root.size()) : QString();
 }
 
-void WriteWatch::read(const QString& record)
+void WriteTracker::read(const QString& record)
 {
     QMutexLocker locker(&m_mutex);
     if (record.startsWith(writtenText)) {
@@ -199,20 +199,20 @@ void WriteWatch::read(const QString& record)
     emit changed();
 }
 
-int WriteWatch::beginSync()
+int WriteTracker::beginSync()
 {
     const QMutexLocker locker(&m_mutex);
     m_hasWrittenSinceSync = false;
     return m_nextSync++;
 }
 
-bool WriteWatch::hasWrittenSinceSync() const
+bool WriteTracker::hasWrittenSinceSync() const
 {
     const QMutexLocker locker(&m_mutex);
     return m_hasWrittenSinceSync;
 }
 
-void WriteWatch::endSync(int number, const QString& error)
+void WriteTracker::endSync(int number, const QString& error)
 {
     QMutexLocker locker(&m_mutex);
     for (auto change = m_changes.begin(); change != m_changes.end();) {
@@ -237,7 +237,7 @@ void WriteWatch::endSync(int number, const QString& error)
     emit changed();
 }
 
-void WriteWatch::setError(const QString& error)
+void WriteTracker::setError(const QString& error)
 {
     QMutexLocker locker(&m_mutex);
     m_lastError = error.left(maximumErrorLength);
@@ -250,7 +250,7 @@ void WriteWatch::setError(const QString& error)
 // What is known.
 // ---------------------------------------------------------------------------------------------
 
-QStringList WriteWatch::pathsWhere(bool State::*flag) const
+QStringList WriteTracker::pathsWhere(bool State::*flag) const
 {
     const QMutexLocker locker(&m_mutex);
     QStringList paths;
@@ -262,17 +262,17 @@ QStringList WriteWatch::pathsWhere(bool State::*flag) const
     return paths;
 }
 
-QStringList WriteWatch::pendingPaths() const
+QStringList WriteTracker::pendingPaths() const
 {
     return pathsWhere(&State::isPending);
 }
 
-QStringList WriteWatch::unsavedPaths() const
+QStringList WriteTracker::unsavedPaths() const
 {
     return pathsWhere(&State::isUnsaved);
 }
 
-QVector<WriteWatch::Change> WriteWatch::unsavedChanges() const
+QVector<WriteTracker::Change> WriteTracker::unsavedChanges() const
 {
     const QStringList paths = unsavedPaths();
     const QMutexLocker locker(&m_mutex);
@@ -285,43 +285,43 @@ QVector<WriteWatch::Change> WriteWatch::unsavedChanges() const
     return changes;
 }
 
-int WriteWatch::pendingCount() const
+int WriteTracker::pendingCount() const
 {
     const QMutexLocker locker(&m_mutex);
     return m_pendingCount;
 }
 
-int WriteWatch::unconfirmedCount() const
+int WriteTracker::unconfirmedCount() const
 {
     const QMutexLocker locker(&m_mutex);
     return m_unconfirmedCount;
 }
 
-int WriteWatch::unsavedCount() const
+int WriteTracker::unsavedCount() const
 {
     const QMutexLocker locker(&m_mutex);
     return m_unsavedCount;
 }
 
-QString WriteWatch::lastError() const
+QString WriteTracker::lastError() const
 {
     const QMutexLocker locker(&m_mutex);
     return m_lastError;
 }
 
-int WriteWatch::revision() const
+int WriteTracker::revision() const
 {
     const QMutexLocker locker(&m_mutex);
     return m_revision;
 }
 
-bool WriteWatch::needsFlush() const
+bool WriteTracker::needsFlush() const
 {
     const QMutexLocker locker(&m_mutex);
     return !m_changes.isEmpty();
 }
 
-bool WriteWatch::isSaved() const
+bool WriteTracker::isSaved() const
 {
     const QMutexLocker locker(&m_mutex);
     return m_pendingCount == 0 && m_unsavedCount == 0;
