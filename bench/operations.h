@@ -34,7 +34,7 @@ Operation acceptChange(const std::string& store, const Shape& shape);
 Operation durableChange(const std::string& store, const Shape& shape);
 /// 1,000 changes of one setting, the last one safely on disk.
 Operation thousandChanges(const std::string& store, const Shape& shape);
-/// What the host notes of a change whose write fails, besides `unsaved` others like it.
+/// What the engine notes of a change whose write fails, besides `unsaved` others like it.
 Operation failedChange(int unsaved);
 /// A default file's text into a hash, and such a hash into a text.
 Operation parseJson();

@@ -81,21 +81,21 @@ QString Service::errorPrefix()
 // On and off the bus.
 // ---------------------------------------------------------------------------------------------
 
-Service::Service(Host& host)
-    : m_host(host)
+Service::Service(Engine& engine)
+    : m_engine(engine)
     , m_bus(QString())
 {
     registerBusTypes();
     new ConfigurationManagerAdaptor(this);
-    m_host.registry()->addObserver(this);
+    m_engine.registry()->addObserver(this);
     m_announcement.setSingleShot(true);
     m_announcement.setInterval(announcementIntervalMs);
     connect(&m_announcement, &QTimer::timeout, this, &Service::announceProperties);
     // Queued: it is emitted inside a log call of the worker.
     connect(
-        &m_host.writes(), &WriteTracker::changed, this,
+        &m_engine.writes(), &WriteTracker::changed, this,
         [this] {
-            if (!m_announcement.isActive() && m_host.writes().revision() != m_announcedRevision)
+            if (!m_announcement.isActive() && m_engine.writes().revision() != m_announcedRevision)
                 m_announcement.start();
         },
         Qt::QueuedConnection);
@@ -104,15 +104,15 @@ Service::Service(Host& host)
 Service::~Service()
 {
     withdraw();
-    if (m_host.registry() != nullptr)
-        m_host.registry()->unsubscribe(this);
+    if (m_engine.registry() != nullptr)
+        m_engine.registry()->unsubscribe(this);
 }
 
 bool Service::offer(const QDBusConnection& bus, QString* reason)
 {
     m_bus = bus;
     // Clients read the current properties when they connect, so only later changes are announced.
-    m_announcedRevision = m_host.writes().revision();
+    m_announcedRevision = m_engine.writes().revision();
     if (!m_bus.registerObject(objectPath(), this)) {
         *reason = QStringLiteral("The object '%1' is offered already").arg(objectPath());
         return false;
@@ -166,12 +166,12 @@ QString Service::version() const
 
 uint Service::pendingWrites() const
 {
-    return uint(m_host.writes().pendingCount());
+    return uint(m_engine.writes().pendingCount());
 }
 
 QStringList Service::unsavedPaths() const
 {
-    const QStringList all = m_host.writes().unsavedPaths();
+    const QStringList all = m_engine.writes().unsavedPaths();
     QStringList paths;
     int size = 0;
     for (const QString& path : all) {
@@ -185,24 +185,24 @@ QStringList Service::unsavedPaths() const
 
 QString Service::lastWriteError() const
 {
-    return m_host.writes().lastError();
+    return m_engine.writes().lastError();
 }
 
 QString Service::defaultPath() const
 {
-    return m_host.defaultPath();
+    return m_engine.defaultPath();
 }
 
 QString Service::writePath() const
 {
-    return m_host.writePath();
+    return m_engine.writePath();
 }
 
 void Service::announceProperties()
 {
     if (!m_isOffered)
         return;
-    m_announcedRevision = m_host.writes().revision();
+    m_announcedRevision = m_engine.writes().revision();
     const QVariantMap changed { { QStringLiteral("UnsavedPaths"), unsavedPaths() },
                                 { QStringLiteral("LastWriteError"), lastWriteError() } };
     QDBusMessage signal =
@@ -213,7 +213,7 @@ void Service::announceProperties()
 }
 
 // ---------------------------------------------------------------------------------------------
-// Reading. On the host's thread every reply is finished when the client's function returns.
+// Reading. On the engine's thread every reply is finished when the client's function returns.
 // ---------------------------------------------------------------------------------------------
 
 void Service::refuse(const QString& error, const QString& message)
@@ -258,7 +258,7 @@ QVariantMap Service::GetData(const QString& path, const QStringList& roles)
 {
     if (!accepted(path))
         return {};
-    const auto reply = m_host.dispatcher().getData(CMPath(path), roles);
+    const auto reply = m_engine.dispatcher().getData(CMPath(path), roles);
     if (refused(reply))
         return {};
     const QVariantList values = reply.value();
@@ -279,7 +279,8 @@ uint Service::GetRows(const QString& path, int first, int last, const QStringLis
     if (!accepted(path))
         return 0;
     CMError error;
-    const DirectoryRows answer = m_host.dispatcher().rows(CMPath(path), first, last, roles, &error);
+    const DirectoryRows answer =
+        m_engine.dispatcher().rows(CMPath(path), first, last, roles, &error);
     if (refused(error))
         return 0;
     rowsVersion = answer.version;
@@ -316,7 +317,7 @@ TuloRoles Service::settingRoles(const QString& path)
 {
     const QStringList names { TuloRoles::Value(), TuloRoles::DefaultValue(), TuloRoles::Edit() };
     for (const QString& node : { path, path.section(QLatin1Char('/'), 0, -2) }) {
-        const auto reply = m_host.dispatcher().getData(CMPath(node), names);
+        const auto reply = m_engine.dispatcher().getData(CMPath(node), names);
         if (errorKind(reply.error()) != ErrorKind::None)
             continue;
         TuloRoles roles;
@@ -353,7 +354,7 @@ QVariantMap Service::SetValue(const QString& path, const QDBusVariant& value)
     TuloValue settingValue;
     if (!accepted(path) || !acceptedValue(path, value.variant(), &settingValue))
         return {};
-    return stored(m_host.dispatcher().setValue(CMPath(path), settingValue));
+    return stored(m_engine.dispatcher().setValue(CMPath(path), settingValue));
 }
 
 QVariantMap Service::SetRoles(const QString& path, const QVariantMap& roles)
@@ -391,7 +392,7 @@ QVariantMap Service::SetRoles(const QString& path, const QVariantMap& roles)
             return {};
         }
     }
-    return stored(m_host.dispatcher().setRoles(CMPath(path), changed));
+    return stored(m_engine.dispatcher().setRoles(CMPath(path), changed));
 }
 
 QVariantMap Service::Apply(const QString& path, const QString& verb, const QVariantList& operand)
@@ -407,7 +408,7 @@ QVariantMap Service::Apply(const QString& path, const QString& verb, const QVari
     TuloValue value;
     if (!operand.isEmpty() && !acceptedValue(path, operand.first(), &value))
         return {};
-    return stored(m_host.dispatcher().apply(CMPath(path), TuloOperation(verb, value)));
+    return stored(m_engine.dispatcher().apply(CMPath(path), TuloOperation(verb, value)));
 }
 
 uint Service::Flush()
@@ -423,7 +424,7 @@ uint Service::Flush()
     }
     ++waiting;
     setDelayedReply(true);
-    m_host.flush([service = QPointer<Service>(this), call](const FlushResult& result) {
+    m_engine.flush([service = QPointer<Service>(this), call](const FlushResult& result) {
         if (service)
             service->answerFlush(call, result);
     });
@@ -443,7 +444,7 @@ void Service::answerFlush(const QDBusMessage& call, const FlushResult& result)
 void Service::DropCache()
 {
     if (message().isReplyRequired())
-        refused(m_host.dispatcher().dropCache());
+        refused(m_engine.dispatcher().dropCache());
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -452,7 +453,7 @@ void Service::DropCache()
 
 bool Service::isEncrypted(const CMPath& path)
 {
-    const auto reply = m_host.dispatcher().getData(path, { TuloRoles::Encrypted() });
+    const auto reply = m_engine.dispatcher().getData(path, { TuloRoles::Encrypted() });
     // If we cannot tell, treat the value as encrypted.
     return errorKind(reply.error()) != ErrorKind::None || reply.value().value(0).toBool();
 }

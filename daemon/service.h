@@ -1,7 +1,7 @@
 #pragma once
 
 #include "daemon/busvalue.h"
-#include "engine/host.h"
+#include "engine/engine.h"
 
 #include <QDBusConnection>
 #include <QDBusContext>
@@ -15,10 +15,10 @@
 
 namespace tulo {
 
-/// Offers a host's settings on D-Bus. The interface, its methods, signals and errors are
+/// Offers an engine's settings on D-Bus. The interface, its methods, signals and errors are
 /// described in org.tulo.ConfigurationManager1.xml; the names below are theirs.
 ///
-/// Lives on the host's thread and serves every call there, in the order of arrival, so one
+/// Lives on the engine's thread and serves every call there, in the order of arrival, so one
 /// request of all clients is under way at a time. Only flushes wait, and hold up others no
 /// longer than the pending files take to write; a client has at most maximumWaiting of them.
 /// Invalid values are rejected before they reach the worker; what the worker announces goes out
@@ -53,8 +53,8 @@ public:
     /// The name of an error on the bus, from its last part: "InvalidPath".
     static QString errorPrefix();
 
-    /// `host` outlives the service.
-    explicit Service(Host& host);
+    /// `engine` outlives the service.
+    explicit Service(Engine& engine);
     /// Withdraws.
     ~Service() override;
 
@@ -109,7 +109,7 @@ private:
     void answerFlush(const QDBusMessage& call, const FlushResult& result);
     void announceProperties();
 
-    Host& m_host;
+    Engine& m_engine;
     QDBusConnection m_bus;
     bool m_isOffered = false;
     QHash<QString, int> m_waitingFlushes; ///< by client

@@ -17,7 +17,7 @@ namespace {
 
 CMError stoppedError()
 {
-    return hostError(ErrorKind::Stopped, QStringLiteral("The host has stopped"));
+    return engineError(ErrorKind::Stopped, QStringLiteral("The host has stopped"));
 }
 
 // The path under which the worker announces a change.
@@ -93,8 +93,8 @@ void Dispatcher::wait(const CMVoidReply& reply, int milliseconds)
 {
     if (reply.data()->waitForFinished(static_cast<unsigned long>(milliseconds)))
         return;
-    reply.setError(
-        hostError(ErrorKind::TimedOut, QStringLiteral("No answer within %1 ms").arg(milliseconds)));
+    reply.setError(engineError(ErrorKind::TimedOut,
+                               QStringLiteral("No answer within %1 ms").arg(milliseconds)));
 }
 
 DirectoryRows Dispatcher::rowsOf(const TuloRowsRoles& answer, const QStringList& roles)

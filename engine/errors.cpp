@@ -46,7 +46,7 @@ ErrorKind errorKind(const CMError& error)
     return entry == namedKinds.cend() ? ErrorKind::Other : entry->kind;
 }
 
-CMError hostError(ErrorKind kind, const QString& message)
+CMError engineError(ErrorKind kind, const QString& message)
 {
     return CMError(errorName(kind), TrString(message));
 }

@@ -6,7 +6,7 @@
 
 namespace tulo {
 
-/// Why a request was not served. The host's own errors carry the kind's name; every other error
+/// Why a request was not served. The engine's own errors carry the kind's name; every other error
 /// of a worker is Other.
 enum class ErrorKind {
     None, ///< no error
@@ -16,9 +16,9 @@ enum class ErrorKind {
     Unavailable, ///< the setting's files cannot be read at this moment
     NotModifiable, ///< a change to a read-only setting
     Limits, ///< too long, too deep or too many
-    InUse, ///< a change by a host that does not own the writable tree
+    InUse, ///< a change by an engine that does not own the writable tree
     TimedOut, ///< no answer in time; what became of the request is not known
-    Stopped, ///< the host has stopped, the worker was not asked
+    Stopped, ///< the engine has stopped, the worker was not asked
     Other ///< the worker's own answer
 };
 
@@ -26,7 +26,7 @@ enum class ErrorKind {
 QString errorName(ErrorKind kind);
 /// The kind of a reply's error.
 ErrorKind errorKind(const CMError& error);
-/// An error of the host: `message` is one line, final and untranslated.
-CMError hostError(ErrorKind kind, const QString& message);
+/// An error of the engine: `message` is one line, final and untranslated.
+CMError engineError(ErrorKind kind, const QString& message);
 
 } // namespace tulo

@@ -36,13 +36,13 @@ QString shown(const CMPath& path)
 
 CMError refusal(const QString& reason, const CMPath& path, ErrorKind kind = ErrorKind::Refused)
 {
-    return hostError(kind, reason.arg(shown(path)));
+    return engineError(kind, reason.arg(shown(path)));
 }
 
 // The same for a limit: the path is %1, the limit %2.
 CMError overLimit(const QString& reason, const CMPath& path, int limit)
 {
-    return hostError(ErrorKind::Limits, reason.arg(shown(path), QString::number(limit)));
+    return engineError(ErrorKind::Limits, reason.arg(shown(path), QString::number(limit)));
 }
 
 bool isRefused(const CMError& error)
@@ -176,7 +176,7 @@ CMError judgeRoles(const CMPath& path, const QStringList& roles)
 
 CMError rejection(const CMPath& path, const QString& reason)
 {
-    return hostError(
+    return engineError(
         ErrorKind::Rejected,
         QStringLiteral("The value for '%1' was rejected: %2").arg(shown(path), reason));
 }
@@ -220,7 +220,7 @@ CMError Guard::judgePath(const CMPath& path)
 {
     const QString& text = path.text();
     if (text.isEmpty())
-        return hostError(ErrorKind::Refused, QStringLiteral("The path is empty"));
+        return engineError(ErrorKind::Refused, QStringLiteral("The path is empty"));
     if (!text.isValidUtf16())
         return refusal(QStringLiteral("Path '%1' is not valid Unicode"), path);
     if (std::any_of(text.cbegin(), text.cend(), isControl))
@@ -309,7 +309,7 @@ CMError Guard::judgeFiles(const CMPath& path)
     if (!isServed(path))
         return CMError();
     const QString reason = m_files.inspect(settingPathOf(path));
-    return reason.isEmpty() ? CMError() : hostError(ErrorKind::Unavailable, reason);
+    return reason.isEmpty() ? CMError() : engineError(ErrorKind::Unavailable, reason);
 }
 
 CMError Guard::judgeRows(const CMGetRowsRequest& request)
@@ -329,7 +329,7 @@ CMError Guard::judgeRows(const CMGetRowsRequest& request)
     // Neither would the worker ever forget that it could not list one.
     const QString reason = m_files.inspectListing(settingPath);
     if (!reason.isEmpty())
-        return hostError(ErrorKind::Unavailable, reason);
+        return engineError(ErrorKind::Unavailable, reason);
     return judgeFiles(path);
 }
 
@@ -353,7 +353,7 @@ CMRequest Guard::admitSetData(const CMSetDataRequest& request, CMError* error,
     TuloRoles setting;
     bool isNew = false;
     if (!m_readOnlyMessage.isEmpty())
-        *error = hostError(ErrorKind::InUse, m_readOnlyMessage);
+        *error = engineError(ErrorKind::InUse, m_readOnlyMessage);
     if (!isRefused(*error))
         *error = judgeTarget(path, &setting, &isNew);
     if (!isRefused(*error))
@@ -481,7 +481,7 @@ CMError Guard::judgePlace(const CMPath& path, const QString& settingPath)
     if (isRefused(error))
         return error;
     const QString reason = m_files.inspectAgain(settingPath);
-    return reason.isEmpty() ? CMError() : hostError(ErrorKind::Unavailable, reason);
+    return reason.isEmpty() ? CMError() : engineError(ErrorKind::Unavailable, reason);
 }
 
 CMError Guard::judgeNewSetting(const CMPath& path, const QString& settingPath, TuloRoles* setting)

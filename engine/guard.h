@@ -19,7 +19,7 @@ namespace tulo {
 ///
 /// The worker passes paths to the file system as they come, remembers every directory it was
 /// ever asked for, and ends the process on a negative row index. That is right for a part that
-/// is driven by a host, and wrong for the clients of that host. So every request passes here
+/// is driven by an engine, and wrong for the clients of that engine. So every request passes here
 /// first, whichever way it came in, and gets one reason when it is refused.
 ///
 /// Promises about whatever it admits:

@@ -20,7 +20,7 @@ namespace tulo {
 /// A change is pending from its acceptance to the record about its file. Then it is either
 /// unsaved, when the write failed, or written and not yet confirmed, until a sync of the tree's
 /// file system tells: what that sync could not confirm is unsaved, too. The worker drops a write
-/// that failed, so what was changed and is not confirmed is kept here, for Host::flush() to store
+/// that failed, so what was changed and is not confirmed is kept here, for Engine::flush() to store
 /// it again.
 ///
 /// Needs the worker's INFO records. attach() sees to that; a log configuration shows fewer

@@ -46,23 +46,23 @@ Failure failureOf(const CMVoidReply& reply, const QString& path)
     return failureOf(reply.error(), path);
 }
 
-int exitCodeOf(HostFailure::Kind kind)
+int exitCodeOf(EngineFailure::Kind kind)
 {
-    return kind == HostFailure::Kind::Usage ? Usage : Unavailable;
+    return kind == EngineFailure::Kind::Usage ? Usage : Unavailable;
 }
 
-QString nameOf(HostFailure::Kind kind)
+QString nameOf(EngineFailure::Kind kind)
 {
     switch (kind) {
-    case HostFailure::Kind::None:
+    case EngineFailure::Kind::None:
         break;
-    case HostFailure::Kind::Usage:
+    case EngineFailure::Kind::Usage:
         return QStringLiteral("Usage");
-    case HostFailure::Kind::NoPlugin:
+    case EngineFailure::Kind::NoPlugin:
         return QStringLiteral("NoPlugin");
-    case HostFailure::Kind::NoAccess:
+    case EngineFailure::Kind::NoAccess:
         return QStringLiteral("NoAccess");
-    case HostFailure::Kind::InUse:
+    case EngineFailure::Kind::InUse:
         return errorName(ErrorKind::InUse);
     }
     return QString();
@@ -104,39 +104,39 @@ Answer<QVariantHash> changed(const CMSetDataRequest::Reply& reply, const QString
 
 } // namespace
 
-std::unique_ptr<LocalSession> LocalSession::open(const HostOptions& options, Access access,
+std::unique_ptr<LocalSession> LocalSession::open(const EngineOptions& options, Access access,
                                                  Failure* failure)
 {
-    HostOptions hostOptions = options;
-    hostOptions.access =
-        access == Access::Read ? HostOptions::Access::Read : HostOptions::Access::Own;
-    HostFailure reason;
+    EngineOptions engineOptions = options;
+    engineOptions.access =
+        access == Access::Read ? EngineOptions::Access::Read : EngineOptions::Access::Own;
+    EngineFailure reason;
     QString readOnlyReason;
-    std::unique_ptr<Host> host = Host::open(hostOptions, &reason);
+    std::unique_ptr<Engine> engine = Engine::open(engineOptions, &reason);
 
     const bool mayRead =
-        reason.kind == HostFailure::Kind::InUse || reason.kind == HostFailure::Kind::NoAccess;
-    if (!host && access == Access::OwnIfPossible && mayRead) {
+        reason.kind == EngineFailure::Kind::InUse || reason.kind == EngineFailure::Kind::NoAccess;
+    if (!engine && access == Access::OwnIfPossible && mayRead) {
         readOnlyReason = reason.message;
-        hostOptions.access = HostOptions::Access::Read;
-        host = Host::open(hostOptions, &reason);
+        engineOptions.access = EngineOptions::Access::Read;
+        engine = Engine::open(engineOptions, &reason);
     }
-    if (!host) {
+    if (!engine) {
         *failure = { exitCodeOf(reason.kind), nameOf(reason.kind), reason.message, QString() };
         return nullptr;
     }
-    return std::unique_ptr<LocalSession>(new LocalSession(std::move(host), readOnlyReason));
+    return std::unique_ptr<LocalSession>(new LocalSession(std::move(engine), readOnlyReason));
 }
 
-LocalSession::LocalSession(std::unique_ptr<Host> host, const QString& readOnlyReason)
-    : m_host(std::move(host))
+LocalSession::LocalSession(std::unique_ptr<Engine> engine, const QString& readOnlyReason)
+    : m_engine(std::move(engine))
     , m_readOnlyReason(readOnlyReason)
 {
 }
 
 LocalSession::~LocalSession()
 {
-    m_host->registry()->unsubscribe(this);
+    m_engine->registry()->unsubscribe(this);
 }
 
 QString LocalSession::readOnlyReason() const
@@ -146,22 +146,22 @@ QString LocalSession::readOnlyReason() const
 
 std::optional<qint64> LocalSession::otherOwner() const
 {
-    return m_host->otherOwner();
+    return m_engine->otherOwner();
 }
 
 int LocalSession::catalogueCount() const
 {
-    return m_host->catalogueCount();
+    return m_engine->catalogueCount();
 }
 
 Answer<TreeDirectories> LocalSession::directories()
 {
-    return { { m_host->defaultPath(), m_host->writePath() }, {} };
+    return { { m_engine->defaultPath(), m_engine->writePath() }, {} };
 }
 
 Answer<QVariantHash> LocalSession::getData(const QString& path, const QStringList& roles)
 {
-    const CMGetDataRequest::Reply reply = m_host->dispatcher().getData(CMPath(path), roles);
+    const CMGetDataRequest::Reply reply = m_engine->dispatcher().getData(CMPath(path), roles);
     const Failure failure = failureOf(reply, path);
     if (failure)
         return { {}, failure };
@@ -172,7 +172,8 @@ Answer<RowPage> LocalSession::getRows(const QString& path, int first, int last,
                                       const QStringList& roles)
 {
     CMError error;
-    const DirectoryRows rows = m_host->dispatcher().rows(CMPath(path), first, last, roles, &error);
+    const DirectoryRows rows =
+        m_engine->dispatcher().rows(CMPath(path), first, last, roles, &error);
     const Failure failure = failureOf(error, path);
     if (failure)
         return { {}, failure };
@@ -187,37 +188,37 @@ Answer<RowPage> LocalSession::getRows(const QString& path, int first, int last,
 
 Answer<QVariantHash> LocalSession::setValue(const QString& path, const TuloValue& value)
 {
-    return changed(m_host->dispatcher().setValue(CMPath(path), value), path);
+    return changed(m_engine->dispatcher().setValue(CMPath(path), value), path);
 }
 
 Answer<QVariantHash> LocalSession::setRoles(const QString& path, const QVariantHash& roles)
 {
-    return changed(m_host->dispatcher().setRoles(CMPath(path), TuloRoles(TuloHash(roles))), path);
+    return changed(m_engine->dispatcher().setRoles(CMPath(path), TuloRoles(TuloHash(roles))), path);
 }
 
 Answer<QVariantHash> LocalSession::apply(const QString& path, const QString& verb,
                                          const TuloValue& operand)
 {
-    return changed(m_host->dispatcher().apply(CMPath(path), TuloOperation(verb, operand)), path);
+    return changed(m_engine->dispatcher().apply(CMPath(path), TuloOperation(verb, operand)), path);
 }
 
 Failure LocalSession::flush()
 {
-    const FlushResult result = m_host->flushNow();
+    const FlushResult result = m_engine->flushNow();
     if (!result.error.isEmpty())
-        return notSaved(m_host->writes().unsavedPaths(), result.error);
+        return notSaved(m_engine->writes().unsavedPaths(), result.error);
     return saved();
 }
 
 Failure LocalSession::dropCache()
 {
-    return failureOf(m_host->dispatcher().dropCache(), TuloSettingsActionsDropCache().text());
+    return failureOf(m_engine->dispatcher().dropCache(), TuloSettingsActionsDropCache().text());
 }
 
 Failure LocalSession::settle(bool)
 {
     // Without a change there is nothing to write, and another owner may be using the tree.
-    if (m_host->writes().needsFlush()) {
+    if (m_engine->writes().needsFlush()) {
         Failure failure = flush();
         if (failure)
             return failure;
@@ -227,7 +228,7 @@ Failure LocalSession::settle(bool)
 
 Failure LocalSession::saved() const
 {
-    const WriteTracker& writes = m_host->writes();
+    const WriteTracker& writes = m_engine->writes();
     if (writes.isSaved())
         return {};
     return notSaved(writes.unsavedPaths(), writes.lastError());
@@ -242,9 +243,9 @@ Failure LocalSession::watch(const QString& path)
         return failure;
     if (!m_subscribed.contains(path)) {
         m_subscribed.insert(path);
-        m_host->registry()->subscribeValue(node, this);
-        m_host->registry()->subscribeData(node, this);
-        m_host->registry()->subscribeRows(node, this);
+        m_engine->registry()->subscribeValue(node, this);
+        m_engine->registry()->subscribeData(node, this);
+        m_engine->registry()->subscribeRows(node, this);
     }
     m_watched.insert(path);
     return {};

@@ -2,7 +2,7 @@
 
 #include "session.h"
 
-#include "engine/host.h"
+#include "engine/engine.h"
 
 #include "api/core/model/cmsubscribe.h"
 
@@ -23,7 +23,7 @@ public:
     /// Access::OwnIfPossible a tree that another process owns is opened for reading, and
     /// readOnlyReason() tells why.
     enum class Access { Read, Own, OwnIfPossible };
-    static std::unique_ptr<LocalSession> open(const HostOptions& options, Access access,
+    static std::unique_ptr<LocalSession> open(const EngineOptions& options, Access access,
                                               Failure* failure);
     ~LocalSession() override;
     Q_DISABLE_COPY(LocalSession)
@@ -52,7 +52,7 @@ public:
     void unwatch(const QString& path) override;
 
 private:
-    LocalSession(std::unique_ptr<Host> host, const QString& readOnlyReason);
+    LocalSession(std::unique_ptr<Engine> engine, const QString& readOnlyReason);
 
     Failure saved() const;
 
@@ -60,7 +60,7 @@ private:
     void dataChanged(const CMPath& path) override;
     void rowsChanged(const CMPath& path, const QString& command, int version) override;
 
-    const std::unique_ptr<Host> m_host;
+    const std::unique_ptr<Engine> m_engine;
     const QString m_readOnlyReason;
     QSet<QString> m_subscribed; ///< grows only: the registry delivers twice to who asks twice
     QSet<QString> m_watched;

@@ -126,8 +126,8 @@ Failure judgeOptions(const Arguments& arguments, TreeDirectories* trees)
         return failure;
     const bool isBuiltIn = !arguments.isSet(defaultPathOption);
     trees->defaultPath =
-        isBuiltIn ? Host::builtInDefaultPath() : arguments.value(defaultPathOption);
-    trees->writePath = isBuiltIn ? Host::builtInWritePath() : arguments.value(writePathOption);
+        isBuiltIn ? Engine::builtInDefaultPath() : arguments.value(defaultPathOption);
+    trees->writePath = isBuiltIn ? Engine::builtInWritePath() : arguments.value(writePathOption);
     for (const QString& directory : { trees->defaultPath, trees->writePath }) {
         failure = judgeDirectory(directory);
         if (failure)
@@ -148,9 +148,9 @@ QString pluginFile(const Arguments& arguments)
 // Running the command.
 // ---------------------------------------------------------------------------------------------
 
-HostOptions hostOptions(const Arguments& arguments, const TreeDirectories& trees)
+EngineOptions engineOptions(const Arguments& arguments, const TreeDirectories& trees)
 {
-    HostOptions options;
+    EngineOptions options;
     options.pluginFile = pluginFile(arguments);
     options.defaultPath = trees.defaultPath;
     options.writePath = trees.writePath;
@@ -166,7 +166,7 @@ Failure startLogging(const Arguments& arguments)
                             arguments.value(QStringLiteral("log-config")));
 }
 
-std::unique_ptr<LocalSession> openLocal(const HostOptions& options, const Arguments& arguments,
+std::unique_ptr<LocalSession> openLocal(const EngineOptions& options, const Arguments& arguments,
                                         Output& output, Failure* failure)
 {
     const Command& command = *arguments.command;
@@ -210,7 +210,7 @@ int runOnSession(Session& session, BusSession* service, const Arguments& argumen
     return firstFailure(exitCode, failure.exitCode);
 }
 
-int runInOwnProcess(const HostOptions& options, const Arguments& arguments, Output& output)
+int runInOwnProcess(const EngineOptions& options, const Arguments& arguments, Output& output)
 {
     const Command& command = *arguments.command;
     // Read-only commands need no signal handling.
@@ -289,7 +289,7 @@ int runCommand(const Arguments& arguments, Output& output)
         return runOnService(arguments, output);
     if (command.needs == Command::Needs::Files)
         return command.run(context, arguments);
-    const HostOptions options = hostOptions(arguments, context.trees);
+    const EngineOptions options = engineOptions(arguments, context.trees);
     if (isServing(arguments)) {
         return serve({ options, busName(arguments),
                        [&arguments] {

@@ -27,10 +27,10 @@ int report(Output& output, int exitCode, const QString& name, const QString& mes
 }
 
 // Prints what is wrong in the trees; fails when they cannot be served.
-int judgeTrees(const Host& host, Output& output)
+int judgeTrees(const Engine& engine, Output& output)
 {
     int exitCode = Done;
-    const QVector<TreeFinding> findings = inspectTrees(host.defaultPath(), host.writePath());
+    const QVector<TreeFinding> findings = inspectTrees(engine.defaultPath(), engine.writePath());
     for (const TreeFinding& finding : findings) {
         const QString text = finding.file + QStringLiteral(": ") + finding.message;
         if (finding.effect != TreeFinding::Effect::StopsStart) {
@@ -48,13 +48,13 @@ int judgeTrees(const Host& host, Output& output)
 }
 
 // Takes the log configuration as it is now; one that cannot be read changes nothing.
-void reloadLogging(const ServeOptions& options, Host& host, Output& output)
+void reloadLogging(const ServeOptions& options, Engine& engine, Output& output)
 {
     const Failure failure = options.configureLogging();
     if (failure)
         output.failure(failure);
     // The configuration may have dropped it.
-    host.writes().attach();
+    engine.writes().attach();
 }
 
 /// As long as it lives, SIGTERM and SIGINT end the process at once, also one that came before.
@@ -99,15 +99,15 @@ bool offer(Service& service, const QString& busName, QString* reason)
 // Serves until a signal comes, or the bus is gone for good: one that only closed this connection
 // (as it does to clients that send too much) has the service back at once. Returns whether there is
 // a bus.
-bool serveOnBus(Service& service, Host& host, const QString& busName, Output& output)
+bool serveOnBus(Service& service, Engine& engine, const QString& busName, Output& output)
 {
     while (!Interrupts::requested()) {
         serveEvents(-1, [&service] { return !service.isConnected(); });
         if (Interrupts::requested())
             break;
         // Before anything that may take long; what fails is in the properties and the log.
-        if (host.writes().needsFlush())
-            (void)host.flushNow();
+        if (engine.writes().needsFlush())
+            (void)engine.flushNow();
         service.withdraw();
         QString reason;
         if (!offer(service, busName, &reason)) {
@@ -127,38 +127,39 @@ int serve(const ServeOptions& options, Output& output)
     // Before anything is opened, so that no signal finds a half-made service.
     Interrupts interrupts;
     interrupts.catchHangUp();
-    HostOptions hostOptions = options.host;
-    hostOptions.access = HostOptions::Access::Own;
-    HostFailure failure;
-    const std::unique_ptr<Host> host = Host::open(hostOptions, &failure);
-    if (!host) {
-        return report(output, failure.kind == HostFailure::Kind::Usage ? Usage : Unavailable,
+    EngineOptions engineOptions = options.engine;
+    engineOptions.access = EngineOptions::Access::Own;
+    EngineFailure failure;
+    const std::unique_ptr<Engine> engine = Engine::open(engineOptions, &failure);
+    if (!engine) {
+        return report(output, failure.kind == EngineFailure::Kind::Usage ? Usage : Unavailable,
                       QStringLiteral("NotStarted"), failure.message);
     }
     // As the tree's owner, but before anything is read or served.
-    const int judged = judgeTrees(*host, output);
+    const int judged = judgeTrees(*engine, output);
     if (judged != Done)
         return judged;
     QObject::connect(&interrupts, &Interrupts::hangUp, &interrupts,
-                     [&options, &host, &output] { reloadLogging(options, *host, output); });
+                     [&options, &engine, &output] { reloadLogging(options, *engine, output); });
 
-    Service service(*host);
+    Service service(*engine);
     QString reason;
     if (!offer(service, options.bus, &reason))
         return report(output, Unavailable, QStringLiteral("NoBus"), reason);
     output.note(QStringLiteral("serving '%1' over '%2'; process %3")
-                    .arg(host->writePath(), host->defaultPath(),
+                    .arg(engine->writePath(), engine->defaultPath(),
                          QString::number(QCoreApplication::applicationPid())));
     sd_notify(0, "READY=1");
-    const bool hasBus = serveOnBus(service, *host, options.bus, output);
+    const bool hasBus = serveOnBus(service, *engine, options.bus, output);
     sd_notify(0, "STOPPING=1");
 
     // Written first, so that a bus that hangs costs no change; this also answers the flushes that
     // wait.
-    const bool isSaved = host->stop();
+    const bool isSaved = engine->stop();
     service.withdraw();
     if (!isSaved) {
-        const Failure unsaved = notSaved(host->writes().unsavedPaths(), host->writes().lastError());
+        const Failure unsaved =
+            notSaved(engine->writes().unsavedPaths(), engine->writes().lastError());
         output.failure(unsaved);
         return unsaved.exitCode;
     }

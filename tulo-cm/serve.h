@@ -3,7 +3,7 @@
 #include "output.h"
 #include "session.h"
 
-#include "engine/host.h"
+#include "engine/engine.h"
 
 #include <QString>
 
@@ -11,10 +11,10 @@
 
 namespace tulo {
 
-/// What `serve` needs to know beside the host's own options.
+/// What `serve` needs to know beside the engine's own options.
 struct ServeOptions
 {
-    HostOptions host;
+    EngineOptions engine;
     QString bus; ///< "system", "session" or an address
     /// Reads the log configuration again.
     std::function<Failure()> configureLogging;

@@ -5,7 +5,7 @@
 // the test wants (failing_disk). The moments are drawn at random among all writes of some rounds of
 // changes and flushes, with a fixed seed: 12, in full 110.
 
-#include "engine/host.h"
+#include "engine/engine.h"
 
 #include "api/core/tulojson.h"
 
@@ -243,14 +243,14 @@ Outcome outcomeOf(const QString& mountOptions, const std::optional<Moment>& mome
     }
     QMap<QString, int> answered;
     {
-        HostOptions options;
+        EngineOptions options;
         options.pluginFile = QStringLiteral(TULO_PLUGIN_FILE);
         options.defaultPath = tree.defaultPath();
         options.writePath = disk.directory();
-        options.access = HostOptions::Access::Own;
-        HostFailure failure;
-        const std::unique_ptr<Host> host = Host::open(options, &failure);
-        if (!host) {
+        options.access = EngineOptions::Access::Own;
+        EngineFailure failure;
+        const std::unique_ptr<Engine> engine = Engine::open(options, &failure);
+        if (!engine) {
             outcome.trouble = failure.message;
             return outcome;
         }
@@ -270,17 +270,17 @@ Outcome outcomeOf(const QString& mountOptions, const std::optional<Moment>& mome
         for (int round = 1; round <= rounds && roundsLeft > 0; ++round, --roundsLeft) {
             const QStringList settings = settingsOf(round);
             for (const QString& setting : settings) {
-                const auto reply = host->dispatcher().setValue(
+                const auto reply = engine->dispatcher().setValue(
                     CMPath(QLatin1String("/settings") + setting), valueOf(setting, round));
                 if (reply.error().name().isEmpty())
                     accepted.insert(setting, round);
             }
-            const FlushResult result = host->flushNow();
+            const FlushResult result = engine->flushNow();
             note(result.error.isEmpty() && result.unsaved == 0);
             if (outcome.notSaved == 1 && roundsLeft > roundsAfterFailure)
                 roundsLeft = roundsAfterFailure + 1;
         }
-        note(host->stop());
+        note(engine->stop());
         outcome.writes = disk.writes() - writesBefore;
     }
     disk.unmount();

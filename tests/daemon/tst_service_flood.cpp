@@ -1,6 +1,6 @@
 #include "tests/daemon/servicefixture.h"
 
-#include "engine/host.h"
+#include "engine/engine.h"
 
 #include "tests/support/logcapture.h"
 #include "tests/support/repeats.h"
@@ -87,22 +87,22 @@ class TstServiceFlood : public QObject
     Q_OBJECT
 
 private slots:
-    void badRequestsCostTheHostNothing();
+    void badRequestsCostTheEngineNothing();
     void badRequestsCostTheServiceNothing();
 };
 
-void TstServiceFlood::badRequestsCostTheHostNothing()
+void TstServiceFlood::badRequestsCostTheEngineNothing()
 {
     const LogCapture log(log4cplus::WARN_LOG_LEVEL);
     const CommandLine trees;
-    HostOptions options;
+    EngineOptions options;
     options.pluginFile = QStringLiteral(TULO_PLUGIN_FILE);
     options.defaultPath = trees.tree.defaultPath();
     options.writePath = trees.tree.writePath();
-    options.access = HostOptions::Access::Own;
-    HostFailure failure;
-    const std::unique_ptr<Host> host = Host::open(options, &failure);
-    QVERIFY2(host != nullptr, qPrintable(failure.message));
+    options.access = EngineOptions::Access::Own;
+    EngineFailure failure;
+    const std::unique_ptr<Engine> engine = Engine::open(options, &failure);
+    QVERIFY2(engine != nullptr, qPrintable(failure.message));
     const QStringList roles { TuloRoles::Value() };
     const TuloValue value = TuloValue::of(TuloValue::Int(), 1);
     int answered = 0;
@@ -111,13 +111,13 @@ void TstServiceFlood::badRequestsCostTheHostNothing()
         CMError error;
         switch (kindOf(number, round)) {
         case 0:
-            error = host->dispatcher().getData(path, roles).error();
+            error = engine->dispatcher().getData(path, roles).error();
             break;
         case 1:
-            error = host->dispatcher().getRows(path, 0, 100, roles).error();
+            error = engine->dispatcher().getRows(path, 0, 100, roles).error();
             break;
         default:
-            error = host->dispatcher().setValue(path, value).error();
+            error = engine->dispatcher().setValue(path, value).error();
             break;
         }
         answered += errorKind(error) == ErrorKind::None ? 0 : 1;
@@ -136,7 +136,7 @@ void TstServiceFlood::badRequestsCostTheHostNothing()
     const qint64 growth = allocatedBytes() - before;
     QCOMPARE(answered, rounds * pathCount);
     QVERIFY2(growth < allowedGrowth, qPrintable(QStringLiteral("%1 bytes").arg(growth)));
-    QVERIFY(host->stop());
+    QVERIFY(engine->stop());
     log.verifyNothingUnexpected();
 }
 

@@ -3,7 +3,7 @@
 #include "engine/router.h"
 
 #include "api/core/model/tulosettingsactions.h"
-#include "tests/engine/hostfixture.h"
+#include "tests/engine/enginefixture.h"
 #include "tests/support/replywaiter.h"
 
 #include <QTest>

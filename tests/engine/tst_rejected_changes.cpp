@@ -1,4 +1,4 @@
-#include "engine/host.h"
+#include "engine/engine.h"
 
 #include "api/core/model/cmoperation.h"
 #include "api/core/tulojson.h"
@@ -35,7 +35,7 @@ const QStringList settings {
 };
 
 /// Everything that a change could touch, as text.
-QStringList traceOf(Host& host, const TemporaryTree& tree, const RegistryObserver& observer)
+QStringList traceOf(Engine& engine, const TemporaryTree& tree, const RegistryObserver& observer)
 {
     QStringList trace;
     const QStringList entries = tree.writtenEntries();
@@ -45,7 +45,7 @@ QStringList traceOf(Host& host, const TemporaryTree& tree, const RegistryObserve
                      + (isDirectory ? QString() : QString::fromUtf8(tree.readWritten(entry))));
     }
     for (const QString& setting : settings) {
-        const auto reply = host.dispatcher().getData(
+        const auto reply = engine.dispatcher().getData(
             CMPath(setting), { TuloRoles::Value(), TuloRoles::Timestamp(), TuloRoles::Id() });
         trace.append(setting + QLatin1Char(' ') + errorText(reply));
         if (errorText(reply).isEmpty())
@@ -53,9 +53,9 @@ QStringList traceOf(Host& host, const TemporaryTree& tree, const RegistryObserve
     }
     for (const char* directory : { "/settings", "/settings/audio", "/settings/list" }) {
         const CMPath path(QString::fromLatin1(directory));
-        trace.append(QString::number(host.registry()->rowsVersion(path)));
+        trace.append(QString::number(engine.registry()->rowsVersion(path)));
     }
-    return trace + observer.texts() + host.writes().pendingPaths();
+    return trace + observer.texts() + engine.writes().pendingPaths();
 }
 
 } // namespace
@@ -152,28 +152,28 @@ void tst_rejected_changes::rejectedChangesLeaveNoTrace()
 {
     int accepted = 0;
     QMap<ErrorKind, int> failures;
-    HostOptions options;
+    EngineOptions options;
     options.pluginFile = QStringLiteral(TULO_PLUGIN_FILE);
     options.defaultPath = m_tree->defaultPath();
     options.writePath = m_tree->writePath();
-    options.access = HostOptions::Access::Own;
+    options.access = EngineOptions::Access::Own;
     const int sequences = repeats(60, 300);
     for (int sequence = 0; sequence < sequences; ++sequence) {
         m_random.seed(unsigned(sequence));
-        HostFailure failure;
-        const std::unique_ptr<Host> host = Host::open(options, &failure);
-        QVERIFY2(host != nullptr, qPrintable(failure.message));
-        RegistryObserver observer(host->registry());
+        EngineFailure failure;
+        const std::unique_ptr<Engine> engine = Engine::open(options, &failure);
+        QVERIFY2(engine != nullptr, qPrintable(failure.message));
+        RegistryObserver observer(engine->registry());
         observer.observe();
         for (int step = 0; step < stepsOfASequence; ++step) {
             const CMPath path(settings.at(pick(settings.size())));
             if (pick(8) == 0)
-                QCOMPARE(host->flushNow().error, QString());
+                QCOMPARE(engine->flushNow().error, QString());
             if (pick(8) == 0)
-                QCOMPARE(errorText(host->dispatcher().dropCache()), QString());
-            const QStringList before = traceOf(*host, *m_tree, observer);
+                QCOMPARE(errorText(engine->dispatcher().dropCache()), QString());
+            const QStringList before = traceOf(*engine, *m_tree, observer);
 
-            const CMReply<QVariant> reply = change(host->dispatcher(), path);
+            const CMReply<QVariant> reply = change(engine->dispatcher(), path);
 
             const ErrorKind kind = errorKind(reply.error());
             if (kind == ErrorKind::None) {
@@ -184,9 +184,9 @@ void tst_rejected_changes::rejectedChangesLeaveNoTrace()
             const QString what =
                 QStringLiteral("sequence %1, step %2: %3")
                     .arg(QString::number(sequence), QString::number(step), errorText(reply));
-            QVERIFY2(traceOf(*host, *m_tree, observer) == before, qPrintable(what));
+            QVERIFY2(traceOf(*engine, *m_tree, observer) == before, qPrintable(what));
         }
-        QVERIFY(host->stop());
+        QVERIFY(engine->stop());
     }
     // Each way out was taken often.
     QVERIFY(accepted > sequences);

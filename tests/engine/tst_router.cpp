@@ -1,7 +1,7 @@
 #include "engine/errors.h"
 #include "engine/router.h"
 
-#include "tests/engine/hostfixture.h"
+#include "tests/engine/enginefixture.h"
 #include "tests/support/replywaiter.h"
 
 #include <QTest>

@@ -346,13 +346,13 @@ void tst_writetracker::otherRecordsChangeNothing()
 
 void tst_writetracker::treeAtTheRootIsWatched()
 {
-    WriteTracker watch(QStringLiteral("/"), CMPath(QStringLiteral("/settings")));
-    watch.attach();
-    watch.addPending(CMPath(volume), roles);
+    WriteTracker tracker(QStringLiteral("/"), CMPath(QStringLiteral("/settings")));
+    tracker.attach();
+    tracker.addPending(CMPath(volume), roles);
 
     info(QStringLiteral("written file: //audio/volume"));
 
-    QCOMPARE(watch.pendingPaths(), QStringList());
+    QCOMPARE(tracker.pendingPaths(), QStringList());
 }
 
 void tst_writetracker::changesAreSignalled()

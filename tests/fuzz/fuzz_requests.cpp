@@ -53,7 +53,7 @@ const QByteArray meta = QByteArrayLiteral("{\"title\":\"Audio\"}");
 const QByteArray volume =
     QByteArrayLiteral("{\"value\":{\"int\":7},\"edit\":{\"min\":0,\"max\":40,\"step\":2}}");
 
-/// A host's parts on trees that are the same before each sequence.
+/// An engine's parts on trees that are the same before each sequence.
 class Stage
 {
 public:

@@ -80,7 +80,7 @@ CMPath sharedSetting(int number)
     return CMPath(QStringLiteral("/settings/shared/s%1").arg(number));
 }
 
-/// A worker with its host's parts, on the main thread.
+/// A worker with its engine's parts, on the main thread.
 class Stage
 {
 public:

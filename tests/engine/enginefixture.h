@@ -8,7 +8,7 @@
 #include <QThread>
 #include <QVariant>
 
-// What the tests of the host share.
+// What the tests of the engine share.
 
 /// A worker that notes what it is asked and on which thread, and answers every request with the
 /// request's path, or leaves it open.

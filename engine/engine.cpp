@@ -1,4 +1,4 @@
-#include "engine/host.h"
+#include "engine/engine.h"
 
 #include "engine/loader.h"
 #include "trees/separator.h"
@@ -16,7 +16,7 @@ bool isBelow(const QString& path, const QString& directory)
     return path.startsWith(directory.endsWith(separator) ? directory : directory + separator);
 }
 
-bool fail(HostFailure* failure, HostFailure::Kind kind, const QString& message)
+bool fail(EngineFailure* failure, EngineFailure::Kind kind, const QString& message)
 {
     failure->kind = kind;
     failure->message = message;
@@ -25,12 +25,12 @@ bool fail(HostFailure* failure, HostFailure::Kind kind, const QString& message)
 
 } // namespace
 
-QString Host::builtInDefaultPath()
+QString Engine::builtInDefaultPath()
 {
     return QStringLiteral("/etc/tulo/settings-default");
 }
 
-QString Host::builtInWritePath()
+QString Engine::builtInWritePath()
 {
     return QStringLiteral("/settings/");
 }
@@ -39,23 +39,24 @@ QString Host::builtInWritePath()
 // Opening: directories, ownership, worker, and the guard in front of it.
 // ---------------------------------------------------------------------------------------------
 
-Host::Host(const HostOptions& options)
+Engine::Engine(const EngineOptions& options)
     : m_options(options)
 {
 }
 
-std::unique_ptr<Host> Host::open(const HostOptions& options, HostFailure* failure)
+std::unique_ptr<Engine> Engine::open(const EngineOptions& options, EngineFailure* failure)
 {
-    std::unique_ptr<Host> host(new Host(options));
-    *failure = HostFailure();
-    if (host->chooseDirectories(failure) && host->takeTree(failure) && host->createWorker(failure))
-        return host;
+    std::unique_ptr<Engine> engine(new Engine(options));
+    *failure = EngineFailure();
+    if (engine->chooseDirectories(failure) && engine->takeTree(failure)
+        && engine->createWorker(failure))
+        return engine;
     return nullptr;
 }
 
-bool Host::chooseDirectories(HostFailure* failure)
+bool Engine::chooseDirectories(EngineFailure* failure)
 {
-    using Kind = HostFailure::Kind;
+    using Kind = EngineFailure::Kind;
     if (m_options.defaultPath.isEmpty() != m_options.writePath.isEmpty()) {
         return fail(failure, Kind::Usage,
                     QStringLiteral("Name both the default path and the write path, or neither"));
@@ -87,16 +88,16 @@ bool Host::chooseDirectories(HostFailure* failure)
                                    "apart")
                         .arg(m_defaultPath, m_writePath));
     }
-    if (m_options.access == HostOptions::Access::Own && !writeTree.isWritable()) {
+    if (m_options.access == EngineOptions::Access::Own && !writeTree.isWritable()) {
         return fail(failure, Kind::NoAccess,
                     QStringLiteral("Directory '%1' cannot be written").arg(writeTree.filePath()));
     }
     return true;
 }
 
-bool Host::takeTree(HostFailure* failure)
+bool Engine::takeTree(EngineFailure* failure)
 {
-    if (m_options.access == HostOptions::Access::Read) {
+    if (m_options.access == EngineOptions::Access::Read) {
         m_otherOwner = OwnerLock::holderOf(m_writePath);
         return true;
     }
@@ -105,14 +106,14 @@ bool Host::takeTree(HostFailure* failure)
         return true;
     case OwnerLock::Status::InUse:
         failure->holder = m_lock.holder();
-        return fail(failure, HostFailure::Kind::InUse, m_lock.message());
+        return fail(failure, EngineFailure::Kind::InUse, m_lock.message());
     case OwnerLock::Status::Failed:
         break;
     }
-    return fail(failure, HostFailure::Kind::NoAccess, m_lock.message());
+    return fail(failure, EngineFailure::Kind::NoAccess, m_lock.message());
 }
 
-bool Host::createWorker(HostFailure* failure)
+bool Engine::createWorker(EngineFailure* failure)
 {
     QVariantHash configuration { { QStringLiteral("default_path"), m_defaultPath },
                                  { QStringLiteral("write_path"), m_writePath } };
@@ -120,12 +121,12 @@ bool Host::createWorker(HostFailure* failure)
         configuration.insert(QStringLiteral("product_postfix"), m_options.productPostfix);
     LoadResult loaded = loadWorker(m_options.pluginFile, configuration);
     if (!loaded.worker)
-        return fail(failure, HostFailure::Kind::NoPlugin, loaded.message);
+        return fail(failure, EngineFailure::Kind::NoPlugin, loaded.message);
 
     // Had one gone since it was looked at, the worker would now be on the device's own tree.
     for (const QString& path : { m_defaultPath, m_writePath }) {
         if (QFileInfo(path).canonicalFilePath() != path) {
-            return fail(failure, HostFailure::Kind::NoAccess,
+            return fail(failure, EngineFailure::Kind::NoAccess,
                         QStringLiteral("Directory '%1' has gone").arg(path));
         }
     }
@@ -137,7 +138,7 @@ bool Host::createWorker(HostFailure* failure)
     m_guard = std::make_unique<Guard>(m_worker.get(), m_defaultPath, m_writePath,
                                       m_options.productPostfix);
     m_router.setRowCheck([this](const CMPath& path) { return m_guard->judgeFiles(path); });
-    if (m_options.access == HostOptions::Access::Read) {
+    if (m_options.access == EngineOptions::Access::Read) {
         m_guard->setReadOnly(m_otherOwner.value_or(0) == 0
                                  ? QStringLiteral("The writable tree '%1' is open for reading "
                                                   "only")
@@ -162,12 +163,12 @@ bool Host::createWorker(HostFailure* failure)
 // The end, in order.
 // ---------------------------------------------------------------------------------------------
 
-Host::~Host()
+Engine::~Engine()
 {
     stop();
 }
 
-bool Host::stop()
+bool Engine::stop()
 {
     if (!m_flusher)
         return m_isSaved;
@@ -185,57 +186,57 @@ bool Host::stop()
     return m_isSaved;
 }
 
-Dispatcher& Host::dispatcher()
+Dispatcher& Engine::dispatcher()
 {
     return *m_dispatcher;
 }
 
-CMSubscribe* Host::registry() const
+CMSubscribe* Engine::registry() const
 {
     return m_worker ? m_worker->subscribe() : nullptr;
 }
 
-void Host::flush(const Flusher::Done& done)
+void Engine::flush(const Flusher::Done& done)
 {
     m_flusher->flush(done);
 }
 
-FlushResult Host::flushNow()
+FlushResult Engine::flushNow()
 {
     return m_flusher->flushNow();
 }
 
-const WriteTracker& Host::writes() const
+const WriteTracker& Engine::writes() const
 {
     return *m_writes;
 }
 
-WriteTracker& Host::writes()
+WriteTracker& Engine::writes()
 {
     return *m_writes;
 }
 
-QString Host::defaultPath() const
+QString Engine::defaultPath() const
 {
     return m_defaultPath;
 }
 
-QString Host::writePath() const
+QString Engine::writePath() const
 {
     return m_writePath;
 }
 
-bool Host::ownsTree() const
+bool Engine::ownsTree() const
 {
     return m_lock.isOwned();
 }
 
-std::optional<qint64> Host::otherOwner() const
+std::optional<qint64> Engine::otherOwner() const
 {
     return m_otherOwner;
 }
 
-int Host::catalogueCount() const
+int Engine::catalogueCount() const
 {
     return m_catalogueCount;
 }

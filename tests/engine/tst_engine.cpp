@@ -1,4 +1,4 @@
-#include "engine/host.h"
+#include "engine/engine.h"
 #include "engine/loader.h"
 
 #include "api/core/language.h"
@@ -23,7 +23,7 @@
 
 using namespace tulo;
 
-Q_DECLARE_METATYPE(HostFailure::Kind)
+Q_DECLARE_METATYPE(EngineFailure::Kind)
 
 namespace {
 
@@ -47,7 +47,7 @@ extern "C" int syncfs(int)
 
 namespace {
 
-using Access = HostOptions::Access;
+using Access = EngineOptions::Access;
 
 const CMPath volume(QStringLiteral("/settings/audio/volume"));
 
@@ -63,7 +63,7 @@ log4cplus::Logger workerLogger()
 
 } // namespace
 
-class tst_host : public QObject
+class tst_engine : public QObject
 {
     Q_OBJECT
 
@@ -109,16 +109,16 @@ private slots:
     void destructionFlushes();
 
 private:
-    HostOptions options(Access access = Access::Own) const;
-    std::unique_ptr<Host> openHost(Access access = Access::Own) const;
+    EngineOptions options(Access access = Access::Own) const;
+    std::unique_ptr<Engine> openEngine(Access access = Access::Own) const;
     /// Waits until the worker's timer has written what is pending.
-    static bool waitForTimer(Host& host);
+    static bool waitForTimer(Engine& engine);
 
     std::unique_ptr<LogCapture> m_log;
     std::unique_ptr<TemporaryTree> m_tree;
 };
 
-void tst_host::init()
+void tst_engine::init()
 {
     m_log = std::make_unique<LogCapture>();
     m_tree = std::make_unique<TemporaryTree>();
@@ -129,7 +129,7 @@ void tst_host::init()
     syncGate = nullptr;
 }
 
-void tst_host::cleanup()
+void tst_engine::cleanup()
 {
     m_log->verifyNothingUnexpected();
     m_log.reset();
@@ -137,9 +137,9 @@ void tst_host::cleanup()
     workerLogger().setLogLevel(log4cplus::NOT_SET_LOG_LEVEL);
 }
 
-HostOptions tst_host::options(Access access) const
+EngineOptions tst_engine::options(Access access) const
 {
-    HostOptions options;
+    EngineOptions options;
     options.pluginFile = QStringLiteral(TULO_PLUGIN_FILE);
     options.defaultPath = m_tree->defaultPath();
     options.writePath = m_tree->writePath();
@@ -147,36 +147,36 @@ HostOptions tst_host::options(Access access) const
     return options;
 }
 
-std::unique_ptr<Host> tst_host::openHost(Access access) const
+std::unique_ptr<Engine> tst_engine::openEngine(Access access) const
 {
-    HostFailure failure;
-    std::unique_ptr<Host> host = Host::open(options(access), &failure);
-    if (!host)
-        qFatal("no host: %s", qPrintable(failure.message));
-    return host;
+    EngineFailure failure;
+    std::unique_ptr<Engine> engine = Engine::open(options(access), &failure);
+    if (!engine)
+        qFatal("no engine: %s", qPrintable(failure.message));
+    return engine;
 }
 
-bool tst_host::waitForTimer(Host& host)
+bool tst_engine::waitForTimer(Engine& engine)
 {
-    QSignalSpy spy(&host.writes(), &WriteTracker::changed);
-    return spy.wait(replyWaitMs) && host.writes().pendingPaths().isEmpty();
+    QSignalSpy spy(&engine.writes(), &WriteTracker::changed);
+    return spy.wait(replyWaitMs) && engine.writes().pendingPaths().isEmpty();
 }
 
 // ---------------------------------------------------------------------------------------------
 // Opening
 // ---------------------------------------------------------------------------------------------
 
-void tst_host::directoriesAreChecked_data()
+void tst_engine::directoriesAreChecked_data()
 {
     // %1 stands for the folder of the trees.
     QTest::addColumn<QString>("defaultPath");
     QTest::addColumn<QString>("writePath");
-    QTest::addColumn<HostFailure::Kind>("kind");
+    QTest::addColumn<EngineFailure::Kind>("kind");
     QTest::addColumn<QString>("message");
     const auto row = [](const char* name, const char* defaultPath, const char* writePath,
                         const char* message) {
         QTest::newRow(name) << QString::fromLatin1(defaultPath) << QString::fromLatin1(writePath)
-                            << HostFailure::Kind::Usage << QString::fromLatin1(message);
+                            << EngineFailure::Kind::Usage << QString::fromLatin1(message);
     };
     row("no write path", "%1/default", "",
         "Name both the default path and the write path, or neither");
@@ -198,23 +198,23 @@ void tst_host::directoriesAreChecked_data()
         "The default tree '%1/default' and the writable tree '/' must lie apart");
 }
 
-void tst_host::directoriesAreChecked()
+void tst_engine::directoriesAreChecked()
 {
     QFETCH(QString, defaultPath);
     QFETCH(QString, writePath);
-    QFETCH(HostFailure::Kind, kind);
+    QFETCH(EngineFailure::Kind, kind);
     QFETCH(QString, message);
     const auto filled = [this](QString text) {
         return text.replace(QStringLiteral("%1"), m_tree->path());
     };
-    HostOptions options = this->options();
+    EngineOptions options = this->options();
     options.defaultPath = filled(defaultPath);
     options.writePath = filled(writePath);
 
-    HostFailure failure;
-    const std::unique_ptr<Host> host = Host::open(options, &failure);
+    EngineFailure failure;
+    const std::unique_ptr<Engine> engine = Engine::open(options, &failure);
 
-    QVERIFY(!host);
+    QVERIFY(!engine);
     QCOMPARE(failure.message, filled(message));
     QCOMPARE(failure.kind, kind);
     // The worker, which would fall back to the device's own tree, was not made.
@@ -222,62 +222,62 @@ void tst_host::directoriesAreChecked()
     QCOMPARE(m_tree->writtenEntries(), QStringList());
 }
 
-void tst_host::linkedDirectoriesAreCanonical()
+void tst_engine::linkedDirectoriesAreCanonical()
 {
     QVERIFY(QFile::link(m_tree->defaultPath(), m_tree->path() + QStringLiteral("/d")));
     QVERIFY(QFile::link(m_tree->writePath(), m_tree->path() + QStringLiteral("/w")));
-    HostOptions options = this->options();
+    EngineOptions options = this->options();
     options.defaultPath = m_tree->path() + QStringLiteral("/d/");
     options.writePath = m_tree->path() + QStringLiteral("/w");
 
-    HostFailure failure;
-    const std::unique_ptr<Host> host = Host::open(options, &failure);
+    EngineFailure failure;
+    const std::unique_ptr<Engine> engine = Engine::open(options, &failure);
 
-    QVERIFY2(host, qPrintable(failure.message));
-    QCOMPARE(host->defaultPath(), m_tree->defaultPath());
-    QCOMPARE(host->writePath(), m_tree->writePath());
-    QVERIFY(host->ownsTree());
-    QCOMPARE(errorText(host->dispatcher().setValue(volume, number(1))), QString());
-    (void)host->flushNow();
-    QVERIFY(host->writes().isSaved());
+    QVERIFY2(engine, qPrintable(failure.message));
+    QCOMPARE(engine->defaultPath(), m_tree->defaultPath());
+    QCOMPARE(engine->writePath(), m_tree->writePath());
+    QVERIFY(engine->ownsTree());
+    QCOMPARE(errorText(engine->dispatcher().setValue(volume, number(1))), QString());
+    (void)engine->flushNow();
+    QVERIFY(engine->writes().isSaved());
 }
 
-void tst_host::missingPluginIsToldAndGivesTheTreeBack()
+void tst_engine::missingPluginIsToldAndGivesTheTreeBack()
 {
-    HostOptions options = this->options();
+    EngineOptions options = this->options();
     options.pluginFile = QStringLiteral("/no/such/plugin.so");
 
-    HostFailure failure;
-    const std::unique_ptr<Host> host = Host::open(options, &failure);
+    EngineFailure failure;
+    const std::unique_ptr<Engine> engine = Engine::open(options, &failure);
 
-    QVERIFY(!host);
-    QCOMPARE(failure.kind, HostFailure::Kind::NoPlugin);
+    QVERIFY(!engine);
+    QCOMPARE(failure.kind, EngineFailure::Kind::NoPlugin);
     QCOMPARE(failure.message, QStringLiteral("Plug-in '/no/such/plugin.so' does not exist"));
     QCOMPARE(OwnerLock::holderOf(m_tree->writePath()), std::nullopt);
 }
 
-void tst_host::directoryThatGoesAwayIsNoticed()
+void tst_engine::directoryThatGoesAwayIsNoticed()
 {
-    HostOptions options = this->options(Access::Read);
+    EngineOptions options = this->options(Access::Read);
     options.pluginFile = QStringLiteral(TULO_REMOVING_PLUGIN);
 
-    HostFailure failure;
-    const std::unique_ptr<Host> host = Host::open(options, &failure);
+    EngineFailure failure;
+    const std::unique_ptr<Engine> engine = Engine::open(options, &failure);
 
-    QVERIFY(!host);
-    QCOMPARE(failure.kind, HostFailure::Kind::NoAccess);
+    QVERIFY(!engine);
+    QCOMPARE(failure.kind, EngineFailure::Kind::NoAccess);
     QCOMPARE(failure.message, QStringLiteral("Directory '%1' has gone").arg(m_tree->writePath()));
 }
 
-void tst_host::unreadableDirectoryIsTold()
+void tst_engine::unreadableDirectoryIsTold()
 {
     QVERIFY(QFile::setPermissions(m_tree->defaultPath(), QFile::Permissions()));
 
     const ChildResult child = ChildProcess::runInChild(
         [this] {
-            HostFailure failure;
-            QVERIFY(!Host::open(options(Access::Read), &failure));
-            QCOMPARE(failure.kind, HostFailure::Kind::NoAccess);
+            EngineFailure failure;
+            QVERIFY(!Engine::open(options(Access::Read), &failure));
+            QCOMPARE(failure.kind, EngineFailure::Kind::NoAccess);
             QCOMPARE(failure.message,
                      QStringLiteral("Directory '%1' cannot be read").arg(m_tree->defaultPath()));
         },
@@ -286,16 +286,16 @@ void tst_host::unreadableDirectoryIsTold()
     QVERIFY2(child.exitCode == 0, child.standardOutput.constData());
 }
 
-void tst_host::unwritableTreeIsToldToItsOwner()
+void tst_engine::unwritableTreeIsToldToItsOwner()
 {
     // As chmod 555.
     QVERIFY(QFile::setPermissions(m_tree->writePath(), QFile::Permissions(0x5555)));
 
     const ChildResult child = ChildProcess::runInChild(
         [this] {
-            HostFailure failure;
-            QVERIFY(!Host::open(options(Access::Own), &failure));
-            QCOMPARE(failure.kind, HostFailure::Kind::NoAccess);
+            EngineFailure failure;
+            QVERIFY(!Engine::open(options(Access::Own), &failure));
+            QCOMPARE(failure.kind, EngineFailure::Kind::NoAccess);
             QCOMPARE(failure.message,
                      QStringLiteral("Directory '%1' cannot be written").arg(m_tree->writePath()));
         },
@@ -304,70 +304,70 @@ void tst_host::unwritableTreeIsToldToItsOwner()
     QVERIFY2(child.exitCode == 0, child.standardOutput.constData());
 }
 
-void tst_host::productVariantIsServed()
+void tst_engine::productVariantIsServed()
 {
-    HostOptions options = this->options(Access::Read);
+    EngineOptions options = this->options(Access::Read);
     options.productPostfix = QStringLiteral("car");
 
-    HostFailure failure;
-    const std::unique_ptr<Host> host = Host::open(options, &failure);
+    EngineFailure failure;
+    const std::unique_ptr<Engine> engine = Engine::open(options, &failure);
 
-    QVERIFY(host);
-    QCOMPARE(host->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
+    QVERIFY(engine);
+    QCOMPARE(engine->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(9).__variant() }));
 }
 
-void tst_host::textsAreInTheLanguage()
+void tst_engine::textsAreInTheLanguage()
 {
-    HostOptions options = this->options(Access::Read);
+    EngineOptions options = this->options(Access::Read);
     options.defaultPath = QStringLiteral(TULO_EXAMPLE_TREE);
     options.language = QStringLiteral("de");
     options.catalogues = QStringList(QStringLiteral(TULO_CATALOGUES));
 
-    HostFailure failure;
-    std::unique_ptr<Host> host = Host::open(options, &failure);
-    QVERIFY(host);
-    QCOMPARE(host->catalogueCount(), 1);
+    EngineFailure failure;
+    std::unique_ptr<Engine> engine = Engine::open(options, &failure);
+    QVERIFY(engine);
+    QCOMPARE(engine->catalogueCount(), 1);
     const TrString title = TrString::fromVariant(
-        host->dispatcher().getData(volume, { TuloRoles::Title() }).value().value(0));
+        engine->dispatcher().getData(volume, { TuloRoles::Title() }).value().value(0));
 
     QCOMPARE(title.source(), QStringLiteral("Volume"));
     QCOMPARE(title.toString(), QString::fromUtf8("Lautst\xC3\xA4rke"));
-    host.reset();
+    engine.reset();
     QCOMPARE(title.toString(), QStringLiteral("Volume"));
 }
 
-void tst_host::secondOwnerIsTurnedAway()
+void tst_engine::secondOwnerIsTurnedAway()
 {
-    const std::unique_ptr<Host> first = openHost();
+    const std::unique_ptr<Engine> first = openEngine();
 
-    HostFailure failure;
-    const std::unique_ptr<Host> second = Host::open(options(), &failure);
+    EngineFailure failure;
+    const std::unique_ptr<Engine> second = Engine::open(options(), &failure);
 
     QVERIFY(!second);
-    QCOMPARE(failure.kind, HostFailure::Kind::InUse);
+    QCOMPARE(failure.kind, EngineFailure::Kind::InUse);
     QCOMPARE(failure.holder, qint64(::getpid()));
     QCOMPARE(failure.message,
              QStringLiteral("The writable tree '%1' is in use by process %2")
                  .arg(m_tree->writePath(), QString::number(::getpid())));
 }
 
-void tst_host::readerTakesNoLock()
+void tst_engine::readerTakesNoLock()
 {
-    const std::unique_ptr<Host> reader = openHost(Access::Read);
+    const std::unique_ptr<Engine> reader = openEngine(Access::Read);
 
     QVERIFY(!reader->ownsTree());
     QCOMPARE(reader->otherOwner(), std::nullopt);
     QCOMPARE(m_tree->writtenEntries(), QStringList());
-    const std::unique_ptr<Host> owner = openHost();
+    const std::unique_ptr<Engine> owner = openEngine();
     QVERIFY(owner->ownsTree());
 }
 
-void tst_host::readerSaysWhoOwnsTheTree()
+void tst_engine::readerSaysWhoOwnsTheTree()
 {
-    const std::unique_ptr<Host> owner = openHost();
+    const std::unique_ptr<Engine> owner = openEngine();
 
-    const std::unique_ptr<Host> reader = openHost(Access::Read);
+    const std::unique_ptr<Engine> reader = openEngine(Access::Read);
 
     QCOMPARE(reader->otherOwner(), std::optional<qint64>(::getpid()));
     const auto reply = reader->dispatcher().setValue(volume, number(1));
@@ -376,35 +376,35 @@ void tst_host::readerSaysWhoOwnsTheTree()
                  .arg(m_tree->writePath(), QString::number(::getpid())));
 }
 
-void tst_host::readerRefusesChanges()
+void tst_engine::readerRefusesChanges()
 {
-    const std::unique_ptr<Host> host = openHost(Access::Read);
+    const std::unique_ptr<Engine> engine = openEngine(Access::Read);
 
-    const auto change = host->dispatcher().setValue(volume, number(1));
+    const auto change = engine->dispatcher().setValue(volume, number(1));
 
     QCOMPARE(errorText(change),
              QStringLiteral("InUse: The writable tree '%1' is open for reading only")
                  .arg(m_tree->writePath()));
-    QCOMPARE(host->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
+    QCOMPARE(engine->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(5).__variant() }));
 }
 
-void tst_host::requestsPassTheGuard()
+void tst_engine::requestsPassTheGuard()
 {
-    const std::unique_ptr<Host> host = openHost();
+    const std::unique_ptr<Engine> engine = openEngine();
 
-    const auto reply = host->dispatcher().getRows(CMPath(QStringLiteral("/settings")), -1, 9, {});
+    const auto reply = engine->dispatcher().getRows(CMPath(QStringLiteral("/settings")), -1, 9, {});
 
     QCOMPARE(errorKind(reply.error()), ErrorKind::Refused);
 }
 
-void tst_host::changesAreAnnounced()
+void tst_engine::changesAreAnnounced()
 {
-    const std::unique_ptr<Host> host = openHost();
-    RegistryObserver observer(host->registry());
+    const std::unique_ptr<Engine> engine = openEngine();
+    RegistryObserver observer(engine->registry());
     observer.subscribeValue(volume.text());
 
-    host->dispatcher().setValue(volume, number(1));
+    engine->dispatcher().setValue(volume, number(1));
 
     QCOMPARE(observer.texts(),
              QStringList(QStringLiteral("value /settings/audio/volume {int: 1}")));
@@ -414,118 +414,118 @@ void tst_host::changesAreAnnounced()
 // What is on disk
 // ---------------------------------------------------------------------------------------------
 
-void tst_host::acceptedChangeIsPendingUntilTheFlush()
+void tst_engine::acceptedChangeIsPendingUntilTheFlush()
 {
-    const std::unique_ptr<Host> host = openHost();
+    const std::unique_ptr<Engine> engine = openEngine();
 
-    QCOMPARE(errorText(host->dispatcher().setValue(volume, number(1))), QString());
-    QCOMPARE(host->writes().pendingPaths(), QStringList(volume.text()));
-    QVERIFY(!host->writes().isSaved());
+    QCOMPARE(errorText(engine->dispatcher().setValue(volume, number(1))), QString());
+    QCOMPARE(engine->writes().pendingPaths(), QStringList(volume.text()));
+    QVERIFY(!engine->writes().isSaved());
 
-    QCOMPARE(host->flushNow().error, QString());
-    QVERIFY(host->writes().isSaved());
-    QVERIFY(!host->writes().needsFlush());
+    QCOMPARE(engine->flushNow().error, QString());
+    QVERIFY(engine->writes().isSaved());
+    QVERIFY(!engine->writes().needsFlush());
     QCOMPARE(m_tree->readWrittenRoles(QStringLiteral("/audio/volume")).value(TuloRoles::Value()),
              number(1).__variant());
 }
 
-void tst_host::acceptedChangeIsWrittenByTheTimer()
+void tst_engine::acceptedChangeIsWrittenByTheTimer()
 {
-    const std::unique_ptr<Host> host = openHost();
-    host->dispatcher().setValue(volume, number(1));
+    const std::unique_ptr<Engine> engine = openEngine();
+    engine->dispatcher().setValue(volume, number(1));
 
-    QVERIFY(waitForTimer(*host));
+    QVERIFY(waitForTimer(*engine));
 
-    QVERIFY(host->writes().isSaved());
-    QVERIFY(host->writes().needsFlush());
+    QVERIFY(engine->writes().isSaved());
+    QVERIFY(engine->writes().needsFlush());
     QVERIFY(!m_tree->readWritten(QStringLiteral("/audio/volume")).isNull());
 }
 
-void tst_host::failedWriteIsStoredAgainByTheNextFlush()
+void tst_engine::failedWriteIsStoredAgainByTheNextFlush()
 {
     const QString record = QStringLiteral("Settings: path '%1/audio/.volume' rename to path "
                                           "'%1/audio/volume' failed")
                                .arg(m_tree->writePath());
     m_log->expect(log4cplus::ERROR_LOG_LEVEL, record);
-    const std::unique_ptr<Host> host = openHost();
-    const auto reply = host->dispatcher().setValue(volume, number(1));
+    const std::unique_ptr<Engine> engine = openEngine();
+    const auto reply = engine->dispatcher().setValue(volume, number(1));
     const qint64 timestamp = TuloRoles(TuloHash(reply.value().toHash())).timestamp();
     m_tree->makeWriteDirectory(QStringLiteral("/audio/volume"));
 
-    const FlushResult failed = host->flushNow();
+    const FlushResult failed = engine->flushNow();
     QCOMPARE(failed.error, QString());
     QCOMPARE(failed.unsaved, 1);
-    QCOMPARE(host->writes().unsavedPaths(), QStringList(volume.text()));
-    QCOMPARE(host->writes().lastError(), record);
-    QVERIFY(!host->writes().isSaved());
+    QCOMPARE(engine->writes().unsavedPaths(), QStringList(volume.text()));
+    QCOMPARE(engine->writes().lastError(), record);
+    QVERIFY(!engine->writes().isSaved());
 
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/volume")));
-    QCOMPARE(host->flushNow().unsaved, 0);
+    QCOMPARE(engine->flushNow().unsaved, 0);
 
-    QVERIFY(host->writes().isSaved());
+    QVERIFY(engine->writes().isSaved());
     const TuloRoles written(TuloHash(m_tree->readWrittenRoles(QStringLiteral("/audio/volume"))));
     QCOMPARE(written.value(), number(1));
     QCOMPARE(written.timestamp(), timestamp);
 }
 
-void tst_host::unsavedValueOutlivesTheWorkersCache()
+void tst_engine::unsavedValueOutlivesTheWorkersCache()
 {
     m_log->expect(log4cplus::ERROR_LOG_LEVEL,
                   QStringLiteral("Settings: path '%1/audio/.volume' rename to path "
                                  "'%1/audio/volume' failed")
                       .arg(m_tree->writePath()));
-    const std::unique_ptr<Host> host = openHost();
-    host->dispatcher().setValue(volume, number(1));
+    const std::unique_ptr<Engine> engine = openEngine();
+    engine->dispatcher().setValue(volume, number(1));
     m_tree->makeWriteDirectory(QStringLiteral("/audio/volume"));
-    QCOMPARE(host->flushNow().unsaved, 1);
+    QCOMPARE(engine->flushNow().unsaved, 1);
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/volume")));
 
-    QCOMPARE(errorText(host->dispatcher().dropCache()), QString());
-    QCOMPARE(host->flushNow().unsaved, 0);
+    QCOMPARE(errorText(engine->dispatcher().dropCache()), QString());
+    QCOMPARE(engine->flushNow().unsaved, 0);
 
-    QCOMPARE(host->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
+    QCOMPARE(engine->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(1).__variant() }));
 }
 
-void tst_host::failedSyncMakesEverythingSinceTheLastGoodOneUnsaved()
+void tst_engine::failedSyncMakesEverythingSinceTheLastGoodOneUnsaved()
 {
-    const std::unique_ptr<Host> host = openHost();
-    host->dispatcher().setValue(CMPath(QStringLiteral("/settings/audio/balance")), number(1));
-    QCOMPARE(host->flushNow().error, QString());
-    host->dispatcher().setValue(volume, number(1));
-    QVERIFY(waitForTimer(*host));
+    const std::unique_ptr<Engine> engine = openEngine();
+    engine->dispatcher().setValue(CMPath(QStringLiteral("/settings/audio/balance")), number(1));
+    QCOMPARE(engine->flushNow().error, QString());
+    engine->dispatcher().setValue(volume, number(1));
+    QVERIFY(waitForTimer(*engine));
     syncError = EIO;
 
-    const FlushResult failed = host->flushNow();
+    const FlushResult failed = engine->flushNow();
 
     QCOMPARE(failed.error, QStringLiteral("The file system did not sync: Input/output error"));
-    QCOMPARE(host->writes().unsavedPaths(), QStringList(volume.text()));
-    QCOMPARE(host->writes().lastError(), failed.error);
-    QVERIFY(!host->writes().isSaved());
+    QCOMPARE(engine->writes().unsavedPaths(), QStringList(volume.text()));
+    QCOMPARE(engine->writes().lastError(), failed.error);
+    QVERIFY(!engine->writes().isSaved());
 
     // The system reports an error once; what it was about is written again.
     syncError = 0;
     QVERIFY(QFile::remove(m_tree->writePath() + QStringLiteral("/audio/volume")));
-    QCOMPARE(host->flushNow().error, QString());
-    QVERIFY(host->writes().isSaved());
+    QCOMPARE(engine->flushNow().error, QString());
+    QVERIFY(engine->writes().isSaved());
     QCOMPARE(m_tree->readWrittenRoles(QStringLiteral("/audio/volume")).value(TuloRoles::Value()),
              number(1).__variant());
 }
 
-void tst_host::flushThatWaitsHoldsUpNoRequest()
+void tst_engine::flushThatWaitsHoldsUpNoRequest()
 {
     QSemaphore gate;
     syncGate = [&gate] {
         gate.acquire();
     };
-    const std::unique_ptr<Host> host = openHost();
-    host->dispatcher().setValue(volume, number(1));
+    const std::unique_ptr<Engine> engine = openEngine();
+    engine->dispatcher().setValue(volume, number(1));
     int answers = 0;
-    host->flush([&answers](const FlushResult&) { ++answers; });
+    engine->flush([&answers](const FlushResult&) { ++answers; });
     QTRY_COMPARE_WITH_TIMEOUT(syncCount.load(), 1, replyWaitMs);
 
-    QCOMPARE(errorText(host->dispatcher().setValue(volume, number(2))), QString());
-    QCOMPARE(host->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
+    QCOMPARE(errorText(engine->dispatcher().setValue(volume, number(2))), QString());
+    QCOMPARE(engine->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(2).__variant() }));
     QCOMPARE(answers, 0);
 
@@ -534,20 +534,20 @@ void tst_host::flushThatWaitsHoldsUpNoRequest()
     gate.release(2);
 }
 
-void tst_host::flushesThatWaitShareTheNext()
+void tst_engine::flushesThatWaitShareTheNext()
 {
     QSemaphore gate;
     syncGate = [&gate] {
         gate.acquire();
     };
-    const std::unique_ptr<Host> host = openHost();
+    const std::unique_ptr<Engine> engine = openEngine();
     QStringList answers;
-    host->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("a")); });
+    engine->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("a")); });
     QTRY_COMPARE_WITH_TIMEOUT(syncCount.load(), 1, replyWaitMs);
 
-    host->dispatcher().setValue(volume, number(1));
-    host->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("b")); });
-    host->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("c")); });
+    engine->dispatcher().setValue(volume, number(1));
+    engine->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("b")); });
+    engine->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("c")); });
     gate.release();
     QTRY_COMPARE_WITH_TIMEOUT(syncCount.load(), 2, replyWaitMs);
     QCOMPARE(answers, QStringList(QStringLiteral("a")));
@@ -558,42 +558,43 @@ void tst_host::flushesThatWaitShareTheNext()
     QCOMPARE(syncCount.load(), 2);
 }
 
-void tst_host::manyWritesAreConfirmedUnasked()
+void tst_engine::manyWritesAreConfirmedUnasked()
 {
     for (int i = 0; i < Flusher::maximumUnconfirmed; ++i)
         m_tree->writeDefault(QStringLiteral("/many/n%1").arg(i), R"({"value":{"int":0}})");
-    const std::unique_ptr<Host> host = openHost();
+    const std::unique_ptr<Engine> engine = openEngine();
     for (int i = 0; i < Flusher::maximumUnconfirmed; ++i)
-        host->dispatcher().setValue(CMPath(QStringLiteral("/settings/many/n%1").arg(i)), number(1));
+        engine->dispatcher().setValue(CMPath(QStringLiteral("/settings/many/n%1").arg(i)),
+                                      number(1));
 
-    QTRY_VERIFY_WITH_TIMEOUT(!host->writes().needsFlush(), replyWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(!engine->writes().needsFlush(), replyWaitMs);
 
     QVERIFY(syncCount >= 1);
 }
 
-void tst_host::largestValueIsStoredAgain()
+void tst_engine::largestValueIsStoredAgain()
 {
     m_tree->writeDefault(QStringLiteral("/audio/text"), R"({"id":"T","value":{"string":""}})");
     m_log->expect(log4cplus::ERROR_LOG_LEVEL,
                   QStringLiteral("Settings: path '%1/audio/.text' open file failed")
                       .arg(m_tree->writePath()));
-    const std::unique_ptr<Host> host = openHost();
+    const std::unique_ptr<Engine> engine = openEngine();
     const TuloValue large = TuloValue::of(TuloValue::String(),
                                           QString(Guard::maximumValueBytes - 13, QLatin1Char('x')));
-    QCOMPARE(errorText(host->dispatcher().setValue(CMPath(QStringLiteral("/settings/audio/text")),
-                                                   large)),
+    QCOMPARE(errorText(engine->dispatcher().setValue(CMPath(QStringLiteral("/settings/audio/text")),
+                                                     large)),
              QString());
     m_tree->makeWriteDirectory(QStringLiteral("/audio/.text"));
-    QCOMPARE(host->flushNow().unsaved, 1);
+    QCOMPARE(engine->flushNow().unsaved, 1);
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/.text")));
 
-    QCOMPARE(host->flushNow().unsaved, 0);
+    QCOMPARE(engine->flushNow().unsaved, 0);
 
     QVERIFY(m_tree->readWrittenRoles(QStringLiteral("/audio/text")).value(TuloRoles::Value())
             == large.__variant());
 }
 
-void tst_host::changeWithoutAValueIsStoredAgainWithoutOne()
+void tst_engine::changeWithoutAValueIsStoredAgainWithoutOne()
 {
     m_tree->writeDefault(QStringLiteral("/audio/loud"),
                          R"({"value":{"int":200},"edit":{"max":100}})");
@@ -601,140 +602,140 @@ void tst_host::changeWithoutAValueIsStoredAgainWithoutOne()
     m_log->expect(log4cplus::ERROR_LOG_LEVEL,
                   QStringLiteral("Settings: path '%1/audio/.loud' open file failed")
                       .arg(m_tree->writePath()));
-    const std::unique_ptr<Host> host = openHost();
+    const std::unique_ptr<Engine> engine = openEngine();
     TuloRoles roles;
     roles.setId(QStringLiteral("A"));
-    QCOMPARE(errorText(host->dispatcher().setRoles(loud, roles)), QString());
+    QCOMPARE(errorText(engine->dispatcher().setRoles(loud, roles)), QString());
     m_tree->makeWriteDirectory(QStringLiteral("/audio/.loud"));
-    QCOMPARE(host->flushNow().unsaved, 1);
+    QCOMPARE(engine->flushNow().unsaved, 1);
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/.loud")));
 
-    QCOMPARE(host->flushNow().unsaved, 0);
+    QCOMPARE(engine->flushNow().unsaved, 0);
 
-    QCOMPARE(host->dispatcher().getData(loud, { TuloRoles::Value() }).value(),
+    QCOMPARE(engine->dispatcher().getData(loud, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(200).__variant() }));
 }
 
-void tst_host::stopAnswersEveryFlush()
+void tst_engine::stopAnswersEveryFlush()
 {
-    const std::unique_ptr<Host> host = openHost();
-    host->dispatcher().setValue(volume, number(1));
+    const std::unique_ptr<Engine> engine = openEngine();
+    engine->dispatcher().setValue(volume, number(1));
     QStringList answers;
-    host->flush([&answers](const FlushResult& result) { answers.append(result.error); });
+    engine->flush([&answers](const FlushResult& result) { answers.append(result.error); });
 
-    QVERIFY(host->stop());
+    QVERIFY(engine->stop());
 
     QCOMPARE(answers, QStringList(QString()));
     QVERIFY(!m_tree->readWritten(QStringLiteral("/audio/volume")).isNull());
 }
 
-void tst_host::replacedTreeIsNotSaved()
+void tst_engine::replacedTreeIsNotSaved()
 {
-    const std::unique_ptr<Host> host = openHost();
-    host->dispatcher().setValue(volume, number(1));
+    const std::unique_ptr<Engine> engine = openEngine();
+    engine->dispatcher().setValue(volume, number(1));
     const QString tree = m_tree->writePath();
     QVERIFY(QDir().rename(tree, tree + QLatin1String(".old")));
     QVERIFY(QDir().mkdir(tree));
 
-    const FlushResult result = host->flushNow();
+    const FlushResult result = engine->flushNow();
 
     QVERIFY2(result.error.contains(tree), qPrintable(result.error));
-    QVERIFY(!host->stop());
+    QVERIFY(!engine->stop());
 }
 
-void tst_host::replacedTreeIsNoticedAfterAWrite()
+void tst_engine::replacedTreeIsNoticedAfterAWrite()
 {
-    const std::unique_ptr<Host> host = openHost();
+    const std::unique_ptr<Engine> engine = openEngine();
     const QString tree = m_tree->writePath();
     QVERIFY(QDir().rename(tree, tree + QLatin1String(".old")));
     QVERIFY(QDir().mkdir(tree));
-    host->dispatcher().setValue(volume, number(1));
+    engine->dispatcher().setValue(volume, number(1));
 
-    QTRY_VERIFY_WITH_TIMEOUT(host->writes().lastError().contains(tree), replyWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(engine->writes().lastError().contains(tree), replyWaitMs);
 }
 
-void tst_host::stopFlushesWhatIsPending()
+void tst_engine::stopFlushesWhatIsPending()
 {
-    const std::unique_ptr<Host> host = openHost();
-    host->dispatcher().setValue(volume, number(1));
+    const std::unique_ptr<Engine> engine = openEngine();
+    engine->dispatcher().setValue(volume, number(1));
 
-    QVERIFY(host->stop());
+    QVERIFY(engine->stop());
 
     QCOMPARE(m_tree->readWrittenRoles(QStringLiteral("/audio/volume")).value(TuloRoles::Value()),
              number(1).__variant());
-    QVERIFY(host->writes().isSaved());
+    QVERIFY(engine->writes().isSaved());
     QCOMPARE(syncCount.load(), 1);
 }
 
-void tst_host::stopSyncsWhatTheTimerWrote()
+void tst_engine::stopSyncsWhatTheTimerWrote()
 {
-    const std::unique_ptr<Host> host = openHost();
-    host->dispatcher().setValue(volume, number(1));
-    QVERIFY(waitForTimer(*host));
+    const std::unique_ptr<Engine> engine = openEngine();
+    engine->dispatcher().setValue(volume, number(1));
+    QVERIFY(waitForTimer(*engine));
     QCOMPARE(syncCount.load(), 0);
 
-    QVERIFY(host->stop());
+    QVERIFY(engine->stop());
 
     QCOMPARE(syncCount.load(), 1);
 }
 
-void tst_host::stopWithoutChangesRunsNoSync()
+void tst_engine::stopWithoutChangesRunsNoSync()
 {
-    const std::unique_ptr<Host> host = openHost();
-    host->dispatcher().getData(volume, { TuloRoles::Value() });
+    const std::unique_ptr<Engine> engine = openEngine();
+    engine->dispatcher().getData(volume, { TuloRoles::Value() });
 
-    QVERIFY(host->stop());
+    QVERIFY(engine->stop());
 
     QCOMPARE(syncCount.load(), 0);
 }
 
-void tst_host::workersSlotForWritingHasItsName()
+void tst_engine::workersSlotForWritingHasItsName()
 {
-    const std::unique_ptr<Host> host = openHost();
+    const std::unique_ptr<Engine> engine = openEngine();
     CMWorker* const worker = loadWorker(QStringLiteral(TULO_PLUGIN_FILE), {}).worker.release();
 
     QVERIFY(worker->metaObject()->indexOfSlot("on_writeTimer_timeout()") >= 0);
     delete worker;
 }
 
-void tst_host::stopTellsOfAFailedWrite()
+void tst_engine::stopTellsOfAFailedWrite()
 {
     m_log->expect(log4cplus::ERROR_LOG_LEVEL,
                   QStringLiteral("Settings: path '%1/audio/.volume' rename to path "
                                  "'%1/audio/volume' failed")
                       .arg(m_tree->writePath()));
-    const std::unique_ptr<Host> host = openHost();
-    host->dispatcher().setValue(volume, number(1));
+    const std::unique_ptr<Engine> engine = openEngine();
+    engine->dispatcher().setValue(volume, number(1));
     m_tree->makeWriteDirectory(QStringLiteral("/audio/volume"));
 
-    QVERIFY(!host->stop());
-    QVERIFY(!host->stop());
+    QVERIFY(!engine->stop());
+    QVERIFY(!engine->stop());
 
-    QCOMPARE(host->writes().unsavedPaths(), QStringList(volume.text()));
+    QCOMPARE(engine->writes().unsavedPaths(), QStringList(volume.text()));
 }
 
-void tst_host::stopGivesTheTreeBackAndRefusesRequests()
+void tst_engine::stopGivesTheTreeBackAndRefusesRequests()
 {
-    const std::unique_ptr<Host> host = openHost();
+    const std::unique_ptr<Engine> engine = openEngine();
 
-    QVERIFY(host->stop());
+    QVERIFY(engine->stop());
 
-    QVERIFY(!host->ownsTree());
-    QCOMPARE(host->registry(), nullptr);
-    QCOMPARE(errorKind(host->dispatcher().getData(volume, {}).error()), ErrorKind::Stopped);
-    const std::unique_ptr<Host> next = openHost();
+    QVERIFY(!engine->ownsTree());
+    QCOMPARE(engine->registry(), nullptr);
+    QCOMPARE(errorKind(engine->dispatcher().getData(volume, {}).error()), ErrorKind::Stopped);
+    const std::unique_ptr<Engine> next = openEngine();
     QVERIFY(next->ownsTree());
 }
 
-void tst_host::destructionFlushes()
+void tst_engine::destructionFlushes()
 {
-    std::unique_ptr<Host> host = openHost();
-    host->dispatcher().setValue(volume, number(1));
+    std::unique_ptr<Engine> engine = openEngine();
+    engine->dispatcher().setValue(volume, number(1));
 
-    host.reset();
+    engine.reset();
 
     QVERIFY(!m_tree->readWritten(QStringLiteral("/audio/volume")).isNull());
 }
 
-QTEST_GUILESS_MAIN(tst_host)
-#include "tst_host.moc"
+QTEST_GUILESS_MAIN(tst_engine)
+#include "tst_engine.moc"

@@ -17,8 +17,8 @@
 
 namespace tulo {
 
-/// What Host::open() needs to know.
-struct HostOptions
+/// What Engine::open() needs to know.
+struct EngineOptions
 {
     enum class Access {
         Read, ///< changes are refused; takes no lock
@@ -35,8 +35,8 @@ struct HostOptions
     Access access = Access::Read;
 };
 
-/// Why a host could not be opened.
-struct HostFailure
+/// Why an engine could not be opened.
+struct EngineFailure
 {
     enum class Kind {
         None,
@@ -55,12 +55,12 @@ struct HostFailure
 /// order.
 ///
 /// The worker falls back silently to the device's own directories when one that it was given
-/// does not exist, so the host checks both before, and again after the worker has chosen.
+/// does not exist, so the engine checks both before, and again after the worker has chosen.
 ///
 /// Lives on the thread that opens it, which becomes the worker's thread and runs an event loop
 /// if changes are to be written without a flush. Needs a QCoreApplication. One thread stops it;
 /// the dispatcher may be used from all.
-class Host
+class Engine
 {
 public:
     /// The directories that a worker without configuration uses.
@@ -68,12 +68,12 @@ public:
     static QString builtInWritePath();
 
     /// Null when it cannot be opened; `failure` says why.
-    static std::unique_ptr<Host> open(const HostOptions& options, HostFailure* failure);
+    static std::unique_ptr<Engine> open(const EngineOptions& options, EngineFailure* failure);
     /// Stops.
-    ~Host();
-    Q_DISABLE_COPY(Host)
+    ~Engine();
+    Q_DISABLE_COPY(Engine)
 
-    /// All requests go through it. Valid as long as the host; refuses after stop().
+    /// All requests go through it. Valid as long as the engine; refuses after stop().
     Dispatcher& dispatcher();
     /// Where changes are announced: subscribe a CMSubscriber and unsubscribe it before stop().
     /// The registry keeps every path, so judge a stranger's path with Guard::judgePath() first.
@@ -94,7 +94,7 @@ public:
 
     /// Tells whether changes are admitted.
     bool ownsTree() const;
-    /// The process that owned the tree when the host was opened for reading, 0 when it had not
+    /// The process that owned the tree when the engine was opened for reading, 0 when it had not
     /// said its process id.
     std::optional<qint64> otherOwner() const;
     /// Catalogues found for the language; 0 when texts stay as they are.
@@ -107,13 +107,13 @@ public:
     bool stop();
 
 private:
-    explicit Host(const HostOptions& options);
+    explicit Engine(const EngineOptions& options);
 
-    bool chooseDirectories(HostFailure* failure);
-    bool takeTree(HostFailure* failure);
-    bool createWorker(HostFailure* failure);
+    bool chooseDirectories(EngineFailure* failure);
+    bool takeTree(EngineFailure* failure);
+    bool createWorker(EngineFailure* failure);
 
-    const HostOptions m_options;
+    const EngineOptions m_options;
     QString m_defaultPath;
     QString m_writePath;
     OwnerLock m_lock;
