@@ -48,7 +48,7 @@ QVariant roleFromBus(const QString& role, const QVariant& value);
 QVariant plainFromBus(const QVariant& value, bool* accepted);
 
 /// The value that `content` (from plainFromBus()) stands for in a setting with these roles; a
-/// hash is taken as it is, for the guard to judge its kind. Empty when it is none.
+/// hash is taken as it is, for the guard to check its kind. Empty when it is none.
 TuloValue valueFromPlain(const QVariant& content, const TuloRoles& setting);
 
 } // namespace tulo

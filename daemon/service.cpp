@@ -232,7 +232,7 @@ bool Service::accepted(const QString& path)
 {
     if (!message().isReplyRequired())
         return false;
-    const CMError error = Guard::judgePath(CMPath(path));
+    const CMError error = Guard::checkPath(CMPath(path));
     const ErrorKind kind = errorKind(error);
     if (kind == ErrorKind::None)
         return true;

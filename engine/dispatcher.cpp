@@ -228,7 +228,7 @@ CMSetDataRequest::Reply Dispatcher::storeAgain(const CMPath& path, const TuloRol
 {
     auto reply = CMSetDataRequest::Reply::create();
     const CMSetDataRequest request(path, TuloRoles::SetRoles(), roles.__variant(), reply);
-    const CMError error = m_guard == nullptr ? CMError() : m_guard->judgeStoringAgain(path);
+    const CMError error = m_guard == nullptr ? CMError() : m_guard->checkStoringAgain(path);
     if (errorKind(error) == ErrorKind::None)
         route(request);
     else

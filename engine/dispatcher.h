@@ -47,7 +47,7 @@ class Dispatcher : public QObject
 public:
     static constexpr int defaultTimeoutMs = 60000;
 
-    /// `guard` judges every request; without one (for measurements) everything is admitted.
+    /// `guard` checks every request; without one (for measurements) everything is admitted.
     /// Both outlive the dispatcher.
     explicit Dispatcher(Router* router, Guard* guard = nullptr);
     /// Closes.
@@ -80,7 +80,7 @@ public:
     /// itself cannot be listed. Worker thread only.
     DirectoryRows rows(const CMPath& path, qint32 firstRow, qint32 lastRow,
                        const QStringList& roles, CMError* error);
-    /// Stores again what was accepted before, without judging it anew. Worker thread only.
+    /// Stores again what was accepted before, without checking it again. Worker thread only.
     CMSetDataRequest::Reply storeAgain(const CMPath& path, const TuloRoles& roles);
     /// How the value of the last change was adjusted to fit, if it was. Worker thread only.
     const Guard::Adjustment& adjustment() const;

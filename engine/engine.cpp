@@ -137,7 +137,7 @@ bool Engine::createWorker(EngineFailure* failure)
     m_router.addWorker(m_worker.get());
     m_guard = std::make_unique<Guard>(m_worker.get(), m_defaultPath, m_writePath,
                                       m_options.productPostfix);
-    m_router.setRowCheck([this](const CMPath& path) { return m_guard->judgeFiles(path); });
+    m_router.setRowCheck([this](const CMPath& path) { return m_guard->checkFiles(path); });
     if (m_options.access == EngineOptions::Access::Read) {
         m_guard->setReadOnly(m_otherOwner.value_or(0) == 0
                                  ? QStringLiteral("The writable tree '%1' is open for reading "

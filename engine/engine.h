@@ -76,7 +76,7 @@ public:
     /// All requests go through it. Valid as long as the engine; refuses after stop().
     Dispatcher& dispatcher();
     /// Where changes are announced: subscribe a CMSubscriber and unsubscribe it before stop().
-    /// The registry keeps every path, so judge a stranger's path with Guard::judgePath() first.
+    /// The registry keeps every path, so check a path from outside with Guard::checkPath() first.
     /// Null after stop().
     CMSubscribe* registry() const;
     const WriteTracker& writes() const;

@@ -120,7 +120,7 @@ bool fitsKind(const QString& kind, const QVariant& content)
     return isList(content);
 }
 
-CMError judgeText(const CMPath& path, const QString& text)
+CMError checkText(const CMPath& path, const QString& text)
 {
     if (!text.isValidUtf16())
         return refusal(QStringLiteral("A text for '%1' is not valid Unicode"), path);
@@ -128,23 +128,23 @@ CMError judgeText(const CMPath& path, const QString& text)
 }
 
 // What JSON cannot hold, or not reliably. `depth` counts the lists and objects around `value`.
-CMError judgeJson(const CMPath& path, const QVariant& value, int depth = 0)
+CMError checkJson(const CMPath& path, const QVariant& value, int depth = 0)
 {
-    const auto judgeMembers = [&path, depth](const auto& members) {
+    const auto checkMembers = [&path, depth](const auto& members) {
         if (depth == Guard::maximumDepth) {
             return overLimit(QStringLiteral("A value for '%1' nests more than %2 deep"), path,
                              Guard::maximumDepth);
         }
         CMError error;
         for (auto member = members.begin(); member != members.end() && !isRefused(error); ++member)
-            error = judgeJson(path, *member, depth + 1);
+            error = checkJson(path, *member, depth + 1);
         return error;
     };
-    const auto judgeObject = [&path, &judgeMembers](const auto& object) {
+    const auto checkObject = [&path, &checkMembers](const auto& object) {
         CMError error;
         for (auto member = object.begin(); member != object.end() && !isRefused(error); ++member)
-            error = judgeText(path, member.key());
-        return isRefused(error) ? error : judgeMembers(object);
+            error = checkText(path, member.key());
+        return isRefused(error) ? error : checkMembers(object);
     };
 
     if (!value.isValid() || value.userType() == QMetaType::Bool
@@ -156,17 +156,17 @@ CMError judgeJson(const CMPath& path, const QVariant& value, int depth = 0)
         return refusal(QStringLiteral("A number for '%1' is not finite"), path);
     }
     if (value.userType() == QMetaType::QString || TrString::isIn(value) || CMPath::isIn(value))
-        return judgeText(path, value.toString());
+        return checkText(path, value.toString());
     if (isList(value))
-        return judgeMembers(value.toList());
+        return checkMembers(value.toList());
     if (value.userType() == QMetaType::QVariantHash)
-        return judgeObject(value.toHash());
+        return checkObject(value.toHash());
     if (value.userType() == QMetaType::QVariantMap)
-        return judgeObject(value.toMap());
+        return checkObject(value.toMap());
     return refusal(QStringLiteral("A value for '%1' holds something that JSON cannot hold"), path);
 }
 
-CMError judgeRoles(const CMPath& path, const QStringList& roles)
+CMError checkRoles(const CMPath& path, const QStringList& roles)
 {
     if (roles.size() <= Guard::maximumRoles)
         return CMError();
@@ -181,7 +181,7 @@ CMError rejection(const CMPath& path, const QString& reason)
         QStringLiteral("The value for '%1' was rejected: %2").arg(shown(path), reason));
 }
 
-CMError judgeSize(const CMPath& path, const QVariant& value)
+CMError checkSize(const CMPath& path, const QVariant& value)
 {
     if (TuloJson::serialize(value).size() <= Guard::maximumValueBytes)
         return CMError();
@@ -216,7 +216,7 @@ void Guard::setReadOnly(const QString& message)
 // What is wrong with a request by itself. Touches neither disk nor worker.
 // ---------------------------------------------------------------------------------------------
 
-CMError Guard::judgePath(const CMPath& path)
+CMError Guard::checkPath(const CMPath& path)
 {
     const QString& text = path.text();
     if (text.isEmpty())
@@ -248,7 +248,7 @@ CMError Guard::judgePath(const CMPath& path)
     return CMError();
 }
 
-CMError Guard::judgeValue(const CMPath& path, const QVariant& value)
+CMError Guard::checkValue(const CMPath& path, const QVariant& value)
 {
     if (value.userType() != QMetaType::QVariantHash)
         return refusal(QStringLiteral("A value for '%1' is not an object"), path);
@@ -257,7 +257,7 @@ CMError Guard::judgeValue(const CMPath& path, const QVariant& value)
         return CMError();
     if (record.kind().isEmpty())
         return refusal(QStringLiteral("A value for '%1' does not have one known kind"), path);
-    CMError error = judgeJson(path, record.content());
+    CMError error = checkJson(path, record.content());
     if (isRefused(error))
         return error;
     if (!fitsKind(record.kind(), record.content()))
@@ -271,18 +271,18 @@ CMError Guard::judgeValue(const CMPath& path, const QVariant& value)
 
 CMRequest Guard::admit(const CMRequest& request, CMError* error, Adjustment* adjustment)
 {
-    *error = judgePath(request.path());
+    *error = checkPath(request.path());
     if (isRefused(*error))
         return CMRequest();
 
     switch (request.kind()) {
     case CMRequest::Kind::GetData:
-        *error = judgeRoles(request.path(), CMGetDataRequest(request).roles());
+        *error = checkRoles(request.path(), CMGetDataRequest(request).roles());
         if (!isRefused(*error))
-            *error = judgeFiles(request.path());
+            *error = checkFiles(request.path());
         break;
     case CMRequest::Kind::GetRows:
-        *error = judgeRows(CMGetRowsRequest(request));
+        *error = checkRows(CMGetRowsRequest(request));
         break;
     case CMRequest::Kind::SetData:
         return admitSetData(CMSetDataRequest(request), error, adjustment);
@@ -304,7 +304,7 @@ CMRequest Guard::admit(const CMRequest& request, CMError* error, Adjustment* adj
                             rows.reply());
 }
 
-CMError Guard::judgeFiles(const CMPath& path)
+CMError Guard::checkFiles(const CMPath& path)
 {
     if (!isServed(path))
         return CMError();
@@ -312,12 +312,12 @@ CMError Guard::judgeFiles(const CMPath& path)
     return reason.isEmpty() ? CMError() : engineError(ErrorKind::Unavailable, reason);
 }
 
-CMError Guard::judgeRows(const CMGetRowsRequest& request)
+CMError Guard::checkRows(const CMGetRowsRequest& request)
 {
     const CMPath& path = request.path();
     if (request.firstRow() < 0 || request.lastRow() < 0)
         return refusal(QStringLiteral("A row index at '%1' is negative"), path);
-    CMError error = judgeRoles(path, request.roles());
+    CMError error = checkRoles(path, request.roles());
     if (isRefused(error))
         return error;
     // The worker would answer the same, and remember the directory for good.
@@ -330,7 +330,7 @@ CMError Guard::judgeRows(const CMGetRowsRequest& request)
     const QString reason = m_files.inspectListing(settingPath);
     if (!reason.isEmpty())
         return engineError(ErrorKind::Unavailable, reason);
-    return judgeFiles(path);
+    return checkFiles(path);
 }
 
 CMRequest Guard::admitSetData(const CMSetDataRequest& request, CMError* error,
@@ -355,9 +355,9 @@ CMRequest Guard::admitSetData(const CMSetDataRequest& request, CMError* error,
     if (!m_readOnlyMessage.isEmpty())
         *error = engineError(ErrorKind::InUse, m_readOnlyMessage);
     if (!isRefused(*error))
-        *error = judgeTarget(path, &setting, &isNew);
+        *error = checkTarget(path, &setting, &isNew);
     if (!isRefused(*error))
-        *error = judgeContent(request);
+        *error = checkContent(request);
     if (isRefused(*error))
         return CMRequest();
     CMRequest admitted = admitChange(request, setting, error, adjustment);
@@ -366,9 +366,9 @@ CMRequest Guard::admitSetData(const CMSetDataRequest& request, CMError* error,
     return admitted;
 }
 
-CMError Guard::judgeStoringAgain(const CMPath& path)
+CMError Guard::checkStoringAgain(const CMPath& path)
 {
-    return judgePlace(path, settingPathOf(path));
+    return checkPlace(path, settingPathOf(path));
 }
 
 // The value that is to be stored, within the constraints.
@@ -377,40 +377,40 @@ CMRequest Guard::admitChange(const CMSetDataRequest& request, const TuloRoles& s
 {
     const CMPath& path = request.path();
     const TuloHash sent(request.value().toHash());
-    ValueJudgement judgement;
+    ValidatedValue validated;
     if (request.role() == TuloRoles::ValueOperation())
-        judgement = judgeOperation(setting, TuloOperation(sent));
+        validated = validateOperation(setting, TuloOperation(sent));
     else if (request.role() == TuloRoles::SetRoles())
-        judgement = judgeChange(setting, TuloRoles(sent).value());
+        validated = validateChange(setting, TuloRoles(sent).value());
     else
-        judgement = judgeChange(setting, TuloValue(sent));
-    if (!judgement.isAccepted) {
-        *error = rejection(path, judgement.reason);
+        validated = validateChange(setting, TuloValue(sent));
+    if (!validated.isAccepted) {
+        *error = rejection(path, validated.reason);
         return CMRequest();
     }
-    *error = judgeSize(path, judgement.value.__variant());
+    *error = checkSize(path, validated.value.__variant());
     if (isRefused(*error))
         return CMRequest();
     if (adjustment != nullptr)
-        *adjustment = { judgement.asked, judgement.value, judgement.reason };
+        *adjustment = { validated.asked, validated.value, validated.reason };
 
     if (request.role() != TuloRoles::SetRoles()) {
-        return CMSetDataRequest(path, TuloRoles::Value(), judgement.value.__variant(),
+        return CMSetDataRequest(path, TuloRoles::Value(), validated.value.__variant(),
                                 request.reply());
     }
     TuloRoles roles(sent);
-    if (!judgement.value.isEmpty())
-        roles.setValue(judgement.value);
+    if (!validated.value.isEmpty())
+        roles.setValue(validated.value);
     return CMSetDataRequest(path, request.role(), roles.__variant(), request.reply());
 }
 
-CMError Guard::judgeContent(const CMSetDataRequest& request)
+CMError Guard::checkContent(const CMSetDataRequest& request)
 {
     const CMPath& path = request.path();
     const QVariant& value = request.value();
     if (request.role() == TuloRoles::Value()) {
-        CMError error = judgeValue(path, value);
-        return isRefused(error) ? error : judgeSize(path, value);
+        CMError error = checkValue(path, value);
+        return isRefused(error) ? error : checkSize(path, value);
     }
 
     if (value.userType() != QMetaType::QVariantHash)
@@ -420,14 +420,14 @@ CMError Guard::judgeContent(const CMSetDataRequest& request)
     const QString& valueKey = TuloRoles::Value();
     CMError error;
     for (auto entry = entries.cbegin(); entry != entries.cend() && !isRefused(error); ++entry) {
-        error = judgeText(path, entry.key());
+        error = checkText(path, entry.key());
         // The store's own, in whatever form it comes.
         if (!isRefused(error) && entry.key() == TuloRoles::Path())
             error = refusal(QStringLiteral("The role 'path' of '%1' cannot be set"), path);
         if (!isRefused(error))
-            error = entry.key() == valueKey ? judgeValue(path, *entry) : judgeJson(path, *entry);
+            error = entry.key() == valueKey ? checkValue(path, *entry) : checkJson(path, *entry);
     }
-    return isRefused(error) ? error : judgeSize(path, value);
+    return isRefused(error) ? error : checkSize(path, value);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -451,20 +451,20 @@ bool Guard::isDirectory(const QString& settingPath) const
 }
 
 // Sets `setting` to what tells which values it may have, `isNew` when it does not exist yet.
-CMError Guard::judgeTarget(const CMPath& path, TuloRoles* setting, bool* isNew)
+CMError Guard::checkTarget(const CMPath& path, TuloRoles* setting, bool* isNew)
 {
     const QString settingPath = settingPathOf(path);
     // The worker answers for the flush action as if it were a setting.
     const CMPath node = m_worker->addPrefix(settingPath);
     if (isAction(node))
         return refusal(QStringLiteral("Path '%1' is an action"), path);
-    CMError error = judgePlace(path, settingPath);
+    CMError error = checkPlace(path, settingPath);
     if (isRefused(error))
         return error;
     const std::optional<TuloRoles> roles = rolesOf(settingPath);
     *isNew = !roles;
     if (!roles)
-        return judgeNewSetting(path, settingPath, setting);
+        return checkNewSetting(path, settingPath, setting);
     if (!roles->modifiable())
         return refusal(QStringLiteral("Setting '%1' is not modifiable"), path,
                        ErrorKind::NotModifiable);
@@ -473,18 +473,18 @@ CMError Guard::judgeTarget(const CMPath& path, TuloRoles* setting, bool* isNew)
 }
 
 // Whether the setting's files can be read and written, whatever the setting is.
-CMError Guard::judgePlace(const CMPath& path, const QString& settingPath)
+CMError Guard::checkPlace(const CMPath& path, const QString& settingPath)
 {
     if (isDirectory(settingPath))
         return refusal(QStringLiteral("Path '%1' is a directory"), path);
-    CMError error = judgeWritableTree(path, settingPath);
+    CMError error = checkWritableTree(path, settingPath);
     if (isRefused(error))
         return error;
     const QString reason = m_files.inspectAgain(settingPath);
     return reason.isEmpty() ? CMError() : engineError(ErrorKind::Unavailable, reason);
 }
 
-CMError Guard::judgeNewSetting(const CMPath& path, const QString& settingPath, TuloRoles* setting)
+CMError Guard::checkNewSetting(const CMPath& path, const QString& settingPath, TuloRoles* setting)
 {
     const QString parent = parentOf(settingPath);
     if (parent.isEmpty())
@@ -509,7 +509,7 @@ CMError Guard::judgeNewSetting(const CMPath& path, const QString& settingPath, T
     }
     if (roles)
         *setting = *roles;
-    return judgeQuota(path, settingPath);
+    return checkQuota(path, settingPath);
 }
 
 std::optional<TuloRoles> Guard::rolesOf(const QString& settingPath) const
@@ -535,7 +535,7 @@ std::optional<TuloRoles> Guard::rolesOf(const QString& settingPath) const
 // Settings made at run time: those that no default file describes.
 // ---------------------------------------------------------------------------------------------
 
-CMError Guard::judgeQuota(const CMPath& path, const QString& settingPath)
+CMError Guard::checkQuota(const CMPath& path, const QString& settingPath)
 {
     findCreated();
     const QSet<QString> names = m_created.value(parentOf(settingPath));
@@ -597,13 +597,13 @@ QStringList Guard::listedNames(const CMPath& directory) const
     return sorted;
 }
 
-CMError Guard::judgeWritableTree(const CMPath& path, const QString& settingPath) const
+CMError Guard::checkWritableTree(const CMPath& path, const QString& settingPath) const
 {
     const auto kindOf = [](const QByteArray& fileName) {
         struct stat file = {};
         return ::lstat(fileName.constData(), &file) == 0 ? file.st_mode & S_IFMT : mode_t(0);
     };
-    const auto judgeKind = [&path](mode_t kind) {
+    const auto checkKind = [&path](mode_t kind) {
         if (kind == S_IFLNK) {
             return refusal(
                 QStringLiteral("A symbolic link in the writable tree is in the way of '%1'"), path);
@@ -624,13 +624,13 @@ CMError Guard::judgeWritableTree(const CMPath& path, const QString& settingPath)
             return CMError();
         if (kind == S_IFREG)
             return refusal(QStringLiteral("Path '%1' is below a setting"), path);
-        CMError error = judgeKind(kind);
+        CMError error = checkKind(kind);
         if (isRefused(error))
             return error;
     }
     // The file, and the temporary file that the worker writes first.
     const QByteArray name = QFile::encodeName(nameOf(settingPath));
-    CMError error = judgeKind(kindOf(directory + '/' + name));
+    CMError error = checkKind(kindOf(directory + '/' + name));
     if (isRefused(error))
         return error;
     struct stat temporary = {};
@@ -641,7 +641,7 @@ CMError Guard::judgeWritableTree(const CMPath& path, const QString& settingPath)
         return refusal(
             QStringLiteral("The temporary file of '%1' is another file, too: a hard link"), path);
     }
-    return judgeKind(temporary.st_mode & S_IFMT);
+    return checkKind(temporary.st_mode & S_IFMT);
 }
 
 } // namespace tulo

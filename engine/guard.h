@@ -40,7 +40,7 @@ namespace tulo {
 ///   worker nor subscribers. An operation arrives at the worker as the value that it makes.
 /// - A tree gains so many new settings and no more.
 ///
-/// Judges what is on disk and, by asking the worker, what was accepted and is not yet written.
+/// Looks at what is on disk and, by asking the worker, what was accepted and is not yet written.
 /// Worker thread only.
 class Guard
 {
@@ -79,11 +79,11 @@ public:
 
     /// What keeps the files of a setting or directory from being read; an empty error when
     /// nothing does.
-    CMError judgeFiles(const CMPath& path);
+    CMError checkFiles(const CMPath& path);
 
     /// What keeps a change that was admitted before from being stored again; an empty error when
-    /// nothing does. Its value is not judged anew.
-    CMError judgeStoringAgain(const CMPath& path);
+    /// nothing does. Its value is not checked again.
+    CMError checkStoringAgain(const CMPath& path);
 
     /// The names that listings of a directory show, sorted, as far as files and the settings
     /// made through this guard tell.
@@ -91,22 +91,22 @@ public:
 
     /// What is wrong with a path by itself; an empty error when nothing is. For callers
     /// that subscribe; admit() looks at the path as well.
-    static CMError judgePath(const CMPath& path);
+    static CMError checkPath(const CMPath& path);
     /// What is wrong with a value (as a variant: a hash with one entry under its kind, or an
     /// empty one); an empty error when nothing is.
-    static CMError judgeValue(const CMPath& path, const QVariant& value);
+    static CMError checkValue(const CMPath& path, const QVariant& value);
 
 private:
-    CMError judgeRows(const CMGetRowsRequest& request);
+    CMError checkRows(const CMGetRowsRequest& request);
     CMRequest admitSetData(const CMSetDataRequest& request, CMError* error, Adjustment* adjustment);
     static CMRequest admitChange(const CMSetDataRequest& request, const TuloRoles& setting,
                                  CMError* error, Adjustment* adjustment);
-    static CMError judgeContent(const CMSetDataRequest& request);
-    CMError judgeTarget(const CMPath& path, TuloRoles* setting, bool* isNew);
-    CMError judgePlace(const CMPath& path, const QString& settingPath);
-    CMError judgeNewSetting(const CMPath& path, const QString& settingPath, TuloRoles* setting);
-    CMError judgeWritableTree(const CMPath& path, const QString& settingPath) const;
-    CMError judgeQuota(const CMPath& path, const QString& settingPath);
+    static CMError checkContent(const CMSetDataRequest& request);
+    CMError checkTarget(const CMPath& path, TuloRoles* setting, bool* isNew);
+    CMError checkPlace(const CMPath& path, const QString& settingPath);
+    CMError checkNewSetting(const CMPath& path, const QString& settingPath, TuloRoles* setting);
+    CMError checkWritableTree(const CMPath& path, const QString& settingPath) const;
+    CMError checkQuota(const CMPath& path, const QString& settingPath);
     void countCreated(const QString& settingPath);
     void findCreated();
 

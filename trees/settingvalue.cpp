@@ -67,9 +67,9 @@ bool applies(const QString& verb, const QString& kind, const TuloValue& operand,
 
 } // namespace
 
-ValueJudgement judgeChange(const TuloRoles& setting, const TuloValue& requested)
+ValidatedValue validateChange(const TuloRoles& setting, const TuloValue& requested)
 {
-    ValueJudgement result;
+    ValidatedValue result;
     result.asked = requested;
     if (requested.isEmpty())
         return result;
@@ -93,17 +93,17 @@ ValueJudgement judgeChange(const TuloRoles& setting, const TuloValue& requested)
     return result;
 }
 
-ValueJudgement judgeOperation(const TuloRoles& setting, const TuloOperation& operation)
+ValidatedValue validateOperation(const TuloRoles& setting, const TuloOperation& operation)
 {
     const QString verb = operation.op();
-    ValueJudgement result;
+    ValidatedValue result;
     result.isAccepted = false;
     if (!CMOperation::verbs().contains(verb)) {
         result.reason = QStringLiteral("'%1' is not an operation").arg(verb);
         return result;
     }
     if (verb == QLatin1String("set"))
-        return judgeChange(setting, operation.value());
+        return validateChange(setting, operation.value());
     const TuloEdit edit = typedEdit(setting);
     const QString kind = edit.kind().isEmpty() ? operation.value().kind() : edit.kind();
     if (!applies(verb, kind, operation.value(), edit)) {
@@ -112,11 +112,11 @@ ValueJudgement judgeOperation(const TuloRoles& setting, const TuloOperation& ope
         return result;
     }
     if (isStep(verb))
-        return judgeChange(setting, CMOperation::apply(setting.value(), edit, operation));
-    // Without the limits, so that the judgement can tell which of them cut the result.
+        return validateChange(setting, CMOperation::apply(setting.value(), edit, operation));
+    // Without the limits, so that the validation can tell which of them cut the result.
     const TuloEdit kindOnly =
         kind.isEmpty() ? TuloEdit() : TuloEdit(TuloHash({ { TuloEdit::Kind(), kind } }));
-    return judgeChange(setting, CMOperation::apply(setting.value(), kindOnly, operation));
+    return validateChange(setting, CMOperation::apply(setting.value(), kindOnly, operation));
 }
 
 TuloValue valueOfKind(const QString& kind, const QVariant& content)

@@ -15,8 +15,8 @@ namespace tulo {
 /// numbers only leave it to the default and current value whether it is int or double.
 QString kindOfSetting(const TuloRoles& setting);
 
-/// What a change comes to.
-struct ValueJudgement
+/// What validating a change gave.
+struct ValidatedValue
 {
     bool isAccepted = true;
     TuloValue asked; ///< of an operation: its result without the limits; else what was sent
@@ -24,13 +24,13 @@ struct ValueJudgement
     QString reason; ///< of a rejection or an adjustment, with the limits; else empty
 };
 
-/// Judges `requested` against the kind and the constraints of `setting`, which holds its value,
+/// Validates `requested` against the kind and the constraints of `setting`, which holds its value,
 /// defaultValue and edit. An empty request, which leaves the stored value, is accepted.
-ValueJudgement judgeChange(const TuloRoles& setting, const TuloValue& requested);
+ValidatedValue validateChange(const TuloRoles& setting, const TuloValue& requested);
 
 /// The same for what `operation` makes of the current value. A verb that does not exist or does
 /// not apply to the setting's kind is rejected.
-ValueJudgement judgeOperation(const TuloRoles& setting, const TuloOperation& operation);
+ValidatedValue validateOperation(const TuloRoles& setting, const TuloOperation& operation);
 
 /// `content` as a value of `kind` if it can be one (a number that loses nothing, the text of a
 /// number or truth value), otherwise of the kind that it has by itself. Empty when it has none.

@@ -48,8 +48,8 @@ QString findingName(TreeFinding::Kind kind);
 /// writable tree it looks at settings and at their temporary files; other hidden files there
 /// are ignored. It does not descend into names that no listing shows.
 ///
-/// What cannot be read or written is judged for this process. Root may do everything, so when root
-/// runs this, owner, group and mode are judged for the owner of the writable tree; supplementary
+/// What cannot be read or written is checked for this process. Root may do everything, so when root
+/// runs this, owner, group and mode are checked for the owner of the writable tree; supplementary
 /// groups and access control lists do not count then.
 QVector<TreeFinding> inspectTrees(const QString& defaultPath, const QString& writePath);
 

@@ -72,9 +72,9 @@ Failure notCarried(const QString& path)
              path };
 }
 
-Failure judgeValue(const QString& path, const QVariant& value)
+Failure checkValue(const QString& path, const QVariant& value)
 {
-    const CMError error = Guard::judgeValue(CMPath(path), value);
+    const CMError error = Guard::checkValue(CMPath(path), value);
     const ErrorKind kind = errorKind(error);
     if (kind == ErrorKind::None)
         return {};
@@ -248,7 +248,7 @@ Answer<QVariantHash> BusSession::setValue(const QString& path, const TuloValue& 
 Answer<QVariantHash> BusSession::setRoles(const QString& path, const QVariantHash& roles)
 {
     // Values on the bus are plain, so the service could take malformed roles for a value.
-    const Failure failure = judgeValue(path, roles.value(TuloRoles::Value(), QVariantHash()));
+    const Failure failure = checkValue(path, roles.value(TuloRoles::Value(), QVariantHash()));
     if (failure)
         return { {}, failure };
     QVariantMap sent;

@@ -340,7 +340,7 @@ QString namesOfCommands(bool inShell)
     return names.join(text(", "));
 }
 
-Failure judge(const Arguments& arguments, bool inShell)
+Failure check(const Arguments& arguments, bool inShell)
 {
     const Command& command = *arguments.command;
     if (inShell && command.place == Command::Place::CommandLine)
@@ -418,7 +418,7 @@ Arguments parse(const QStringList& words, bool inShell, Failure* failure)
     const int paths = arguments.command->paths;
     for (int i = 0; i < arguments.positional.size() && (paths < 0 || i < paths); ++i)
         arguments.positional[i] = completed(arguments.positional.at(i));
-    *failure = judge(arguments, inShell);
+    *failure = check(arguments, inShell);
     return arguments;
 }
 

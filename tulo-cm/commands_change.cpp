@@ -149,7 +149,7 @@ int printOutcome(Context& context, const QString& path, const TuloRoles& before,
         printStored(context.output, path, roles);
         return Done;
     }
-    const QString reason = judgeChange(before, requested).reason;
+    const QString reason = validateChange(before, requested).reason;
     printStored(context.output, path, roles);
     return report(context, adjusted(path, shownValue(requested), reason, now));
 }
@@ -240,7 +240,7 @@ bool takesOperand(const QString& verb)
         && verb != QLatin1String("previous");
 }
 
-Failure judgeVerb(const QString& verb, bool hasOperand)
+Failure checkVerb(const QString& verb, bool hasOperand)
 {
     if (!CMOperation::verbs().contains(verb)) {
         return usageFailure(QStringLiteral("unknown verb '%1'; verbs are: %2")
@@ -259,11 +259,11 @@ int printResult(Context& context, const QString& path, const TuloRoles& before,
                 const TuloOperation& operation, const QVariantHash& roles)
 {
     const TuloValue now(TuloHash(roles.value(TuloRoles::Value()).toHash()));
-    const ValueJudgement judgement = judgeOperation(before, operation);
+    const ValidatedValue validated = validateOperation(before, operation);
     printStored(context.output, path, roles);
-    if (judgement.reason.isEmpty() || judgement.value != now || isSame(judgement.asked, now))
+    if (validated.reason.isEmpty() || validated.value != now || isSame(validated.asked, now))
         return Done;
-    return report(context, adjusted(path, shownValue(judgement.asked), judgement.reason, now));
+    return report(context, adjusted(path, shownValue(validated.asked), validated.reason, now));
 }
 
 } // namespace
@@ -273,7 +273,7 @@ int runOp(Context& context, const Arguments& arguments)
     const QString path = arguments.positional.at(0);
     const QString verb = arguments.positional.at(1);
     const bool hasOperand = arguments.positional.size() > 2;
-    const Failure failure = judgeVerb(verb, hasOperand);
+    const Failure failure = checkVerb(verb, hasOperand);
     if (failure)
         return report(context, failure);
     const Answer<TuloRoles> before = readSetting(*context.session, path);

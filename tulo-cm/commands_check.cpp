@@ -10,7 +10,7 @@ namespace tulo {
 
 namespace {
 
-Failure judgeDirectory(const QString& path)
+Failure checkDirectory(const QString& path)
 {
     const QFileInfo directory(path);
     if (directory.isDir() && directory.isReadable() && directory.isExecutable())
@@ -39,7 +39,7 @@ int runCheck(Context& context, const Arguments&)
         trees = context.session->directories();
     for (const QString& path : { trees.value.defaultPath, trees.value.writePath }) {
         if (!trees.failure)
-            trees.failure = judgeDirectory(path);
+            trees.failure = checkDirectory(path);
     }
     if (trees.failure) {
         context.output.failure(trees.failure);

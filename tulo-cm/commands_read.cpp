@@ -82,7 +82,7 @@ QString hintFor(const QString& role)
 
 // Files of the default tree may have keys beside the known roles, so a role is unknown only when
 // none of the nodes has it either.
-Failure judgeRoles(const QStringList& roles, const QVector<QVariantHash>& nodes)
+Failure checkRoles(const QStringList& roles, const QVector<QVariantHash>& nodes)
 {
     for (const QString& role : roles) {
         const bool isFound =
@@ -151,7 +151,7 @@ int runGet(Context& context, const Arguments& arguments)
         if (!answers.last().failure)
             found.append(answers.last().value);
     }
-    const Failure failure = judgeRoles(roles, found);
+    const Failure failure = checkRoles(roles, found);
     if (failure) {
         context.output.failure(failure);
         return failure.exitCode;
@@ -243,7 +243,7 @@ int runLs(Context& context, const Arguments& arguments)
     QVector<QVariantHash> found;
     for (const PageRow& row : qAsConst(listing.page.rows))
         found.append(row.roles);
-    failure = judgeRoles(roles, found);
+    failure = checkRoles(roles, found);
     if (failure) {
         output.failure(failure);
         return failure.exitCode;

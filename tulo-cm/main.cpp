@@ -56,7 +56,7 @@ QString busName(const Arguments& arguments)
     return arguments.isSet(busOption) ? arguments.value(busOption) : QStringLiteral("system");
 }
 
-Failure judgeDirectory(const QString& path)
+Failure checkDirectory(const QString& path)
 {
     // An empty name would stand for the built-in directory further down.
     const QFileInfo directory(path);
@@ -67,7 +67,7 @@ Failure judgeDirectory(const QString& path)
     return {};
 }
 
-Failure judgePlace(const Arguments& arguments)
+Failure checkPlace(const Arguments& arguments)
 {
     const bool hasDefault = arguments.isSet(defaultPathOption);
     const bool hasWrite = arguments.isSet(writePathOption);
@@ -99,7 +99,7 @@ Failure judgePlace(const Arguments& arguments)
     return {};
 }
 
-Failure judgeWorkerOptions(const Arguments& arguments)
+Failure checkWorkerOptions(const Arguments& arguments)
 {
     const QString product = arguments.value(productOption);
     if (!product.isEmpty() && !isListable(product)) {
@@ -111,7 +111,7 @@ Failure judgeWorkerOptions(const Arguments& arguments)
     if (arguments.isSet(languageOption) && !arguments.isSet(cataloguesOption))
         return usageFailure(QStringLiteral("'--language' needs '--catalogues'"));
     for (const QString& directory : arguments.values(cataloguesOption)) {
-        Failure failure = judgeDirectory(directory);
+        Failure failure = checkDirectory(directory);
         if (failure)
             return failure;
     }
@@ -119,9 +119,9 @@ Failure judgeWorkerOptions(const Arguments& arguments)
 }
 
 // Everything that can be said of the options before anything is opened.
-Failure judgeOptions(const Arguments& arguments, TreeDirectories* trees)
+Failure checkOptions(const Arguments& arguments, TreeDirectories* trees)
 {
-    Failure failure = judgePlace(arguments);
+    Failure failure = checkPlace(arguments);
     if (failure || !isOwnProcess(arguments))
         return failure;
     const bool isBuiltIn = !arguments.isSet(defaultPathOption);
@@ -129,11 +129,11 @@ Failure judgeOptions(const Arguments& arguments, TreeDirectories* trees)
         isBuiltIn ? Engine::builtInDefaultPath() : arguments.value(defaultPathOption);
     trees->writePath = isBuiltIn ? Engine::builtInWritePath() : arguments.value(writePathOption);
     for (const QString& directory : { trees->defaultPath, trees->writePath }) {
-        failure = judgeDirectory(directory);
+        failure = checkDirectory(directory);
         if (failure)
             return failure;
     }
-    return judgeWorkerOptions(arguments);
+    return checkWorkerOptions(arguments);
 }
 
 QString pluginFile(const Arguments& arguments)
@@ -255,7 +255,7 @@ Failure prepare(const Arguments& arguments, TreeDirectories* trees)
     const Command& command = *arguments.command;
     if (command.needs == Command::Needs::Nothing)
         return startLogging(arguments);
-    Failure failure = judgeOptions(arguments, trees);
+    Failure failure = checkOptions(arguments, trees);
     if (!failure && isOwnProcess(arguments) && command.place == Command::Place::ServiceOrShell) {
         failure = { Unavailable, QStringLiteral("NoService"),
                     QStringLiteral("'%1' works on the service or in the shell; this process would "

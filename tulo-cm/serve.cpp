@@ -27,7 +27,7 @@ int report(Output& output, int exitCode, const QString& name, const QString& mes
 }
 
 // Prints what is wrong in the trees; fails when they cannot be served.
-int judgeTrees(const Engine& engine, Output& output)
+int checkTrees(const Engine& engine, Output& output)
 {
     int exitCode = Done;
     const QVector<TreeFinding> findings = inspectTrees(engine.defaultPath(), engine.writePath());
@@ -136,9 +136,9 @@ int serve(const ServeOptions& options, Output& output)
                       QStringLiteral("NotStarted"), failure.message);
     }
     // As the tree's owner, but before anything is read or served.
-    const int judged = judgeTrees(*engine, output);
-    if (judged != Done)
-        return judged;
+    const int checked = checkTrees(*engine, output);
+    if (checked != Done)
+        return checked;
     QObject::connect(&interrupts, &Interrupts::hangUp, &interrupts,
                      [&options, &engine, &output] { reloadLogging(options, *engine, output); });
 

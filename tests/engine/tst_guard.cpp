@@ -1123,7 +1123,7 @@ void tst_guard::rowsTellWhichOfThemCannotBeServed()
 {
     m_tree->writeDefault(QStringLiteral("/audio/large"),
                          QByteArray(FileProbe::maximumFileBytes + 1, ' '));
-    m_router->setRowCheck([this](const CMPath& path) { return m_guard->judgeFiles(path); });
+    m_router->setRowCheck([this](const CMPath& path) { return m_guard->checkFiles(path); });
     // The worker's, with all rows and with the one.
     const QString record = QStringLiteral("Loaded path is invalid: /settings/audio/large");
     m_log->expect(log4cplus::ERROR_LOG_LEVEL, record);

@@ -17,7 +17,7 @@ struct LogRecord
     QString function;
 };
 
-/// Collects the log records of the process, from every logger unless one is named, and judges
+/// Collects the log records of the process, from every logger unless one is named, and checks
 /// them: a WARN, ERROR or FATAL that the test did not reckon with fails it. Use one for each
 /// test function:
 ///
@@ -48,7 +48,7 @@ public:
     QList<LogRecord> records() const;
     /// The messages of one level, oldest first.
     QStringList messages(log4cplus::LogLevel level) const;
-    /// Returns what came so far and forgets it: the caller judges these records itself.
+    /// Returns what came so far and forgets it: the caller checks these records itself.
     QList<LogRecord> take();
 
     /// Announces one record, before or after it comes. Verifying fails when it is missing.

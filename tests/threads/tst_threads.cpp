@@ -122,7 +122,7 @@ private:
     std::unique_ptr<Guard> m_guard;
 };
 
-/// A client thread: asks for everything, in random order, and judges each answer. What it finds
+/// A client thread: asks for everything, in random order, and checks each answer. What it finds
 /// wrong it counts; QtTest is for the main thread.
 class Requester
 {

@@ -113,12 +113,12 @@ void tst_settingvalue::change()
     QFETCH(QByteArray, setting);
     QFETCH(QByteArray, requested);
 
-    const ValueJudgement judgement = judgeChange(rolesOf(setting), valueOf(requested));
+    const ValidatedValue validated = validateChange(rolesOf(setting), valueOf(requested));
 
-    QTEST(judgement.isAccepted, "isAccepted");
-    QTEST(textOf(judgement.value), "stored");
-    QTEST(judgement.reason, "reason");
-    QVERIFY(judgement.asked == valueOf(requested));
+    QTEST(validated.isAccepted, "isAccepted");
+    QTEST(textOf(validated.value), "stored");
+    QTEST(validated.reason, "reason");
+    QVERIFY(validated.asked == valueOf(requested));
 }
 
 void tst_settingvalue::operation_data()
@@ -166,13 +166,13 @@ void tst_settingvalue::operation()
     QFETCH(QString, verb);
     QFETCH(QByteArray, operand);
 
-    const ValueJudgement judgement =
-        judgeOperation(rolesOf(setting), TuloOperation(verb, valueOf(operand)));
+    const ValidatedValue validated =
+        validateOperation(rolesOf(setting), TuloOperation(verb, valueOf(operand)));
 
-    QTEST(judgement.isAccepted, "isAccepted");
-    QTEST(textOf(judgement.asked), "asked");
-    QTEST(textOf(judgement.value), "stored");
-    QTEST(judgement.reason, "reason");
+    QTEST(validated.isAccepted, "isAccepted");
+    QTEST(textOf(validated.asked), "asked");
+    QTEST(textOf(validated.value), "stored");
+    QTEST(validated.reason, "reason");
 }
 
 QTEST_GUILESS_MAIN(tst_settingvalue)
