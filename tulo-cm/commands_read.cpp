@@ -1,7 +1,7 @@
 #include "commands.h"
 
-#include "interrupts.h"
 #include "listing.h"
+#include "signalhandler.h"
 
 #include "api/core/tuloroles.h"
 
@@ -314,7 +314,7 @@ private:
     void children(const QString& path, int depth)
     {
         Output& output = m_context.output;
-        if (output.isClosed() || output.hasFailed() || Interrupts::requested())
+        if (output.isClosed() || output.hasFailed() || SignalHandler::isEndRequested())
             return;
         const Listing listing = listRows(*m_context.session, path, 0, INT_MAX, m_roles, m_progress);
         for (const PageRow& row : listing.page.rows)

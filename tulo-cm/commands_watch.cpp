@@ -1,7 +1,7 @@
 #include "commands.h"
 
 #include "bussession.h"
-#include "interrupts.h"
+#include "signalhandler.h"
 
 namespace tulo {
 

@@ -1,9 +1,9 @@
 #include "bussession.h"
 #include "commands.h"
-#include "interrupts.h"
 #include "localsession.h"
 #include "logging.h"
 #include "serve.h"
+#include "signalhandler.h"
 #include "textinput.h"
 
 #include "trees/nodenames.h"
@@ -214,9 +214,9 @@ int runInOwnProcess(const EngineOptions& options, const Arguments& arguments, Ou
 {
     const Command& command = *arguments.command;
     // Read-only commands need no signal handling.
-    std::optional<Interrupts> interrupts;
+    std::optional<SignalHandler> signalHandler;
     if (command.needs == Command::Needs::Changes)
-        interrupts.emplace();
+        signalHandler.emplace();
     Failure failure;
     const std::unique_ptr<LocalSession> session = openLocal(options, arguments, output, &failure);
     if (!session) {
@@ -231,9 +231,9 @@ int runOnService(const Arguments& arguments, Output& output)
     // A client that is killed loses nothing: the service has its changes. Only commands that wait
     // in the event loop handle signals.
     const Command& command = *arguments.command;
-    std::optional<Interrupts> interrupts;
+    std::optional<SignalHandler> signalHandler;
     if (command.run == runWatch || command.run == runShell)
-        interrupts.emplace();
+        signalHandler.emplace();
     Failure failure;
     const std::unique_ptr<BusSession> session = BusSession::open(busName(arguments), &failure);
     if (!session) {

@@ -2,7 +2,7 @@
 
 #include "bussession.h"
 #include "commands.h"
-#include "interrupts.h"
+#include "signalhandler.h"
 
 #include "daemon/service.h"
 #include "trees/treecheck.h"
@@ -67,7 +67,7 @@ public:
         byDefault.sa_handler = SIG_DFL;
         ::sigaction(SIGTERM, &byDefault, &m_terminate);
         ::sigaction(SIGINT, &byDefault, &m_interrupt);
-        if (Interrupts::requested())
+        if (SignalHandler::isEndRequested())
             ::raise(SIGTERM);
     }
     ~EndAtOnce()
@@ -101,9 +101,9 @@ bool offer(Service& service, const QString& busName, QString* reason)
 // a bus.
 bool serveOnBus(Service& service, Engine& engine, const QString& busName, Output& output)
 {
-    while (!Interrupts::requested()) {
+    while (!SignalHandler::isEndRequested()) {
         serveEvents(-1, [&service] { return !service.isConnected(); });
-        if (Interrupts::requested())
+        if (SignalHandler::isEndRequested())
             break;
         // Before anything that may take long; what fails is in the properties and the log.
         if (engine.writes().needsFlush())
@@ -125,8 +125,8 @@ bool serveOnBus(Service& service, Engine& engine, const QString& busName, Output
 int serve(const ServeOptions& options, Output& output)
 {
     // Before anything is opened, so that no signal finds a half-made service.
-    Interrupts interrupts;
-    interrupts.catchHangUp();
+    SignalHandler signalHandler;
+    signalHandler.catchHangUp();
     EngineOptions engineOptions = options.engine;
     engineOptions.access = EngineOptions::Access::Own;
     EngineFailure failure;
@@ -139,7 +139,7 @@ int serve(const ServeOptions& options, Output& output)
     const int checked = checkTrees(*engine, output);
     if (checked != Done)
         return checked;
-    QObject::connect(&interrupts, &Interrupts::hangUp, &interrupts,
+    QObject::connect(&signalHandler, &SignalHandler::hangUp, &signalHandler,
                      [&options, &engine, &output] { reloadLogging(options, *engine, output); });
 
     Service service(*engine);

@@ -1,6 +1,6 @@
 #include "commands.h"
 
-#include "interrupts.h"
+#include "signalhandler.h"
 #include "textinput.h"
 
 #include <QCoreApplication>
@@ -24,13 +24,13 @@ public:
     {
         // Events have their turn between two lines, however fast these come.
         QCoreApplication::processEvents();
-        while (!m_buffer.contains('\n') && !m_ended && !Interrupts::requested()) {
+        while (!m_buffer.contains('\n') && !m_ended && !SignalHandler::isEndRequested()) {
             if (!isReadable())
                 waitForMore();
             else
                 read();
         }
-        if (Interrupts::requested() || m_buffer.isEmpty())
+        if (SignalHandler::isEndRequested() || m_buffer.isEmpty())
             return false;
         // The last line needs no end.
         const int end = m_buffer.indexOf('\n');

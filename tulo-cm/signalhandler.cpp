@@ -1,4 +1,4 @@
-#include "interrupts.h"
+#include "signalhandler.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -54,7 +54,7 @@ bool isIgnored(int number)
 
 } // namespace
 
-Interrupts::Interrupts()
+SignalHandler::SignalHandler()
     : m_ignoresHangUp(isIgnored(SIGHUP))
 {
     endCame = 0;
@@ -78,7 +78,7 @@ Interrupts::Interrupts()
         setHandler(SIGHUP, handleSignal);
 }
 
-Interrupts::~Interrupts()
+SignalHandler::~SignalHandler()
 {
     setHandler(SIGINT, SIG_DFL);
     setHandler(SIGTERM, SIG_DFL);
@@ -89,13 +89,13 @@ Interrupts::~Interrupts()
     hangUpCame = 0;
 }
 
-void Interrupts::catchHangUp()
+void SignalHandler::catchHangUp()
 {
     hangUpEnds = 0;
     setHandler(SIGHUP, handleSignal);
 }
 
-bool Interrupts::requested()
+bool SignalHandler::isEndRequested()
 {
     return endCame != 0;
 }
@@ -108,7 +108,7 @@ void serveEvents(int milliseconds, const std::function<bool()>& ended)
     wake.setTimerType(Qt::PreciseTimer);
     if (milliseconds >= 0)
         wake.start(milliseconds);
-    while (!ended() && !Interrupts::requested() && !deadline.hasExpired())
+    while (!ended() && !SignalHandler::isEndRequested() && !deadline.hasExpired())
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
 }
 

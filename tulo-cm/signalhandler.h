@@ -7,22 +7,22 @@
 namespace tulo {
 
 /// Turns SIGINT, SIGTERM and SIGHUP (the terminal was closed) into an orderly end: the event loop
-/// wakes up for them, and long operations check requested() from time to time. A SIGHUP that was
-/// ignored from the start, as nohup does, stays ignored. One object at a time, on the main thread;
-/// without one these signals end the process as usual.
-class Interrupts : public QObject
+/// wakes up for them, and long operations check isEndRequested() from time to time. A SIGHUP that
+/// was ignored from the start, as nohup does, stays ignored. One object at a time, on the main
+/// thread; without one these signals end the process as usual.
+class SignalHandler : public QObject
 {
     Q_OBJECT
 
 public:
-    Interrupts();
-    ~Interrupts() override;
+    SignalHandler();
+    ~SignalHandler() override;
 
     /// From now on SIGHUP emits hangUp() and ends nothing.
     void catchHangUp();
 
     /// True when a signal to end came since the object was made; false without one.
-    static bool requested();
+    static bool isEndRequested();
 
 signals:
     /// From the event loop.
