@@ -6,7 +6,6 @@
 #include "api/core/model/tulosettingsactions.h"
 #include "api/core/tulo.h"
 
-#include <QMutexLocker>
 #include <QThread>
 
 #include <algorithm>
@@ -14,11 +13,6 @@
 namespace tulo {
 
 namespace {
-
-CMError stoppedError()
-{
-    return engineError(ErrorKind::Stopped, QStringLiteral("The host has stopped"));
-}
 
 // The path under which the worker announces a change.
 CMPath absolute(const CMPath& path)
@@ -32,17 +26,10 @@ Dispatcher::Dispatcher(Router* router, Guard* guard)
     : m_router(router)
     , m_guard(guard)
 {
-    checkedConnect(this, &Dispatcher::privateRequestQueued, this, &Dispatcher::serveQueued,
-                   Qt::QueuedConnection);
-}
-
-Dispatcher::~Dispatcher()
-{
-    close();
 }
 
 // ---------------------------------------------------------------------------------------------
-// Requests. Thread-safe.
+// Requests.
 // ---------------------------------------------------------------------------------------------
 
 CMGetDataRequest::Reply Dispatcher::getData(const CMPath& path, const QStringList& roles)
@@ -89,14 +76,6 @@ CMSetDataRequest::Reply Dispatcher::setData(const CMPath& path, const QString& r
     return reply;
 }
 
-void Dispatcher::wait(const CMVoidReply& reply, int milliseconds)
-{
-    if (reply.data()->waitForFinished(static_cast<unsigned long>(milliseconds)))
-        return;
-    reply.setError(engineError(ErrorKind::TimedOut,
-                               QStringLiteral("No answer within %1 ms").arg(milliseconds)));
-}
-
 DirectoryRows Dispatcher::rowsOf(const TuloRowsRoles& answer, const QStringList& roles)
 {
     DirectoryRows rows;
@@ -135,7 +114,7 @@ DirectoryRows Dispatcher::rows(const CMPath& path, qint32 firstRow, qint32 lastR
         return DirectoryRows();
     *error = CMError();
 
-    const QStringList names = m_guard == nullptr ? QStringList() : m_guard->listedNames(path);
+    const QStringList names = m_guard->listedNames(path);
     const qint64 end = std::min(
         { qint64(lastRow) + 1, qint64(firstRow) + Guard::maximumRows, qint64(result.count) });
     for (qint32 index = firstRow; index < end; ++index) {
@@ -159,44 +138,20 @@ const Guard::Adjustment& Dispatcher::adjustment() const
 }
 
 // ---------------------------------------------------------------------------------------------
-// The way to the worker's thread: one queued event a request, so that timers and other events
-// have their turn between two requests.
+// The way to the worker.
 // ---------------------------------------------------------------------------------------------
 
 void Dispatcher::submit(const CMRequest& request)
 {
-    QMutexLocker locker(&m_mutex);
-    if (m_closed) {
-        locker.unlock();
-        request.voidReply().setError(stoppedError());
+    TULO_ASSERT(QThread::currentThread() == thread());
+    if (m_isClosed) {
+        request.voidReply().setError(
+            engineError(ErrorKind::Stopped, QStringLiteral("The host has stopped")));
         return;
     }
-    if (QThread::currentThread() == thread()) {
-        locker.unlock();
-        serve(request);
-        return;
-    }
-    m_queue.append(request);
-    // Under the lock, so that close() and destruction come before it or find the request.
-    emit privateRequestQueued();
-}
-
-void Dispatcher::serveQueued()
-{
-    QMutexLocker locker(&m_mutex);
-    if (m_queue.isEmpty())
-        return;
-    const CMRequest request = m_queue.takeFirst();
-    locker.unlock();
-    serve(request);
-}
-
-void Dispatcher::serve(const CMRequest& request)
-{
     CMError error;
     Guard::Adjustment adjustment;
-    const CMRequest admitted =
-        m_guard == nullptr ? request : m_guard->admit(request, &error, &adjustment);
+    const CMRequest admitted = m_guard->admit(request, &error, &adjustment);
     if (errorKind(error) == ErrorKind::None)
         route(admitted);
     else
@@ -228,7 +183,7 @@ CMSetDataRequest::Reply Dispatcher::storeAgain(const CMPath& path, const TuloRol
 {
     auto reply = CMSetDataRequest::Reply::create();
     const CMSetDataRequest request(path, TuloRoles::SetRoles(), roles.__variant(), reply);
-    const CMError error = m_guard == nullptr ? CMError() : m_guard->checkStoringAgain(path);
+    const CMError error = m_guard->checkStoringAgain(path);
     if (errorKind(error) == ErrorKind::None)
         route(request);
     else
@@ -236,20 +191,9 @@ CMSetDataRequest::Reply Dispatcher::storeAgain(const CMPath& path, const TuloRol
     return reply;
 }
 
-void Dispatcher::callDirectly(const CMRequest& request) const
-{
-    m_router->request(request);
-}
-
 void Dispatcher::close()
 {
-    QMutexLocker locker(&m_mutex);
-    m_closed = true;
-    QList<CMRequest> queue;
-    queue.swap(m_queue);
-    locker.unlock();
-    for (const CMRequest& request : qAsConst(queue))
-        request.voidReply().setError(stoppedError());
+    m_isClosed = true;
 }
 
 } // namespace tulo

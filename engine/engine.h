@@ -58,8 +58,8 @@ struct EngineFailure
 /// does not exist, so the engine checks both before, and again after the worker has chosen.
 ///
 /// Lives on the thread that opens it, which becomes the worker's thread and runs an event loop
-/// if changes are to be written without a flush. Needs a QCoreApplication. One thread stops it;
-/// the dispatcher may be used from all.
+/// if changes are to be written without a flush. Needs a QCoreApplication. All of it is
+/// for that thread alone.
 class Engine
 {
 public:

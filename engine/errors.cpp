@@ -13,7 +13,7 @@ struct NamedKind
     QLatin1String name;
 };
 
-const std::array<NamedKind, 9> namedKinds { {
+const std::array<NamedKind, 8> namedKinds { {
     { ErrorKind::InvalidPath, QLatin1String("InvalidPath") },
     { ErrorKind::Refused, QLatin1String("Refused") },
     { ErrorKind::Rejected, QLatin1String("Rejected") },
@@ -21,7 +21,6 @@ const std::array<NamedKind, 9> namedKinds { {
     { ErrorKind::NotModifiable, QLatin1String("NotModifiable") },
     { ErrorKind::Limits, QLatin1String("Limits") },
     { ErrorKind::InUse, QLatin1String("InUse") },
-    { ErrorKind::TimedOut, QLatin1String("TimedOut") },
     { ErrorKind::Stopped, QLatin1String("Stopped") },
 } };
 

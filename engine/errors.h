@@ -17,7 +17,6 @@ enum class ErrorKind {
     NotModifiable, ///< a change to a read-only setting
     Limits, ///< too long, too deep or too many
     InUse, ///< a change by an engine that does not own the writable tree
-    TimedOut, ///< no answer in time; what became of the request is not known
     Stopped, ///< the engine has stopped, the worker was not asked
     Other ///< the worker's own answer
 };

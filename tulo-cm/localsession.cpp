@@ -23,7 +23,6 @@ int exitCodeOf(ErrorKind kind)
     case ErrorKind::Unavailable:
     case ErrorKind::Stopped:
         return Unavailable;
-    case ErrorKind::TimedOut:
     case ErrorKind::Other:
         break;
     }

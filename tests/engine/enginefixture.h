@@ -3,15 +3,13 @@
 #include "api/core/model/cmworker.h"
 
 #include <QList>
-#include <QMutex>
 #include <QString>
-#include <QThread>
+#include <QStringList>
 #include <QVariant>
 
 // What the tests of the engine share.
 
-/// A worker that notes what it is asked and on which thread, and answers every request with the
-/// request's path, or leaves it open.
+/// A worker that notes what it is asked, and answers every request with the request's path.
 class NotingWorker : public CMWorker
 {
 public:
@@ -20,57 +18,26 @@ public:
     {
     }
 
-    struct Note
-    {
-        CMRequest request;
-        QThread* thread = nullptr;
-    };
-
-    /// Keeps the replies of later requests unfinished.
-    void setAnswering(bool isAnswering) { m_isAnswering = isAnswering; }
-
-    QList<Note> notes() const
-    {
-        const QMutexLocker locker(&m_mutex);
-        return m_notes;
-    }
-
-    QStringList paths() const
-    {
-        QStringList paths;
-        const QList<Note> all = notes();
-        for (const Note& note : all)
-            paths.append(note.request.path().text());
-        return paths;
-    }
+    const QList<CMRequest>& requests() const { return m_requests; }
 
     void getDataRequest(const CMGetDataRequest& request) override
     {
-        if (note(request))
-            request.reply().setValue({ request.path().text() });
+        m_requests.append(request);
+        request.reply().setValue({ request.path().text() });
     }
 
     void getRowsRequest(const CMGetRowsRequest& request) override
     {
-        if (note(request))
-            request.reply().setValue(TuloRowsRoles());
+        m_requests.append(request);
+        request.reply().setValue(TuloRowsRoles());
     }
 
     void setDataRequest(const CMSetDataRequest& request) override
     {
-        if (note(request))
-            request.reply().setValue(request.path().text());
+        m_requests.append(request);
+        request.reply().setValue(request.path().text());
     }
 
 private:
-    bool note(const CMRequest& request)
-    {
-        const QMutexLocker locker(&m_mutex);
-        m_notes.append({ request, QThread::currentThread() });
-        return m_isAnswering;
-    }
-
-    bool m_isAnswering = true;
-    mutable QMutex m_mutex;
-    QList<Note> m_notes; ///< under the mutex
+    QList<CMRequest> m_requests;
 };

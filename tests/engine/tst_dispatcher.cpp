@@ -1,60 +1,35 @@
 #include "engine/dispatcher.h"
 #include "engine/guard.h"
+#include "engine/loader.h"
 #include "engine/router.h"
 
 #include "api/core/model/tulosettingsactions.h"
 #include "tests/engine/enginefixture.h"
+#include "tests/support/childprocess.h"
+#include "tests/support/logcapture.h"
 #include "tests/support/replywaiter.h"
+#include "tests/support/temporarytree.h"
 
 #include <QTest>
-#include <QThread>
 
-#include <future>
+#include <csignal>
 #include <memory>
-#include <vector>
+#include <thread>
 
 using namespace tulo;
 
 namespace {
 
-const QStringList noRoles;
+const CMPath volume(QStringLiteral("/settings/audio/volume"));
 
-CMPath node(const QString& path)
+QVariant intValue(qlonglong number)
 {
-    return CMPath(path);
+    return TuloValue::of(TuloValue::Int(), number).__variant();
 }
-
-/// A dispatcher with its worker on a thread of their own, which runs an event loop.
-class WorkerThread
-{
-public:
-    WorkerThread()
-    {
-        m_router.addWorker(&worker);
-        worker.moveToThread(&m_thread);
-        dispatcher.moveToThread(&m_thread);
-        m_thread.start();
-    }
-
-    ~WorkerThread()
-    {
-        m_thread.quit();
-        m_thread.wait();
-    }
-
-    QThread* thread() { return &m_thread; }
-
-private:
-    QThread m_thread;
-    Router m_router;
-
-public:
-    NotingWorker worker;
-    Dispatcher dispatcher { &m_router };
-};
 
 } // namespace
 
+/// The dispatcher in front of the real worker on a small tree.
 class tst_dispatcher : public QObject
 {
     Q_OBJECT
@@ -63,17 +38,13 @@ private slots:
     void init();
     void cleanup();
 
-    void requestOnTheWorkersThreadIsServedAtOnce();
-    void requestFromAnotherThreadIsServedOnTheWorkersThread();
-    void requestsOfManyThreadsAreServedOneAtATime();
-    void directCallRunsOnTheCallingThread();
-    void requestsCarryWhatWasAsked();
-    void actionsAreActivated();
-    void waitingEndsWithTheAnswer();
-    void waitingTimesOutAndTheAnswerThatComesLaterIsIgnored();
+    void requestIsServedAtOnce();
+    void requestFromAnotherThreadAborts();
+    void dataAreAskedInTheOrderOfTheRoles();
+    void rowsOfARangeAreAsked();
+    void changesAreMade();
+    void droppedCacheIsReadAgain();
     void closedDispatcherAnswersStopped();
-    void queuedRequestIsAnsweredStoppedWhenTheDispatcherCloses();
-    void queuedRequestIsAnsweredStoppedWhenTheDispatcherIsDestroyed();
     void refusedRequestDoesNotReachTheWorker();
     void acceptedChangeIsSignalled_data();
     void acceptedChangeIsSignalled();
@@ -81,247 +52,190 @@ private slots:
     void rowsOfAnEmptyAnswerAreEmpty();
 
 private:
-    std::unique_ptr<NotingWorker> m_worker;
+    std::unique_ptr<LogCapture> m_log;
+    std::unique_ptr<TemporaryTree> m_tree;
+    std::unique_ptr<CMWorker> m_worker;
     std::unique_ptr<Router> m_router;
+    std::unique_ptr<Guard> m_guard;
     std::unique_ptr<Dispatcher> m_dispatcher;
 };
 
 void tst_dispatcher::init()
 {
-    m_worker = std::make_unique<NotingWorker>();
+    m_log = std::make_unique<LogCapture>(log4cplus::WARN_LOG_LEVEL);
+    m_tree = std::make_unique<TemporaryTree>();
+    m_tree->writeDefault(QStringLiteral("/audio/balance"), R"({"title":"Balance"})");
+    m_tree->writeDefault(QStringLiteral("/audio/fader"), R"({"title":"Fader"})");
+    m_tree->writeDefault(QStringLiteral("/audio/volume"),
+                         R"({"title":"Volume","value":{"int":5}})");
+    m_worker = loadWorker(QStringLiteral(TULO_PLUGIN_FILE), m_tree->config()).worker;
+    QVERIFY(m_worker);
     m_router = std::make_unique<Router>();
     m_router->addWorker(m_worker.get());
-    m_dispatcher = std::make_unique<Dispatcher>(m_router.get());
+    m_guard = std::make_unique<Guard>(m_worker.get(), m_tree->defaultPath(), m_tree->writePath());
+    m_dispatcher = std::make_unique<Dispatcher>(m_router.get(), m_guard.get());
 }
 
 void tst_dispatcher::cleanup()
 {
     m_dispatcher.reset();
-    m_router.reset();
+    m_guard.reset();
     m_worker.reset();
+    m_router.reset();
+    m_tree.reset();
+    m_log->verifyNothingUnexpected();
+    m_log.reset();
 }
 
-void tst_dispatcher::requestOnTheWorkersThreadIsServedAtOnce()
+void tst_dispatcher::requestIsServedAtOnce()
 {
-    const auto reply = m_dispatcher->getData(node(QStringLiteral("/settings/a")), noRoles);
+    const auto reply = m_dispatcher->getData(volume, { TuloRoles::Value() });
 
     QVERIFY(reply.isFinished());
-    QCOMPARE(reply.value(), QList<QVariant>({ QStringLiteral("/settings/a") }));
+    QCOMPARE(reply.value(), QList<QVariant>({ intValue(5) }));
 }
 
-void tst_dispatcher::requestFromAnotherThreadIsServedOnTheWorkersThread()
+void tst_dispatcher::requestFromAnotherThreadAborts()
 {
-    WorkerThread other;
+    const ChildResult child = ChildProcess::runInChild([this] {
+        std::thread([this] { m_dispatcher->getData(volume, { TuloRoles::Value() }); }).join();
+    });
 
-    const auto reply = other.dispatcher.getData(node(QStringLiteral("/settings/a")), noRoles);
-    Dispatcher::wait(reply);
-
-    QCOMPARE(errorText(reply), QString());
-    QCOMPARE(reply.value(), QList<QVariant>({ QStringLiteral("/settings/a") }));
-    QCOMPARE(other.worker.notes().size(), 1);
-    QCOMPARE(other.worker.notes().at(0).thread, other.thread());
+    QCOMPARE(child.signal, SIGABRT);
+    QVERIFY2(child.standardError.contains("ASSERT: \"QThread::currentThread() == thread()\""),
+             child.standardError);
 }
 
-void tst_dispatcher::requestsOfManyThreadsAreServedOneAtATime()
+void tst_dispatcher::dataAreAskedInTheOrderOfTheRoles()
 {
-    constexpr int threads = 8;
-    constexpr int requests = 50;
-    WorkerThread other;
+    const auto reply = m_dispatcher->getData(volume, { TuloRoles::Title(), TuloRoles::Value() });
 
-    std::vector<std::future<int>> clients;
-    for (int dispatcher = 0; dispatcher < threads; ++dispatcher) {
-        clients.push_back(std::async(std::launch::async, [&other, dispatcher] {
-            int own = 0;
-            for (int request = 0; request < requests; ++request) {
-                const QString path = QStringLiteral("/settings/%1/%2").arg(dispatcher).arg(request);
-                const auto reply = other.dispatcher.getData(node(path), noRoles);
-                Dispatcher::wait(reply);
-                own += reply.value() == QList<QVariant>({ path }) ? 1 : 0;
-            }
-            return own;
-        }));
-    }
-    for (std::future<int>& client : clients)
-        QCOMPARE(client.get(), requests);
-
-    const QList<NotingWorker::Note> notes = other.worker.notes();
-    QCOMPARE(notes.size(), threads * requests);
-    for (const NotingWorker::Note& note : notes)
-        QCOMPARE(note.thread, other.thread());
+    QCOMPARE(reply.value(), QList<QVariant>({ QStringLiteral("Volume"), intValue(5) }));
 }
 
-void tst_dispatcher::directCallRunsOnTheCallingThread()
+void tst_dispatcher::rowsOfARangeAreAsked()
 {
-    WorkerThread other;
-    const auto reply = CMGetDataRequest::Reply::create();
+    CMError error;
 
-    other.dispatcher.callDirectly(
-        CMGetDataRequest(node(QStringLiteral("/settings/a")), noRoles, reply));
+    const DirectoryRows rows = m_dispatcher->rows(CMPath(QStringLiteral("/settings/audio")), 1, 2,
+                                                  { TuloRoles::Title() }, &error);
 
-    QVERIFY(reply.isFinished());
-    QCOMPARE(other.worker.notes().size(), 1);
-    QCOMPARE(other.worker.notes().at(0).thread, QThread::currentThread());
+    QVERIFY(error.isEmpty());
+    QCOMPARE(rows.count, 3);
+    QCOMPARE(rows.rows.size(), 2);
+    QCOMPARE(rows.rows.at(0).name, QStringLiteral("fader"));
+    QCOMPARE(rows.rows.at(0).values, QList<QVariant>({ QStringLiteral("Fader") }));
+    QCOMPARE(rows.rows.at(1).name, QStringLiteral("volume"));
+    QCOMPARE(rows.rows.at(1).values, QList<QVariant>({ QStringLiteral("Volume") }));
 }
 
-void tst_dispatcher::requestsCarryWhatWasAsked()
+void tst_dispatcher::changesAreMade()
 {
-    const CMPath path = node(QStringLiteral("/settings/a"));
-    const TuloValue value = TuloValue::of(TuloValue::Int(), 5);
-    const TuloOperation operation(QStringLiteral("add"), value);
     TuloRoles roles;
     roles.setId(QStringLiteral("x"));
 
-    m_dispatcher->getData(path, { TuloRoles::Title(), TuloRoles::Value() });
-    m_dispatcher->getRows(path, 2, 7, { TuloRoles::Title() });
-    m_dispatcher->setValue(path, value);
-    m_dispatcher->setRoles(path, roles);
-    m_dispatcher->apply(path, operation);
+    const auto set = m_dispatcher->setValue(volume, TuloValue::of(TuloValue::Int(), 6));
+    const auto named = m_dispatcher->setRoles(volume, roles);
+    const auto added =
+        m_dispatcher->apply(volume, { QStringLiteral("add"), TuloValue::of(TuloValue::Int(), 4) });
 
-    const QList<NotingWorker::Note> notes = m_worker->notes();
-    QCOMPARE(notes.size(), 5);
-    QCOMPARE(m_worker->paths(),
-             QStringList({ path.text(), path.text(), path.text(), path.text(), path.text() }));
-    QCOMPARE(CMGetDataRequest(notes.at(0).request).roles(),
-             QStringList({ TuloRoles::Title(), TuloRoles::Value() }));
-    const CMGetRowsRequest rows(notes.at(1).request);
-    QCOMPARE(rows.firstRow(), 2);
-    QCOMPARE(rows.lastRow(), 7);
-    QCOMPARE(rows.roles(),
-             QStringList({ TuloRoles::Title(), TuloRoles::Path(), TuloRoles::Type() }));
-    QCOMPARE(CMSetDataRequest(notes.at(2).request).role(), TuloRoles::Value());
-    QCOMPARE(CMSetDataRequest(notes.at(2).request).value(), value.__variant());
-    QCOMPARE(CMSetDataRequest(notes.at(3).request).role(), TuloRoles::SetRoles());
-    QCOMPARE(CMSetDataRequest(notes.at(3).request).value(), roles.__variant());
-    QCOMPARE(CMSetDataRequest(notes.at(4).request).role(), TuloRoles::ValueOperation());
-    QCOMPARE(CMSetDataRequest(notes.at(4).request).value(), operation.__variant());
+    QCOMPARE(errorText(set) + errorText(named) + errorText(added), QString());
+    QCOMPARE(m_dispatcher->getData(volume, { TuloRoles::Value(), TuloRoles::Id() }).value(),
+             QList<QVariant>({ intValue(10), QStringLiteral("x") }));
 }
 
-void tst_dispatcher::actionsAreActivated()
+void tst_dispatcher::droppedCacheIsReadAgain()
 {
-    m_dispatcher->setData(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant());
-    m_dispatcher->dropCache();
+    QCOMPARE(m_dispatcher->getData(volume, { TuloRoles::Value() }).value(),
+             QList<QVariant>({ intValue(5) }));
+    m_tree->writeDefault(QStringLiteral("/audio/volume"), R"({"value":{"int":7}})");
+    QCOMPARE(m_dispatcher->getData(volume, { TuloRoles::Value() }).value(),
+             QList<QVariant>({ intValue(5) }));
 
-    QCOMPARE(
-        m_worker->paths(),
-        QStringList({ TuloSettingsActionsFlush().text(), TuloSettingsActionsDropCache().text() }));
-    const QList<NotingWorker::Note> notes = m_worker->notes();
-    for (const NotingWorker::Note& note : notes)
-        QCOMPARE(CMSetDataRequest(note.request).role(), TuloRoles::Activate());
-}
-
-void tst_dispatcher::waitingEndsWithTheAnswer()
-{
-    m_worker->setAnswering(false);
-    const auto reply = m_dispatcher->getData(node(QStringLiteral("/settings/a")), noRoles);
-    QVERIFY(!reply.isFinished());
-    const auto answering =
-        std::async(std::launch::async, [reply] { reply.setValue({ QStringLiteral("x") }); });
-
-    Dispatcher::wait(reply);
+    const auto reply = m_dispatcher->dropCache();
 
     QCOMPARE(errorText(reply), QString());
-    QCOMPARE(reply.value(), QList<QVariant>({ QStringLiteral("x") }));
-}
-
-void tst_dispatcher::waitingTimesOutAndTheAnswerThatComesLaterIsIgnored()
-{
-    m_worker->setAnswering(false);
-    const auto reply = m_dispatcher->getData(node(QStringLiteral("/settings/a")), noRoles);
-
-    Dispatcher::wait(reply, 1);
-    reply.setValue({ QStringLiteral("x") });
-
-    QCOMPARE(errorKind(reply.error()), ErrorKind::TimedOut);
-    QCOMPARE(errorText(reply), QStringLiteral("TimedOut: No answer within 1 ms"));
-    QCOMPARE(reply.value(), QList<QVariant>());
+    QCOMPARE(m_dispatcher->getData(volume, { TuloRoles::Value() }).value(),
+             QList<QVariant>({ intValue(7) }));
 }
 
 void tst_dispatcher::closedDispatcherAnswersStopped()
 {
     m_dispatcher->close();
 
-    const auto reply = m_dispatcher->getData(node(QStringLiteral("/settings/a")), noRoles);
+    const auto reply = m_dispatcher->getData(volume, { TuloRoles::Value() });
 
     QVERIFY(reply.isFinished());
     QCOMPARE(errorKind(reply.error()), ErrorKind::Stopped);
     QCOMPARE(errorText(reply), QStringLiteral("Stopped: The host has stopped"));
-    QVERIFY(m_worker->notes().isEmpty());
-}
-
-void tst_dispatcher::queuedRequestIsAnsweredStoppedWhenTheDispatcherCloses()
-{
-    const auto reply =
-        std::async(std::launch::async, [this] {
-            return m_dispatcher->getData(node(QStringLiteral("/settings/a")), noRoles);
-        }).get();
-    QVERIFY(!reply.isFinished());
-
-    m_dispatcher->close();
-    QCoreApplication::sendPostedEvents();
-
-    QCOMPARE(errorKind(reply.error()), ErrorKind::Stopped);
-    QVERIFY(m_worker->notes().isEmpty());
-}
-
-void tst_dispatcher::queuedRequestIsAnsweredStoppedWhenTheDispatcherIsDestroyed()
-{
-    const auto reply =
-        std::async(std::launch::async, [this] {
-            return m_dispatcher->getData(node(QStringLiteral("/settings/a")), noRoles);
-        }).get();
-
-    m_dispatcher.reset();
-
-    QCOMPARE(errorKind(reply.error()), ErrorKind::Stopped);
+    QVERIFY(reply.value().isEmpty());
 }
 
 void tst_dispatcher::refusedRequestDoesNotReachTheWorker()
 {
-    Guard guard(m_worker.get(), QStringLiteral("/nowhere"), QStringLiteral("/nowhere"));
-    Dispatcher dispatcher(m_router.get(), &guard);
+    NotingWorker worker;
+    Router router;
+    router.addWorker(&worker);
+    Guard guard(&worker, m_tree->defaultPath(), m_tree->writePath());
+    Dispatcher dispatcher(&router, &guard);
 
-    const auto reply = dispatcher.getData(node(QStringLiteral("/settings/../etc")), noRoles);
+    const auto refused = dispatcher.getData(CMPath(QStringLiteral("/settings/../etc")), {});
+    const auto served = dispatcher.getData(volume, {});
 
-    QVERIFY(reply.isFinished());
-    QCOMPARE(errorKind(reply.error()), ErrorKind::Refused);
-    QVERIFY(m_worker->notes().isEmpty());
+    QCOMPARE(errorKind(refused.error()), ErrorKind::Refused);
+    QCOMPARE(errorText(served), QString());
+    QCOMPARE(worker.requests().size(), 1);
+    QCOMPARE(worker.requests().at(0).path(), volume);
 }
 
 void tst_dispatcher::acceptedChangeIsSignalled_data()
 {
     QTest::addColumn<QString>("path");
     QTest::addColumn<QString>("role");
+    QTest::addColumn<QVariant>("sent");
     QTest::addColumn<QStringList>("signalled");
-    const QString path = QStringLiteral("/settings/a");
-    QTest::newRow("value") << path << TuloRoles::Value() << QStringList(path);
-    QTest::newRow("operation") << path << TuloRoles::ValueOperation() << QStringList(path);
+    const QString path = volume.text();
+    const QVariant add =
+        TuloOperation(QStringLiteral("add"), TuloValue::of(TuloValue::Int(), 1)).__variant();
+    QTest::newRow("value") << path << TuloRoles::Value() << intValue(6) << QStringList(path);
+    QTest::newRow("operation") << path << TuloRoles::ValueOperation() << add << QStringList(path);
     QTest::newRow("path without its slash")
-        << path.mid(1) << TuloRoles::Value() << QStringList(path);
-    QTest::newRow("action") << TuloSettingsActionsFlush().text() << TuloRoles::Activate()
-                            << QStringList();
-    QTest::newRow("error") << QStringLiteral("/media/a") << TuloRoles::Value() << QStringList();
+        << path.mid(1) << TuloRoles::Value() << intValue(6) << QStringList(path);
+    QTest::newRow("action") << TuloSettingsActionsDropCache().text() << TuloRoles::Activate()
+                            << QVariant() << QStringList();
+    QTest::newRow("refused") << QStringLiteral("/settings/audio") << TuloRoles::Value()
+                             << intValue(6) << QStringList();
+    QTest::newRow("served by nobody")
+        << QStringLiteral("/media/a") << TuloRoles::Value() << intValue(6) << QStringList();
 }
 
 void tst_dispatcher::acceptedChangeIsSignalled()
 {
     QFETCH(QString, path);
     QFETCH(QString, role);
+    QFETCH(QVariant, sent);
     QFETCH(QStringList, signalled);
     QStringList paths;
+    if (!path.startsWith(QLatin1Char('/'))) {
+        m_log->expect(log4cplus::WARN_LOG_LEVEL,
+                      QStringLiteral("Wrong settings path detected: '%1' - please fix your code. "
+                                     "Adding missing leading '/' for now.")
+                          .arg(path));
+    }
     connect(m_dispatcher.get(), &Dispatcher::changeAccepted, this,
             [&paths](const CMPath& accepted) { paths.append(accepted.text()); });
 
-    m_dispatcher->setData(node(path), role, QVariantHash());
+    m_dispatcher->setData(CMPath(path), role, sent);
 
     QCOMPARE(paths, signalled);
 }
 
 void tst_dispatcher::rowsGetTheirNamesFromTheirPaths()
 {
-    const QVariantList setting { QStringLiteral("Volume"),
-                                 node(QStringLiteral("/settings/audio/volume")).toVariant(), 101 };
+    const QVariantList setting { QStringLiteral("Volume"), volume.toVariant(), 101 };
     const QVariantList directory { QVariant(),
-                                   node(QStringLiteral("/settings/audio/presets")).toVariant(), 1 };
+                                   CMPath(QStringLiteral("/settings/audio/presets")).toVariant(),
+                                   1 };
     TuloRoles directoryRoles;
     directoryRoles.setId(QStringLiteral("x"));
     TuloRowsRoles answer;
