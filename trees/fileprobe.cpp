@@ -1,6 +1,7 @@
 #include "trees/fileprobe.h"
 
 #include "trees/separator.h"
+#include "trees/uniquefd.h"
 
 #include <QByteArray>
 #include <QFile>
@@ -78,11 +79,10 @@ Look lookAtFile(const QString& fileName, QString* reason)
                        QStringLiteral("is larger than %1 bytes").arg(FileProbe::maximumFileBytes),
                        reason);
     }
-    const int descriptor = ::open(name.constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (descriptor < 0)
+    const UniqueFd opened(::open(name.constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!opened)
         return unreadable(fileName, errno, reason);
-    const int error = readAll(descriptor, file.st_size);
-    ::close(descriptor);
+    const int error = readAll(opened.get(), file.st_size);
     return error == 0 ? Look::Sound : unreadable(fileName, error, reason);
 }
 

@@ -46,13 +46,6 @@ bool isSame(const struct stat& one, const struct stat& other)
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-void closeDescriptor(int* descriptor)
-{
-    if (*descriptor >= 0)
-        ::close(*descriptor);
-    *descriptor = -1;
-}
-
 } // namespace
 
 OwnerLock::~OwnerLock()
@@ -72,7 +65,7 @@ bool OwnerLock::isOwned() const
 
 int OwnerLock::directory() const
 {
-    return m_isOwned ? m_directory : -1;
+    return m_isOwned ? m_directory.get() : -1;
 }
 
 qint64 OwnerLock::holder() const
@@ -114,18 +107,18 @@ OwnerLock::Status OwnerLock::acquire(const QString& writePath)
         status = lockBoth();
     m_isOwned = status == Status::Owned;
     if (!m_isOwned) {
-        closeDescriptor(&m_directory);
-        closeDescriptor(&m_file);
+        m_directory.reset();
+        m_file.reset();
     }
     return status;
 }
 
 OwnerLock::Status OwnerLock::openBoth()
 {
-    m_directory = ::open(QFile::encodeName(m_writePath).constData(),
-                         O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC);
+    m_directory = UniqueFd(::open(QFile::encodeName(m_writePath).constData(),
+                                  O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC));
     struct stat tree = {};
-    if (m_directory < 0 || ::fstat(m_directory, &tree) != 0) {
+    if (!m_directory || ::fstat(m_directory.get(), &tree) != 0) {
         m_message = QStringLiteral("Directory '%1' cannot be opened: %2")
                         .arg(m_writePath, qt_error_string(errno));
         return Status::Failed;
@@ -139,14 +132,15 @@ OwnerLock::Status OwnerLock::openBoth()
     }
 
     // Not blocking, because opening a pipe for reading and writing could wait for its peer.
-    m_file = ::openat(m_directory, lockName,
-                      O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
-    if (m_file < 0) {
+    m_file =
+        UniqueFd(::openat(m_directory.get(), lockName,
+                          O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600));
+    if (!m_file) {
         return fail(errno == ELOOP ? QStringLiteral("is a symbolic link")
                                    : QStringLiteral("cannot be opened: ") + qt_error_string(errno));
     }
     struct stat file = {};
-    if (::fstat(m_file, &file) != 0)
+    if (::fstat(m_file.get(), &file) != 0)
         return fail(QStringLiteral("cannot be examined: ") + qt_error_string(errno));
     if (!S_ISREG(file.st_mode))
         return fail(QStringLiteral("is not a regular file"));
@@ -155,7 +149,7 @@ OwnerLock::Status OwnerLock::openBoth()
         return fail(QStringLiteral("has more than one name"));
     if (file.st_uid != ::geteuid() && file.st_uid != tree.st_uid)
         return fail(QStringLiteral("belongs to another user (%1)").arg(file.st_uid));
-    if (::fchmod(m_file, 0600) != 0)
+    if (::fchmod(m_file.get(), 0600) != 0)
         return fail(QStringLiteral("cannot be protected: ") + qt_error_string(errno));
     return Status::Owned;
 }
@@ -163,13 +157,13 @@ OwnerLock::Status OwnerLock::openBoth()
 OwnerLock::Status OwnerLock::lockBoth()
 {
     struct flock range = wholeFile();
-    if (::fcntl(m_file, F_OFD_SETLK, &range) != 0) {
+    if (::fcntl(m_file.get(), F_OFD_SETLK, &range) != 0) {
         if (errno != EAGAIN && errno != EACCES)
             return fail(QStringLiteral("cannot be locked: ") + qt_error_string(errno));
-        return inUse(readProcessId(m_file));
+        return inUse(readProcessId(m_file.get()));
     }
     // Some network file systems lock no directory; then the file has to do.
-    const bool isLocked = ::flock(m_directory, LOCK_EX | LOCK_NB) == 0;
+    const bool isLocked = ::flock(m_directory.get(), LOCK_EX | LOCK_NB) == 0;
     if (!isLocked && errno != EBADF && errno != ENOLCK && errno != EOPNOTSUPP) {
         // The file that the owner locked has gone, and its process id with it.
         if (errno == EWOULDBLOCK)
@@ -179,10 +173,10 @@ OwnerLock::Status OwnerLock::lockBoth()
         return Status::Failed;
     }
     const QByteArray text = QByteArray::number(qint64(::getpid())) + '\n';
-    emptyFile(m_file);
+    emptyFile(m_file.get());
     // A short write could leave a wrong process id.
-    if (::pwrite(m_file, text.constData(), size_t(text.size()), 0) != text.size())
-        emptyFile(m_file);
+    if (::pwrite(m_file.get(), text.constData(), size_t(text.size()), 0) != text.size())
+        emptyFile(m_file.get());
     return Status::Owned;
 }
 
@@ -192,11 +186,11 @@ void OwnerLock::release()
     m_message.clear();
     // Before the lock goes with the descriptor: the next owner may write its own at once.
     if (m_isOwned)
-        emptyFile(m_file);
+        emptyFile(m_file.get());
     m_isOwned = false;
     // The reverse of the order in which they are locked, or the next owner would find one taken.
-    closeDescriptor(&m_directory);
-    closeDescriptor(&m_file);
+    m_directory.reset();
+    m_file.reset();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -210,7 +204,7 @@ QString OwnerLock::displacement() const
     if (!m_isOwned)
         return QString();
     if (::stat(QFile::encodeName(m_writePath).constData(), &found) != 0
-        || ::fstat(m_directory, &held) != 0) {
+        || ::fstat(m_directory.get(), &held) != 0) {
         return QStringLiteral("The writable tree '%1' cannot be examined: %2")
             .arg(m_writePath, qt_error_string(errno));
     }
@@ -219,8 +213,8 @@ QString OwnerLock::displacement() const
                               "one")
             .arg(m_writePath);
     }
-    if (::fstatat(m_directory, lockName, &found, AT_SYMLINK_NOFOLLOW) != 0
-        || ::fstat(m_file, &held) != 0 || !isSame(held, found)) {
+    if (::fstatat(m_directory.get(), lockName, &found, AT_SYMLINK_NOFOLLOW) != 0
+        || ::fstat(m_file.get(), &held) != 0 || !isSame(held, found)) {
         return QStringLiteral("Lock file '%1' has been removed or replaced; restart to lock the "
                               "tree again")
             .arg(fileName(m_writePath));
@@ -230,16 +224,12 @@ QString OwnerLock::displacement() const
 
 std::optional<qint64> OwnerLock::holderOf(const QString& writePath)
 {
-    const int descriptor = ::open(QFile::encodeName(fileName(writePath)).constData(),
-                                  O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (descriptor < 0)
-        return std::nullopt;
-    std::optional<qint64> holder;
+    const UniqueFd file(::open(QFile::encodeName(fileName(writePath)).constData(),
+                               O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct flock range = wholeFile();
-    if (::fcntl(descriptor, F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK)
-        holder = readProcessId(descriptor);
-    ::close(descriptor);
-    return holder;
+    if (!file || ::fcntl(file.get(), F_OFD_GETLK, &range) != 0 || range.l_type == F_UNLCK)
+        return std::nullopt;
+    return readProcessId(file.get());
 }
 
 } // namespace tulo

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "trees/uniquefd.h"
+
 #include <QString>
 
 #include <optional>
@@ -63,8 +65,8 @@ private:
     Status inUse(qint64 holder);
 
     QString m_writePath;
-    int m_directory = -1;
-    int m_file = -1;
+    UniqueFd m_directory;
+    UniqueFd m_file;
     bool m_isOwned = false;
     qint64 m_holder = 0;
     QString m_message;

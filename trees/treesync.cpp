@@ -1,5 +1,7 @@
 #include "trees/treesync.h"
 
+#include "trees/uniquefd.h"
+
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -7,6 +9,7 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/statvfs.h>
@@ -62,7 +65,7 @@ TreeSync::~TreeSync()
 void TreeSync::start(int directory)
 {
     // A copy for the thread: it shares the record of which errors were reported.
-    const int copy = ::fcntl(directory, F_DUPFD_CLOEXEC, 0);
+    UniqueFd copy(::fcntl(directory, F_DUPFD_CLOEXEC, 0));
     const int error = errno;
     m_run = std::make_shared<Run>();
     m_run->owner = this;
@@ -74,18 +77,18 @@ void TreeSync::start(int directory)
         if (run->owner != nullptr)
             QMetaObject::invokeMethod(run->owner, &TreeSync::on_run_ended, Qt::QueuedConnection);
     };
-    if (copy < 0) {
+    if (!copy) {
         end(m_run, error);
         return;
     }
     try {
-        std::thread([run = m_run, copy, end] {
-            const int result = syncDirectory(copy);
-            ::close(copy);
+        std::thread([run = m_run, copy = std::move(copy), end]() mutable {
+            const int result = syncDirectory(copy.get());
+            // Before the end is known, so that the tree can be unmounted then.
+            copy.reset();
             end(run, result);
         }).detach();
     } catch (const std::system_error& failure) {
-        ::close(copy);
         end(m_run, failure.code().value());
     }
 }
