@@ -1,15 +1,20 @@
 #include "trees/nodenames.h"
 
-#include <QRegExp>
+#include <QChar>
 #include <QString>
+
+#include <algorithm>
 
 namespace tulo {
 
+// As the worker: letters, marks, digits, "_" and "-". Not by its pattern "^[\w-_]+$" in a QRegExp,
+// which threads must not share.
 bool isListable(const QString& name)
 {
-    // The worker's own pattern, in the engine that takes it.
-    static const QRegExp pattern(QStringLiteral("^[\\w-_]+$"));
-    return pattern.exactMatch(name);
+    return !name.isEmpty() && std::all_of(name.cbegin(), name.cend(), [](QChar character) {
+        return character.isLetterOrNumber() || character.isMark() || character == QLatin1Char('_')
+            || character == QLatin1Char('-');
+    });
 }
 
 } // namespace tulo

@@ -9,7 +9,7 @@ namespace tulo {
 /// Components of a path, the mount included.
 inline constexpr int maximumLevels = 16;
 
-/// Tells whether listings show a child of this name.
+/// Tells whether listings show a child of this name. Thread-safe.
 bool isListable(const QString& name);
 
 } // namespace tulo
