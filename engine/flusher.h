@@ -18,7 +18,7 @@ class Dispatcher;
 class OwnerLock;
 
 /// What became of a flush.
-struct FlushResult
+struct [[nodiscard]] FlushResult
 {
     QString error; ///< why not everything is confirmed to be on disk; empty when it is
     int unsaved = 0; ///< settings whose last write failed or could not be confirmed

@@ -12,7 +12,7 @@ namespace tulo {
 /// How loading a worker ended.
 enum class LoadStatus { Loaded, NoSuchFile, NotALibrary, NoEntryPoint, NoWorker };
 
-struct LoadResult
+struct [[nodiscard]] LoadResult
 {
     std::unique_ptr<CMWorker> worker; ///< null unless status is Loaded
     LoadStatus status = LoadStatus::Loaded;

@@ -27,11 +27,11 @@ public:
 
     /// Looks at the files of the setting or directory `settingPath` unless it has; returns what
     /// is wrong with one of them in one line, empty when nothing is.
-    QString inspect(const QString& settingPath);
+    [[nodiscard]] QString inspect(const QString& settingPath);
     /// The same, whatever was seen before.
-    QString inspectAgain(const QString& settingPath);
+    [[nodiscard]] QString inspectAgain(const QString& settingPath);
     /// Looks whether a directory can be listed in both trees, unless it has.
-    QString inspectListing(const QString& settingPath);
+    [[nodiscard]] QString inspectListing(const QString& settingPath);
 
     /// The worker's caches have been dropped.
     void forget();

@@ -39,7 +39,7 @@ public:
     Q_DISABLE_COPY(OwnerLock)
 
     /// Tries to become the owner of the tree in the directory `writePath`, without waiting.
-    Status acquire(const QString& writePath);
+    [[nodiscard]] Status acquire(const QString& writePath);
     void release();
 
     bool isOwned() const;
@@ -55,7 +55,7 @@ public:
 
     /// The process id of the tree's owner, 0 when it is not known; nothing when the tree has no
     /// owner, or when the lock file cannot be read. Takes no lock.
-    static std::optional<qint64> holderOf(const QString& writePath);
+    [[nodiscard]] static std::optional<qint64> holderOf(const QString& writePath);
     static QString fileName(const QString& writePath);
 
 private:

@@ -16,7 +16,7 @@ namespace tulo {
 QString kindOfSetting(const TuloRoles& setting);
 
 /// What validating a change gave.
-struct ValidatedValue
+struct [[nodiscard]] ValidatedValue
 {
     bool isAccepted = true;
     TuloValue asked; ///< of an operation: its result without the limits; else what was sent

@@ -14,6 +14,6 @@ QString userName(uid_t id);
 /// use. Otherwise changes nothing. To be called before anything is opened.
 ///
 /// Returns an empty text, or one line that says why the process still is root.
-QString becomeOwner(const QString& writePath);
+[[nodiscard]] QString becomeOwner(const QString& writePath);
 
 } // namespace tulo

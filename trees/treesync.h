@@ -28,7 +28,7 @@ public:
     bool isRunning() const;
     /// Waits until the running sync has ended, at most so long; false when it has not. Without
     /// the event loop; finished() is emitted before this returns.
-    bool wait(int milliseconds);
+    [[nodiscard]] bool wait(int milliseconds);
 
 signals:
     /// `error` is empty when the file system confirmed, otherwise the reason.

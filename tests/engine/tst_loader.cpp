@@ -105,7 +105,7 @@ void tst_loader::libraryStaysLoadedWithoutItsWorker()
 {
     const TemporaryTree tree;
 
-    loadWorker(QStringLiteral(TULO_PLUGIN_FILE), tree.config());
+    QVERIFY(loadWorker(QStringLiteral(TULO_PLUGIN_FILE), tree.config()).worker);
 
     void* const handle = ::dlopen(TULO_PLUGIN_FILE, RTLD_LAZY | RTLD_NOLOAD);
     QVERIFY(handle != nullptr);
