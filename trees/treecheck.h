@@ -51,6 +51,7 @@ QString findingName(TreeFinding::Kind kind);
 /// What cannot be read or written is checked for this process. Root may do everything, so when root
 /// runs this, owner, group and mode are checked for the owner of the writable tree; supplementary
 /// groups and access control lists do not count then.
-[[nodiscard]] QVector<TreeFinding> inspectTrees(const QString& defaultPath, const QString& writePath);
+[[nodiscard]] QVector<TreeFinding> inspectTrees(const QString& defaultPath,
+                                                const QString& writePath);
 
 } // namespace tulo
