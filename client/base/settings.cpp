@@ -21,6 +21,26 @@ Watch::~Watch()
         m_settings->remove(this);
 }
 
+void Watch::begin()
+{
+    m_settings->add(this);
+}
+
+void Watch::deliver(const Event& event)
+{
+    emit changed(event);
+}
+
+void Watch::deliverMissed()
+{
+    emit missed();
+}
+
+void Watch::deliverFailed(const Error& error)
+{
+    emit failed(error);
+}
+
 Settings::Settings() = default;
 
 Settings::~Settings()
@@ -35,26 +55,32 @@ Settings::~Settings()
 
 std::unique_ptr<Watch> Settings::watch(const QString& path)
 {
-    return addWatch(path, Watch::Scope::Node);
+    std::unique_ptr<Watch> watch(new Watch(this, path, Watch::Scope::Node));
+    watch->begin();
+    return watch;
 }
 
 std::unique_ptr<Watch> Settings::watchTree(const QString& path)
 {
-    return addWatch(path, Watch::Scope::Tree);
+    std::unique_ptr<Watch> watch(new Watch(this, path, Watch::Scope::Tree));
+    watch->begin();
+    return watch;
 }
 
-std::unique_ptr<Watch> Settings::addWatch(const QString& path, Watch::Scope scope)
+QHash<QString, QVector<Watch*>>& Settings::watchesOf(Watch::Scope scope)
 {
-    std::unique_ptr<Watch> watch(new Watch(this, path, scope));
-    auto& watches = scope == Watch::Scope::Node ? m_nodeWatches : m_treeWatches;
-    watches[path].append(watch.get());
-    watchAdded(watch.get());
-    return watch;
+    return scope == Watch::Scope::Node ? m_nodeWatches : m_treeWatches;
+}
+
+void Settings::add(Watch* watch)
+{
+    watchesOf(watch->scope())[watch->path()].append(watch);
+    watchAdded(watch);
 }
 
 void Settings::remove(Watch* watch)
 {
-    auto& watches = watch->scope() == Watch::Scope::Node ? m_nodeWatches : m_treeWatches;
+    auto& watches = watchesOf(watch->scope());
     const auto ofPath = watches.find(watch->path());
     ofPath->removeOne(watch);
     if (ofPath->isEmpty())
@@ -90,7 +116,7 @@ void Settings::deliver(const Event& event)
     }
     for (const QPointer<Watch>& watch : qAsConst(watches)) {
         if (watch)
-            emit watch->changed(event);
+            watch->deliver(event);
     }
 }
 
@@ -103,14 +129,14 @@ void Settings::deliverMissed()
     }
     for (const QPointer<Watch>& watch : qAsConst(watches)) {
         if (watch)
-            emit watch->missed();
+            watch->deliverMissed();
     }
 }
 
 void Settings::deliverFailed(Watch* watch, const Error& error)
 {
     QMetaObject::invokeMethod(
-        watch, [watch, error] { emit watch->failed(error); }, Qt::QueuedConnection);
+        watch, [watch, error] { watch->deliverFailed(error); }, Qt::QueuedConnection);
 }
 
 } // namespace tulo

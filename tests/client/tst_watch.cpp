@@ -1,3 +1,5 @@
+#include "tests/client/scriptedsettings.h"
+
 #include <tulo/settings.h>
 
 #include <QTest>
@@ -7,60 +9,6 @@
 using namespace tulo;
 
 namespace {
-
-/// Settings whose events a test makes; answers no request.
-class ScriptedSettings : public Settings
-{
-public:
-    using Settings::deliver;
-    using Settings::deliverFailed;
-    using Settings::deliverMissed;
-
-    State state() const override { return State::Ready; }
-    Reply<QVariantMap> get(const QString&, const QStringList&) override
-    {
-        return none<QVariantMap>();
-    }
-    Reply<QVector<Node>> getMany(const QStringList&, const QStringList&) override
-    {
-        return none<QVector<Node>>();
-    }
-    Reply<Rows> rows(const QString&, int, int, const QStringList&) override { return none<Rows>(); }
-    Reply<Change> set(const QString&, const QVariant&, const ChangeOptions&) override
-    {
-        return none<Change>();
-    }
-    Reply<Change> setRoles(const QString&, const QVariantMap&, const ChangeOptions&) override
-    {
-        return none<Change>();
-    }
-    Reply<Change> apply(const QString&, const QString&, const QVariant&,
-                        const ChangeOptions&) override
-    {
-        return none<Change>();
-    }
-    Reply<QVector<Change>> setMany(const QVector<Assignment>&, const ChangeOptions&) override
-    {
-        return none<QVector<Change>>();
-    }
-    Reply<int> flush() override { return none<int>(); }
-    Reply<bool> dropCache() override { return none<bool>(); }
-    Reply<Status> status() override { return none<Status>(); }
-    Reply<QStringList> unsavedPaths(int) override { return none<QStringList>(); }
-
-    QStringList log; ///< of watches that came and went
-
-protected:
-    void watchAdded(Watch* watch) override { log.append(QLatin1Char('+') + watch->path()); }
-    void watchRemoved(Watch* watch) override { log.append(QLatin1Char('-') + watch->path()); }
-
-private:
-    template<typename T>
-    static Reply<T> none()
-    {
-        return Promise<T>().reply();
-    }
-};
 
 Event dataEvent(const char* path)
 {

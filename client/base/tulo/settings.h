@@ -129,10 +129,23 @@ signals:
     /// Nothing will be announced: the path is refused, or the bus refused to subscribe.
     void failed(const tulo::Error& error);
 
-private:
-    friend class Settings;
+protected:
+    // For the library's own kinds of watches, of which a program may have thousands: they take what
+    // happened without signals and connections.
 
     Watch(Settings* settings, const QString& path, Scope scope);
+    /// Adds the watch to the settings. Once, by the complete object.
+    void begin();
+    /// Null when they are gone.
+    Settings* settings() const { return m_settings; }
+
+    // Emit the signals.
+    virtual void deliver(const Event& event);
+    virtual void deliverMissed();
+    virtual void deliverFailed(const Error& error);
+
+private:
+    friend class Settings;
 
     Settings* m_settings; ///< null when they are gone
     const QString m_path;
@@ -239,8 +252,9 @@ protected:
 private:
     friend class Watch;
 
-    std::unique_ptr<Watch> addWatch(const QString& path, Watch::Scope scope);
+    void add(Watch* watch);
     void remove(Watch* watch);
+    QHash<QString, QVector<Watch*>>& watchesOf(Watch::Scope scope);
 
     QHash<QString, QVector<Watch*>> m_nodeWatches; ///< by path
     QHash<QString, QVector<Watch*>> m_treeWatches; ///< by path
