@@ -121,8 +121,9 @@ template<typename T>
 class Promise
 {
 public:
+    // Not QSharedPointer::create(): g++ 12 takes what that leaves for uninitialized.
     Promise()
-        : m_state(QSharedPointer<typename Reply<T>::State>::create())
+        : m_state(new typename Reply<T>::State)
     {
     }
 
