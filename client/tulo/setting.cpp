@@ -11,6 +11,25 @@
 
 namespace tulo {
 
+bool detail::isSameValue(const QVariant& left, const QVariant& right)
+{
+    if (left.userType() != right.userType())
+        return false;
+    if (left.userType() == QMetaType::QVariantList) {
+        const auto lefts = left.toList();
+        const auto rights = right.toList();
+        return std::equal(lefts.cbegin(), lefts.cend(), rights.cbegin(), rights.cend(),
+                          isSameValue);
+    }
+    if (left.userType() == QMetaType::QVariantMap) {
+        const auto lefts = left.toMap();
+        const auto rights = right.toMap();
+        return lefts.keys() == rights.keys()
+            && std::equal(lefts.cbegin(), lefts.cend(), rights.cbegin(), isSameValue);
+    }
+    return left == right;
+}
+
 /// What an AnySetting keeps. It is the setting's watch as well, which saves three connections.
 class SettingPrivate final : public Watch
 {
@@ -42,14 +61,15 @@ public:
 
     AnySetting* const q;
     QVariant m_value;
-    std::unique_ptr<Error> m_error;
+    std::unique_ptr<Error> m_error; ///< of the last answer
+    std::unique_ptr<Error> m_watchError; ///< the value is not kept current
     bool m_isReady = false;
     bool m_isReadQueued = false; ///< the reader has it in its list
 
 protected:
     void deliver(const Event& event) override;
-    void deliverMissed() override { readAgain(); }
-    void deliverFailed(const Error& error) override { setError(error); }
+    void deliverMissed() override;
+    void deliverFailed(const Error& error) override;
 
 private:
     void requestDetails();
@@ -224,6 +244,18 @@ void SettingPrivate::deliver(const Event& event)
     }
 }
 
+void SettingPrivate::deliverMissed()
+{
+    m_watchError.reset();
+    readAgain();
+}
+
+void SettingPrivate::deliverFailed(const Error& error)
+{
+    m_watchError = std::make_unique<Error>(error);
+    emit q->errorChanged();
+}
+
 void SettingPrivate::take(const QVariant& value)
 {
     const AnySetting::Fit fit = q->take(value);
@@ -284,7 +316,7 @@ void SettingPrivate::on_details(const Reply<QVariantMap>& reply)
 {
     if (reply.error().code == ErrorCode::Unavailable && settings() != nullptr)
         SettingReader::of(settings())->readWhenReady(this);
-    if (reply.error() || AnySetting::isSame(reply.value(), m_details))
+    if (reply.error() || detail::isSameValue(reply.value(), m_details))
         return;
     m_details = reply.value();
     emit q->detailsChanged();
@@ -413,7 +445,8 @@ bool AnySetting::isReady() const
 
 Error AnySetting::error() const
 {
-    return d->m_error ? *d->m_error : Error();
+    const auto& error = d->m_error ? d->m_error : d->m_watchError;
+    return error ? *error : Error();
 }
 
 QString AnySetting::errorMessage() const
@@ -480,25 +513,7 @@ void AnySetting::setSoon(const QVariant& value)
 
 AnySetting::Fit AnySetting::take(const QVariant& value)
 {
-    return isSame(value, d->m_value) ? Fit::Same : Fit::Different;
-}
-
-bool AnySetting::isSame(const QVariant& left, const QVariant& right)
-{
-    if (left.userType() != right.userType())
-        return false;
-    if (left.userType() == QMetaType::QVariantList) {
-        const auto lefts = left.toList();
-        const auto rights = right.toList();
-        return std::equal(lefts.cbegin(), lefts.cend(), rights.cbegin(), rights.cend(), isSame);
-    }
-    if (left.userType() == QMetaType::QVariantMap) {
-        const auto lefts = left.toMap();
-        const auto rights = right.toMap();
-        return lefts.keys() == rights.keys()
-            && std::equal(lefts.cbegin(), lefts.cend(), rights.cbegin(), isSame);
-    }
-    return left == right;
+    return detail::isSameValue(value, d->m_value) ? Fit::Same : Fit::Different;
 }
 
 } // namespace tulo

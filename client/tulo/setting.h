@@ -18,6 +18,13 @@ namespace tulo {
 
 class SettingPrivate;
 
+namespace detail {
+
+/// Compares values with their types, also inside of lists and maps: 5 is not "5".
+TULO_SETTINGS_EXPORT bool isSameValue(const QVariant& left, const QVariant& right);
+
+} // namespace detail
+
 /// One setting as an object: its value, kept current, and the rest of it once it was asked for.
 ///
 /// No function waits. Until the settings have answered, value() is the fallback that the program
@@ -55,7 +62,8 @@ public:
     /// Whether the settings have given a value. Stays true while they are away.
     bool isReady() const;
     /// What went wrong last: the setting cannot be read or watched, its value is not of the
-    /// expected type, or the last setSoon() failed. Cleared by the next value.
+    /// expected type, or the last setSoon() failed. The next value clears it, unless the setting
+    /// cannot be watched.
     Error error() const;
     QString errorMessage() const;
 
@@ -98,8 +106,6 @@ protected:
 
     /// Takes a value that the settings gave, and compares it with the one before.
     virtual Fit take(const QVariant& value);
-    /// Compares values with their types, of list elements as well: 5 is not "5".
-    static bool isSame(const QVariant& left, const QVariant& right);
 
 private:
     friend class SettingPrivate;
@@ -221,7 +227,7 @@ private:
     bool isSameAsNow(const T& value) const
     {
         if constexpr (std::is_same_v<T, QVariantList>)
-            return isSame(value, m_value);
+            return detail::isSameValue(value, m_value);
         else
             return value == m_value;
     }

@@ -17,12 +17,20 @@ public:
     using Settings::deliverFailed;
     using Settings::deliverMissed;
 
+    struct Listing
+    {
+        int first = 0;
+        int last = 0;
+        tulo::Promise<tulo::Rows> promise;
+    };
+
     ~ScriptedSettings() override
     {
         const tulo::Error cancelled { tulo::ErrorCode::Cancelled, {}, {} };
         cancelAll(reads, cancelled);
         cancelAll(manyReads, cancelled);
-        cancelAll(listings, cancelled);
+        for (const Listing& listing : qAsConst(listings))
+            listing.promise.fail(cancelled);
         cancelAll(changes, cancelled);
     }
 
@@ -73,12 +81,13 @@ public:
     tulo::Reply<tulo::Rows> rows(const QString& path, int first, int last,
                                  const QStringList& roles) override
     {
-        return ask(&listings,
-                   QStringLiteral("rows %1 %2-%3 %4")
+        log.append(QStringLiteral("rows %1 %2-%3 %4")
                        .arg(path)
                        .arg(first)
                        .arg(last)
                        .arg(roles.join(QLatin1Char(','))));
+        listings.append({ first, last, {} });
+        return listings.last().promise.reply();
     }
     tulo::Reply<tulo::Change> set(const QString& path, const QVariant& value,
                                   const tulo::ChangeOptions& options) override
@@ -109,15 +118,24 @@ public:
     tulo::Reply<QStringList> unsavedPaths(int) override { return none<QStringList>(); }
 
     QStringList log; ///< of watches that came and went, and of requests
+    QVector<tulo::Watch*> watches;
     // The requests that a test has not answered.
     QVector<tulo::Promise<QVariantMap>> reads;
     QVector<tulo::Promise<QVector<tulo::Node>>> manyReads;
-    QVector<tulo::Promise<tulo::Rows>> listings;
+    QVector<Listing> listings;
     QVector<tulo::Promise<tulo::Change>> changes;
 
 protected:
-    void watchAdded(tulo::Watch* watch) override { log.append(QLatin1Char('+') + watch->path()); }
-    void watchRemoved(tulo::Watch* watch) override { log.append(QLatin1Char('-') + watch->path()); }
+    void watchAdded(tulo::Watch* watch) override
+    {
+        log.append(QLatin1Char('+') + watch->path());
+        watches.append(watch);
+    }
+    void watchRemoved(tulo::Watch* watch) override
+    {
+        log.append(QLatin1Char('-') + watch->path());
+        watches.removeOne(watch);
+    }
 
 private:
     template<typename T>

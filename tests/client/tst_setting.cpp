@@ -85,7 +85,8 @@ private slots:
     void missedReadsAgainAndTellsDifferencesOnly();
     void unavailableSettingIsReadWhenTheSettingsAreReady();
     void otherErrorsStayUntilTheNextValue();
-    void failedWatchIsAnError();
+    void failedWatchIsAnErrorUntilEventsAreComplete();
+    void failedRequestIsAnErrorOfAllItsSettings();
     void detailsAreRequestedWhenFirstAskedFor();
     void detailsFollowDataEventsButNotValues();
     void detailsOfUnavailableSettingComeLater();
@@ -484,15 +485,39 @@ void TstSetting::otherErrorsStayUntilTheNextValue()
     QCOMPARE(error.count(), 2);
 }
 
-void TstSetting::failedWatchIsAnError()
+// The next value is right, but none is announced after it.
+void TstSetting::failedWatchIsAnErrorUntilEventsAreComplete()
 {
     ScriptedSettings settings;
     const Setting<qint64> setting(&settings, path());
     turn();
-    settings.manyReads.takeFirst().fail(
-        { ErrorCode::Limits, QStringLiteral("too much"), QString() });
+    const Error limits { ErrorCode::Limits, QStringLiteral("no more rules"), path() };
 
-    QCOMPARE(setting.error().code, ErrorCode::Limits);
+    settings.deliverFailed(settings.watches.first(), limits);
+    turn();
+    QCOMPARE(setting.error(), limits);
+    answer(&settings, { 1LL });
+    QCOMPARE(setting.value(), qint64(1));
+    QCOMPARE(setting.error(), limits);
+
+    settings.deliverMissed();
+    turn();
+    answer(&settings, { 2LL });
+    QVERIFY(!setting.error());
+}
+
+void TstSetting::failedRequestIsAnErrorOfAllItsSettings()
+{
+    ScriptedSettings settings;
+    const Setting<qint64> first(&settings, QStringLiteral("/settings/a"));
+    const Setting<qint64> second(&settings, QStringLiteral("/settings/b"));
+    turn();
+    const Error limits { ErrorCode::Limits, QStringLiteral("too much"), QString() };
+
+    settings.manyReads.takeFirst().fail(limits);
+
+    QCOMPARE(first.error(), limits);
+    QCOMPARE(second.error(), limits);
 }
 
 void TstSetting::detailsAreRequestedWhenFirstAskedFor()
