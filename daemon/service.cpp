@@ -48,7 +48,7 @@ QVariantMap errorEntry(const QString& message)
 QVariantMap rolesOf(const DirectoryRow& row, const QStringList& roles)
 {
     if (!row.error.isEmpty())
-        return errorEntry(row.error);
+        return errorEntry(row.error.message().toString());
     QVariantHash values;
     for (int i = 0; i < roles.size(); ++i)
         values.insert(roles.at(i), row.values.value(i));

@@ -126,7 +126,7 @@ DirectoryRows Dispatcher::rows(const CMPath& path, qint32 firstRow, qint32 lastR
         DirectoryRow row;
         row.name = names.size() == result.count ? names.at(index) : QString();
         row.path = CMPath(path.text() + separator + row.name);
-        row.error = one.error().message().toString();
+        row.error = one.error();
         result.rows.append(row);
     }
     return result;
@@ -153,7 +153,7 @@ void Dispatcher::submit(const CMRequest& request)
     Guard::Adjustment adjustment;
     const CMRequest admitted = m_guard->admit(request, &error, &adjustment);
     if (errorKind(error) == ErrorKind::None)
-        route(admitted);
+        serveAdmitted(admitted);
     else
         request.voidReply().setError(error);
     // Only now: subscribers have their own requests served inside of a change.
@@ -161,7 +161,7 @@ void Dispatcher::submit(const CMRequest& request)
         m_adjustment = adjustment;
 }
 
-void Dispatcher::route(const CMRequest& admitted)
+void Dispatcher::serveAdmitted(const CMRequest& admitted)
 {
     m_router->request(admitted);
     if (admitted.kind() != CMRequest::Kind::SetData)
@@ -185,7 +185,7 @@ CMSetDataRequest::Reply Dispatcher::storeAgain(const CMPath& path, const TuloRol
     const CMSetDataRequest request(path, TuloRoles::SetRoles(), roles.__variant(), reply);
     const CMError error = m_guard->checkStoringAgain(path);
     if (errorKind(error) == ErrorKind::None)
-        route(request);
+        serveAdmitted(request);
     else
         reply.setError(error);
     return reply;

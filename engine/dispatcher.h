@@ -21,7 +21,7 @@ struct DirectoryRow
     CMPath path;
     bool isDirectory = false;
     QList<QVariant> values; ///< of the roles asked for, in that order; none after an error
-    QString error; ///< why the row cannot be served; empty when it can
+    CMError error; ///< why the row cannot be served; empty when it can
 };
 
 /// The answer to Dispatcher::getRows(), taken apart.
@@ -64,6 +64,8 @@ public:
     /// itself cannot be listed.
     DirectoryRows rows(const CMPath& path, qint32 firstRow, qint32 lastRow,
                        const QStringList& roles, CMError* error);
+    /// Has the worker carry out a request that the guard admitted.
+    void serveAdmitted(const CMRequest& admitted);
     /// Stores again what was accepted before, without checking it again.
     CMSetDataRequest::Reply storeAgain(const CMPath& path, const TuloRoles& roles);
     /// How the value of the last change was adjusted to fit, if it was.
@@ -81,8 +83,6 @@ signals:
     void changeAccepted(const CMPath& path, const TuloRoles& roles);
 
 private:
-    void route(const CMRequest& admitted);
-
     Router* const m_router;
     Guard* const m_guard;
     Guard::Adjustment m_adjustment;

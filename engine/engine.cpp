@@ -191,6 +191,11 @@ Dispatcher& Engine::dispatcher()
     return *m_dispatcher;
 }
 
+Guard& Engine::guard()
+{
+    return *m_guard;
+}
+
 CMSubscribe* Engine::registry() const
 {
     return m_worker ? m_worker->subscribe() : nullptr;

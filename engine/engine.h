@@ -75,6 +75,8 @@ public:
 
     /// All requests go through it. Valid as long as the engine; refuses after stop().
     Dispatcher& dispatcher();
+    /// Valid until stop().
+    Guard& guard();
     /// Where changes are announced: subscribe a CMSubscriber and unsubscribe it before stop().
     /// The registry keeps every path, so check a path from outside with Guard::checkPath() first.
     /// Null after stop().

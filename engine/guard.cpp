@@ -350,20 +350,30 @@ CMRequest Guard::admitSetData(const CMSetDataRequest& request, CMError* error,
     if (!isServed(path) || !isChange(request.role()))
         return request;
 
-    TuloRoles setting;
-    bool isNew = false;
-    if (!m_readOnlyMessage.isEmpty())
-        *error = engineError(ErrorKind::InUse, m_readOnlyMessage);
-    if (!isRefused(*error))
-        *error = checkTarget(path, &setting, &isNew);
-    if (!isRefused(*error))
-        *error = checkContent(request);
+    Target target;
+    *error = checkTarget(path, &target);
+    return isRefused(*error) ? CMRequest() : admitChange(target, request, error, adjustment);
+}
+
+CMRequest Guard::admitChange(const Target& target, const CMSetDataRequest& request, CMError* error,
+                             Adjustment* adjustment)
+{
+    *error = checkContent(request);
     if (isRefused(*error))
         return CMRequest();
-    CMRequest admitted = admitChange(request, setting, error, adjustment);
-    if (!isRefused(*error) && isNew)
-        countCreated(settingPathOf(path));
+    CMRequest admitted = admitContent(request, target.roles, error, adjustment);
+    if (!isRefused(*error) && target.isNew)
+        countCreated(settingPathOf(target.path));
     return admitted;
+}
+
+void Guard::retract(const Target& target)
+{
+    if (!target.isNew)
+        return;
+    const QString settingPath = settingPathOf(target.path);
+    if (m_created[parentOf(settingPath)].remove(nameOf(settingPath)))
+        --m_createdCount;
 }
 
 CMError Guard::checkStoringAgain(const CMPath& path)
@@ -372,8 +382,8 @@ CMError Guard::checkStoringAgain(const CMPath& path)
 }
 
 // The value that is to be stored, within the constraints.
-CMRequest Guard::admitChange(const CMSetDataRequest& request, const TuloRoles& setting,
-                             CMError* error, Adjustment* adjustment)
+CMRequest Guard::admitContent(const CMSetDataRequest& request, const TuloRoles& setting,
+                              CMError* error, Adjustment* adjustment)
 {
     const CMPath& path = request.path();
     const TuloHash sent(request.value().toHash());
@@ -450,9 +460,12 @@ bool Guard::isDirectory(const QString& settingPath) const
         || m_worker->subscribe()->rowsVersion(m_worker->addPrefix(settingPath)) > 0;
 }
 
-// Sets `setting` to what tells which values it may have, `isNew` when it does not exist yet.
-CMError Guard::checkTarget(const CMPath& path, TuloRoles* setting, bool* isNew)
+CMError Guard::checkTarget(const CMPath& path, Target* target)
 {
+    if (!isServed(path))
+        return CMAbstractWorker::createErrorInvalidPath(path);
+    if (!m_readOnlyMessage.isEmpty())
+        return engineError(ErrorKind::InUse, m_readOnlyMessage);
     const QString settingPath = settingPathOf(path);
     // The worker answers for the flush action as if it were a setting.
     const CMPath node = m_worker->addPrefix(settingPath);
@@ -462,13 +475,14 @@ CMError Guard::checkTarget(const CMPath& path, TuloRoles* setting, bool* isNew)
     if (isRefused(error))
         return error;
     const std::optional<TuloRoles> roles = rolesOf(settingPath);
-    *isNew = !roles;
+    target->path = path;
+    target->isNew = !roles;
     if (!roles)
-        return checkNewSetting(path, settingPath, setting);
+        return checkNewSetting(path, settingPath, &target->roles);
     if (!roles->modifiable())
         return refusal(QStringLiteral("Setting '%1' is not modifiable"), path,
                        ErrorKind::NotModifiable);
-    *setting = *roles;
+    target->roles = *roles;
     return CMError();
 }
 
@@ -514,8 +528,10 @@ CMError Guard::checkNewSetting(const CMPath& path, const QString& settingPath, T
 
 std::optional<TuloRoles> Guard::rolesOf(const QString& settingPath) const
 {
-    static const QStringList names { TuloRoles::Modifiable(), TuloRoles::Value(),
-                                     TuloRoles::DefaultValue(), TuloRoles::Edit() };
+    static const QStringList names { TuloRoles::Modifiable(),   TuloRoles::Value(),
+                                     TuloRoles::DefaultValue(), TuloRoles::Edit(),
+                                     TuloRoles::Encrypted(),    TuloRoles::Timestamp(),
+                                     TuloRoles::Id(),           TuloRoles::Disabled() };
     const auto reply = CMGetDataRequest::Reply::create();
     m_worker->getDataRequest(CMGetDataRequest(m_worker->addPrefix(settingPath), names, reply));
     TULO_ASSERT(reply.isFinished());

@@ -77,6 +77,26 @@ public:
     /// the caller.
     CMRequest admit(const CMRequest& request, CMError* error, Adjustment* adjustment = nullptr);
 
+    /// A setting that a change may go to.
+    struct Target
+    {
+        CMPath path;
+        TuloRoles roles; ///< that tell which values it may have; of a new one its template's
+        bool isNew = false; ///< it does not exist yet
+    };
+
+    /// What keeps any change to `path` from being made; an empty error, and `target`, when nothing
+    /// does. Reads the setting once. admit() checks the target as well.
+    CMError checkTarget(const CMPath& path, Target* target);
+    /// The request to hand to the worker for a change to a target that was checked just now:
+    /// `request`, or one that shares its reply and changes to another value, which `adjustment`
+    /// then tells. Sets `error` and returns an empty handle when the change is rejected. A new
+    /// setting counts as made from here on, unless retract() is called.
+    CMRequest admitChange(const Target& target, const CMSetDataRequest& request, CMError* error,
+                          Adjustment* adjustment);
+    /// The admitted change to a new setting is not made.
+    void retract(const Target& target);
+
     /// What keeps the files of a setting or directory from being read; an empty error when
     /// nothing does.
     CMError checkFiles(const CMPath& path);
@@ -99,10 +119,9 @@ public:
 private:
     CMError checkRows(const CMGetRowsRequest& request);
     CMRequest admitSetData(const CMSetDataRequest& request, CMError* error, Adjustment* adjustment);
-    static CMRequest admitChange(const CMSetDataRequest& request, const TuloRoles& setting,
-                                 CMError* error, Adjustment* adjustment);
+    static CMRequest admitContent(const CMSetDataRequest& request, const TuloRoles& setting,
+                                  CMError* error, Adjustment* adjustment);
     static CMError checkContent(const CMSetDataRequest& request);
-    CMError checkTarget(const CMPath& path, TuloRoles* setting, bool* isNew);
     CMError checkPlace(const CMPath& path, const QString& settingPath);
     CMError checkNewSetting(const CMPath& path, const QString& settingPath, TuloRoles* setting);
     CMError checkWritableTree(const CMPath& path, const QString& settingPath) const;

@@ -181,7 +181,8 @@ Answer<RowPage> LocalSession::getRows(const QString& path, int first, int last,
     page.version = rows.version;
     page.roles = plain(rows.directory.__variant().toHash());
     for (const DirectoryRow& row : rows.rows)
-        page.rows.append({ row.path.text(), row.isDirectory, named(roles, row.values), row.error });
+        page.rows.append({ row.path.text(), row.isDirectory, named(roles, row.values),
+                            row.error.message().toString() });
     return { page, {} };
 }
 
