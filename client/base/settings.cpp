@@ -53,6 +53,17 @@ Settings::~Settings()
     }
 }
 
+namespace {
+
+// Events name full paths; a watch may lack the leading "/".
+QString keyOf(const Watch* watch)
+{
+    return watch->path().startsWith(QLatin1Char('/')) ? watch->path()
+                                                      : QLatin1Char('/') + watch->path();
+}
+
+} // namespace
+
 std::unique_ptr<Watch> Settings::watch(const QString& path)
 {
     std::unique_ptr<Watch> watch(new Watch(this, path, Watch::Scope::Node));
@@ -74,14 +85,14 @@ QHash<QString, QVector<Watch*>>& Settings::watchesOf(Watch::Scope scope)
 
 void Settings::add(Watch* watch)
 {
-    watchesOf(watch->scope())[watch->path()].append(watch);
+    watchesOf(watch->scope())[keyOf(watch)].append(watch);
     watchAdded(watch);
 }
 
 void Settings::remove(Watch* watch)
 {
     auto& watches = watchesOf(watch->scope());
-    const auto ofPath = watches.find(watch->path());
+    const auto ofPath = watches.find(keyOf(watch));
     ofPath->removeOne(watch);
     if (ofPath->isEmpty())
         watches.erase(ofPath);

@@ -197,7 +197,7 @@ public:
                              const QStringList& roles) = 0;
 
     // Changes. A value of another type that the setting's kind can hold without loss is taken: any
-    // number type, and the text of a number or truth value where no text is wanted. A QVariantMap
+    // number type, and a number or truth value where a text is wanted, as its text. A QVariantMap
     // with the one entry "bool", "int", "double", "string" or "list" names its kind, and nothing
     // else will do. The change is on disk about a second later.
 
