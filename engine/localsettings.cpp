@@ -1,0 +1,771 @@
+#include "engine/localsettings.h"
+
+#include "client/base/checks.h"
+#include "trees/plainroles.h"
+#include "trees/separator.h"
+#include "trees/settingvalue.h"
+
+#include "api/core/model/cmoperation.h"
+#include "api/core/tulojson.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QEvent>
+#include <QPointer>
+#include <QSet>
+
+#include <utility>
+
+namespace tulo {
+
+/// A change as a program asks for it.
+struct LocalSettings::Order
+{
+    QString path;
+    QString role; ///< TuloRoles::Value(), SetRoles() or ValueOperation()
+    QVariant value; ///< the value, or the operand
+    QVariantMap roles; ///< for SetRoles()
+    QString verb; ///< for ValueOperation()
+    ChangeOptions options;
+};
+
+/// A change that the guard admitted.
+struct LocalSettings::AdmittedChange
+{
+    QString path; ///< as the program gave it
+    Guard::Target target;
+    CMRequest request; ///< a CMSetDataRequest
+    Guard::Adjustment adjustment;
+};
+
+namespace {
+
+ErrorCode codeOf(ErrorKind kind)
+{
+    switch (kind) {
+    case ErrorKind::None:
+        return ErrorCode::None;
+    case ErrorKind::InvalidPath:
+        return ErrorCode::InvalidPath;
+    case ErrorKind::Refused:
+        return ErrorCode::Refused;
+    case ErrorKind::Rejected:
+        return ErrorCode::Rejected;
+    case ErrorKind::NotModifiable:
+        return ErrorCode::NotModifiable;
+    case ErrorKind::Limits:
+        return ErrorCode::Limits;
+    case ErrorKind::Unavailable:
+    case ErrorKind::InUse:
+    case ErrorKind::Stopped:
+        return ErrorCode::Unavailable;
+    case ErrorKind::Other:
+        break;
+    }
+    return ErrorCode::Internal;
+}
+
+Error errorOf(const CMError& error, const QString& path)
+{
+    const ErrorCode code = codeOf(errorKind(error));
+    if (code == ErrorCode::None)
+        return {};
+    return { code, error.message().toString(), path };
+}
+
+Error refusal(ErrorCode code, const QString& reason, const QString& path)
+{
+    return { code, reason.arg(shownPath(path)), path };
+}
+
+Error stoppedError()
+{
+    return { ErrorCode::Unavailable, QStringLiteral("The settings are closed"), QString() };
+}
+
+Error destroyedError()
+{
+    return { ErrorCode::Cancelled, QStringLiteral("cancelled"), QString() };
+}
+
+QString absolute(const QString& path)
+{
+    return path.startsWith(separator) ? path : separator + path;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Opening and the end.
+// ---------------------------------------------------------------------------------------------
+
+std::unique_ptr<LocalSettings> LocalSettings::open(const EngineOptions& options,
+                                                   EngineFailure* failure)
+{
+    std::unique_ptr<Engine> engine = Engine::open(options, failure);
+    if (!engine)
+        return nullptr;
+    return std::unique_ptr<LocalSettings>(new LocalSettings(options, std::move(engine)));
+}
+
+LocalSettings::LocalSettings(const EngineOptions& options, std::unique_ptr<Engine> engine)
+    : m_product(options.productPostfix)
+    , m_engine(std::move(engine))
+{
+    m_engine->registry()->addObserver(this);
+    // Queued: it is emitted inside a log call of the worker.
+    connect(
+        &m_engine->writes(), &WriteTracker::changed, this,
+        [this] {
+            const int revision = m_engine->writes().revision();
+            if (std::exchange(m_unsavedRevision, revision) != revision)
+                emit unsavedChanged();
+        },
+        Qt::QueuedConnection);
+}
+
+LocalSettings::~LocalSettings()
+{
+    m_isDestroyed = true;
+    stop();
+    const std::deque<Request> requests = std::exchange(m_requests, {});
+    for (const Request& request : requests)
+        request(destroyedError());
+}
+
+bool LocalSettings::stop()
+{
+    if (m_isStopped)
+        return m_engine->stop();
+    m_isStopped = true;
+    m_engine->registry()->unsubscribe(this);
+    const bool isSaved = m_engine->stop();
+    if (!m_isDestroyed)
+        emit stateChanged(State::Away);
+    return isSaved;
+}
+
+Settings::State LocalSettings::state() const
+{
+    return m_isStopped ? State::Away : State::Ready;
+}
+
+QString LocalSettings::defaultPath() const
+{
+    return m_engine->defaultPath();
+}
+
+QString LocalSettings::writePath() const
+{
+    return m_engine->writePath();
+}
+
+std::optional<qint64> LocalSettings::otherOwner() const
+{
+    return m_engine->otherOwner();
+}
+
+int LocalSettings::catalogueCount() const
+{
+    return m_engine->catalogueCount();
+}
+
+bool LocalSettings::hasUnwrittenChanges() const
+{
+    return std::as_const(*m_engine).writes().needsFlush();
+}
+
+void LocalSettings::followLog()
+{
+    m_engine->writes().attach();
+}
+
+// ---------------------------------------------------------------------------------------------
+// The queue: each request in a turn of its own, from an event that is posted for it.
+// ---------------------------------------------------------------------------------------------
+
+template<typename T, typename Work>
+Reply<T> LocalSettings::enqueue(Work work)
+{
+    Promise<T> promise;
+    if (m_isDestroyed) {
+        promise.fail(destroyedError());
+        return promise.reply();
+    }
+    m_requests.push_back([promise, work](const Error& error) {
+        if (error)
+            promise.fail(error);
+        else
+            work(promise);
+    });
+    post();
+    return promise.reply();
+}
+
+void LocalSettings::post()
+{
+    if (!std::exchange(m_isPosted, true))
+        QCoreApplication::postEvent(this, new QEvent(QEvent::User));
+}
+
+void LocalSettings::customEvent(QEvent*)
+{
+    m_isPosted = false;
+    if (m_requests.empty()) {
+        deliverEvents();
+        return;
+    }
+    const Request request = std::move(m_requests.front());
+    m_requests.pop_front();
+    // Before the request, whose handlers may run an event loop or destroy this.
+    if (!m_requests.empty())
+        post();
+    request(m_isStopped ? stoppedError() : Error());
+}
+
+// The events of a change come before its answer, and a handler may destroy this.
+template<typename T>
+void LocalSettings::answer(const Promise<T>& promise, const Error& error, const T& value)
+{
+    const QPointer<LocalSettings> self(this);
+    deliverEvents();
+    if (!self)
+        promise.fail(destroyedError());
+    else if (error)
+        promise.fail(error);
+    else
+        promise.finish(value);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Reading.
+// ---------------------------------------------------------------------------------------------
+
+Error LocalSettings::read(const QString& path, const QStringList& roles, QVariantMap* values)
+{
+    const QStringList& names = roles.isEmpty() ? TuloRoles::keys() : roles;
+    const CMGetDataRequest::Reply reply = m_engine->dispatcher().getData(CMPath(path), names);
+    Error error = errorOf(reply.error(), path);
+    if (error)
+        return error;
+    const QList<QVariant> answers = reply.value();
+    for (int i = 0; i < names.size(); ++i) {
+        const QVariant value = plainRole(names.at(i), answers.value(i));
+        if (value.isValid())
+            values->insert(names.at(i), value);
+    }
+    return {};
+}
+
+Reply<QVariantMap> LocalSettings::get(const QString& path, const QStringList& roles)
+{
+    return enqueue<QVariantMap>([this, path, roles](const Promise<QVariantMap>& promise) {
+        QVariantMap values;
+        const Error error = read(path, roles, &values);
+        answer(promise, error, values);
+    });
+}
+
+Reply<QVector<Node>> LocalSettings::getMany(const QStringList& paths, const QStringList& roles)
+{
+    return enqueue<QVector<Node>>([this, paths, roles](const Promise<QVector<Node>>& promise) {
+        QVector<Node> nodes;
+        if (paths.size() > maximumPaths) {
+            answer(promise,
+                   { ErrorCode::Limits,
+                     QStringLiteral("A request names more than %1 paths").arg(maximumPaths),
+                     QString() },
+                   nodes);
+            return;
+        }
+        for (const QString& path : paths) {
+            Node node;
+            node.path = path;
+            node.error = read(path, roles, &node.roles);
+            nodes.append(node);
+        }
+        answer(promise, Error(), nodes);
+    });
+}
+
+Error LocalSettings::readRows(const QString& path, int first, int last, const QStringList& roles,
+                              Rows* rows)
+{
+    CMError failure;
+    const DirectoryRows answer =
+        m_engine->dispatcher().rows(CMPath(path), first, last, roles, &failure);
+    Error error = errorOf(failure, path);
+    if (error)
+        return error;
+    rows->count = answer.count;
+    rows->version = answer.version;
+    rows->directory = plainRoles(answer.directory.__variant().toHash());
+    for (const DirectoryRow& served : answer.rows) {
+        Row row;
+        row.name = served.name;
+        row.isDirectory = served.isDirectory;
+        row.error = errorOf(served.error, served.path.text());
+        for (int i = 0; i < served.values.size(); ++i) {
+            const QVariant value = plainRole(roles.at(i), served.values.at(i));
+            if (value.isValid())
+                row.roles.insert(roles.at(i), value);
+        }
+        rows->rows.append(row);
+    }
+    return {};
+}
+
+Reply<Rows> LocalSettings::rows(const QString& path, int first, int last, const QStringList& roles)
+{
+    return enqueue<Rows>([this, path, first, last, roles](const Promise<Rows>& promise) {
+        Rows rows;
+        const Error error = readRows(path, first, last, roles, &rows);
+        answer(promise, error, rows);
+    });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Changes: what was asked for becomes a request of the worker, which the guard admits.
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+bool needsOperand(const QString& verb)
+{
+    return verb != QLatin1String("toggle") && verb != QLatin1String("next")
+        && verb != QLatin1String("previous");
+}
+
+// The value that `given` stands for; empty, and `error` set, when it is none.
+TuloValue checkedValue(const QString& path, const QVariant& given, const TuloRoles& setting,
+                       Error* error)
+{
+    const QVariant content = contentOf(given);
+    const bool isEmptyMap =
+        content.userType() == QMetaType::QVariantHash && content.toHash().isEmpty();
+    if (content.isValid() && !isEmptyMap)
+        return valueOf(content, setting);
+    *error = unsuitableValue(path);
+    return TuloValue();
+}
+
+// Whether `given` is `now`, or a number of the same amount.
+bool isValue(const QVariant& given, const TuloValue& now)
+{
+    const QVariant content = contentOf(given);
+    const TuloValue expected = content.userType() == QMetaType::QVariantHash
+        ? TuloValue(TuloHash(content.toHash()))
+        : content.userType() == QMetaType::ULongLong ? TuloValue::of(TuloValue::Int(), content)
+                                                     : TuloValue::ofContent(content);
+    if (expected.isEmpty() || now.isEmpty())
+        return false;
+    const TuloValue converted = expected.convertedTo(now.kind());
+    return expected == now || (!converted.isEmpty() && converted == now.convertedTo(now.kind()));
+}
+
+Error checkConditions(const QString& path, const ChangeOptions& options,
+                      const Guard::Target& target)
+{
+    const TuloRoles roles = target.isNew ? TuloRoles() : target.roles;
+    if (options.ifValue.isValid() && !isValue(options.ifValue, roles.value())) {
+        return refusal(ErrorCode::Conflict,
+                       QStringLiteral("Setting '%1' does not have the expected value"), path);
+    }
+    if (options.ifTimestamp && *options.ifTimestamp != roles.timestamp()) {
+        return refusal(ErrorCode::Conflict,
+                       QStringLiteral("Setting '%1' does not have the expected timestamp"), path);
+    }
+    return {};
+}
+
+// What a program may change; the rest of a setting's roles belongs to its default file.
+const QStringList& settableRoles()
+{
+    static const QStringList roles { TuloRoles::Value(), TuloRoles::Timestamp(), TuloRoles::Id(),
+                                     TuloRoles::Disabled() };
+    return roles;
+}
+
+// The roles without the value, as the worker knows them.
+Error checkRoles(const QString& path, const QVariantMap& given, TuloRoles* roles)
+{
+    for (auto role = given.cbegin(); role != given.cend(); ++role) {
+        const QVariant content = contentOf(*role);
+        if (role.key() == TuloRoles::Value()) {
+            continue;
+        } else if (!settableRoles().contains(role.key())) {
+            return { ErrorCode::Refused,
+                     QStringLiteral("The role '%1' of '%2' cannot be set; those that can are %3")
+                         .arg(role.key(), shownPath(path),
+                              settableRoles().join(QStringLiteral(", "))),
+                     path };
+        } else if (role.key() == TuloRoles::Timestamp()
+                   && content.userType() == QMetaType::LongLong) {
+            roles->setTimestamp(content.toLongLong());
+        } else if (role.key() == TuloRoles::Id() && content.userType() == QMetaType::QString) {
+            roles->setId(content.toString());
+        } else if (role.key() == TuloRoles::Disabled() && content.userType() == QMetaType::Bool) {
+            roles->setDisabled(content.toBool());
+        } else {
+            return { ErrorCode::Rejected,
+                     QStringLiteral("The role '%1' of '%2' cannot have this value")
+                         .arg(role.key(), shownPath(path)),
+                     path };
+        }
+    }
+    return {};
+}
+
+// What the worker would store for an admitted request.
+TuloRoles storedBy(const CMSetDataRequest& request, const TuloRoles& setting)
+{
+    const TuloHash sent(request.value().toHash());
+    TuloRoles stored(sent);
+    if (request.role() == TuloRoles::Value()) {
+        stored = TuloRoles();
+        stored.setValue(TuloValue(sent));
+    }
+    if (stored.value().isEmpty())
+        stored.__remove(TuloRoles::Value());
+    for (const QString& role : { TuloRoles::Value(), TuloRoles::Id() }) {
+        if (!stored.__contains(role) && setting.__contains(role))
+            stored.__setHashAttribute(role, setting.__hashAttribute(role));
+    }
+    if (stored.timestamp() == 0)
+        stored.setTimestamp(QDateTime::currentMSecsSinceEpoch());
+    if (setting.__contains(TuloRoles::Disabled()))
+        stored.setDisabled(stored.disabled());
+    if (setting.encrypted())
+        stored.setEncrypted(true);
+    return stored;
+}
+
+bool isSame(const TuloValue& asked, const TuloValue& stored)
+{
+    return asked == stored || asked.convertedTo(stored.kind()) == stored;
+}
+
+} // namespace
+
+Error LocalSettings::admit(const Order& order, AdmittedChange* admitted)
+{
+    const CMPath path(order.path);
+    Error error = errorOf(Guard::checkPath(path), order.path);
+    if (error)
+        return error;
+    const bool isOperation = order.role == TuloRoles::ValueOperation();
+    if (isOperation && !CMOperation::verbs().contains(order.verb)) {
+        return { ErrorCode::Refused,
+                 QStringLiteral("'%1' is not an operation for '%2'; operations are %3")
+                     .arg(order.verb, shownPath(order.path),
+                          CMOperation::verbs().join(QStringLiteral(", "))),
+                 order.path };
+    }
+    TuloRoles roles;
+    error = checkRoles(order.path, order.roles, &roles);
+    if (error)
+        return error;
+
+    Guard& guard = m_engine->guard();
+    admitted->path = order.path;
+    error = errorOf(guard.checkTarget(path, &admitted->target), order.path);
+    if (!error)
+        error = checkConditions(order.path, order.options, admitted->target);
+    const bool hasValue = order.role == TuloRoles::SetRoles()
+        ? order.roles.contains(TuloRoles::Value())
+        : !isOperation || needsOperand(order.verb);
+    TuloValue value;
+    if (!error && hasValue)
+        value = checkedValue(order.path, order.value, admitted->target.roles, &error);
+    if (error)
+        return error;
+
+    QVariant content = value.__variant();
+    if (isOperation) {
+        content = TuloOperation(order.verb, value).__variant();
+    } else if (order.role == TuloRoles::SetRoles()) {
+        if (hasValue)
+            roles.setValue(value);
+        content = roles.__variant();
+    }
+    const CMSetDataRequest request(path, order.role, content, CMSetDataRequest::Reply::create());
+    CMError rejection;
+    admitted->request =
+        guard.admitChange(admitted->target, request, &rejection, &admitted->adjustment);
+    return errorOf(rejection, order.path);
+}
+
+Error LocalSettings::carryOut(const AdmittedChange& admitted, bool isDryRun, Change* change)
+{
+    TuloRoles stored;
+    if (isDryRun) {
+        m_engine->guard().retract(admitted.target);
+        stored = storedBy(CMSetDataRequest(admitted.request), admitted.target.roles);
+    } else {
+        m_carriedOut = &admitted;
+        m_engine->dispatcher().serveAdmitted(admitted.request);
+        m_carriedOut = nullptr;
+        const CMSetDataRequest::Reply reply = CMSetDataRequest(admitted.request).reply();
+        Error error = errorOf(reply.error(), admitted.path);
+        if (error)
+            return error;
+        stored = TuloRoles(TuloHash(reply.value().toHash()));
+    }
+    change->stored = plainRoles(stored.__variant().toHash());
+    const Guard::Adjustment& adjustment = admitted.adjustment;
+    change->isAdjusted =
+        !adjustment.reason.isEmpty() && !isSame(adjustment.asked, adjustment.stored);
+    if (change->isAdjusted) {
+        change->asked = plainValue(adjustment.asked);
+        change->reason = adjustment.reason;
+    }
+    return {};
+}
+
+Reply<Change> LocalSettings::change(const Order& order)
+{
+    return enqueue<Change>([this, order](const Promise<Change>& promise) {
+        AdmittedChange admitted;
+        Change change;
+        Error error = admit(order, &admitted);
+        if (!error)
+            error = carryOut(admitted, order.options.isDryRun, &change);
+        answer(promise, error, change);
+    });
+}
+
+Reply<Change> LocalSettings::set(const QString& path, const QVariant& value,
+                                 const ChangeOptions& options)
+{
+    return change({ path, TuloRoles::Value(), value, {}, {}, options });
+}
+
+Reply<Change> LocalSettings::setRoles(const QString& path, const QVariantMap& roles,
+                                      const ChangeOptions& options)
+{
+    return change(
+        { path, TuloRoles::SetRoles(), roles.value(TuloRoles::Value()), roles, {}, options });
+}
+
+Reply<Change> LocalSettings::apply(const QString& path, const QString& verb,
+                                   const QVariant& operand, const ChangeOptions& options)
+{
+    return change({ path, TuloRoles::ValueOperation(), operand, {}, verb, options });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Many changes: all admitted before the first is made.
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+Error checkSize(const QVector<Assignment>& assignments)
+{
+    if (assignments.size() > Settings::maximumChanges) {
+        return {
+            ErrorCode::Limits,
+            QStringLiteral("A request makes more than %1 changes").arg(Settings::maximumChanges),
+            QString()
+        };
+    }
+    int bytes = 0;
+    for (const Assignment& assignment : assignments) {
+        bytes += assignment.path.toUtf8().size()
+            + TuloJson::serialize(contentOf(assignment.value)).size();
+        if (bytes > LocalSettings::maximumChangesBytes) {
+            return { ErrorCode::Limits,
+                     QStringLiteral("The changes of a request take more than %1 bytes")
+                         .arg(LocalSettings::maximumChangesBytes),
+                     QString() };
+        }
+    }
+    return {};
+}
+
+Error checkUnique(const QVector<Assignment>& assignments)
+{
+    QSet<QString> paths;
+    for (const Assignment& assignment : assignments) {
+        const int before = paths.size();
+        paths.insert(absolute(assignment.path));
+        if (paths.size() == before) {
+            return refusal(ErrorCode::Refused,
+                           QStringLiteral("Path '%1' is changed twice by a request"),
+                           assignment.path);
+        }
+    }
+    return {};
+}
+
+} // namespace
+
+Error LocalSettings::admitAll(const QVector<Assignment>& assignments,
+                              QVector<AdmittedChange>* admitted)
+{
+    Error error = checkSize(assignments);
+    if (!error)
+        error = checkUnique(assignments);
+    for (auto assignment = assignments.cbegin(); assignment != assignments.cend() && !error;
+         ++assignment) {
+        AdmittedChange next;
+        error =
+            admit({ assignment->path, TuloRoles::Value(), assignment->value, {}, {}, {} }, &next);
+        if (!error)
+            admitted->append(next);
+    }
+    if (error) {
+        for (const AdmittedChange& change : qAsConst(*admitted))
+            m_engine->guard().retract(change.target);
+    }
+    return error;
+}
+
+Reply<QVector<Change>> LocalSettings::setMany(const QVector<Assignment>& assignments,
+                                              const ChangeOptions& options)
+{
+    const bool isDryRun = options.isDryRun;
+    return enqueue<QVector<Change>>(
+        [this, assignments, isDryRun](const Promise<QVector<Change>>& promise) {
+            QVector<AdmittedChange> admitted;
+            QVector<Change> changes;
+            Error error = admitAll(assignments, &admitted);
+            for (int i = 0; i < admitted.size() && !error; ++i) {
+                Change change;
+                error = carryOut(admitted.at(i), isDryRun, &change);
+                changes.append(change);
+            }
+            answer(promise, error, changes);
+        });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Disk, caches and how it all does.
+// ---------------------------------------------------------------------------------------------
+
+Reply<int> LocalSettings::flush()
+{
+    return enqueue<int>([this](const Promise<int>& promise) {
+        m_engine->flush([this, promise](const FlushResult& result) {
+            // In a turn of its own, as it may come from stop().
+            m_requests.push_back([promise, result](const Error& error) {
+                if (error.code == ErrorCode::Cancelled)
+                    promise.fail(error);
+                else if (!result.error.isEmpty())
+                    promise.fail({ ErrorCode::NotSaved, result.error, QString() });
+                else
+                    promise.finish(result.unsaved);
+            });
+            post();
+        });
+    });
+}
+
+Reply<bool> LocalSettings::dropCache()
+{
+    return enqueue<bool>([this](const Promise<bool>& promise) {
+        const CMSetDataRequest::Reply reply = m_engine->dispatcher().dropCache();
+        answer(promise, errorOf(reply.error(), QString()), true);
+    });
+}
+
+Status LocalSettings::currentStatus() const
+{
+    const WriteTracker& writes = std::as_const(*m_engine).writes();
+    Status status;
+    status.version = QStringLiteral(TULO_VERSION);
+    status.product = m_product;
+    status.defaultPath = defaultPath();
+    status.writePath = writePath();
+    status.isWritable = m_engine->ownsTree();
+    status.pendingWrites = writes.pendingCount();
+    status.unsavedCount = writes.unsavedCount();
+    status.lastWriteError = writes.lastError();
+    status.processId = QCoreApplication::applicationPid();
+    return status;
+}
+
+Reply<Status> LocalSettings::status()
+{
+    return enqueue<Status>(
+        [this](const Promise<Status>& promise) { answer(promise, Error(), currentStatus()); });
+}
+
+Reply<QStringList> LocalSettings::unsavedPaths(int maximum)
+{
+    return enqueue<QStringList>([this, maximum](const Promise<QStringList>& promise) {
+        const QStringList paths = std::as_const(*m_engine).writes().unsavedPaths();
+        answer(promise, Error(), QStringList(paths.mid(0, qMax(maximum, 0))));
+    });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Events: every announcement of the worker, kept until it has returned. The registry learns of no
+// watch, so a path that names nothing takes no room there.
+// ---------------------------------------------------------------------------------------------
+
+void LocalSettings::watchAdded(Watch* watch)
+{
+    const Error error = errorOf(Guard::checkPath(CMPath(watch->path())), watch->path());
+    if (error)
+        deliverFailed(watch, error);
+}
+
+void LocalSettings::watchRemoved(Watch*) { }
+
+void LocalSettings::append(const Event& event)
+{
+    m_events.push_back(event);
+    // A change delivers its own before its answer.
+    if (m_carriedOut == nullptr)
+        post();
+}
+
+// A handler may run an event loop, which delivers the rest, or destroy this.
+void LocalSettings::deliverEvents()
+{
+    const QPointer<LocalSettings> self(this);
+    while (self && !m_events.empty()) {
+        const Event event = std::move(m_events.front());
+        m_events.pop_front();
+        deliver(event);
+    }
+}
+
+void LocalSettings::valueChanged(const CMPath& path, const QVariant& value)
+{
+    Event event;
+    event.kind = Event::Kind::Value;
+    event.path = path.text();
+    event.value = plainRole(TuloRoles::Value(), value);
+    if (event.value.isValid() && !isEncrypted(path))
+        append(event);
+}
+
+void LocalSettings::dataChanged(const CMPath& path)
+{
+    Event event;
+    event.path = path.text();
+    append(event);
+}
+
+void LocalSettings::rowsChanged(const CMPath& path, const QString& command, int version)
+{
+    Event event;
+    event.kind = Event::Kind::Rows;
+    event.path = path.text();
+    event.command = command;
+    event.version = version;
+    append(event);
+}
+
+bool LocalSettings::isEncrypted(const CMPath& path)
+{
+    if (m_carriedOut != nullptr && absolute(m_carriedOut->path) == path.text())
+        return m_carriedOut->target.roles.encrypted();
+    QVariantMap values;
+    // If we cannot tell, treat the value as encrypted.
+    return read(path.text(), { TuloRoles::Encrypted() }, &values)
+        || values.value(TuloRoles::Encrypted()).toBool();
+}
+
+} // namespace tulo

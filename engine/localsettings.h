@@ -1,0 +1,131 @@
+#pragma once
+
+#include "engine/dispatcher.h"
+#include "engine/engine.h"
+
+#include <tulo/settings.h>
+
+#include "api/core/model/cmsubscribe.h"
+
+#include <QString>
+#include <QVector>
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+
+class QEvent;
+
+namespace tulo {
+
+/// The settings of two directories, served by a worker in this process.
+///
+/// Lives on the thread that opens it, which becomes the worker's thread. Each request is carried
+/// out in a turn of the event loop of its own, so that timers, the worker's among them, have theirs
+/// between two. A change is validated by the guard right before the worker makes it, against what
+/// was read for that. What the worker announces is delivered after the worker has returned, before
+/// the answer, so that a handler may do anything, also destroy the settings.
+///
+/// Opened for reading it takes no lock, and changes fail with Unavailable.
+class LocalSettings : public Settings, private CMSubscriber
+{
+    Q_OBJECT
+
+public:
+    /// The most bytes of the changes of one setMany(), as JSON.
+    static constexpr int maximumChangesBytes = 1024 * 1024;
+
+    /// Null when they cannot be opened; `failure` says why.
+    static std::unique_ptr<LocalSettings> open(const EngineOptions& options,
+                                               EngineFailure* failure);
+    /// Stops.
+    ~LocalSettings() override;
+
+    State state() const override;
+
+    Reply<QVariantMap> get(const QString& path, const QStringList& roles) override;
+    Reply<QVector<Node>> getMany(const QStringList& paths, const QStringList& roles) override;
+    Reply<Rows> rows(const QString& path, int first, int last, const QStringList& roles) override;
+    Reply<Change> set(const QString& path, const QVariant& value,
+                      const ChangeOptions& options = {}) override;
+    Reply<Change> setRoles(const QString& path, const QVariantMap& roles,
+                           const ChangeOptions& options = {}) override;
+    Reply<Change> apply(const QString& path, const QString& verb, const QVariant& operand,
+                        const ChangeOptions& options = {}) override;
+    Reply<QVector<Change>> setMany(const QVector<Assignment>& assignments,
+                                   const ChangeOptions& options = {}) override;
+    Reply<int> flush() override;
+    Reply<bool> dropCache() override;
+    Reply<Status> status() override;
+    Reply<QStringList> unsavedPaths(int maximum) override;
+
+    /// Flushes if anything accepted may not be on disk, destroys the worker and gives the tree
+    /// back. Requests that have not been carried out, and all later ones, fail with Unavailable.
+    /// Returns whether everything accepted is on disk, a later call the same.
+    bool stop();
+
+    // Of the engine, also after stop().
+    QString defaultPath() const; ///< canonical
+    QString writePath() const; ///< canonical
+    /// The process that owned the tree when it was opened for reading, 0 when it had not said its
+    /// process id; none when nobody owned it.
+    std::optional<qint64> otherOwner() const;
+    /// Catalogues found for the language; 0 when texts stay as they are.
+    int catalogueCount() const;
+    /// Whether a flush has anything to do.
+    bool hasUnwrittenChanges() const;
+    /// To be called after log4cplus was configured again: the engine learns from the worker's
+    /// records what was written.
+    void followLog();
+
+signals:
+    /// The status' unsavedCount or lastWriteError may read differently. From the event loop.
+    void unsavedChanged();
+
+protected:
+    void watchAdded(Watch* watch) override;
+    void watchRemoved(Watch* watch) override;
+    void customEvent(QEvent* event) override;
+
+private:
+    // A request that waits; with an error it fails instead of being carried out.
+    using Request = std::function<void(const Error& error)>;
+    struct Order;
+    struct AdmittedChange;
+
+    LocalSettings(const EngineOptions& options, std::unique_ptr<Engine> engine);
+
+    template<typename T, typename Work>
+    Reply<T> enqueue(Work work);
+    template<typename T>
+    void answer(const Promise<T>& promise, const Error& error, const T& value);
+    void post();
+    void deliverEvents();
+    void append(const Event& event);
+
+    Error read(const QString& path, const QStringList& roles, QVariantMap* values);
+    Error readRows(const QString& path, int first, int last, const QStringList& roles, Rows* rows);
+    Reply<Change> change(const Order& order);
+    Error admit(const Order& order, AdmittedChange* admitted);
+    Error admitAll(const QVector<Assignment>& assignments, QVector<AdmittedChange>* admitted);
+    Error carryOut(const AdmittedChange& admitted, bool isDryRun, Change* change);
+    Status currentStatus() const;
+
+    void valueChanged(const CMPath& path, const QVariant& value) override;
+    void dataChanged(const CMPath& path) override;
+    void rowsChanged(const CMPath& path, const QString& command, int version) override;
+    bool isEncrypted(const CMPath& path);
+
+    const QString m_product;
+    const std::unique_ptr<Engine> m_engine;
+    std::deque<Request> m_requests;
+    bool m_isPosted = false; ///< the event that carries the next request out
+    std::deque<Event> m_events; ///< announced and not yet delivered
+    const AdmittedChange* m_carriedOut = nullptr; ///< while the worker makes it
+    int m_unsavedRevision = 0; ///< that unsavedChanged() was emitted for
+    bool m_isStopped = false;
+    bool m_isDestroyed = false;
+};
+
+} // namespace tulo

@@ -1,0 +1,1403 @@
+#include "tests/settings/settingscontract.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QEventLoop>
+#include <QFile>
+#include <QRegularExpression>
+#include <QTest>
+
+#include <cmath>
+#include <limits>
+
+Q_DECLARE_METATYPE(tulo::Assignment)
+
+namespace tulo {
+namespace {
+
+const QString audio = QStringLiteral("/settings/audio");
+const QString volume = QStringLiteral("/settings/audio/volume");
+const QString gain = QStringLiteral("/settings/audio/gain");
+const QString loudness = QStringLiteral("/settings/audio/loudness");
+const QString mode = QStringLiteral("/settings/audio/mode");
+const QString sources = QStringLiteral("/settings/audio/sources");
+const QString serial = QStringLiteral("/settings/serial");
+const QString secret = QStringLiteral("/settings/secret");
+const QString secondPreset = QStringLiteral("/settings/presets/two");
+// Without constraints or a value: it takes what comes.
+const QString token = QStringLiteral("/settings/token");
+
+const QStringList valueRole { QStringLiteral("value") };
+
+// ---------------------------------------------------------------------------------------------
+// Answers as text, types included: "x 5" is a qlonglong, "d 5" a double. Timestamps, which differ
+// from run to run, are "*".
+// ---------------------------------------------------------------------------------------------
+
+QString shown(const QVariant& value);
+
+QString shown(const QVariantMap& map)
+{
+    QStringList entries;
+    for (auto entry = map.cbegin(); entry != map.cend(); ++entry) {
+        const bool isTime =
+            entry.key() == QLatin1String("timestamp") && entry->userType() == QMetaType::LongLong;
+        entries.append(QStringLiteral("%1: %2").arg(entry.key(),
+                                                    isTime ? QStringLiteral("*") : shown(*entry)));
+    }
+    return QStringLiteral("{%1}").arg(entries.join(QStringLiteral(", ")));
+}
+
+QString shown(const QVariant& value)
+{
+    switch (value.userType()) {
+    case QMetaType::Bool:
+        return QStringLiteral("b ") + value.toString();
+    case QMetaType::LongLong:
+        return QStringLiteral("x ") + value.toString();
+    case QMetaType::ULongLong:
+        return QStringLiteral("t ") + value.toString();
+    case QMetaType::Double:
+        return QStringLiteral("d ") + QString::number(value.toDouble(), 'g', 17);
+    case QMetaType::QString:
+        return QStringLiteral("s \"%1\"").arg(value.toString());
+    case QMetaType::QVariantList: {
+        QStringList entries;
+        const QVariantList list = value.toList();
+        for (const QVariant& entry : list)
+            entries.append(shown(entry));
+        return QStringLiteral("[%1]").arg(entries.join(QStringLiteral(", ")));
+    }
+    case QMetaType::QVariantMap:
+        return shown(value.toMap());
+    default:
+        return QStringLiteral("unexpected %1").arg(QLatin1String(value.typeName()));
+    }
+}
+
+/// "NAME: message" and the path, unless that is in the message.
+QString shown(const Error& error)
+{
+    QString text = error.name() + QStringLiteral(": ") + error.message;
+    if (!error.path.isEmpty() && !error.message.contains(error.path))
+        text += QStringLiteral(" [%1]").arg(error.path);
+    return text;
+}
+
+QString shown(const Change& change)
+{
+    QString text = shown(change.stored);
+    if (change.isAdjusted)
+        text += QStringLiteral(" for %1: %2").arg(shown(change.asked), change.reason);
+    return text;
+}
+
+QString shown(const Node& node)
+{
+    return node.path + QLatin1Char(' ') + (node.error ? shown(node.error) : shown(node.roles));
+}
+
+QString shown(const Row& row)
+{
+    return row.name + QLatin1String(row.isDirectory ? "/ " : " ")
+        + (row.error ? shown(row.error) : shown(row.roles));
+}
+
+template<typename Entry>
+QString shown(const QVector<Entry>& entries)
+{
+    QStringList texts;
+    for (const Entry& entry : entries)
+        texts.append(shown(entry));
+    return texts.join(QStringLiteral("; "));
+}
+
+QString shown(const Rows& rows)
+{
+    return QStringLiteral("%1 rows, version %2, %3: %4")
+        .arg(QString::number(rows.count), QString::number(rows.version), shown(rows.directory),
+             shown(rows.rows));
+}
+
+QString shown(int number)
+{
+    return QString::number(number);
+}
+
+QString shown(const QStringList& texts)
+{
+    return texts.join(QStringLiteral(", "));
+}
+
+QString shown(const Event& event)
+{
+    switch (event.kind) {
+    case Event::Kind::Value:
+        return QStringLiteral("value %1 %2").arg(event.path, shown(event.value));
+    case Event::Kind::Data:
+        return QStringLiteral("data ") + event.path;
+    case Event::Kind::Rows:
+        break;
+    }
+    return QStringLiteral("rows %1 %2 %3")
+        .arg(event.path, event.command, QString::number(event.version));
+}
+
+/// The answer, or the error, when it has come.
+template<typename T>
+QString answerOf(const Reply<T>& reply)
+{
+    return reply.wait() ? shown(reply.value()) : shown(reply.error());
+}
+
+/// What a watch tells, in order.
+class EventLog
+{
+public:
+    explicit EventLog(std::unique_ptr<Watch> watch)
+        : m_watch(std::move(watch))
+    {
+        QObject::connect(m_watch.get(), &Watch::changed, m_watch.get(),
+                         [this](const Event& event) { texts.append(shown(event)); });
+        QObject::connect(m_watch.get(), &Watch::failed, m_watch.get(),
+                         [this](const Error& error) { texts.append(shown(error)); });
+    }
+
+    Watch* watch() const { return m_watch.get(); }
+    void destroyWatch() { m_watch.reset(); }
+
+    QStringList texts;
+
+private:
+    std::unique_ptr<Watch> m_watch;
+};
+
+QVariantList list(std::initializer_list<QVariant> entries)
+{
+    return QVariantList(entries);
+}
+
+QVariant kinded(const char* kind, const QVariant& content)
+{
+    return QVariantMap { { QLatin1String(kind), content } };
+}
+
+/// A list of `depth` lists inside each other.
+QVariant nested(int depth)
+{
+    QVariant value = QVariantList();
+    for (int i = 1; i < depth; ++i)
+        value = QVariantList { value };
+    return value;
+}
+
+QString storedAs(const QString& value)
+{
+    return QStringLiteral("{timestamp: *, value: %1}").arg(value);
+}
+
+void fill(const TemporaryTree& tree)
+{
+    tree.writeDefault(QStringLiteral("/.meta"), R"({"title":"Settings","modifiable":false})");
+    tree.writeDefault(QStringLiteral("/audio/.meta"), R"({"title":"Audio","modifiable":false})");
+    tree.writeDefault(
+        QStringLiteral("/audio/gain"),
+        R"({"value":{"double":0.5},"edit":{"kind":"double","min":-1.0,"max":1.0,"step":0.25}})");
+    tree.writeDefault(QStringLiteral("/audio/loudness"),
+                      R"({"title":"Loudness","value":{"bool":true},"edit":{"kind":"bool"}})");
+    tree.writeDefault(QStringLiteral("/audio/mode"),
+                      R"({"value":{"string":"mid"},"edit":{"values":["low","mid","high"]}})");
+    tree.writeDefault(QStringLiteral("/audio/sources"),
+                      R"({"value":{"list":["fm","usb"]},"edit":{"kind":"list","maxLength":3}})");
+    tree.writeDefault(QStringLiteral("/audio/volume"),
+                      R"({"title":"Volume","value":{"int":35},"valueUnit":"%",)"
+                      R"("edit":{"kind":"int","min":0,"max":100,"step":5}})");
+    tree.writeDefault(QStringLiteral("/presets/.meta"),
+                      R"({"title":"Preset","defaultValue":{"string":"fm:87.5"}})");
+    tree.writeDefault(QStringLiteral("/presets/one"), "{}");
+    tree.writeDefault(QStringLiteral("/serial"), R"({"value":{"string":"X1"},"modifiable":false})");
+    tree.writeDefault(QStringLiteral("/secret"), R"({"encrypted":true,"value":{"string":"old"}})");
+    tree.writeDefault(QStringLiteral("/token"), R"({"title":"Token"})");
+    tree.writeDefault(QStringLiteral("/whole"),
+                      R"({"value":{"double":5},"edit":{"min":-1,"max":10}})");
+}
+
+} // namespace
+
+void SettingsContract::expectRecord(const QString&) { }
+
+void SettingsContract::init()
+{
+    const QString function = QLatin1String(QTest::currentTestFunction());
+    if (m_function == function)
+        return;
+    cleanupTestCase();
+    m_function = function;
+    m_tree = std::make_unique<TemporaryTree>();
+    fill(*m_tree);
+    begin();
+    m_settings = open(*m_tree);
+    QVERIFY(m_settings);
+}
+
+// For the next row: everything is as in the default tree again.
+void SettingsContract::cleanup()
+{
+    if (QTest::currentDataTag() == nullptr)
+        return;
+    QCOMPARE(answerOf(settings().flush()), QStringLiteral("0"));
+    const QStringList written = tree().writtenEntries();
+    for (const QString& file : written) {
+        if (!file.endsWith(QLatin1Char('/')) && file != QLatin1String("/.tulo-cm.lock"))
+            QVERIFY(QFile::remove(tree().writePath() + file));
+    }
+    QVERIFY(settings().dropCache().wait());
+}
+
+void SettingsContract::cleanupTestCase()
+{
+    if (m_function.isEmpty())
+        return;
+    m_function.clear();
+    m_settings.reset();
+    end();
+    m_tree.reset();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Reading.
+// ---------------------------------------------------------------------------------------------
+
+void SettingsContract::reading_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QStringList>("roles");
+    QTest::addColumn<QString>("answer");
+    const auto row = [](const char* name, const QString& path, const QStringList& roles,
+                        const char* answer) {
+        QTest::newRow(name) << path << roles << QString::fromUtf8(answer);
+    };
+    row("int", volume, valueRole, "{value: x 35}");
+    row("double", gain, valueRole, "{value: d 0.5}");
+    row("bool", loudness, valueRole, "{value: b true}");
+    row("string", mode, valueRole, "{value: s \"mid\"}");
+    row("list", sources, valueRole, "{value: [s \"fm\", s \"usb\"]}");
+    row("several roles", volume,
+        { QStringLiteral("title"), QStringLiteral("value"), QStringLiteral("valueUnit"),
+          QStringLiteral("path"), QStringLiteral("type"), QStringLiteral("edit") },
+        "{edit: {kind: s \"int\", max: x 100, min: x 0, step: x 5}, path: s "
+        "\"/settings/audio/volume\", title: s \"Volume\", type: x 101, value: x 35, valueUnit: s "
+        "\"%\"}");
+    row("roles that it lacks", token, { QStringLiteral("value"), QStringLiteral("title") },
+        "{title: s \"Token\"}");
+    row("the same role twice", volume, valueRole + valueRole, "{value: x 35}");
+    row("a role that nobody knows", volume, { QStringLiteral("colour") }, "{}");
+    row("directory", audio,
+        { QStringLiteral("title"), QStringLiteral("type"), QStringLiteral("modifiable") },
+        "{modifiable: b false, title: s \"Audio\", type: x 1}");
+    row("the mount", QStringLiteral("/settings"), { QStringLiteral("title") },
+        "{title: s \"Settings\"}");
+    row("no such path", QStringLiteral("/settings/nothing"), valueRole,
+        "InvalidPath: Invalid path '/settings/nothing'");
+    row("another mount", QStringLiteral("/other/audio"), valueRole,
+        "InvalidPath: Invalid path '/other/audio'");
+    row("empty path", QString(), valueRole, "Refused: The path is empty");
+    row("parent", QStringLiteral("/settings/../audio"), valueRole,
+        "Refused: Path '/settings/../audio' has a component that begins with '.'");
+    row("blank", QStringLiteral("/settings/a b"), valueRole,
+        "InvalidPath: Invalid path '/settings/a%20b' [/settings/a b]");
+    QStringList many;
+    for (int i = 0; i < 65; ++i)
+        many.append(QStringLiteral("title"));
+    row("65 roles", volume, many,
+        "Limits: A request for '/settings/audio/volume' names more than 64 roles");
+}
+
+void SettingsContract::reading()
+{
+    QFETCH(const QString, path);
+    QFETCH(const QStringList, roles);
+    QFETCH(const QString, answer);
+
+    QCOMPARE(answerOf(settings().get(path, roles)), answer);
+}
+
+void SettingsContract::readingWithoutRolesAnswersAllThatThereAre()
+{
+    QCOMPARE(answerOf(settings().get(volume, {})),
+             QStringLiteral("{defaultValue: x 35, edit: {kind: s \"int\", max: x 100, min: x 0, "
+                            "step: x 5}, path: s \"/settings/audio/volume\", title: s \"Volume\", "
+                            "type: x 101, value: x 35, valueUnit: s \"%\"}"));
+    QCOMPARE(answerOf(settings().get(audio, {})),
+             QStringLiteral("{modifiable: b false, path: s \"/settings/audio\", title: s "
+                            "\"Audio\", type: x 1}"));
+}
+
+void SettingsContract::readingManyAnswersEachInItsPlace()
+{
+    QCOMPARE(answerOf(settings().getMany({ volume, QStringLiteral("/settings/nothing"), gain,
+                                           QStringLiteral("/settings//x"), volume },
+                                         valueRole)),
+             QStringLiteral(
+                 "/settings/audio/volume {value: x 35}; /settings/nothing InvalidPath: Invalid "
+                 "path '/settings/nothing'; /settings/audio/gain {value: d 0.5}; /settings//x "
+                 "Refused: Path '/settings//x' has an empty component; /settings/audio/volume "
+                 "{value: x 35}"));
+    QCOMPARE(answerOf(settings().getMany({}, valueRole)), QString());
+    QCOMPARE(answerOf(settings().getMany({ token }, {})),
+             QStringLiteral("/settings/token {path: s \"/settings/token\", title: s \"Token\", "
+                            "type: x 101}"));
+}
+
+void SettingsContract::readingTooManyIsAnError()
+{
+    QStringList paths;
+    for (int i = 0; i < Settings::maximumPaths; ++i)
+        paths.append(volume);
+
+    const Reply<QVector<Node>> most = settings().getMany(paths, valueRole);
+    QVERIFY(most.wait());
+    QCOMPARE(most.value().size(), Settings::maximumPaths);
+
+    QCOMPARE(answerOf(settings().getMany(paths + QStringList(volume), valueRole)),
+             QStringLiteral("Limits: A request names more than 1000 paths"));
+}
+
+void SettingsContract::doubleThatIsWrittenAsAnIntegerIsADouble()
+{
+    QCOMPARE(answerOf(settings().get(QStringLiteral("/settings/whole"),
+                                     { QStringLiteral("value"), QStringLiteral("defaultValue") })),
+             QStringLiteral("{defaultValue: d 5, value: d 5}"));
+}
+
+void SettingsContract::nullsAndZeroCharactersAreLeftOut()
+{
+    tree().writeDefault(QStringLiteral("/null/value"), R"({"value":{"int":null},"title":"A"})");
+    tree().writeDefault(QStringLiteral("/null/list"), R"({"value":{"list":[1,null]},"title":"B"})");
+    tree().writeDefault(QStringLiteral("/null/map"),
+                        R"({"value":{"list":[{"a":null,"b":1}]},"title":null})");
+    tree().writeDefault(QStringLiteral("/null/edit"),
+                        R"({"value":{"int":1},"edit":{"min":null,"values":[null],"max":2}})");
+    tree().writeDefault(QStringLiteral("/null/zero"), R"({"value":{"string":"a\u0000b"}})");
+    const QStringList roles { QStringLiteral("value"), QStringLiteral("title"),
+                              QStringLiteral("edit") };
+    const QString directory = QStringLiteral("/settings/null");
+
+    QCOMPARE(answerOf(settings().rows(directory, 0, 10, roles)),
+             QStringLiteral(
+                 "5 rows, version 0, {path: s \"/settings/null\", title: s \"null\", type: x 1}: "
+                 "edit {edit: {max: x 2}, title: s \"edit\", value: x 1}; list {title: s \"B\"}; "
+                 "map {value: [{b: x 1}]}; value {title: s \"A\"}; zero {title: s \"zero\"}"));
+    QCOMPARE(answerOf(settings().get(directory + QStringLiteral("/list"), roles)),
+             QStringLiteral("{title: s \"B\"}"));
+    QCOMPARE(answerOf(settings().set(directory + QStringLiteral("/zero"), QStringLiteral("ab"))),
+             storedAs(QStringLiteral("s \"ab\"")));
+}
+
+void SettingsContract::fileThatCannotBeReadIsUnavailable()
+{
+    tree().writeDefault(QStringLiteral("/audio/large"), QByteArray(1024 * 1024 + 1, ' '));
+    const QString path = QStringLiteral("/settings/audio/large");
+    const QString error =
+        QStringLiteral("Unavailable: '%1/audio/large' is larger than 1048576 bytes [%2]")
+            .arg(tree().defaultPath(), path);
+
+    QCOMPARE(answerOf(settings().get(path, valueRole)), error);
+    QCOMPARE(answerOf(settings().getMany({ path }, valueRole)), path + QLatin1Char(' ') + error);
+    QCOMPARE(answerOf(settings().set(path, 1)), error);
+}
+
+void SettingsContract::relativePathIsServed()
+{
+    const QString path = volume.mid(1);
+    const QString warning =
+        QStringLiteral("Wrong settings path detected: '%1' - please fix your code. Adding missing "
+                       "leading '/' for now.")
+            .arg(path);
+    expectRecord(warning);
+    expectRecord(warning);
+    EventLog log(settings().watch(volume));
+
+    QCOMPARE(answerOf(settings().get(path, valueRole)), QStringLiteral("{value: x 35}"));
+    QCOMPARE(answerOf(settings().set(path, 40)), storedAs(QStringLiteral("x 40")));
+
+    QCOMPARE(log.texts,
+             QStringList({ QStringLiteral("value /settings/audio/volume x 40"),
+                           QStringLiteral("data /settings/audio/volume") }));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Rows.
+// ---------------------------------------------------------------------------------------------
+
+void SettingsContract::rows_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<int>("first");
+    QTest::addColumn<int>("last");
+    QTest::addColumn<QStringList>("roles");
+    QTest::addColumn<QString>("answer");
+    const QString head = QStringLiteral("5 rows, version 0, {modifiable: b false, path: s "
+                                        "\"/settings/audio\", title: s \"Audio\", type: x 1}: ");
+    const int most = std::numeric_limits<int>::max();
+    QTest::newRow("first two") << audio << 0 << 1 << valueRole
+                               << head
+            + QStringLiteral("gain {value: d 0.5}; loudness {value: b true}");
+    QTest::newRow("last") << audio << 4 << most
+                          << QStringList { QStringLiteral("title"), QStringLiteral("valueUnit") }
+                          << head
+            + QStringLiteral("volume {title: s \"Volume\", valueUnit: s "
+                             "\"%\"}");
+    QTest::newRow("without roles")
+        << audio << 0 << 0 << QStringList() << head + QStringLiteral("gain {}");
+    QTest::newRow("directories") << QStringLiteral("/settings") << 0 << 2 << QStringList()
+                                 << QStringLiteral("6 rows, version 0, {modifiable: b false, path: "
+                                                   "s \"/settings\", title: s \"Settings\", type: "
+                                                   "x 1}: audio/ {}; presets/ {}; secret {}");
+    QTest::newRow("empty range") << audio << 1 << 0 << valueRole << head;
+    QTest::newRow("beyond the end") << audio << 9 << 12 << valueRole << head;
+    QTest::newRow("negative") << audio << -1 << 2 << valueRole
+                              << QStringLiteral("Refused: A row index at '/settings/audio' is "
+                                                "negative");
+    QTest::newRow("setting") << volume << 0 << 2 << valueRole
+                             << QStringLiteral("InvalidPath: Invalid path "
+                                               "'/settings/audio/volume'");
+    QTest::newRow("no such path") << QStringLiteral("/settings/no") << 0 << 2 << valueRole
+                                  << QStringLiteral("InvalidPath: Invalid path '/settings/no'");
+}
+
+void SettingsContract::rows()
+{
+    QFETCH(const QString, path);
+    QFETCH(const int, first);
+    QFETCH(const int, last);
+    QFETCH(const QStringList, roles);
+    QFETCH(const QString, answer);
+
+    QCOMPARE(answerOf(settings().rows(path, first, last, roles)), answer);
+}
+
+void SettingsContract::rowsComeInPages()
+{
+    for (int i = 0; i < 600; ++i)
+        tree().writeDefault(QStringLiteral("/many/n%1").arg(i, 4, 10, QLatin1Char('0')),
+                            QByteArrayLiteral("{}"));
+    const QString many = QStringLiteral("/settings/many");
+
+    const Reply<Rows> first = settings().rows(many, 0, 1000, {});
+    QVERIFY(first.wait());
+    QCOMPARE(first.value().count, 600);
+    QCOMPARE(first.value().rows.size(), Settings::maximumRows);
+    QCOMPARE(first.value().rows.last().name, QStringLiteral("n0499"));
+
+    const Reply<Rows> second = settings().rows(many, 500, 1000, {});
+    QVERIFY(second.wait());
+    QCOMPARE(second.value().rows.size(), 100);
+    QCOMPARE(second.value().rows.first().name, QStringLiteral("n0500"));
+}
+
+void SettingsContract::rowThatCannotBeServedKeepsItsPlace()
+{
+    tree().writeDefault(QStringLiteral("/some/large"), QByteArray(1024 * 1024 + 1, ' '));
+    tree().writeDefault(QStringLiteral("/some/small"), R"({"value":{"int":1}})");
+    expectRecord(QStringLiteral("Loaded path is invalid: /settings/some/large"));
+    expectRecord(QStringLiteral("Loaded path is invalid: /settings/some/large"));
+
+    QCOMPARE(answerOf(settings().rows(QStringLiteral("/settings/some"), 0, 9, valueRole)),
+             QStringLiteral("2 rows, version 0, {path: s \"/settings/some\", title: s \"some\", "
+                            "type: x 1}: large Unavailable: '%1/some/large' is larger than 1048576 "
+                            "bytes [/settings/some/large]; small {value: x 1}")
+                 .arg(tree().defaultPath()));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Values.
+// ---------------------------------------------------------------------------------------------
+
+void SettingsContract::setTakesEveryNumberType_data()
+{
+    QTest::addColumn<QVariant>("value");
+    QTest::newRow("short") << QVariant::fromValue(short(40));
+    QTest::newRow("ushort") << QVariant::fromValue(ushort(40));
+    QTest::newRow("int") << QVariant(40);
+    QTest::newRow("uint") << QVariant(40U);
+    QTest::newRow("long") << QVariant::fromValue(40L);
+    QTest::newRow("qlonglong") << QVariant(40LL);
+    QTest::newRow("qulonglong") << QVariant(40ULL);
+    QTest::newRow("double") << QVariant(40.0);
+    QTest::newRow("float") << QVariant(40.0F);
+    QTest::newRow("with its kind") << kinded("int", 40);
+    QTest::newRow("a double with its kind") << kinded("double", 40.0);
+}
+
+void SettingsContract::setTakesEveryNumberType()
+{
+    QFETCH(const QVariant, value);
+
+    QCOMPARE(answerOf(settings().set(volume, value)), storedAs(QStringLiteral("x 40")));
+
+    QCOMPARE(answerOf(settings().get(volume, valueRole)), QStringLiteral("{value: x 40}"));
+}
+
+void SettingsContract::setStores_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QVariant>("value");
+    QTest::addColumn<QString>("stored");
+    const auto row = [](const char* name, const QString& path, const QVariant& value,
+                        const QString& stored) {
+        QTest::newRow(name) << path << value << stored;
+    };
+    row("int for a double", gain, 1, QStringLiteral("d 1"));
+    row("double", gain, -0.25, QStringLiteral("d -0.25"));
+    row("bool", loudness, false, QStringLiteral("b false"));
+    row("text", mode, QStringLiteral("high"), QStringLiteral("s \"high\""));
+    row("number for a text", secondPreset, 5.5, QStringLiteral("s \"5.5\""));
+    row("bool for a text", secondPreset, true, QStringLiteral("s \"true\""));
+    row("list of texts", sources, QStringList { QStringLiteral("dab") },
+        QStringLiteral("[s \"dab\"]"));
+    row("list of many kinds", sources, list({ QStringLiteral("dab"), 5, true }),
+        QStringLiteral("[s \"dab\", x 5, b true]"));
+    row("list of lists", sources, list({ list({ 1, list({ 2 }) }) }),
+        QStringLiteral("[[x 1, [x 2]]]"));
+    row("empty list", sources, QVariantList(), QStringLiteral("[]"));
+    // A setting without a kind takes that of the value.
+    row("free: bool", token, true, QStringLiteral("b true"));
+    row("free: int", token, -5, QStringLiteral("x -5"));
+    row("free: smallest", token, std::numeric_limits<qlonglong>::min(),
+        QStringLiteral("x -9223372036854775808"));
+    row("free: largest with a sign", token, std::numeric_limits<qlonglong>::max(),
+        QStringLiteral("x 9223372036854775807"));
+    row("free: the same without a sign", token, qulonglong(std::numeric_limits<qlonglong>::max()),
+        QStringLiteral("x 9223372036854775807"));
+    row("free: largest", token, std::numeric_limits<qulonglong>::max(),
+        QStringLiteral("t 18446744073709551615"));
+    row("free: largest with its kind", token, kinded("int", std::numeric_limits<qulonglong>::max()),
+        QStringLiteral("t 18446744073709551615"));
+    row("free: double", token, 0.1, QStringLiteral("d 0.10000000000000001"));
+    row("free: whole double", token, 5.0, QStringLiteral("d 5"));
+    row("free: int as a double", token, kinded("double", 5), QStringLiteral("d 5"));
+    row("free: empty text", token, QStringLiteral(""), QStringLiteral("s \"\""));
+    row("free: null text", token, QString(), QStringLiteral("s \"\""));
+    row("free: text", token, QString::fromUtf8("gr\303\274n \360\237\232\227"),
+        QString::fromUtf8("s \"gr\303\274n \360\237\232\227\""));
+    row("free: text that looks like JSON", token, QStringLiteral("{\"int\":1}"),
+        QStringLiteral("s \"{\"int\":1}\""));
+    row("free: list of maps", token, list({ QVariantMap { { QStringLiteral("a"), 1 } } }),
+        QStringLiteral("[{a: x 1}]"));
+    row("free: eight lists", token, nested(8), QStringLiteral("[[[[[[[[]]]]]]]]"));
+}
+
+void SettingsContract::setStores()
+{
+    QFETCH(const QString, path);
+    QFETCH(const QVariant, value);
+    QFETCH(const QString, stored);
+    const QString read = QStringLiteral("{value: %1}").arg(stored);
+
+    QCOMPARE(answerOf(settings().set(path, value)), storedAs(stored));
+
+    QCOMPARE(answerOf(settings().get(path, valueRole)), read);
+    // And the same from disk.
+    QCOMPARE(answerOf(settings().flush()), QStringLiteral("0"));
+    QVERIFY(settings().dropCache().wait());
+    QCOMPARE(answerOf(settings().get(path, valueRole)), read);
+}
+
+void SettingsContract::valueIsAdjusted_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QVariant>("value");
+    QTest::addColumn<QString>("answer");
+    const auto row = [](const char* name, const QString& path, const QVariant& value,
+                        const char* answer) {
+        QTest::newRow(name) << path << value << QString::fromUtf8(answer);
+    };
+    row("above", volume, 400, "x 100} for x 400: it is above 'max' (100)");
+    row("below", volume, -5, "x 0} for x -5: it is below 'min' (0)");
+    row("between two steps", volume, 41, "x 40} for x 41: it does not lie on a 'step' (5)");
+    row("fraction for an int", volume, 39.6,
+        "x 40} for d 39.600000000000001: it is not of the kind 'int'");
+    row("above all integers", volume, std::numeric_limits<qulonglong>::max(),
+        "x 100} for d 1.8446744073709552e+19: it is not of the kind 'int', it is above 'max' "
+        "(100)");
+    row("double", gain, 0.3,
+        "d 0.25} for d 0.29999999999999999: it does not lie on a 'step' "
+        "(0.25)");
+}
+
+void SettingsContract::valueIsAdjusted()
+{
+    QFETCH(const QString, path);
+    QFETCH(const QVariant, value);
+    QFETCH(const QString, answer);
+    const QString expected = QStringLiteral("{timestamp: *, value: ") + answer;
+
+    QCOMPARE(answerOf(settings().set(path, value)), expected);
+    QCOMPARE(answerOf(settings().setRoles(path, { { QStringLiteral("value"), value } })), expected);
+    QCOMPARE(answerOf(settings().apply(path, QStringLiteral("set"), value)), expected);
+}
+
+void SettingsContract::valueIsRejected_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QVariant>("value");
+    QTest::addColumn<QString>("error");
+    const auto row = [](const char* name, const QString& path, const QVariant& value,
+                        const QString& error) {
+        QTest::newRow(name) << path << value << error;
+    };
+    const QString rejected = QStringLiteral("Rejected: The value for '%1' was rejected: %2");
+    const QString notInt = rejected.arg(volume, QStringLiteral("it is not of the kind 'int'"));
+    row("text for an int", volume, QStringLiteral("40"), notInt);
+    row("text for a bool", loudness, QStringLiteral("true"),
+        rejected.arg(loudness, QStringLiteral("it is not of the kind 'bool'")));
+    row("bool for an int", volume, true, notInt);
+    row("text that is not listed", mode, QStringLiteral("top"),
+        rejected.arg(mode,
+                     QStringLiteral(R"(it is not one of the 'values' (["low","mid","high"]))")));
+    row("list too long", sources, list({ 1, 2, 3, 4 }),
+        rejected.arg(sources, QStringLiteral("it is longer than 'maxLength' (3)")));
+    row("another kind by name", volume, kinded("string", QStringLiteral("40")), notInt);
+
+    const QString unsuitable = QStringLiteral("Rejected: The value for '/settings/token' is not "
+                                              "one that a setting can have");
+    const double infinity = std::numeric_limits<double>::infinity();
+    row("none", token, QVariant(), unsuitable);
+    row("bytes", token, QByteArrayLiteral("abc"), unsuitable);
+    row("bytes in a list", token, list({ QByteArrayLiteral("abc") }), unsuitable);
+    row("null in a list", token, list({ 1, QVariant() }), unsuitable);
+    row("null in a map in a list", token,
+        list({ QVariantMap { { QStringLiteral("a"), QVariant() } } }), unsuitable);
+    row("date", token, QDate(2026, 1, 1), unsuitable);
+    row("not a number", token, std::nan(""), unsuitable);
+    row("infinity", token, infinity, unsuitable);
+    row("negative infinity in a list", token, list({ -infinity }), unsuitable);
+    row("infinity with its kind", token, kinded("double", infinity), unsuitable);
+    row("zero character", token, QString(QChar(0)), unsuitable);
+    row("half a character", token, QString(QChar(0xD800)), unsuitable);
+    row("empty map", token, QVariantMap(), unsuitable);
+
+    const QString refused = QStringLiteral("Refused: A value for '/settings/token' ");
+    row("map of an unknown kind", token, kinded("colour", 1),
+        refused + QStringLiteral("does not have one known kind"));
+    row("map of two kinds", token,
+        QVariantMap { { QStringLiteral("int"), 1 }, { QStringLiteral("bool"), true } },
+        refused + QStringLiteral("does not have one known kind"));
+    row("map of another kind than its content", token, kinded("int", QStringLiteral("x")),
+        refused + QStringLiteral("is not of the kind it names"));
+    const QString limits = QStringLiteral("Limits: A value for '/settings/token' ");
+    row("nine lists", token, nested(9), limits + QStringLiteral("nests more than 8 deep"));
+    row("large", token, QString(60000, QLatin1Char('x')),
+        limits + QStringLiteral("takes more than 49152 bytes"));
+}
+
+void SettingsContract::valueIsRejected()
+{
+    QFETCH(const QString, path);
+    QFETCH(const QVariant, value);
+    QFETCH(const QString, error);
+    EventLog log(settings().watchTree(QStringLiteral("/settings")));
+    const QString before = answerOf(settings().get(path, {}));
+
+    QCOMPARE(answerOf(settings().set(path, value)), error);
+    QCOMPARE(answerOf(settings().setRoles(path,
+                                          { { QStringLiteral("value"), value },
+                                            { QStringLiteral("id"), QStringLiteral("X") } })),
+             error);
+    QCOMPARE(answerOf(settings().apply(path, QStringLiteral("set"), value)), error);
+    QCOMPARE(answerOf(settings().setMany({ { path, value } })), error);
+
+    QCOMPARE(answerOf(settings().get(path, {})), before);
+    QCOMPARE(log.texts, QStringList());
+    const Reply<Status> status = settings().status();
+    QVERIFY(status.wait());
+    QCOMPARE(status.value().pendingWrites, 0);
+}
+
+void SettingsContract::changeIsRefused_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QString>("error");
+    const auto row = [](const char* name, const char* path, const char* error) {
+        QTest::newRow(name) << QString::fromUtf8(path) << QString::fromUtf8(error);
+    };
+    row("read-only", "/settings/serial",
+        "NotModifiable: Setting '/settings/serial' is not modifiable");
+    row("directory", "/settings/audio", "Refused: Path '/settings/audio' is a directory");
+    row("the mount", "/settings", "Refused: Path '/settings' is a directory");
+    row("another mount", "/other/x", "InvalidPath: Invalid path '/other/x'");
+    row("empty", "", "Refused: The path is empty");
+    row("nothing at the top", "/settings/new",
+        "Refused: No setting '/settings/new' can be created at the top");
+    row("nothing in a directory", "/settings/audio/new",
+        "NotModifiable: No setting '/settings/audio/new' can be created: its template is not "
+        "modifiable");
+    row("no such directory", "/settings/none/new",
+        "Refused: No directory holds the setting '/settings/none/new'");
+    row("below a setting", "/settings/token/new",
+        "Refused: Path '/settings/token/new' is below a setting");
+    row("name that is not listed", "/settings/presets/a.b",
+        "Refused: No listing would show the setting '/settings/presets/a.b'");
+    row("hidden", "/settings/.meta",
+        "Refused: Path '/settings/.meta' has a component that begins with '.'");
+    row("action", "/settings/actions/flush",
+        "Refused: Path '/settings/actions/flush' is an action");
+}
+
+void SettingsContract::changeIsRefused()
+{
+    QFETCH(const QString, path);
+    QFETCH(const QString, error);
+    EventLog log(settings().watchTree(QStringLiteral("/settings")));
+
+    QCOMPARE(answerOf(settings().set(path, 1)), error);
+    QCOMPARE(answerOf(settings().setRoles(path, {})), error);
+    QCOMPARE(answerOf(settings().apply(path, QStringLiteral("toggle"), {})), error);
+    QCOMPARE(answerOf(settings().setMany({ { volume, 40 }, { path, 1 } })), error);
+    ChangeOptions options;
+    options.isDryRun = true;
+    QCOMPARE(answerOf(settings().set(path, 1, options)), error);
+
+    QCOMPARE(log.texts, QStringList());
+}
+
+// ---------------------------------------------------------------------------------------------
+// Roles and operations.
+// ---------------------------------------------------------------------------------------------
+
+void SettingsContract::setRoles_data()
+{
+    QTest::addColumn<QVariantMap>("roles");
+    QTest::addColumn<QString>("answer");
+    const auto row = [](const char* name, const QVariantMap& roles, const QString& answer) {
+        QTest::newRow(name) << roles << answer;
+    };
+    const auto role = [](const char* name, const QVariant& value) {
+        return QVariantMap { { QLatin1String(name), value } };
+    };
+    row("value", role("value", 40), QStringLiteral("{timestamp: *, value: x 40}"));
+    row("id", role("id", QStringLiteral("A1")),
+        QStringLiteral("{id: s \"A1\", timestamp: *, value: x 35}"));
+    row("disabled", role("disabled", true),
+        QStringLiteral("{disabled: b true, timestamp: *, value: x 35}"));
+    row("timestamp", role("timestamp", 1700000000000LL),
+        QStringLiteral("{timestamp: *, value: x 35}"));
+    row("none", {}, QStringLiteral("{timestamp: *, value: x 35}"));
+    row("timestamp as text", role("timestamp", QStringLiteral("now")),
+        QStringLiteral("Rejected: The role 'timestamp' of '/settings/audio/volume' cannot have "
+                       "this value"));
+    row("id as number", role("id", 1),
+        QStringLiteral("Rejected: The role 'id' of '/settings/audio/volume' cannot have this "
+                       "value"));
+    row("disabled as number", role("disabled", 1),
+        QStringLiteral("Rejected: The role 'disabled' of '/settings/audio/volume' cannot have "
+                       "this value"));
+    row("long id", role("id", QString(60000, QLatin1Char('i'))),
+        QStringLiteral("Limits: A value for '/settings/audio/volume' takes more than 49152 "
+                       "bytes"));
+    for (const char* name :
+         { "activate", "path", "title", "type", "edit", "modifiable", "encrypted", "encryptedValue",
+           "defaultValue", "permission", "setRoles", "valueOperation", "colour", "Value" }) {
+        row(name, { { QLatin1String(name), 1 }, { QStringLiteral("value"), 45 } },
+            QStringLiteral("Refused: The role '%1' of '/settings/audio/volume' cannot be set; "
+                           "those that can are value, timestamp, id, disabled")
+                .arg(QLatin1String(name)));
+    }
+}
+
+void SettingsContract::setRoles()
+{
+    QFETCH(const QVariantMap, roles);
+    QFETCH(const QString, answer);
+
+    QCOMPARE(answerOf(settings().setRoles(volume, roles)), answer);
+}
+
+void SettingsContract::apply_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QVariant>("before");
+    QTest::addColumn<QString>("verb");
+    QTest::addColumn<QVariant>("operand");
+    QTest::addColumn<QString>("answer");
+    const auto row = [](const char* name, const QString& path, const QVariant& before,
+                        const char* verb, const QVariant& operand, const char* answer) {
+        QTest::newRow(name) << path << before << QString(QLatin1String(verb)) << operand
+                            << QString::fromUtf8(answer);
+    };
+    row("set", volume, 35, "set", 40, "{timestamp: *, value: x 40}");
+    row("add", volume, 35, "add", QVariant::fromValue(ushort(5)), "{timestamp: *, value: x 40}");
+    row("add beyond the range", volume, 35, "add", 500,
+        "{timestamp: *, value: x 100} for x 535: it is above 'max' (100)");
+    row("multiply", volume, 35, "multiply", 2, "{timestamp: *, value: x 70}");
+    row("toggle", loudness, true, "toggle", {}, "{timestamp: *, value: b false}");
+    row("toggle with an operand that it ignores", loudness, true, "toggle", 5,
+        "{timestamp: *, value: b false}");
+    row("append", sources, QStringList({ QStringLiteral("fm"), QStringLiteral("usb") }), "append",
+        QStringLiteral("dab"), "{timestamp: *, value: [s \"fm\", s \"usb\", s \"dab\"]}");
+    row("remove", sources, QStringList({ QStringLiteral("fm"), QStringLiteral("usb") }), "remove",
+        QStringLiteral("fm"), "{timestamp: *, value: [s \"usb\"]}");
+    row("next", mode, QStringLiteral("mid"), "next", {}, "{timestamp: *, value: s \"high\"}");
+    row("previous", mode, QStringLiteral("mid"), "previous", {},
+        "{timestamp: *, value: s \"low\"}");
+    row("on another kind", volume, 35, "toggle", {},
+        "Rejected: The value for '/settings/audio/volume' was rejected: 'toggle' is not applicable "
+        "to a value of kind 'int'");
+    row("without its operand", volume, 35, "add", {},
+        "Rejected: The value for '/settings/audio/volume' is not one that a setting can have");
+    const char* const verbs = "Refused: '%1' is not an operation for '/settings/audio/volume'; "
+                              "operations are set, add, multiply, toggle, append, remove, next, "
+                              "previous";
+    row("unknown", volume, 35, "double", 1,
+        qPrintable(QString::fromLatin1(verbs).arg(QStringLiteral("double"))));
+    row("none", volume, 35, "", 1, qPrintable(QString::fromLatin1(verbs).arg(QString())));
+}
+
+void SettingsContract::apply()
+{
+    QFETCH(const QString, path);
+    QFETCH(const QVariant, before);
+    QFETCH(const QString, verb);
+    QFETCH(const QVariant, operand);
+    QFETCH(const QString, answer);
+    QVERIFY(settings().set(path, before).wait());
+
+    QCOMPARE(answerOf(settings().apply(path, verb, operand)), answer);
+}
+
+void SettingsContract::newSettingIsMadeFromItsTemplate()
+{
+    QCOMPARE(answerOf(settings().set(secondPreset, QStringLiteral("fm:99"))),
+             storedAs(QStringLiteral("s \"fm:99\"")));
+
+    QCOMPARE(answerOf(settings().get(secondPreset,
+                                     { QStringLiteral("title"), QStringLiteral("value") })),
+             QStringLiteral("{title: s \"Preset\", value: s \"fm:99\"}"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Conditions and trials.
+// ---------------------------------------------------------------------------------------------
+
+void SettingsContract::dryRunChangesNothing_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QVariant>("value");
+    QTest::addColumn<QString>("answer");
+    QTest::newRow("good value") << volume << QVariant(40) << storedAs(QStringLiteral("x 40"));
+    QTest::newRow("adjusted value") << volume << QVariant(400)
+                                    << storedAs(QStringLiteral("x 100"))
+            + QStringLiteral(" for x 400: it is above 'max' (100)");
+    QTest::newRow("rejected value")
+        << volume << QVariant(true)
+        << QStringLiteral("Rejected: The value for '/settings/audio/volume' was rejected: it is "
+                          "not of the kind 'int'");
+    QTest::newRow("new setting") << secondPreset << QVariant(QStringLiteral("fm:99"))
+                                 << storedAs(QStringLiteral("s \"fm:99\""));
+    QTest::newRow("encrypted") << secret << QVariant(QStringLiteral("x"))
+                               << QStringLiteral(
+                                      "{encrypted: b true, timestamp: *, value: s \"x\"}");
+}
+
+void SettingsContract::dryRunChangesNothing()
+{
+    QFETCH(const QString, path);
+    QFETCH(const QVariant, value);
+    QFETCH(const QString, answer);
+    EventLog log(settings().watchTree(QStringLiteral("/settings")));
+    const QString before = answerOf(settings().get(path, {}));
+    ChangeOptions options;
+    options.isDryRun = true;
+
+    QCOMPARE(answerOf(settings().set(path, value, options)), answer);
+    QCOMPARE(answerOf(settings().setRoles(path, { { QStringLiteral("value"), value } }, options)),
+             answer);
+    QCOMPARE(answerOf(settings().apply(path, QStringLiteral("set"), value, options)), answer);
+
+    QCOMPARE(answerOf(settings().get(path, {})), before);
+    QCOMPARE(log.texts, QStringList());
+    QCOMPARE(answerOf(settings().flush()), QStringLiteral("0"));
+    QVERIFY(!tree().writtenEntries().join(QString()).contains(path.section(QLatin1Char('/'), -1)));
+}
+
+void SettingsContract::changeOnCondition_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QVariant>("before");
+    QTest::addColumn<QVariant>("ifValue");
+    QTest::addColumn<bool>("isMade");
+    QTest::newRow("value") << volume << QVariant(35) << QVariant(35) << true;
+    QTest::newRow("value as a double") << volume << QVariant(35) << QVariant(35.0) << true;
+    QTest::newRow("value with its kind") << volume << QVariant(35) << kinded("int", 35) << true;
+    QTest::newRow("other value") << volume << QVariant(35) << QVariant(40) << false;
+    QTest::newRow("text of the number")
+        << volume << QVariant(35) << QVariant(QStringLiteral("35")) << false;
+    QTest::newRow("not a value") << volume << QVariant(35) << QVariant(QDate(2026, 1, 1)) << false;
+    QTest::newRow("list") << sources << QVariant(QStringList(QStringLiteral("fm")))
+                          << QVariant(list({ QStringLiteral("fm") })) << true;
+    QTest::newRow("other list") << sources << QVariant(QStringList(QStringLiteral("fm")))
+                                << QVariant(QVariantList()) << false;
+    QTest::newRow("text") << token << QVariant(QStringLiteral("5")) << QVariant(QStringLiteral("5"))
+                          << true;
+    QTest::newRow("number of the text")
+        << token << QVariant(QStringLiteral("5")) << QVariant(5) << false;
+    QTest::newRow("new setting") << secondPreset << QVariant()
+                                 << QVariant(QStringLiteral("fm:87.5")) << false;
+}
+
+void SettingsContract::changeOnCondition()
+{
+    QFETCH(const QString, path);
+    QFETCH(const QVariant, before);
+    QFETCH(const QVariant, ifValue);
+    QFETCH(const bool, isMade);
+    const QString conflict =
+        QStringLiteral("Conflict: Setting '%1' does not have the expected value").arg(path);
+    if (before.isValid())
+        QVERIFY(settings().set(path, before).wait());
+    ChangeOptions options;
+    options.ifValue = ifValue;
+
+    const Reply<Change> byValue = settings().set(path, before, options);
+    QVERIFY(byValue.wait() == isMade);
+    if (!isMade)
+        QCOMPARE(shown(byValue.error()), conflict);
+
+    options = ChangeOptions();
+    const Reply<QVariantMap> now = settings().get(path, { QStringLiteral("timestamp") });
+    options.ifTimestamp =
+        now.wait() ? now.value().value(QStringLiteral("timestamp")).toLongLong() : 0;
+    const QVariantMap later { { QStringLiteral("timestamp"), *options.ifTimestamp + 1 } };
+    QVERIFY(settings().setRoles(path, later, options).wait());
+    QCOMPARE(
+        answerOf(settings().setRoles(path, later, options)),
+        QStringLiteral("Conflict: Setting '%1' does not have the expected timestamp").arg(path));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Many changes.
+// ---------------------------------------------------------------------------------------------
+
+void SettingsContract::manyChangesAreMadeTogether()
+{
+    EventLog log(settings().watchTree(QStringLiteral("/settings")));
+    QStringList order;
+    QObject context;
+    connect(log.watch(), &Watch::changed, &context,
+            [&order](const Event& event) { order.append(shown(event)); });
+    const Reply<QVector<Change>> changes =
+        settings().setMany({ { volume, 400 },
+                             { secondPreset, QStringLiteral("fm:99") },
+                             { gain, kinded("double", 1) } });
+    changes.then(&context, [&order](const Reply<QVector<Change>>&) {
+        order.append(QStringLiteral("answer"));
+    });
+    const Reply<QVariantMap> after = settings().get(volume, valueRole);
+    after.then(&context, [&order](const Reply<QVariantMap>&) {
+        order.append(QStringLiteral("next answer"));
+    });
+
+    QVERIFY(after.wait());
+
+    QCOMPARE(answerOf(changes),
+             QStringLiteral("{timestamp: *, value: x 100} for x 400: it is above 'max' (100); "
+                            "{timestamp: *, value: s \"fm:99\"}; {timestamp: *, value: d 1}"));
+    QCOMPARE(order,
+             QStringList({ QStringLiteral("value /settings/audio/volume x 100"),
+                           QStringLiteral("data /settings/audio/volume"),
+                           QStringLiteral("rows /settings/audio 4 1"),
+                           QStringLiteral("value /settings/presets/two s \"fm:99\""),
+                           QStringLiteral("data /settings/presets/two"),
+                           QStringLiteral("rows /settings/presets +1 1"),
+                           QStringLiteral("value /settings/audio/gain d 1"),
+                           QStringLiteral("data /settings/audio/gain"),
+                           QStringLiteral("rows /settings/audio 0 2"), QStringLiteral("answer"),
+                           QStringLiteral("next answer") }));
+}
+
+void SettingsContract::manyChangesAreAllOrNone_data()
+{
+    QTest::addColumn<QVector<Assignment>>("assignments");
+    QTest::addColumn<QString>("error");
+    const QVector<Assignment> good { { volume, 40 }, { secondPreset, QStringLiteral("fm:99") } };
+    const QVector<Assignment> bad { { mode, QStringLiteral("top") }, { serial, 1 } };
+    const QString rejected =
+        QStringLiteral("Rejected: The value for '/settings/audio/mode' was rejected: it is not one "
+                       "of the 'values' ([\"low\",\"mid\",\"high\"])");
+    QTest::newRow("first rejected") << bad + good << rejected;
+    QTest::newRow("last rejected") << good + bad.mid(0, 1) << rejected;
+    QTest::newRow("read-only") << good + bad.mid(1, 1)
+                               << QStringLiteral("NotModifiable: Setting '/settings/serial' is not "
+                                                 "modifiable");
+    QTest::newRow("path twice") << good + good.mid(0, 1)
+                                << QStringLiteral("Refused: Path '/settings/audio/volume' is "
+                                                  "changed twice by a request");
+    QTest::newRow("too many") << QVector<Assignment>(Settings::maximumChanges + 1, { volume, 40 })
+                              << QStringLiteral("Limits: A request makes more than 10000 changes");
+    QVector<Assignment> large;
+    for (int i = 0; i < 26; ++i) {
+        large.append(
+            { QStringLiteral("/settings/presets/n%1").arg(i), QString(42000, QLatin1Char('x')) });
+    }
+    QTest::newRow("too large") << large
+                               << QStringLiteral("Limits: The changes of a request take more than "
+                                                 "1048576 bytes");
+}
+
+void SettingsContract::manyChangesAreAllOrNone()
+{
+    QFETCH(const QVector<Assignment>, assignments);
+    QFETCH(const QString, error);
+    EventLog log(settings().watchTree(QStringLiteral("/settings")));
+
+    QCOMPARE(answerOf(settings().setMany(assignments)), error);
+
+    QCOMPARE(answerOf(settings().get(volume, valueRole)), QStringLiteral("{value: x 35}"));
+    QCOMPARE(answerOf(settings().get(secondPreset, valueRole)),
+             QStringLiteral("InvalidPath: Invalid path '/settings/presets/two'"));
+    QCOMPARE(log.texts, QStringList());
+    QCOMPARE(answerOf(settings().setMany({})), QString());
+}
+
+void SettingsContract::manyChangesOnATrial()
+{
+    EventLog log(settings().watchTree(QStringLiteral("/settings")));
+    ChangeOptions options;
+    options.isDryRun = true;
+
+    QCOMPARE(answerOf(settings().setMany({ { volume, 400 }, { secondPreset, 5 } }, options)),
+             QStringLiteral("{timestamp: *, value: x 100} for x 400: it is above 'max' (100); "
+                            "{timestamp: *, value: s \"5\"}"));
+
+    QCOMPARE(answerOf(settings().get(volume, valueRole)), QStringLiteral("{value: x 35}"));
+    QCOMPARE(log.texts, QStringList());
+}
+
+void SettingsContract::newSettingsOfOneRequestCount()
+{
+    QVector<Assignment> presets;
+    for (int i = 0; i <= 1000; ++i)
+        presets.append({ QStringLiteral("/settings/presets/n%1").arg(i), QStringLiteral("fm") });
+
+    QCOMPARE(answerOf(settings().setMany(presets)),
+             QStringLiteral("Limits: No setting '/settings/presets/n1000' can be created: its "
+                            "directory has 1000 settings made at run time"));
+    // Those of the request that was rejected do not count.
+    presets.removeLast();
+    QVERIFY(settings().setMany(presets).wait());
+    QCOMPARE(answerOf(settings().set(secondPreset, QStringLiteral("fm"))),
+             QStringLiteral("Limits: No setting '/settings/presets/two' can be created: its "
+                            "directory has 1000 settings made at run time"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Events.
+// ---------------------------------------------------------------------------------------------
+
+void SettingsContract::eventsComeInOrderBeforeTheAnswer()
+{
+    EventLog ofSetting(settings().watch(volume));
+    EventLog ofDirectory(settings().watch(audio));
+    QObject context;
+    QStringList atAnswer;
+    const Reply<Change> reply = settings().set(volume, 40);
+    reply.then(&context,
+               [&](const Reply<Change>&) { atAnswer = ofSetting.texts + ofDirectory.texts; });
+
+    QVERIFY(reply.wait());
+
+    QCOMPARE(atAnswer,
+             QStringList({ QStringLiteral("value /settings/audio/volume x 40"),
+                           QStringLiteral("data /settings/audio/volume"),
+                           QStringLiteral("rows /settings/audio 4 1") }));
+}
+
+void SettingsContract::sameValueIsAnnouncedAsData()
+{
+    QVERIFY(settings().set(volume, 40).wait());
+    EventLog log(settings().watch(volume));
+
+    QVERIFY(settings().set(volume, 40).wait());
+
+    QCOMPARE(log.texts, QStringList(QStringLiteral("data /settings/audio/volume")));
+}
+
+void SettingsContract::newSettingIsAnnouncedAsARow()
+{
+    EventLog log(settings().watch(QStringLiteral("/settings/presets")));
+
+    QVERIFY(settings().set(secondPreset, QStringLiteral("fm:99")).wait());
+
+    QCOMPARE(log.texts, QStringList(QStringLiteral("rows /settings/presets +1 1")));
+}
+
+void SettingsContract::rejectedChangeIsNotAnnounced()
+{
+    EventLog log(settings().watchTree(QStringLiteral("/settings")));
+
+    QVERIFY(!settings().set(volume, true).wait());
+    QVERIFY(!settings().set(serial, QStringLiteral("X2")).wait());
+    QVERIFY(!settings().setRoles(volume, { { QStringLiteral("title"), 1 } }).wait());
+    QVERIFY(!settings().apply(volume, QStringLiteral("toggle"), {}).wait());
+
+    QCOMPARE(log.texts, QStringList());
+}
+
+void SettingsContract::treeWatchSeesEverythingBelow()
+{
+    EventLog all(settings().watchTree(QStringLiteral("/settings")));
+    EventLog below(settings().watchTree(QStringLiteral("/settings/presets")));
+    EventLog beside(settings().watchTree(QStringLiteral("/settings/aud")));
+
+    QVERIFY(settings().set(volume, 40).wait());
+    QVERIFY(settings().set(secondPreset, QStringLiteral("fm:99")).wait());
+
+    QCOMPARE(all.texts.size(), 6);
+    QCOMPARE(below.texts,
+             QStringList({ QStringLiteral("value /settings/presets/two s \"fm:99\""),
+                           QStringLiteral("data /settings/presets/two"),
+                           QStringLiteral("rows /settings/presets +1 1") }));
+    QCOMPARE(beside.texts, QStringList());
+}
+
+void SettingsContract::settingThatIsMadeLaterCanBeWatched()
+{
+    EventLog log(settings().watch(secondPreset));
+
+    QVERIFY(settings().set(secondPreset, QStringLiteral("fm:99")).wait());
+
+    QCOMPARE(log.texts,
+             QStringList({ QStringLiteral("value /settings/presets/two s \"fm:99\""),
+                           QStringLiteral("data /settings/presets/two") }));
+}
+
+void SettingsContract::relativePathCanBeWatched()
+{
+    EventLog log(settings().watch(volume.mid(1)));
+    EventLog tree(settings().watchTree(audio.mid(1)));
+
+    QVERIFY(settings().set(volume, 40).wait());
+
+    QCOMPARE(log.watch()->path(), volume.mid(1));
+    QCOMPARE(log.texts,
+             QStringList({ QStringLiteral("value /settings/audio/volume x 40"),
+                           QStringLiteral("data /settings/audio/volume") }));
+    QCOMPARE(tree.texts.size(), 3);
+}
+
+void SettingsContract::encryptedValueIsNotAnnounced()
+{
+    EventLog log(settings().watchTree(QStringLiteral("/settings/secret")));
+    const QString value = QStringLiteral("value");
+
+    QCOMPARE(answerOf(settings().set(secret, QStringLiteral("hidden"))),
+             QStringLiteral("{encrypted: b true, timestamp: *, value: s \"hidden\"}"));
+    QVERIFY(settings().apply(secret, QStringLiteral("set"), QStringLiteral("too")).wait());
+    QVERIFY(settings().setRoles(secret, { { value, QStringLiteral("three") } }).wait());
+    QVERIFY(settings().setMany({ { secret, QStringLiteral("four") } }).wait());
+
+    QCOMPARE(answerOf(settings().get(secret, valueRole)), QStringLiteral("{value: s \"four\"}"));
+    QCOMPARE(log.texts,
+             QStringList({ QStringLiteral("data /settings/secret"),
+                           QStringLiteral("data /settings/secret"),
+                           QStringLiteral("data /settings/secret"),
+                           QStringLiteral("data /settings/secret") }));
+}
+
+void SettingsContract::watchOfARefusedPathFails_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("empty") << QString() << QStringLiteral("Refused: The path is empty");
+    QTest::newRow("slash at the end")
+        << audio + QLatin1Char('/')
+        << QStringLiteral("Refused: Path '/settings/audio/' has an empty component");
+    QTest::newRow("hidden") << QStringLiteral("/settings/.meta")
+                            << QStringLiteral("Refused: Path '/settings/.meta' has a component "
+                                              "that begins with '.'");
+    QTest::newRow("long") << QStringLiteral("/settings/") + QString(201, QLatin1Char('x'))
+                          << QStringLiteral(
+                                 "Limits: Path '/settings/%1...' has a name of more than 200 bytes "
+                                 "[/settings/%2]")
+                                 .arg(QString(190, QLatin1Char('x')),
+                                      QString(201, QLatin1Char('x')));
+}
+
+void SettingsContract::watchOfARefusedPathFails()
+{
+    QFETCH(const QString, path);
+    QFETCH(const QString, error);
+
+    EventLog node(settings().watch(path));
+    EventLog tree(settings().watchTree(path));
+
+    QCOMPARE(node.texts, QStringList());
+    QVERIFY(settings().status().wait());
+    QCOMPARE(node.texts, QStringList(error));
+    QCOMPARE(tree.texts, QStringList(error));
+}
+
+void SettingsContract::destroyedWatchSeesNothing()
+{
+    EventLog log(settings().watch(volume));
+    EventLog other(settings().watch(volume));
+    log.destroyWatch();
+
+    QVERIFY(settings().set(volume, 40).wait());
+
+    QCOMPARE(log.texts, QStringList());
+    QCOMPARE(other.texts.size(), 2);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Replies.
+// ---------------------------------------------------------------------------------------------
+
+void SettingsContract::answerComesLater()
+{
+    const Reply<QVariantMap> good = settings().get(volume, valueRole);
+    const Reply<QVariantMap> bad = settings().get(QString(), valueRole);
+    const Reply<Change> change = settings().set(volume, true);
+
+    QVERIFY(!good.isFinished());
+    QVERIFY(!bad.isFinished());
+    QVERIFY(!change.isFinished());
+    QVERIFY(good.wait());
+    QVERIFY(!bad.wait());
+    QVERIFY(!change.wait());
+}
+
+void SettingsContract::answersComeInTheOrderOfTheRequests()
+{
+    constexpr int count = 10000;
+    QObject context;
+    QVector<int> order;
+    QVector<Reply<QVariantMap>> replies;
+    for (int i = 0; i < count; ++i) {
+        replies.append(settings().get(i % 2 == 0 ? volume : gain, valueRole));
+        replies.last().then(&context, [&order, i](const Reply<QVariantMap>&) { order.append(i); });
+    }
+
+    QVERIFY(replies.last().wait());
+
+    QCOMPARE(order.size(), count);
+    QVERIFY(std::is_sorted(order.cbegin(), order.cend()));
+    QCOMPARE(shown(replies.at(0).value()), QStringLiteral("{value: x 35}"));
+    QCOMPARE(shown(replies.at(count - 1).value()), QStringLiteral("{value: d 0.5}"));
+}
+
+void SettingsContract::cancelledReplyStaysCancelled()
+{
+    const Reply<QVariantMap> reply = settings().get(volume, valueRole);
+
+    reply.cancel();
+
+    QCOMPARE(shown(reply.error()), QStringLiteral("Cancelled: cancelled"));
+    QVERIFY(settings().get(volume, valueRole).wait());
+    QCOMPARE(shown(reply.error()), QStringLiteral("Cancelled: cancelled"));
+    QCOMPARE(reply.value(), QVariantMap());
+}
+
+void SettingsContract::repliesOfDestroyedSettingsAreCancelled()
+{
+    const Reply<QVariantMap> read = settings().get(volume, valueRole);
+    const Reply<Change> change = settings().set(volume, 40);
+    const Reply<int> flush = settings().flush();
+    const auto watch = settings().watch(volume);
+    QObject context;
+    bool isTold = false;
+    read.then(&context, [&isTold](const Reply<QVariantMap>&) { isTold = true; });
+
+    m_settings.reset();
+
+    QVERIFY(isTold);
+    QCOMPARE(read.error().code, ErrorCode::Cancelled);
+    QCOMPARE(change.error().code, ErrorCode::Cancelled);
+    QCOMPARE(flush.error().code, ErrorCode::Cancelled);
+}
+
+void SettingsContract::settingsMayBeDestroyedInsideOfAnEvent()
+{
+    EventLog log(settings().watchTree(QStringLiteral("/settings")));
+    connect(log.watch(), &Watch::changed, this, [this] { m_settings.reset(); });
+    const Reply<Change> change = settings().set(volume, 40);
+
+    QVERIFY(!change.wait());
+
+    QCOMPARE(change.error().code, ErrorCode::Cancelled);
+    QCOMPARE(log.texts, QStringList(QStringLiteral("value /settings/audio/volume x 40")));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Disk and state.
+// ---------------------------------------------------------------------------------------------
+
+void SettingsContract::changeIsOnDiskAfterAFlush()
+{
+    QVERIFY(settings()
+                .setRoles(volume,
+                          { { QStringLiteral("value"), 40 },
+                            { QStringLiteral("id"), QStringLiteral("A1") },
+                            { QStringLiteral("timestamp"), 1700000000000LL } })
+                .wait());
+
+    QCOMPARE(answerOf(settings().flush()), QStringLiteral("0"));
+
+    QCOMPARE(tree().readWritten(QStringLiteral("/audio/volume")),
+             QByteArray(R"({"id":"A1","timestamp":1700000000000,"value":{"int":40}})"));
+    QCOMPARE(answerOf(settings().flush()), QStringLiteral("0"));
+    QCOMPARE(answerOf(settings().unsavedPaths(10)), QString());
+}
+
+void SettingsContract::replacedTreeIsNotSaved()
+{
+    QVERIFY(settings().set(volume, 40).wait());
+    const QString path = tree().writePath();
+    QVERIFY(QDir().rename(path, path + QLatin1String(".old")));
+    QVERIFY(QDir().mkdir(path));
+
+    const Reply<int> flush = settings().flush();
+
+    QVERIFY(!flush.wait());
+    QCOMPARE(flush.error().code, ErrorCode::NotSaved);
+    QVERIFY2(flush.error().message.contains(path), qPrintable(flush.error().message));
+    const Reply<Status> status = settings().status();
+    QVERIFY(status.wait());
+    QCOMPARE(status.value().lastWriteError, flush.error().message);
+}
+
+void SettingsContract::dropCacheReadsTheFilesAgain()
+{
+    QCOMPARE(answerOf(settings().get(volume, valueRole)), QStringLiteral("{value: x 35}"));
+    tree().writeWritten(QStringLiteral("/audio/volume"), R"({"value":{"int":45}})");
+    QCOMPARE(answerOf(settings().get(volume, valueRole)), QStringLiteral("{value: x 35}"));
+
+    const Reply<bool> drop = settings().dropCache();
+
+    QVERIFY(drop.wait());
+    QVERIFY(drop.value());
+    QCOMPARE(answerOf(settings().get(volume, valueRole)), QStringLiteral("{value: x 45}"));
+}
+
+void SettingsContract::statusTells()
+{
+    const Reply<Status> before = settings().status();
+    QVERIFY(before.wait());
+    QCOMPARE(before.value().version, QStringLiteral(TULO_VERSION));
+    QCOMPARE(before.value().product, QString());
+    QCOMPARE(before.value().defaultPath, tree().defaultPath());
+    QCOMPARE(before.value().writePath, tree().writePath());
+    QVERIFY(before.value().isWritable);
+    QCOMPARE(before.value().pendingWrites, 0);
+    QCOMPARE(before.value().unsavedCount, 0);
+    QCOMPARE(before.value().lastWriteError, QString());
+    QVERIFY(before.value().processId > 0);
+
+    QVERIFY(settings().set(volume, 40).wait());
+    const Reply<Status> after = settings().status();
+    QVERIFY(after.wait());
+    QCOMPARE(after.value().pendingWrites, 1);
+}
+
+} // namespace tulo
