@@ -166,7 +166,7 @@ QByteArray ServiceProcess::complaints(const ChildResult& result)
 ChildResult install(const QString& root, const QString& prefix)
 {
     ChildResult all;
-    for (const char* component : { "framework", "worker", "command", "service" }) {
+    for (const char* component : { "framework", "worker", "client", "command", "service" }) {
         ChildProcess cmake(QStringLiteral("cmake"),
                            { QStringLiteral("--install"), QStringLiteral(TULO_BUILD_DIR),
                              QStringLiteral("--prefix"), prefix, QStringLiteral("--component"),
