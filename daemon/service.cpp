@@ -23,22 +23,6 @@ const QStringList& settableRoles()
     return roles;
 }
 
-// The kinds that other processes may tell apart; the rest is the service's own affair.
-QString busErrorOf(ErrorKind kind)
-{
-    switch (kind) {
-    case ErrorKind::InvalidPath:
-    case ErrorKind::Refused:
-    case ErrorKind::Rejected:
-    case ErrorKind::Unavailable:
-    case ErrorKind::NotModifiable:
-    case ErrorKind::Limits:
-        return errorName(kind);
-    default:
-        return internalError;
-    }
-}
-
 // What a row that cannot be served has in place of its roles.
 QVariantMap errorEntry(const QString& message)
 {
@@ -223,7 +207,7 @@ void Service::refuse(const QString& error, const QString& message)
 
 void Service::refuseSize(const QString& path)
 {
-    refuse(errorName(ErrorKind::Limits),
+    refuse(QLatin1String(describe(ErrorCode::Limits).name),
            QStringLiteral("Too much for one message; path:'%1'").arg(path));
 }
 
@@ -233,10 +217,10 @@ bool Service::accepted(const QString& path)
     if (!message().isReplyRequired())
         return false;
     const CMError error = Guard::checkPath(CMPath(path));
-    const ErrorKind kind = errorKind(error);
-    if (kind == ErrorKind::None)
+    const ErrorCode kind = errorCode(error);
+    if (kind == ErrorCode::None)
         return true;
-    refuse(busErrorOf(kind), error.message().toString());
+    refuse(QLatin1String(describe(kind).name), error.message().toString());
     return false;
 }
 
@@ -247,10 +231,10 @@ bool Service::refused(const CMVoidReply& reply)
 
 bool Service::refused(const CMError& error)
 {
-    const ErrorKind kind = errorKind(error);
-    if (kind == ErrorKind::None)
+    const ErrorCode kind = errorCode(error);
+    if (kind == ErrorCode::None)
         return false;
-    refuse(busErrorOf(kind), error.message().toString());
+    refuse(QLatin1String(describe(kind).name), error.message().toString());
     return true;
 }
 
@@ -318,7 +302,7 @@ TuloRoles Service::settingRoles(const QString& path)
     const QStringList names { TuloRoles::Value(), TuloRoles::DefaultValue(), TuloRoles::Edit() };
     for (const QString& node : { path, path.section(QLatin1Char('/'), 0, -2) }) {
         const auto reply = m_engine.dispatcher().getData(CMPath(node), names);
-        if (errorKind(reply.error()) != ErrorKind::None)
+        if (errorCode(reply.error()) != ErrorCode::None)
             continue;
         TuloRoles roles;
         for (int i = 0; i < names.size(); ++i)
@@ -335,7 +319,7 @@ bool Service::acceptedValue(const QString& path, const QVariant& sent, TuloValue
     if (accepted)
         *value = valueFromPlain(content, settingRoles(path));
     if (!accepted || value->isEmpty()) {
-        refuse(errorName(ErrorKind::Rejected),
+        refuse(QLatin1String(describe(ErrorCode::Rejected).name),
                QStringLiteral("A setting cannot hold this value; path:'%1'").arg(path));
         return false;
     }
@@ -364,7 +348,7 @@ QVariantMap Service::SetRoles(const QString& path, const QVariantMap& roles)
     TuloRoles changed;
     for (auto role = roles.cbegin(); role != roles.cend(); ++role) {
         if (!settableRoles().contains(role.key())) {
-            refuse(errorName(ErrorKind::Refused),
+            refuse(QLatin1String(describe(ErrorCode::Refused).name),
                    QStringLiteral("A role that cannot be set; those that can are %1; path:'%2'")
                        .arg(settableRoles().join(QStringLiteral(", ")), path));
             return {};
@@ -386,7 +370,7 @@ QVariantMap Service::SetRoles(const QString& path, const QVariantMap& roles)
                    && plain.userType() == QMetaType::Bool) {
             changed.setDisabled(plain.toBool());
         } else {
-            refuse(errorName(ErrorKind::Rejected),
+            refuse(QLatin1String(describe(ErrorCode::Rejected).name),
                    QStringLiteral("The role '%1' cannot hold this value; path:'%2'")
                        .arg(role.key(), path));
             return {};
@@ -400,7 +384,7 @@ QVariantMap Service::Apply(const QString& path, const QString& verb, const QVari
     if (!accepted(path))
         return {};
     if (!CMOperation::verbs().contains(verb) || operand.size() > 1) {
-        refuse(errorName(ErrorKind::Refused),
+        refuse(QLatin1String(describe(ErrorCode::Refused).name),
                QStringLiteral("An operation is one of %1, with one operand at most; path:'%2'")
                    .arg(CMOperation::verbs().join(QStringLiteral(", ")), path));
         return {};
@@ -418,7 +402,7 @@ uint Service::Flush()
     const QDBusMessage call = message();
     int& waiting = m_waitingFlushes[call.service()];
     if (waiting >= maximumWaiting) {
-        refuse(errorName(ErrorKind::Limits),
+        refuse(QLatin1String(describe(ErrorCode::Limits).name),
                QStringLiteral("More than %1 flushes are waiting").arg(maximumWaiting));
         return 0;
     }
@@ -455,7 +439,7 @@ bool Service::isEncrypted(const CMPath& path)
 {
     const auto reply = m_engine.dispatcher().getData(path, { TuloRoles::Encrypted() });
     // If we cannot tell, treat the value as encrypted.
-    return errorKind(reply.error()) != ErrorKind::None || reply.value().value(0).toBool();
+    return errorCode(reply.error()) != ErrorCode::None || reply.value().value(0).toBool();
 }
 
 void Service::valueChanged(const CMPath& path, const QVariant& value)

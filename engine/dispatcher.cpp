@@ -102,12 +102,12 @@ DirectoryRows Dispatcher::rows(const CMPath& path, qint32 firstRow, qint32 lastR
 {
     const CMGetRowsRequest::Reply all = getRows(path, firstRow, lastRow, roles);
     *error = all.error();
-    if (errorKind(*error) == ErrorKind::None)
+    if (errorCode(*error) == ErrorCode::None)
         return rowsOf(all.value(), roles);
     // A range that ends before it begins is answered without any row, so it tells whether the
     // directory itself can be listed.
     const CMGetRowsRequest::Reply none = getRows(path, 1, 0, roles);
-    if (errorKind(none.error()) != ErrorKind::None)
+    if (errorCode(none.error()) != ErrorCode::None)
         return DirectoryRows();
     DirectoryRows result = rowsOf(none.value(), roles);
     if (firstRow < 0 || lastRow < 0)
@@ -119,7 +119,7 @@ DirectoryRows Dispatcher::rows(const CMPath& path, qint32 firstRow, qint32 lastR
         { qint64(lastRow) + 1, qint64(firstRow) + Guard::maximumRows, qint64(result.count) });
     for (qint32 index = firstRow; index < end; ++index) {
         const CMGetRowsRequest::Reply one = getRows(path, index, index, roles);
-        if (errorKind(one.error()) == ErrorKind::None) {
+        if (errorCode(one.error()) == ErrorCode::None) {
             result.rows += rowsOf(one.value(), roles).rows;
             continue;
         }
@@ -146,13 +146,13 @@ void Dispatcher::submit(const CMRequest& request)
     TULO_ASSERT(QThread::currentThread() == thread());
     if (m_isClosed) {
         request.voidReply().setError(
-            engineError(ErrorKind::Stopped, QStringLiteral("The host has stopped")));
+            engineError(ErrorCode::Unavailable, QStringLiteral("The engine has stopped")));
         return;
     }
     CMError error;
     Guard::Adjustment adjustment;
     const CMRequest admitted = m_guard->admit(request, &error, &adjustment);
-    if (errorKind(error) == ErrorKind::None)
+    if (errorCode(error) == ErrorCode::None)
         serveAdmitted(admitted);
     else
         request.voidReply().setError(error);
@@ -168,7 +168,7 @@ void Dispatcher::serveAdmitted(const CMRequest& admitted)
         return;
     const CMSetDataRequest change(admitted);
     if (change.role() == TuloRoles::Activate() || !change.reply().isFinished()
-        || errorKind(change.reply().error()) != ErrorKind::None)
+        || errorCode(change.reply().error()) != ErrorCode::None)
         return;
     TuloRoles roles(TuloHash(change.value().toHash()));
     if (change.role() == TuloRoles::Value()) {
@@ -184,7 +184,7 @@ CMSetDataRequest::Reply Dispatcher::storeAgain(const CMPath& path, const TuloRol
     auto reply = CMSetDataRequest::Reply::create();
     const CMSetDataRequest request(path, TuloRoles::SetRoles(), roles.__variant(), reply);
     const CMError error = m_guard->checkStoringAgain(path);
-    if (errorKind(error) == ErrorKind::None)
+    if (errorCode(error) == ErrorCode::None)
         serveAdmitted(request);
     else
         reply.setError(error);

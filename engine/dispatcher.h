@@ -74,7 +74,7 @@ public:
     /// Takes an answer to getRows() apart; `roles` are those that were given there.
     static DirectoryRows rowsOf(const TuloRowsRoles& answer, const QStringList& roles);
 
-    /// From now on every request gets the error Stopped.
+    /// From now on every request fails with Unavailable.
     void close();
 
 signals:

@@ -45,7 +45,7 @@ Flusher::~Flusher()
 {
     m_served += std::exchange(m_waiting, {});
     if (!m_served.isEmpty())
-        answer(QStringLiteral("The host has stopped"));
+        answer(QStringLiteral("The engine has stopped"));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -116,7 +116,7 @@ QString Flusher::writePending()
     const QVector<WriteTracker::Change> unsaved = m_writes->unsavedChanges();
     for (const WriteTracker::Change& change : unsaved) {
         const CMError error = m_dispatcher->storeAgain(change.path, change.roles).error();
-        if (errorKind(error) != ErrorKind::None)
+        if (errorCode(error) != ErrorCode::None)
             m_writes->setError(error.message().toString());
     }
     if (!QMetaObject::invokeMethod(m_worker, "on_writeTimer_timeout", Qt::DirectConnection))

@@ -34,7 +34,7 @@ QString shown(const CMPath& path)
                                           : text.left(shownPathLength) + QLatin1String("...");
 }
 
-CMError refusal(const QString& reason, const CMPath& path, ErrorKind kind = ErrorKind::Refused)
+CMError refusal(const QString& reason, const CMPath& path, ErrorCode kind = ErrorCode::Refused)
 {
     return engineError(kind, reason.arg(shown(path)));
 }
@@ -42,12 +42,12 @@ CMError refusal(const QString& reason, const CMPath& path, ErrorKind kind = Erro
 // The same for a limit: the path is %1, the limit %2.
 CMError overLimit(const QString& reason, const CMPath& path, int limit)
 {
-    return engineError(ErrorKind::Limits, reason.arg(shown(path), QString::number(limit)));
+    return engineError(ErrorCode::Limits, reason.arg(shown(path), QString::number(limit)));
 }
 
 bool isRefused(const CMError& error)
 {
-    return errorKind(error) != ErrorKind::None;
+    return errorCode(error) != ErrorCode::None;
 }
 
 // The path inside the trees; begins with "/".
@@ -177,7 +177,7 @@ CMError checkRoles(const CMPath& path, const QStringList& roles)
 CMError rejection(const CMPath& path, const QString& reason)
 {
     return engineError(
-        ErrorKind::Rejected,
+        ErrorCode::Rejected,
         QStringLiteral("The value for '%1' was rejected: %2").arg(shown(path), reason));
 }
 
@@ -220,7 +220,7 @@ CMError Guard::checkPath(const CMPath& path)
 {
     const QString& text = path.text();
     if (text.isEmpty())
-        return engineError(ErrorKind::Refused, QStringLiteral("The path is empty"));
+        return engineError(ErrorCode::Refused, QStringLiteral("The path is empty"));
     if (!text.isValidUtf16())
         return refusal(QStringLiteral("Path '%1' is not valid Unicode"), path);
     if (std::any_of(text.cbegin(), text.cend(), isControl))
@@ -309,7 +309,7 @@ CMError Guard::checkFiles(const CMPath& path)
     if (!isServed(path))
         return CMError();
     const QString reason = m_files.inspect(settingPathOf(path));
-    return reason.isEmpty() ? CMError() : engineError(ErrorKind::Unavailable, reason);
+    return reason.isEmpty() ? CMError() : engineError(ErrorCode::Unavailable, reason);
 }
 
 CMError Guard::checkRows(const CMGetRowsRequest& request)
@@ -329,7 +329,7 @@ CMError Guard::checkRows(const CMGetRowsRequest& request)
     // Neither would the worker ever forget that it could not list one.
     const QString reason = m_files.inspectListing(settingPath);
     if (!reason.isEmpty())
-        return engineError(ErrorKind::Unavailable, reason);
+        return engineError(ErrorCode::Unavailable, reason);
     return checkFiles(path);
 }
 
@@ -465,7 +465,7 @@ CMError Guard::checkTarget(const CMPath& path, Target* target)
     if (!isServed(path))
         return CMAbstractWorker::createErrorInvalidPath(path);
     if (!m_readOnlyMessage.isEmpty())
-        return engineError(ErrorKind::InUse, m_readOnlyMessage);
+        return engineError(ErrorCode::Unavailable, m_readOnlyMessage);
     const QString settingPath = settingPathOf(path);
     // The worker answers for the flush action as if it were a setting.
     const CMPath node = m_worker->addPrefix(settingPath);
@@ -481,7 +481,7 @@ CMError Guard::checkTarget(const CMPath& path, Target* target)
         return checkNewSetting(path, settingPath, &target->roles);
     if (!roles->modifiable())
         return refusal(QStringLiteral("Setting '%1' is not modifiable"), path,
-                       ErrorKind::NotModifiable);
+                       ErrorCode::NotModifiable);
     target->roles = *roles;
     return CMError();
 }
@@ -495,7 +495,7 @@ CMError Guard::checkPlace(const CMPath& path, const QString& settingPath)
     if (isRefused(error))
         return error;
     const QString reason = m_files.inspectAgain(settingPath);
-    return reason.isEmpty() ? CMError() : engineError(ErrorKind::Unavailable, reason);
+    return reason.isEmpty() ? CMError() : engineError(ErrorCode::Unavailable, reason);
 }
 
 CMError Guard::checkNewSetting(const CMPath& path, const QString& settingPath, TuloRoles* setting)
@@ -519,7 +519,7 @@ CMError Guard::checkNewSetting(const CMPath& path, const QString& settingPath, T
     if (roles && !roles->modifiable()) {
         return refusal(QStringLiteral("No setting '%1' can be created: its template is not "
                                       "modifiable"),
-                       path, ErrorKind::NotModifiable);
+                       path, ErrorCode::NotModifiable);
     }
     if (roles)
         *setting = *roles;

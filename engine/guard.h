@@ -67,7 +67,7 @@ public:
     Guard(CMWorker* worker, const QString& defaultPath, const QString& writePath,
           const QString& productPostfix = QString());
 
-    /// From now on every change is refused with the kind InUse and this message; an empty one
+    /// From now on every change is refused with the code Unavailable and this message; an empty one
     /// admits changes again. The two actions stay admitted.
     void setReadOnly(const QString& message);
 

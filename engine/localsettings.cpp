@@ -40,39 +40,6 @@ struct LocalSettings::AdmittedChange
 
 namespace {
 
-ErrorCode codeOf(ErrorKind kind)
-{
-    switch (kind) {
-    case ErrorKind::None:
-        return ErrorCode::None;
-    case ErrorKind::InvalidPath:
-        return ErrorCode::InvalidPath;
-    case ErrorKind::Refused:
-        return ErrorCode::Refused;
-    case ErrorKind::Rejected:
-        return ErrorCode::Rejected;
-    case ErrorKind::NotModifiable:
-        return ErrorCode::NotModifiable;
-    case ErrorKind::Limits:
-        return ErrorCode::Limits;
-    case ErrorKind::Unavailable:
-    case ErrorKind::InUse:
-    case ErrorKind::Stopped:
-        return ErrorCode::Unavailable;
-    case ErrorKind::Other:
-        break;
-    }
-    return ErrorCode::Internal;
-}
-
-Error errorOf(const CMError& error, const QString& path)
-{
-    const ErrorCode code = codeOf(errorKind(error));
-    if (code == ErrorCode::None)
-        return {};
-    return { code, error.message().toString(), path };
-}
-
 Error refusal(ErrorCode code, const QString& reason, const QString& path)
 {
     return { code, reason.arg(shownPath(path)), path };

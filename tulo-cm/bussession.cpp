@@ -75,10 +75,10 @@ Failure notCarried(const QString& path)
 Failure checkValue(const QString& path, const QVariant& value)
 {
     const CMError error = Guard::checkValue(CMPath(path), value);
-    const ErrorKind kind = errorKind(error);
-    if (kind == ErrorKind::None)
+    const ErrorCode kind = errorCode(error);
+    if (kind == ErrorCode::None)
         return {};
-    return { Refused, errorName(kind), error.message().toString(), path };
+    return { Refused, QLatin1String(describe(kind).name), error.message().toString(), path };
 }
 
 QVariantHash namedRoles(const QStringList& roles, const QVariantMap& values)

@@ -7,32 +7,10 @@ namespace tulo {
 
 namespace {
 
-int exitCodeOf(ErrorKind kind)
-{
-    switch (kind) {
-    case ErrorKind::None:
-        return Done;
-    case ErrorKind::InvalidPath:
-        return NoSuchPath;
-    case ErrorKind::Refused:
-    case ErrorKind::Rejected:
-    case ErrorKind::NotModifiable:
-    case ErrorKind::Limits:
-        return Refused;
-    case ErrorKind::InUse:
-    case ErrorKind::Unavailable:
-    case ErrorKind::Stopped:
-        return Unavailable;
-    case ErrorKind::Other:
-        break;
-    }
-    return Failed;
-}
-
 Failure failureOf(const CMError& error, const QString& path)
 {
     Failure failure;
-    failure.exitCode = exitCodeOf(errorKind(error));
+    failure.exitCode = describe(errorCode(error)).exitCode;
     failure.name = error.name();
     failure.message = error.message().toString();
     failure.path = path;
@@ -62,7 +40,7 @@ QString nameOf(EngineFailure::Kind kind)
     case EngineFailure::Kind::NoAccess:
         return QStringLiteral("NoAccess");
     case EngineFailure::Kind::InUse:
-        return errorName(ErrorKind::InUse);
+        return QStringLiteral("InUse");
     }
     return QString();
 }
@@ -182,7 +160,7 @@ Answer<RowPage> LocalSession::getRows(const QString& path, int first, int last,
     page.roles = plain(rows.directory.__variant().toHash());
     for (const DirectoryRow& row : rows.rows)
         page.rows.append({ row.path.text(), row.isDirectory, named(roles, row.values),
-                            row.error.message().toString() });
+                           row.error.message().toString() });
     return { page, {} };
 }
 

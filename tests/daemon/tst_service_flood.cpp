@@ -120,7 +120,7 @@ void TstServiceFlood::badRequestsCostTheEngineNothing()
             error = engine->dispatcher().setValue(path, value).error();
             break;
         }
-        answered += errorKind(error) == ErrorKind::None ? 0 : 1;
+        answered += errorCode(error) == ErrorCode::None ? 0 : 1;
     };
     // What is made once, on first use.
     for (int number = 0; number < 1000; ++number)

@@ -44,7 +44,7 @@ private slots:
     void rowsOfARangeAreAsked();
     void changesAreMade();
     void droppedCacheIsReadAgain();
-    void closedDispatcherAnswersStopped();
+    void closedDispatcherAnswersUnavailable();
     void refusedRequestDoesNotReachTheWorker();
     void acceptedChangeIsSignalled_data();
     void acceptedChangeIsSignalled();
@@ -159,15 +159,15 @@ void tst_dispatcher::droppedCacheIsReadAgain()
              QList<QVariant>({ intValue(7) }));
 }
 
-void tst_dispatcher::closedDispatcherAnswersStopped()
+void tst_dispatcher::closedDispatcherAnswersUnavailable()
 {
     m_dispatcher->close();
 
     const auto reply = m_dispatcher->getData(volume, { TuloRoles::Value() });
 
     QVERIFY(reply.isFinished());
-    QCOMPARE(errorKind(reply.error()), ErrorKind::Stopped);
-    QCOMPARE(errorText(reply), QStringLiteral("Stopped: The host has stopped"));
+    QCOMPARE(errorCode(reply.error()), ErrorCode::Unavailable);
+    QCOMPARE(errorText(reply), QStringLiteral("Unavailable: The engine has stopped"));
     QVERIFY(reply.value().isEmpty());
 }
 
@@ -182,7 +182,7 @@ void tst_dispatcher::refusedRequestDoesNotReachTheWorker()
     const auto refused = dispatcher.getData(CMPath(QStringLiteral("/settings/../etc")), {});
     const auto served = dispatcher.getData(volume, {});
 
-    QCOMPARE(errorKind(refused.error()), ErrorKind::Refused);
+    QCOMPARE(errorCode(refused.error()), ErrorCode::Refused);
     QCOMPARE(errorText(served), QString());
     QCOMPARE(worker.requests().size(), 1);
     QCOMPARE(worker.requests().at(0).path(), volume);

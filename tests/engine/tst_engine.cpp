@@ -372,7 +372,7 @@ void tst_engine::readerSaysWhoOwnsTheTree()
     QCOMPARE(reader->otherOwner(), std::optional<qint64>(::getpid()));
     const auto reply = reader->dispatcher().setValue(volume, number(1));
     QCOMPARE(errorText(reply),
-             QStringLiteral("InUse: The writable tree '%1' is in use by process %2")
+             QStringLiteral("Unavailable: The writable tree '%1' is in use by process %2")
                  .arg(m_tree->writePath(), QString::number(::getpid())));
 }
 
@@ -383,7 +383,7 @@ void tst_engine::readerRefusesChanges()
     const auto change = engine->dispatcher().setValue(volume, number(1));
 
     QCOMPARE(errorText(change),
-             QStringLiteral("InUse: The writable tree '%1' is open for reading only")
+             QStringLiteral("Unavailable: The writable tree '%1' is open for reading only")
                  .arg(m_tree->writePath()));
     QCOMPARE(engine->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(5).__variant() }));
@@ -395,7 +395,7 @@ void tst_engine::requestsPassTheGuard()
 
     const auto reply = engine->dispatcher().getRows(CMPath(QStringLiteral("/settings")), -1, 9, {});
 
-    QCOMPARE(errorKind(reply.error()), ErrorKind::Refused);
+    QCOMPARE(errorCode(reply.error()), ErrorCode::Refused);
 }
 
 void tst_engine::changesAreAnnounced()
@@ -722,7 +722,7 @@ void tst_engine::stopGivesTheTreeBackAndRefusesRequests()
 
     QVERIFY(!engine->ownsTree());
     QCOMPARE(engine->registry(), nullptr);
-    QCOMPARE(errorKind(engine->dispatcher().getData(volume, {}).error()), ErrorKind::Stopped);
+    QCOMPARE(errorCode(engine->dispatcher().getData(volume, {}).error()), ErrorCode::Unavailable);
     const std::unique_ptr<Engine> next = openEngine();
     QVERIFY(next->ownsTree());
 }

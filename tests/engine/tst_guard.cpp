@@ -25,7 +25,7 @@
 
 using namespace tulo;
 
-Q_DECLARE_METATYPE(ErrorKind)
+Q_DECLARE_METATYPE(ErrorCode)
 
 namespace {
 
@@ -336,7 +336,7 @@ void tst_guard::goodPathReachesTheWorker()
     const auto reply = m_dispatcher->getData(CMPath(path), { TuloRoles::Value() });
 
     // It names nothing, says the worker.
-    QCOMPARE(errorKind(reply.error()), ErrorKind::InvalidPath);
+    QCOMPARE(errorCode(reply.error()), ErrorCode::InvalidPath);
     QVERIFY(workerSawRequest(QStringLiteral("CMSettingsWorker::getDataRequest: ") + path));
 }
 
@@ -422,7 +422,7 @@ void tst_guard::goodRowsAreAdmittedAsTheyAre()
     CMError error;
     const CMGetRowsRequest admitted(m_guard->admit(request, &error));
 
-    QCOMPARE(errorKind(error), ErrorKind::None);
+    QCOMPARE(errorCode(error), ErrorCode::None);
     QCOMPARE(admitted.firstRow(), first);
     QCOMPARE(admitted.lastRow(), last);
 }
@@ -449,7 +449,7 @@ void tst_guard::rowsAreClamped()
     CMError error;
     const CMGetRowsRequest admitted(m_guard->admit(request, &error));
 
-    QCOMPARE(errorKind(error), ErrorKind::None);
+    QCOMPARE(errorCode(error), ErrorCode::None);
     QCOMPARE(admitted.path(), CMPath(directory));
     QCOMPARE(admitted.firstRow(), first);
     QCOMPARE(admitted.lastRow(), clamped);
@@ -570,7 +570,7 @@ void tst_guard::actionsAreAdmitted()
 
         const CMRequest admitted = m_guard->admit(request, &error);
 
-        QCOMPARE(errorKind(error), ErrorKind::None);
+        QCOMPARE(errorCode(error), ErrorCode::None);
         QCOMPARE(admitted.path(), path);
     }
 }
@@ -752,7 +752,7 @@ void tst_guard::changeInADirectoryOfTheWritableTreeAloneCreatesNothing()
     const auto reply =
         setData(QStringLiteral("/settings/old/new"), TuloRoles::Value(), intValue(2));
 
-    QCOMPARE(errorKind(reply.error()), ErrorKind::Refused);
+    QCOMPARE(errorCode(reply.error()), ErrorCode::Refused);
 }
 
 void tst_guard::linkInTheWritableTreeIsNotFollowedByAChange_data()
@@ -1077,7 +1077,7 @@ void tst_guard::settingsFoundInTheTreeCount()
     const auto reply =
         setData(QStringLiteral("/settings/list/more"), TuloRoles::Value(), intValue(1));
 
-    QCOMPARE(errorKind(reply.error()), ErrorKind::Limits);
+    QCOMPARE(errorCode(reply.error()), ErrorCode::Limits);
 }
 
 void tst_guard::rejectedNewSettingsDoNotCount()
@@ -1085,7 +1085,7 @@ void tst_guard::rejectedNewSettingsDoNotCount()
     for (int number = 0; number < Guard::maximumCreatedInDirectory; ++number) {
         const auto rejected = setData(QStringLiteral("/settings/list/n%1").arg(number),
                                       TuloRoles::Value(), QVariant(listOf(QVariantList())));
-        QCOMPARE(errorKind(rejected.error()), ErrorKind::Rejected);
+        QCOMPARE(errorCode(rejected.error()), ErrorCode::Rejected);
     }
 
     QCOMPARE(
@@ -1150,9 +1150,9 @@ void tst_guard::readOnlyGuardRefusesChangesOnly()
     m_guard->setReadOnly(QStringLiteral("The tree is somebody else's"));
 
     QCOMPARE(errorText(setData(volume, TuloRoles::Value(), intValue(1))),
-             QStringLiteral("InUse: The tree is somebody else's"));
+             QStringLiteral("Unavailable: The tree is somebody else's"));
     QCOMPARE(errorText(setData(volume, TuloRoles::SetRoles(), QVariantHash())),
-             QStringLiteral("InUse: The tree is somebody else's"));
+             QStringLiteral("Unavailable: The tree is somebody else's"));
     QCOMPARE(errorText(m_dispatcher->getData(CMPath(volume), {})), QString());
     QCOMPARE(errorText(m_dispatcher->getRows(CMPath(directory), 0, 1, {})), QString());
     QCOMPARE(errorText(m_dispatcher->dropCache()), QString());

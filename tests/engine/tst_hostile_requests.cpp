@@ -209,7 +209,7 @@ void tst_HostileRequests::readOnlyHostRefusesEveryChange()
     const auto set = dispatcher.setData(CMPath(volume), TuloRoles::Value(), intValue(8));
     const auto get = dispatcher.getData(CMPath(volume), { TuloRoles::Value() });
 
-    QCOMPARE(errorText(set), QStringLiteral("InUse: The tree is in use"));
+    QCOMPARE(errorText(set), QStringLiteral("Unavailable: The tree is in use"));
     QCOMPARE(text(get.value()), QStringLiteral("[{int: 7}]"));
     router.removeWorker(stage.worker.get());
 }

@@ -151,7 +151,7 @@ CMReply<QVariant> tst_rejected_changes::change(Dispatcher& dispatcher, const CMP
 void tst_rejected_changes::rejectedChangesLeaveNoTrace()
 {
     int accepted = 0;
-    QMap<ErrorKind, int> failures;
+    QMap<ErrorCode, int> failures;
     EngineOptions options;
     options.pluginFile = QStringLiteral(TULO_PLUGIN_FILE);
     options.defaultPath = m_tree->defaultPath();
@@ -175,8 +175,8 @@ void tst_rejected_changes::rejectedChangesLeaveNoTrace()
 
             const CMReply<QVariant> reply = change(engine->dispatcher(), path);
 
-            const ErrorKind kind = errorKind(reply.error());
-            if (kind == ErrorKind::None) {
+            const ErrorCode kind = errorCode(reply.error());
+            if (kind == ErrorCode::None) {
                 ++accepted;
                 continue;
             }
@@ -190,11 +190,11 @@ void tst_rejected_changes::rejectedChangesLeaveNoTrace()
     }
     // Each way out was taken often.
     QVERIFY(accepted > sequences);
-    QVERIFY(failures.value(ErrorKind::Rejected) > sequences);
-    QVERIFY(failures.value(ErrorKind::Refused) > sequences);
-    QVERIFY(failures.value(ErrorKind::Limits) > sequences / 4);
-    QVERIFY(failures.value(ErrorKind::NotModifiable) > sequences / 4);
-    QCOMPARE(failures.value(ErrorKind::Other), 0);
+    QVERIFY(failures.value(ErrorCode::Rejected) > sequences);
+    QVERIFY(failures.value(ErrorCode::Refused) > sequences);
+    QVERIFY(failures.value(ErrorCode::Limits) > sequences / 4);
+    QVERIFY(failures.value(ErrorCode::NotModifiable) > sequences / 4);
+    QCOMPARE(failures.value(ErrorCode::Internal), 0);
 }
 
 QTEST_GUILESS_MAIN(tst_rejected_changes)

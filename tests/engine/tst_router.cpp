@@ -65,7 +65,7 @@ void tst_router::pathWithoutWorkerGetsTheInvalidPathError()
     router.request(CMGetDataRequest(CMPath(QStringLiteral("/media/a b")), {}, reply));
 
     QVERIFY(reply.isFinished());
-    QCOMPARE(errorKind(reply.error()), ErrorKind::InvalidPath);
+    QCOMPARE(errorCode(reply.error()), ErrorCode::InvalidPath);
     QCOMPARE(errorText(reply), QStringLiteral("InvalidPath: Invalid path '/media/a%20b'"));
     QVERIFY(worker.requests().isEmpty());
 }

@@ -179,7 +179,7 @@ private:
     auto succeeded(const Request& request)
     {
         const auto reply = served(request);
-        expect(reply.isFinished() && errorKind(reply.error()) == ErrorKind::None);
+        expect(reply.isFinished() && errorCode(reply.error()) == ErrorCode::None);
         return reply;
     }
 
@@ -263,7 +263,7 @@ private:
         const auto reply = served([](Dispatcher& dispatcher) {
             return dispatcher.setValue(CMPath(QStringLiteral("/settings/../up")), intValue(1));
         });
-        expect(errorKind(reply.error()) == ErrorKind::Refused);
+        expect(errorCode(reply.error()) == ErrorCode::Refused);
     }
 
     void flush()
