@@ -1,5 +1,6 @@
 #include "engine/guard.h"
 
+#include "client/base/checks.h"
 #include "trees/nodenames.h"
 #include "trees/separator.h"
 #include "trees/settingvalue.h"
@@ -23,26 +24,16 @@ namespace tulo {
 
 namespace {
 
-constexpr int shownPathLength = 200;
-
-// A path for a one-line message: encoded, and cut when it is long because that is what is wrong
-// with it.
-QString shown(const CMPath& path)
-{
-    const QString text = path.toEncoded();
-    return text.size() <= shownPathLength ? text
-                                          : text.left(shownPathLength) + QLatin1String("...");
-}
-
 CMError refusal(const QString& reason, const CMPath& path, ErrorCode kind = ErrorCode::Refused)
 {
-    return engineError(kind, reason.arg(shown(path)));
+    return engineError(kind, reason.arg(shownPath(path.text())));
 }
 
 // The same for a limit: the path is %1, the limit %2.
 CMError overLimit(const QString& reason, const CMPath& path, int limit)
 {
-    return engineError(ErrorCode::Limits, reason.arg(shown(path), QString::number(limit)));
+    return engineError(ErrorCode::Limits,
+                       reason.arg(shownPath(path.text()), QString::number(limit)));
 }
 
 bool isRefused(const CMError& error)
@@ -65,18 +56,6 @@ QString parentOf(const QString& settingPath)
 bool isAction(const CMPath& path)
 {
     return path == TuloSettingsActionsFlush() || path == TuloSettingsActionsDropCache();
-}
-
-bool isControl(QChar character)
-{
-    return character.category() == QChar::Other_Control;
-}
-
-// Whether the text takes more bytes in UTF-8; for a short one without making them.
-bool isLonger(QStringView text, int bytes)
-{
-    constexpr int bytesPerCharacter = 3;
-    return text.size() * bytesPerCharacter > bytes && text.toUtf8().size() > bytes;
 }
 
 bool isInteger(const QVariant& value)
@@ -178,7 +157,7 @@ CMError rejection(const CMPath& path, const QString& reason)
 {
     return engineError(
         ErrorCode::Rejected,
-        QStringLiteral("The value for '%1' was rejected: %2").arg(shown(path), reason));
+        QStringLiteral("The value for '%1' was rejected: %2").arg(shownPath(path.text()), reason));
 }
 
 CMError checkSize(const CMPath& path, const QVariant& value)
@@ -218,34 +197,8 @@ void Guard::setReadOnly(const QString& message)
 
 CMError Guard::checkPath(const CMPath& path)
 {
-    const QString& text = path.text();
-    if (text.isEmpty())
-        return engineError(ErrorCode::Refused, QStringLiteral("The path is empty"));
-    if (!text.isValidUtf16())
-        return refusal(QStringLiteral("Path '%1' is not valid Unicode"), path);
-    if (std::any_of(text.cbegin(), text.cend(), isControl))
-        return refusal(QStringLiteral("Path '%1' holds a control character"), path);
-    if (isLonger(text, maximumPathBytes)) {
-        return overLimit(QStringLiteral("Path '%1' is longer than %2 bytes"), path,
-                         maximumPathBytes);
-    }
-
-    const auto names = text.midRef(text.startsWith(separator) ? 1 : 0).split(separator);
-    for (const QStringRef& name : names) {
-        if (name.isEmpty())
-            return refusal(QStringLiteral("Path '%1' has an empty component"), path);
-        if (name.startsWith(QLatin1Char('.'))) {
-            return refusal(QStringLiteral("Path '%1' has a component that begins with '.'"), path);
-        }
-        if (isLonger(name, maximumNameBytes)) {
-            return overLimit(QStringLiteral("Path '%1' has a name of more than %2 bytes"), path,
-                             maximumNameBytes);
-        }
-    }
-    if (names.size() > maximumLevels) {
-        return overLimit(QStringLiteral("Path '%1' has more than %2 levels"), path, maximumLevels);
-    }
-    return CMError();
+    const Error error = tulo::checkPath(path.text());
+    return error ? engineError(error.code, error.message) : CMError();
 }
 
 CMError Guard::checkValue(const CMPath& path, const QVariant& value)

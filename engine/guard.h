@@ -53,8 +53,6 @@ public:
         QString reason; ///< names the constraint and its limit; empty when nothing was adjusted
     };
 
-    static constexpr int maximumNameBytes = 200; ///< of a component, in UTF-8
-    static constexpr int maximumPathBytes = 1000; ///< of a whole path, in UTF-8
     static constexpr int maximumRows = 500; ///< answered by one request
     static constexpr int maximumRoles = 64; ///< named by one request
     static constexpr int maximumDepth = 8; ///< of lists and objects inside a value

@@ -417,7 +417,7 @@ bool isSame(const TuloValue& asked, const TuloValue& stored)
 Error LocalSettings::admit(const Order& order, AdmittedChange* admitted)
 {
     const CMPath path(order.path);
-    Error error = errorOf(Guard::checkPath(path), order.path);
+    Error error = checkPath(order.path);
     if (error)
         return error;
     const bool isOperation = order.role == TuloRoles::ValueOperation();
@@ -672,7 +672,7 @@ Reply<QStringList> LocalSettings::unsavedPaths(int maximum)
 
 void LocalSettings::watchAdded(Watch* watch)
 {
-    const Error error = errorOf(Guard::checkPath(CMPath(watch->path())), watch->path());
+    const Error error = checkPath(watch->path());
     if (error)
         deliverFailed(watch, error);
 }

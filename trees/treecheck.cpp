@@ -1,5 +1,6 @@
 #include "trees/treecheck.h"
 
+#include "client/base/checks.h"
 #include "trees/fileprobe.h"
 #include "trees/nodenames.h"
 #include "trees/settingvalue.h"
