@@ -1,0 +1,21 @@
+#pragma once
+
+#include "tests/support/childprocess.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QEventLoop>
+#include <QTimer>
+
+/// Runs the event loop until `condition` holds; false when it does not in time.
+template<typename Condition>
+[[nodiscard]] bool waitUntil(Condition condition)
+{
+    const QDeadlineTimer deadline(ChildProcess::waitMs);
+    QTimer wake;
+    wake.setSingleShot(true);
+    wake.start(ChildProcess::waitMs);
+    while (!condition() && !deadline.hasExpired())
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    return condition();
+}
