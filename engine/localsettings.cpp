@@ -142,6 +142,16 @@ bool LocalSettings::hasUnwrittenChanges() const
     return std::as_const(*m_engine).writes().needsFlush();
 }
 
+QStringList LocalSettings::notSavedPaths() const
+{
+    return m_engine->writes().unsavedPaths();
+}
+
+QString LocalSettings::lastWriteError() const
+{
+    return m_engine->writes().lastError();
+}
+
 void LocalSettings::followLog()
 {
     m_engine->writes().attach();

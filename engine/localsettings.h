@@ -75,6 +75,10 @@ public:
     int catalogueCount() const;
     /// Whether a flush has anything to do.
     bool hasUnwrittenChanges() const;
+    /// Settings whose last write failed or was not confirmed, all of them, sorted.
+    QStringList notSavedPaths() const;
+    /// The last failure to write or sync; empty when there was none.
+    QString lastWriteError() const;
     /// To be called after log4cplus was configured again: the engine learns from the worker's
     /// records what was written.
     void followLog();

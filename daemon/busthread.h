@@ -1,0 +1,141 @@
+#pragma once
+
+#include "daemon/busconnection.h"
+#include "daemon/callqueue.h"
+
+#include <QMetaType>
+#include <QMutex>
+#include <QThread>
+#include <QVariant>
+#include <QVector>
+
+#include <memory>
+#include <unordered_map>
+
+namespace tulo {
+
+/// A call from the bus, for the thread of the settings.
+struct BusCall
+{
+    quint64 number = 0;
+    const wire::Method* method = nullptr;
+    QVariantList arguments; ///< in the types of the method's signature
+};
+
+/// The thread that talks to the bus. It touches no setting: it always reads, refuses what is too
+/// much, hands out one call at a time (flushes, which wait, beside it) and sends what it is given,
+/// in that order.
+///
+/// A bus that goes, or falls silent, does not end it: it connects again, with growing pauses. What
+/// could not be sent then is lost together with the bus name's owner, which clients notice.
+///
+/// Made, started and destroyed on one thread; the other functions are thread-safe.
+class BusThread : public QThread, private BusConnection::Handler
+{
+    Q_OBJECT
+
+public:
+    /// How long the bus may take to read everything when the service ends.
+    static constexpr std::chrono::milliseconds releaseLimit { 2000 };
+    /// While so much waits for the bus to read it, no call is handed out.
+    static constexpr qint64 maximumUnsentBytes = qint64(8) * 1024 * 1024;
+    /// Between attempts to connect.
+    static constexpr std::chrono::seconds firstPause { 1 };
+    static constexpr std::chrono::seconds longestPause { 30 };
+
+    explicit BusThread(const QString& bus);
+    /// Ends.
+    ~BusThread() override;
+
+    /// What the properties read from now on, by name, in the types of their signatures.
+    void setProperties(const QVariantMap& values);
+
+    // What is to be sent. Each call that was handed out is answered once.
+    void answer(quint64 number, const QVariantList& arguments);
+    void fail(quint64 number, const Error& error);
+    void announce(const wire::Signal& signal, const QVariantList& arguments);
+    void announceProperties();
+
+    /// Hands out no more calls: those that wait, and those that come, fail with Unavailable.
+    void refuseCalls();
+    /// Sends what it was given, gives the name back and ends. Returns when it has, after
+    /// releaseLimit at the latest.
+    void end();
+
+signals:
+    /// A call to serve.
+    void called(const tulo::BusCall& call);
+    /// For the first time, the service has its name on the bus.
+    void offered();
+    /// The first connection failed, and the thread ends.
+    void failed(const QString& reason);
+
+protected:
+    void run() override;
+
+private:
+    using Clock = BusConnection::Clock;
+
+    struct Outgoing
+    {
+        enum class Kind { Answer, Failure, Signal, Properties };
+
+        Kind kind = Kind::Answer;
+        quint64 number = 0; ///< of the call
+        const wire::Signal* signal = nullptr;
+        QVariantList arguments;
+        Error error;
+    };
+
+    struct Call
+    {
+        const wire::Method* method = nullptr;
+        QVariantList arguments; ///< until it is handed out
+        MessagePointer message; ///< null when no answer is wanted, or none can be sent any more
+    };
+
+    void handleCall(const wire::Method& method, sd_bus_message* message) override;
+    QVariant propertyValue(const char* name) override;
+
+    void give(Outgoing outgoing);
+    void sendGiven();
+    void answerCall(const Outgoing& outgoing);
+    void handOut();
+    void refuseWaiting();
+
+    std::unique_ptr<BusConnection> newConnection();
+    void superviseBus();
+    void superviseSuccessor();
+    void replaceConnection(std::unique_ptr<BusConnection> successor);
+    void pauseBeforeConnecting(const QString& reason);
+    bool isAtEnd();
+    void waitForBus();
+
+    const QString m_bus;
+    const int m_wake; ///< an eventfd: something was given, or the thread is to end
+
+    QMutex m_mutex;
+    // Under the mutex.
+    QVector<Outgoing> m_given;
+    QVariantMap m_properties;
+    bool m_isRefusing = false;
+    bool m_isEnding = false;
+
+    // Bus thread only.
+    std::unique_ptr<BusConnection> m_connection; ///< null while there is no bus
+    std::unique_ptr<BusConnection> m_successor; ///< while the connection is silent
+    QByteArray m_lastUniqueName; ///< of the last connection that had the name
+    bool m_hasServed = false; ///< the present connection
+    Clock::time_point m_servingSince;
+    CallQueue m_queue;
+    std::unordered_map<quint64, Call> m_calls;
+    quint64 m_lastNumber = 0;
+    std::chrono::seconds m_pause { 0 };
+    Clock::time_point m_nextAttempt;
+    Clock::time_point m_endLimit;
+    bool m_isReleasing = false; ///< ending
+};
+
+} // namespace tulo
+
+Q_DECLARE_METATYPE(tulo::BusCall)

@@ -1,0 +1,141 @@
+#include "daemon/options.h"
+
+#include "engine/engine.h"
+#include "trees/nodenames.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+
+namespace tulo {
+
+namespace {
+
+QString checkDirectory(const QString& path)
+{
+    // An empty name would stand for the built-in directory further down.
+    const QFileInfo directory(path);
+    if (path.isEmpty() || !directory.exists())
+        return QStringLiteral("directory '%1' does not exist").arg(path);
+    if (!directory.isDir())
+        return QStringLiteral("'%1' is not a directory").arg(path);
+    return QString();
+}
+
+QString check(const DaemonOptions& options)
+{
+    if (!options.product.isEmpty() && !isListable(options.product)) {
+        return QStringLiteral(
+                   "'%1' is not a product postfix, which has only letters, digits, '_' and '-'")
+            .arg(options.product);
+    }
+    if (!options.language.isEmpty() && options.catalogues.isEmpty())
+        return QStringLiteral("'--language' needs '--catalogues'");
+    const QStringList directories =
+        QStringList { options.defaultPath, options.writePath } + options.catalogues;
+    for (const QString& directory : directories) {
+        QString reason = checkDirectory(directory);
+        if (!reason.isEmpty())
+            return reason;
+    }
+    return QString();
+}
+
+QString builtInPlugin()
+{
+    return QDir::cleanPath(QCoreApplication::applicationDirPath() + QLatin1Char('/')
+                           + QStringLiteral(TULO_DEFAULT_PLUGIN));
+}
+
+} // namespace
+
+std::optional<DaemonOptions> parseOptions(const QStringList& words, QString* reason)
+{
+    const QCommandLineOption defaultPath(
+        QStringLiteral("default-path"),
+        QStringLiteral("Directory of the default tree, %1 if not given.")
+            .arg(Engine::builtInDefaultPath()),
+        QStringLiteral("DIR"));
+    const QCommandLineOption writePath(
+        QStringLiteral("write-path"),
+        QStringLiteral("Directory of the writable tree, %1 if not given.")
+            .arg(Engine::builtInWritePath()),
+        QStringLiteral("DIR"));
+    const QCommandLineOption product(
+        QStringLiteral("product"),
+        QStringLiteral("Prefer files with this postfix. Empty: no product variant."),
+        QStringLiteral("POSTFIX"));
+    const QCommandLineOption language(
+        QStringLiteral("language"),
+        QStringLiteral("Language of titles and descriptions, such as 'de'. Empty: as they are "
+                       "written."),
+        QStringLiteral("LOCALE"));
+    const QCommandLineOption catalogues(
+        QStringLiteral("catalogues"),
+        QStringLiteral("Directory with the language's catalogues; may be given several times."),
+        QStringLiteral("DIR"));
+    const QCommandLineOption bus(
+        QStringLiteral("bus"),
+        QStringLiteral("The bus: 'system' (if not given), 'session' or an address."),
+        QStringLiteral("BUS"), QStringLiteral("system"));
+    const QCommandLineOption plugin(QStringLiteral("plugin"),
+                                    QStringLiteral("The worker's plug-in."), QStringLiteral("FILE"),
+                                    builtInPlugin());
+    const QCommandLineOption logLevel(
+        QStringLiteral("log-level"),
+        QStringLiteral("Log this level and above to standard error: trace, debug, info, warn, "
+                       "error, fatal or off."),
+        QStringLiteral("LEVEL"));
+    const QCommandLineOption logConfig(
+        QStringLiteral("log-config"),
+        QStringLiteral("Log as this log4cplus property file says; SIGHUP reads it again."),
+        QStringLiteral("FILE"));
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+        QStringLiteral("Serves the settings of a device on D-Bus, until SIGTERM or SIGINT.\n"
+                       "Ends with 0, or with 2: wrong usage, 6: not everything could be saved,\n"
+                       "7: no bus, or the trees cannot be used, 8: a file in them is wrong."));
+    parser.addOptions({ defaultPath, writePath, product, language, catalogues, bus, plugin,
+                        logLevel, logConfig });
+    parser.addHelpOption();
+    parser.addVersionOption();
+    if (!parser.parse(words)) {
+        *reason = parser.errorText();
+        return std::nullopt;
+    }
+    if (parser.isSet(QStringLiteral("help")))
+        parser.showHelp();
+    if (parser.isSet(QStringLiteral("version")))
+        parser.showVersion();
+    if (!parser.positionalArguments().isEmpty()) {
+        *reason =
+            QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().first());
+        return std::nullopt;
+    }
+    if (parser.isSet(defaultPath) != parser.isSet(writePath)) {
+        *reason = QStringLiteral("'--default-path' and '--write-path' need each other");
+        return std::nullopt;
+    }
+
+    DaemonOptions options;
+    const bool isBuiltIn = !parser.isSet(defaultPath);
+    options.defaultPath = isBuiltIn ? Engine::builtInDefaultPath() : parser.value(defaultPath);
+    options.writePath = isBuiltIn ? Engine::builtInWritePath() : parser.value(writePath);
+    options.product = parser.value(product);
+    options.language = parser.value(language);
+    options.catalogues = parser.values(catalogues);
+    // As from a variable that is not set, in a unit.
+    options.catalogues.removeAll(QString());
+    options.bus = parser.value(bus);
+    options.plugin = parser.value(plugin);
+    options.logLevel = parser.value(logLevel);
+    options.logConfiguration = parser.value(logConfig);
+    *reason = check(options);
+    if (!reason->isEmpty())
+        return std::nullopt;
+    return options;
+}
+
+} // namespace tulo

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+namespace tulo {
+
+/// What the service was started with.
+struct DaemonOptions
+{
+    QString defaultPath;
+    QString writePath;
+    QString product;
+    QString language;
+    QStringList catalogues;
+    QString bus;
+    QString plugin;
+    QString logLevel; ///< null: the default
+    QString logConfiguration; ///< null: none
+};
+
+/// Reads the words of the command line, the program's name first. None when they are not valid;
+/// `reason` says why. Prints help or version and ends the process when these are asked for.
+std::optional<DaemonOptions> parseOptions(const QStringList& words, QString* reason);
+
+} // namespace tulo
