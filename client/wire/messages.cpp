@@ -102,13 +102,15 @@ std::optional<Rows> rowsFromArguments(const QString& path, const QVariantList& a
     rows.version = arguments.value(1).toInt();
     rows.directory = arguments.value(2).toMap();
     rows.rows.reserve(list.size());
+    const QLatin1Char separator('/');
+    const QString directory = path.endsWith(separator) ? path : path + separator;
     for (const QVariant& entry : list) {
         const QVariantList members = entry.toList();
         Row row;
         row.name = members.value(0).toString();
         row.roles = members.value(1).toMap();
         row.isDirectory = row.roles.value(typeKey).toInt() == directoryType;
-        row.error = errorOf(row.roles, path + QLatin1Char('/') + row.name);
+        row.error = errorOf(row.roles, directory + row.name);
         if (row.error)
             row.roles.clear();
         rows.rows.append(row);
