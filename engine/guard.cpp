@@ -29,6 +29,14 @@ CMError refusal(const QString& reason, const CMPath& path, ErrorCode kind = Erro
     return engineError(kind, reason.arg(shownPath(path.text())));
 }
 
+// A change to a path that names nothing, as for reading: most often it is mistyped.
+CMError noSuchSetting(const char* reason, const CMPath& path)
+{
+    return engineError(ErrorCode::InvalidPath,
+                       QStringLiteral("There is no setting '%1', and ").arg(shownPath(path.text()))
+                           + QLatin1String(reason));
+}
+
 // The same for a limit: the path is %1, the limit %2.
 CMError overLimit(const QString& reason, const CMPath& path, int limit)
 {
@@ -455,24 +463,20 @@ CMError Guard::checkNewSetting(const CMPath& path, const QString& settingPath, T
 {
     const QString parent = parentOf(settingPath);
     if (parent.isEmpty())
-        return refusal(QStringLiteral("No setting '%1' can be created at the top"), path);
+        return noSuchSetting("none can be created at the top", path);
     if (!isDirectory(parent)) {
-        return rolesOf(parent)
-            ? refusal(QStringLiteral("Path '%1' is below a setting"), path)
-            : refusal(QStringLiteral("No directory holds the setting '%1'"), path);
+        return rolesOf(parent) ? refusal(QStringLiteral("Path '%1' is below a setting"), path)
+                               : noSuchSetting("no directory for it", path);
     }
     if (!QFileInfo(m_defaultPath + parent + QLatin1String("/.meta")).isFile()) {
-        return refusal(
-            QStringLiteral("No setting '%1' can be created: its directory has no template"), path);
+        return noSuchSetting("none can be created: its directory has no template", path);
     }
     if (!isListable(nameOf(settingPath)))
         return refusal(QStringLiteral("No listing would show the setting '%1'"), path);
     // A new setting takes its roles from the directory's.
     const std::optional<TuloRoles> roles = rolesOf(parent);
     if (roles && !roles->modifiable()) {
-        return refusal(QStringLiteral("No setting '%1' can be created: its template is not "
-                                      "modifiable"),
-                       path, ErrorCode::NotModifiable);
+        return noSuchSetting("none can be created: its template is not modifiable", path);
     }
     if (roles)
         *setting = *roles;

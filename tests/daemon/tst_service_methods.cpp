@@ -464,12 +464,16 @@ void TstServiceMethods::setValueRefuses_data()
     row("another mount", QStringLiteral("/other/x"), 1,
         QStringLiteral("InvalidPath: Invalid path '/other/x'"));
     row("no such setting", QStringLiteral("/settings/new"), 1,
-        QStringLiteral("Refused: No setting '/settings/new' can be created at the top"));
+        QStringLiteral(
+            "InvalidPath: There is no setting '/settings/new', and none can be created at the "
+            "top"));
     row("no such setting in a directory", QStringLiteral("/settings/audio/new"), 1,
-        QStringLiteral("NotModifiable: No setting '/settings/audio/new' can be created: its "
-                       "template is not modifiable"));
+        QStringLiteral(
+            "InvalidPath: There is no setting '/settings/audio/new', and none can be created: "
+            "its template is not modifiable"));
     row("no such directory", QStringLiteral("/settings/none/new"), 1,
-        QStringLiteral("Refused: No directory holds the setting '/settings/none/new'"));
+        QStringLiteral(
+            "InvalidPath: There is no setting '/settings/none/new', and no directory for it"));
     row("below a setting", QStringLiteral("/settings/token/new"), 1,
         QStringLiteral("Refused: Path '/settings/token/new' is below a setting"));
     row("hidden", QStringLiteral("/settings/.meta"), 1,
@@ -595,7 +599,8 @@ void TstServiceMethods::apply_data()
     row("read-only", QStringLiteral("/settings/serial"), "set", list({ QStringLiteral("X2") }),
         QStringLiteral("NotModifiable: Setting '/settings/serial' is not modifiable"));
     row("no such path", QStringLiteral("/settings/none/x"), "toggle", {},
-        QStringLiteral("Refused: No directory holds the setting '/settings/none/x'"));
+        QStringLiteral(
+            "InvalidPath: There is no setting '/settings/none/x', and no directory for it"));
 }
 
 void TstServiceMethods::apply()

@@ -611,21 +611,22 @@ void tst_guard::changeIsRefused_data()
     row("read-only setting", "/settings/audio/serial",
         "NotModifiable: Setting '/settings/audio/serial' is not modifiable");
     row("new name at the top", "/settings/new",
-        "Refused: No setting '/settings/new' can be created at the top");
+        "InvalidPath: There is no setting '/settings/new', and none can be created at the top");
     row("new name in a missing directory", "/settings/none/new",
-        "Refused: No directory holds the setting '/settings/none/new'");
+        "InvalidPath: There is no setting '/settings/none/new', and no directory for it");
     row("new name below a setting", "/settings/audio/volume/new",
         "Refused: Path '/settings/audio/volume/new' is below a setting");
     row("new name two levels below a template", "/settings/list/a/b",
-        "Refused: No directory holds the setting '/settings/list/a/b'");
+        "InvalidPath: There is no setting '/settings/list/a/b', and no directory for it");
     row("new name where there is no template", "/settings/plain/new",
-        "Refused: No setting '/settings/plain/new' can be created: its directory has no "
-        "template");
+        "InvalidPath: There is no setting '/settings/plain/new', and none can be created: its "
+        "directory has no template");
     row("new name in the writable tree alone", "/settings/old/new",
-        "Refused: No setting '/settings/old/new' can be created: its directory has no template");
+        "InvalidPath: There is no setting '/settings/old/new', and none can be created: its "
+        "directory has no template");
     row("new name under a read-only template", "/settings/audio/new",
-        "NotModifiable: No setting '/settings/audio/new' can be created: its template is not "
-        "modifiable");
+        "InvalidPath: There is no setting '/settings/audio/new', and none can be created: its "
+        "template is not modifiable");
     row("name with a dot", "/settings/list/a.b",
         "Refused: No listing would show the setting '/settings/list/a.b'");
     row("name with a blank", "/settings/list/a b",
@@ -752,7 +753,7 @@ void tst_guard::changeInADirectoryOfTheWritableTreeAloneCreatesNothing()
     const auto reply =
         setData(QStringLiteral("/settings/old/new"), TuloRoles::Value(), intValue(2));
 
-    QCOMPARE(errorCode(reply.error()), ErrorCode::Refused);
+    QCOMPARE(errorCode(reply.error()), ErrorCode::InvalidPath);
 }
 
 void tst_guard::linkInTheWritableTreeIsNotFollowedByAChange_data()

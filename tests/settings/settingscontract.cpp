@@ -729,12 +729,12 @@ void SettingsContract::changeIsRefused_data()
     row("another mount", "/other/x", "InvalidPath: Invalid path '/other/x'");
     row("empty", "", "Refused: The path is empty");
     row("nothing at the top", "/settings/new",
-        "Refused: No setting '/settings/new' can be created at the top");
+        "InvalidPath: There is no setting '/settings/new', and none can be created at the top");
     row("nothing in a directory", "/settings/audio/new",
-        "NotModifiable: No setting '/settings/audio/new' can be created: its template is not "
-        "modifiable");
+        "InvalidPath: There is no setting '/settings/audio/new', and none can be created: its "
+        "template is not modifiable");
     row("no such directory", "/settings/none/new",
-        "Refused: No directory holds the setting '/settings/none/new'");
+        "InvalidPath: There is no setting '/settings/none/new', and no directory for it");
     row("below a setting", "/settings/token/new",
         "Refused: Path '/settings/token/new' is below a setting");
     row("name that is not listed", "/settings/presets/a.b",

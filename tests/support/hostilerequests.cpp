@@ -442,9 +442,10 @@ void addBadTargets()
     };
     add("audio", "Refused: Path '%1' is a directory");
     add("audio/volume/deeper", "Refused: Path '%1' is below a setting");
-    add("audio/volume/deeper/still", "Refused: No directory holds the setting '%1'");
-    add("new", "Refused: No setting '%1' can be created at the top");
-    add("nowhere/new", "Refused: No directory holds the setting '%1'");
+    add("audio/volume/deeper/still",
+        "InvalidPath: There is no setting '%1', and no directory for it");
+    add("new", "InvalidPath: There is no setting '%1', and none can be created at the top");
+    add("nowhere/new", "InvalidPath: There is no setting '%1', and no directory for it");
     add("audio/a.b", "Refused: No listing would show the setting '%1'");
     add("audio/a b", "Refused: No listing would show the setting '%1'");
     add("audio/a~", "Refused: No listing would show the setting '%1'");
@@ -453,7 +454,9 @@ void addBadTargets()
     add("audio/a:b", "Refused: No listing would show the setting '%1'");
     add("audio/link", "Refused: A symbolic link in the writable tree is in the way of '%1'");
     add("audio/trap", "Refused: A symbolic link in the writable tree is in the way of '%1'");
-    add("plain/new", "Refused: No setting '%1' can be created: its directory has no template");
+    add("plain/new",
+        "InvalidPath: There is no setting '%1', and none can be created: its directory has no "
+        "template");
     add("linked/new", "Refused: A symbolic link in the writable tree is in the way of '%1'");
     add("audio/socket", "Refused: '%1' is blocked by a special file in the writable tree",
         QStringLiteral("ERROR Settings: Unable to parse '%W/audio/socket': line 1, column 1: The "
@@ -468,8 +471,8 @@ void addBadTargets()
         const QString error = QLatin1String("Setting is not modifiable; path:") + path;
         addRow(QLatin1String("target: ") + path, setAttempt(path),
                about(path,
-                     isNew ? "NotModifiable: No setting '%1' can be created: its template is "
-                             "not modifiable"
+                     isNew ? "InvalidPath: There is no setting '%1', and none can be created: its "
+                             "template is not modifiable"
                            : "NotModifiable: Setting '%1' is not modifiable"),
                QLatin1String("error InternalError: ") + error,
                QLatin1String("FATAL ==Report== ") + error);

@@ -273,9 +273,9 @@ void TstCommandline::sessions_data()
     row("below a setting", "set /settings/serial/x 1", "",
         "tulo-cm: Path '/settings/serial/x' is below a setting\n", 4);
     row("new name where none may be", "set /settings/audio/new 1", "",
-        "tulo-cm: No setting '/settings/audio/new' can be created: its template is not "
-        "modifiable\n",
-        4);
+        "tulo-cm: There is no setting '/settings/audio/new', and none can be created: its "
+        "template is not modifiable\n",
+        3);
 
     row("add", "op /settings/audio/volume add -5", "30\n", "", 0);
     row("toggle", "op /settings/audio/loudness toggle", "false\n", "", 0);
