@@ -3,14 +3,25 @@
 
 #include "tests/support/logcapture.h"
 
+#include <QFile>
+#include <QSignalSpy>
 #include <QTest>
+#include <QTimer>
 
+#include <atomic>
+#include <cerrno>
 #include <memory>
 
-// No test waits for a disk.
+#include <unistd.h>
+
+// In the place of the system's, which would wait for the disk: the error that it returns. Called on
+// a thread beside the test's.
+static std::atomic<int> syncError { 0 };
+
 extern "C" int syncfs(int)
 {
-    return 0;
+    errno = syncError;
+    return syncError == 0 ? 0 : -1;
 }
 
 using namespace tulo;
@@ -32,7 +43,11 @@ protected:
     {
         return openLocal(tree, EngineOptions::Access::Own);
     }
-    void begin() override { m_log = std::make_unique<LogCapture>(); }
+    void begin() override
+    {
+        syncError = 0;
+        m_log = std::make_unique<LogCapture>();
+    }
     void end() override
     {
         m_log->verifyNothingUnexpected();
@@ -44,24 +59,321 @@ protected:
         m_log->expect(isError ? log4cplus::ERROR_LOG_LEVEL : log4cplus::WARN_LOG_LEVEL, message);
     }
 
+private slots:
+    void treeOfAnotherIsNotOpened();
+    void readerTakesNoLockAndChangesNothing();
+    void readerTellsWhoOwnsTheTree();
+    void optionsOfTheEngineAreTold();
+
+    void aChangeReadsItsSettingOnce_data();
+    void aChangeReadsItsSettingOnce();
+    void timersHaveTheirTurnBetweenRequests();
+    void eventsStayInOrderWhenAHandlerWaits();
+
+    void stopWritesAndThenRefuses();
+    void stopFailsWhatWaits();
+    void stopAnswersFlushes();
+    void stopTellsWhatIsNotSaved();
+    void unsavedChangesAreTold();
+    void changeIsUnwrittenUntilTheFlush();
+
 private:
-    static std::unique_ptr<LocalSettings> openLocal(const TemporaryTree& tree,
-                                                    EngineOptions::Access access)
+    static EngineOptions optionsFor(const TemporaryTree& tree, EngineOptions::Access access)
     {
         EngineOptions options;
         options.pluginFile = QStringLiteral(TULO_PLUGIN_FILE);
         options.defaultPath = tree.defaultPath();
         options.writePath = tree.writePath();
         options.access = access;
+        return options;
+    }
+    static std::unique_ptr<LocalSettings> openLocal(const TemporaryTree& tree,
+                                                    EngineOptions::Access access)
+    {
         EngineFailure failure;
-        auto settings = LocalSettings::open(options, &failure);
+        auto settings = LocalSettings::open(optionsFor(tree, access), &failure);
         if (!settings)
             qWarning("%s", qPrintable(failure.message));
         return settings;
     }
+    LocalSettings& local() const { return static_cast<LocalSettings&>(settings()); }
 
     std::unique_ptr<LogCapture> m_log;
 };
+
+// ---------------------------------------------------------------------------------------------
+// Opening.
+// ---------------------------------------------------------------------------------------------
+
+void tst_LocalSettings::treeOfAnotherIsNotOpened()
+{
+    EngineFailure failure;
+
+    const auto second =
+        LocalSettings::open(optionsFor(tree(), EngineOptions::Access::Own), &failure);
+
+    QVERIFY(!second);
+    QCOMPARE(failure.kind, EngineFailure::Kind::InUse);
+    QCOMPARE(failure.holder, qint64(::getpid()));
+}
+
+void tst_LocalSettings::readerTakesNoLockAndChangesNothing()
+{
+    const TemporaryTree tree;
+    tree.writeDefault(QStringLiteral("/audio/volume"), R"({"value":{"int":35}})");
+    const auto reader = openLocal(tree, EngineOptions::Access::Read);
+    const QString error =
+        QStringLiteral("The writable tree '%1' is open for reading only").arg(tree.writePath());
+
+    const Reply<QVariantMap> read = reader->get(volume, valueRole);
+    QVERIFY(read.wait());
+    QCOMPARE(read.value().value(QStringLiteral("value")), QVariant(35LL));
+    const Reply<Change> change = reader->set(volume, 40);
+    QVERIFY(!change.wait());
+    QCOMPARE(change.error(), Error({ ErrorCode::Unavailable, error, volume }));
+    const Reply<QVector<Change>> many = reader->setMany({ { volume, 40 } });
+    QVERIFY(!many.wait());
+    QCOMPARE(many.error(), change.error());
+    const Reply<int> flush = reader->flush();
+    QVERIFY(flush.wait());
+    QCOMPARE(flush.value(), 0);
+
+    const Reply<Status> status = reader->status();
+    QVERIFY(status.wait());
+    QVERIFY(!status.value().isWritable);
+    QVERIFY(!reader->otherOwner());
+    QCOMPARE(tree.writtenEntries(), QStringList());
+}
+
+void tst_LocalSettings::readerTellsWhoOwnsTheTree()
+{
+    const auto reader = openLocal(tree(), EngineOptions::Access::Read);
+
+    QCOMPARE(reader->otherOwner(), std::optional<qint64>(::getpid()));
+    const Reply<Change> change = reader->set(volume, 40);
+    QVERIFY(!change.wait());
+    QCOMPARE(change.error().message,
+             QStringLiteral("The writable tree '%1' is in use by process %2")
+                 .arg(tree().writePath(), QString::number(::getpid())));
+}
+
+void tst_LocalSettings::optionsOfTheEngineAreTold()
+{
+    const TemporaryTree tree;
+    EngineOptions options = optionsFor(tree, EngineOptions::Access::Own);
+    options.productPostfix = QStringLiteral("sport");
+    EngineFailure failure;
+    const auto settings = LocalSettings::open(options, &failure);
+    QVERIFY(settings);
+
+    QCOMPARE(settings->state(), Settings::State::Ready);
+    QCOMPARE(settings->defaultPath(), tree.defaultPath());
+    QCOMPARE(settings->writePath(), tree.writePath());
+    QCOMPARE(settings->catalogueCount(), 0);
+    const Reply<Status> status = settings->status();
+    QVERIFY(status.wait());
+    QCOMPARE(status.value().product, QStringLiteral("sport"));
+    QCOMPARE(status.value().processId, qint64(::getpid()));
+}
+
+// ---------------------------------------------------------------------------------------------
+// What the worker is asked, and when.
+// ---------------------------------------------------------------------------------------------
+
+void tst_LocalSettings::aChangeReadsItsSettingOnce_data()
+{
+    QTest::addColumn<int>("way");
+    QTest::newRow("set") << 0;
+    QTest::newRow("setRoles") << 1;
+    QTest::newRow("apply") << 2;
+    QTest::newRow("setMany") << 3;
+    QTest::newRow("trial") << 4;
+}
+
+void tst_LocalSettings::aChangeReadsItsSettingOnce()
+{
+    QFETCH(const int, way);
+    ChangeOptions options;
+    options.ifValue = 35;
+    options.ifTimestamp = 0;
+    m_log->setLevel(log4cplus::TRACE_LOG_LEVEL);
+
+    if (way == 0)
+        QVERIFY(settings().set(volume, 40, options).wait());
+    else if (way == 1)
+        QVERIFY(settings().setRoles(volume, { { QStringLiteral("value"), 40 } }, options).wait());
+    else if (way == 2)
+        QVERIFY(settings().apply(volume, QStringLiteral("add"), 5, options).wait());
+    else if (way == 3)
+        QVERIFY(settings().setMany({ { volume, 40 } }).wait());
+    options.isDryRun = true;
+    if (way == 4)
+        QVERIFY(settings().set(volume, 40, options).wait());
+
+    QCOMPARE(m_log->messages(log4cplus::TRACE_LOG_LEVEL)
+                 .filter(QStringLiteral("CMSettingsWorker::getDataRequest"))
+                 .size(),
+             1);
+    m_log->take();
+    m_log->setLevel(log4cplus::INFO_LOG_LEVEL);
+}
+
+void tst_LocalSettings::timersHaveTheirTurnBetweenRequests()
+{
+    QObject context;
+    int answers = 0;
+    QVector<Reply<QVariantMap>> replies;
+    for (int i = 0; i < 1000; ++i) {
+        replies.append(settings().get(volume, valueRole));
+        replies.last().then(&context, [&answers](const Reply<QVariantMap>&) { ++answers; });
+    }
+    int answersAtTimer = -1;
+    QTimer::singleShot(0, &context, [&] { answersAtTimer = answers; });
+
+    QVERIFY(replies.last().wait());
+
+    QCOMPARE(answers, 1000);
+    QVERIFY2(answersAtTimer >= 0 && answersAtTimer < 10,
+             qPrintable(QString::number(answersAtTimer)));
+}
+
+void tst_LocalSettings::eventsStayInOrderWhenAHandlerWaits()
+{
+    const QString gain = QStringLiteral("/settings/audio/gain");
+    QStringList log;
+    const auto watch = settings().watchTree(QStringLiteral("/settings"));
+    connect(watch.get(), &Watch::changed, this, [&](const Event& event) {
+        if (event.kind != Event::Kind::Value)
+            return;
+        log.append(event.path);
+        if (event.path == volume)
+            QVERIFY(settings().set(gain, 1).wait());
+        log.append(QLatin1Char('/') + event.path);
+    });
+    const auto rest = settings().watchTree(QStringLiteral("/settings"));
+    connect(rest.get(), &Watch::changed, this, [&](const Event& event) {
+        if (event.kind == Event::Kind::Rows)
+            log.append(QString::number(event.version));
+    });
+
+    QVERIFY(settings().set(volume, 40).wait());
+
+    QCOMPARE(log,
+             QStringList({ volume, QStringLiteral("1"), gain, QLatin1Char('/') + gain,
+                           QStringLiteral("2"), QLatin1Char('/') + volume }));
+}
+
+// ---------------------------------------------------------------------------------------------
+// The end.
+// ---------------------------------------------------------------------------------------------
+
+void tst_LocalSettings::stopWritesAndThenRefuses()
+{
+    QVERIFY(settings().set(volume, 40).wait());
+    QSignalSpy states(&settings(), &Settings::stateChanged);
+
+    QVERIFY(local().stop());
+    QVERIFY(local().stop());
+
+    QCOMPARE(tree()
+                 .readWrittenRoles(QStringLiteral("/audio/volume"))
+                 .value(QStringLiteral("value"))
+                 .toHash(),
+             QVariantHash({ { QStringLiteral("int"), 40 } }));
+    QCOMPARE(states.size(), 1);
+    QCOMPARE(settings().state(), Settings::State::Away);
+    const Error closed { ErrorCode::Unavailable, QStringLiteral("The settings are closed"),
+                         QString() };
+    const Reply<QVariantMap> read = settings().get(volume, valueRole);
+    const Reply<int> flush = settings().flush();
+    QVERIFY(!read.isFinished());
+    QVERIFY(!read.wait());
+    QCOMPARE(read.error(), closed);
+    QVERIFY(!flush.wait());
+    QCOMPARE(flush.error(), closed);
+    QCOMPARE(local().writePath(), tree().writePath());
+    // The tree has been given back.
+    QVERIFY(openLocal(tree(), EngineOptions::Access::Own));
+}
+
+void tst_LocalSettings::stopFailsWhatWaits()
+{
+    const Reply<Change> change = settings().set(volume, 40);
+
+    QVERIFY(local().stop());
+
+    QVERIFY(!change.isFinished());
+    QVERIFY(!change.wait());
+    QCOMPARE(change.error().code, ErrorCode::Unavailable);
+    QVERIFY(tree().readWritten(QStringLiteral("/audio/volume")).isNull());
+}
+
+void tst_LocalSettings::stopAnswersFlushes()
+{
+    QVERIFY(settings().set(volume, 40).wait());
+    const Reply<int> flush = settings().flush();
+    // Its turn: it now waits for the disk.
+    QCoreApplication::sendPostedEvents();
+    QVERIFY(!flush.isFinished());
+
+    QVERIFY(local().stop());
+
+    QVERIFY(!flush.isFinished());
+    QVERIFY(flush.wait());
+    QCOMPARE(flush.value(), 0);
+}
+
+void tst_LocalSettings::stopTellsWhatIsNotSaved()
+{
+    QVERIFY(settings().set(volume, 40).wait());
+    syncError = EIO;
+
+    QVERIFY(!local().stop());
+
+    QVERIFY(local().hasUnwrittenChanges());
+}
+
+void tst_LocalSettings::unsavedChangesAreTold()
+{
+    QSignalSpy told(&local(), &LocalSettings::unsavedChanged);
+    QVERIFY(settings().set(volume, 40).wait());
+    QVERIFY(settings().flush().wait());
+    QVERIFY(settings().get(volume, valueRole).wait());
+    QCOMPARE(told.size(), 0);
+    QVERIFY(settings().set(volume, 45).wait());
+    syncError = EIO;
+
+    const Reply<int> flush = settings().flush();
+    QVERIFY(!flush.wait());
+
+    QCOMPARE(flush.error().code, ErrorCode::NotSaved);
+    const Reply<Status> status = settings().status();
+    QVERIFY(status.wait());
+    QCOMPARE(status.value().unsavedCount, 1);
+    QCOMPARE(status.value().lastWriteError, flush.error().message);
+    const Reply<QStringList> paths = settings().unsavedPaths(10);
+    QVERIFY(paths.wait());
+    QCOMPARE(paths.value(), QStringList(volume));
+    const Reply<QStringList> none = settings().unsavedPaths(0);
+    QVERIFY(none.wait());
+    QCOMPARE(none.value(), QStringList());
+    QVERIFY(told.size() > 0);
+
+    syncError = 0;
+    QVERIFY(settings().flush().wait());
+    QVERIFY(!local().hasUnwrittenChanges());
+}
+
+void tst_LocalSettings::changeIsUnwrittenUntilTheFlush()
+{
+    QVERIFY(!local().hasUnwrittenChanges());
+    QVERIFY(settings().set(volume, 40).wait());
+    QVERIFY(local().hasUnwrittenChanges());
+
+    QVERIFY(settings().flush().wait());
+
+    QVERIFY(!local().hasUnwrittenChanges());
+}
 
 QTEST_GUILESS_MAIN(tst_LocalSettings)
 #include "tst_local_settings.moc"
