@@ -366,12 +366,8 @@ Error ServiceLink::errorOf(sd_bus_message* answer, const QString& path) const
 {
     const sd_bus_error* const error = sd_bus_message_get_error(answer);
     const QString message = QString::fromUtf8(error->message);
-    if (const auto code = wire::errorCodeOf(error->name)) {
-        // Of several paths the one that it is about.
-        const auto arguments = wire::readArguments(answer);
-        const QString about = arguments ? arguments->value(1).toString() : QString();
-        return { *code, message, about.isEmpty() ? path : about };
-    }
+    if (const auto code = wire::errorCodeOf(error->name))
+        return { *code, message, path };
 
     const auto isOneOf = [error](std::initializer_list<const char*> names) {
         return std::any_of(names.begin(), names.end(), [error](const char* name) {

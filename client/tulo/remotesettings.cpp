@@ -68,6 +68,8 @@ public:
 
     Reply<QVariantMap> get(const QString& path, const QStringList& roles);
     Reply<QVector<Node>> getMany(const QStringList& paths, const QStringList& roles);
+    Reply<QVector<Change>> setMany(const QVector<Assignment>& assignments,
+                                   const QVariantMap& options);
     Reply<Status> status();
 
     /// Sends what this turn of the event loop has gathered.
@@ -295,6 +297,46 @@ void RemoteSettingsPrivate::on_nodes_answered(const std::shared_ptr<PathsToRead>
 }
 
 // ---------------------------------------------------------------------------------------------
+// Changing many.
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+// An error has no place for the path on the bus, and names it in its message.
+QString pathNamedIn(const QString& message, const QVector<Assignment>& assignments)
+{
+    for (const Assignment& assignment : assignments) {
+        if (message.contains(QStringLiteral("'%1'").arg(shownPath(assignment.path))))
+            return assignment.path;
+    }
+    return QString();
+}
+
+} // namespace
+
+Reply<QVector<Change>> RemoteSettingsPrivate::setMany(const QVector<Assignment>& assignments,
+                                                      const QVariantMap& options)
+{
+    sendGathered();
+    const Promise<QVector<Change>> promise;
+    const auto answered = [promise, assignments](const ServiceLink::Answer& answer) {
+        if (answer.error) {
+            promise.fail({ answer.error.code, answer.error.message,
+                           pathNamedIn(answer.error.message, assignments) });
+            return;
+        }
+        const auto changes = wire::changesFromArguments(answer.arguments);
+        if (changes && changes->size() == assignments.size())
+            promise.finish(*changes);
+        else
+            promise.fail(ServiceLink::malformedAnswer(QString()));
+    };
+    link.call(wire::setMany, { QVariant(wire::assignmentsToArgument(assignments)), options },
+              QString(), answered);
+    return promise.reply();
+}
+
+// ---------------------------------------------------------------------------------------------
 // The state of the service: its properties and who it is.
 // ---------------------------------------------------------------------------------------------
 
@@ -359,18 +401,19 @@ Error requestError(const QString& path, const QStringList& roles)
     };
 }
 
-Error valueError(const QString& path, const QVariant& value, const ChangeOptions& options)
+// What is not a value goes as an empty map, which is none either: so the service says what it has
+// to say first, in the order in which it finds it.
+QVariant sendable(const QVariant& value)
 {
-    Error error = pathError(path);
-    if (!error && !wire::isCarried(value))
-        error = unsuitableValue(path);
-    if (!error && options.ifValue.isValid() && !wire::isCarried(options.ifValue))
-        error = {
-            ErrorCode::Conflict,
-            QStringLiteral("Setting '%1' does not have the expected value").arg(shownPath(path)),
-            path
-        };
-    return error;
+    return wire::isCarried(value) ? value : QVariantMap();
+}
+
+QVariantMap sendable(const ChangeOptions& options)
+{
+    ChangeOptions sent = options;
+    if (sent.ifValue.isValid())
+        sent.ifValue = sendable(sent.ifValue);
+    return wire::optionsToMap(sent);
 }
 
 } // namespace
@@ -459,57 +502,55 @@ Reply<Rows> RemoteSettings::rows(const QString& path, int first, int last, const
 Reply<Change> RemoteSettings::set(const QString& path, const QVariant& value,
                                   const ChangeOptions& options)
 {
-    const Error error = valueError(path, value, options);
+    const Error error = pathError(path);
     if (error)
         return d->refuse<Change>(error);
-    return d->ask<Change>(wire::setValue, { path, value, wire::optionsToMap(options) }, path,
+    return d->ask<Change>(wire::setValue, { path, sendable(value), sendable(options) }, path,
                           wire::changeFromArguments);
 }
 
 Reply<Change> RemoteSettings::setRoles(const QString& path, const QVariantMap& roles,
                                        const ChangeOptions& options)
 {
-    const Error error = valueError(path, roles, options);
+    const Error error = requestError(path, roles.keys());
     if (error)
         return d->refuse<Change>(error);
-    return d->ask<Change>(wire::setRoles, { path, roles, wire::optionsToMap(options) }, path,
+    QVariantMap sent = roles;
+    for (QVariant& value : sent)
+        value = sendable(value);
+    return d->ask<Change>(wire::setRoles, { path, sent, sendable(options) }, path,
                           wire::changeFromArguments);
 }
 
 Reply<Change> RemoteSettings::apply(const QString& path, const QString& verb,
                                     const QVariant& operand, const ChangeOptions& options)
 {
-    const QVariantList operands = operand.isValid() ? QVariantList { operand } : QVariantList();
-    Error error = valueError(path, QVariant(operands), options);
-    if (!error && !wire::isCarried(verb))
+    Error error = pathError(path);
+    if (!error && !wire::isCarried(verb)) {
         error = { ErrorCode::Refused,
                   QStringLiteral("The operation for '%1' has a name that D-Bus cannot carry")
                       .arg(shownPath(path)),
                   path };
+    }
     if (error)
         return d->refuse<Change>(error);
-    return d->ask<Change>(wire::apply,
-                          { path, verb, QVariant(operands), wire::optionsToMap(options) }, path,
+    const QVariantList operands =
+        operand.isValid() ? QVariantList { sendable(operand) } : QVariantList();
+    return d->ask<Change>(wire::apply, { path, verb, QVariant(operands), sendable(options) }, path,
                           wire::changeFromArguments);
 }
 
 Reply<QVector<Change>> RemoteSettings::setMany(const QVector<Assignment>& assignments,
                                                const ChangeOptions& options)
 {
-    for (const Assignment& assignment : assignments) {
-        const Error error = valueError(assignment.path, assignment.value, options);
+    QVector<Assignment> sent = assignments;
+    for (Assignment& assignment : sent) {
+        const Error error = pathError(assignment.path);
         if (error)
             return d->refuse<QVector<Change>>(error);
+        assignment.value = sendable(assignment.value);
     }
-    return d->ask<QVector<Change>>(
-        wire::setMany,
-        { QVariant(wire::assignmentsToArgument(assignments)), wire::optionsToMap(options) },
-        QString(), [count = assignments.size()](const QVariantList& arguments) {
-            std::optional<QVector<Change>> changes = wire::changesFromArguments(arguments);
-            if (changes && changes->size() != count)
-                changes.reset();
-            return changes;
-        });
+    return d->setMany(sent, sendable(options));
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -46,11 +46,16 @@ bool isCarriedInside(const QVariant& value, int depth)
 {
     switch (value.userType()) {
     case QMetaType::Bool:
+    case QMetaType::Short:
+    case QMetaType::UShort:
     case QMetaType::Int:
     case QMetaType::UInt:
+    case QMetaType::Long:
+    case QMetaType::ULong:
     case QMetaType::LongLong:
     case QMetaType::ULongLong:
         return true;
+    case QMetaType::Float:
     case QMetaType::Double:
         return std::isfinite(value.toDouble());
     case QMetaType::QString:
@@ -63,6 +68,7 @@ bool isCarriedInside(const QVariant& value, int depth)
                    return isCarriedInside(entry, depth + 1);
                });
     }
+    case QMetaType::QVariantHash:
     case QMetaType::QVariantMap:
         return depth < maximumDepth && isCarriedMap(value.toMap(), depth + 1);
     default:
@@ -143,6 +149,7 @@ const char* signatureOf(const QVariant& value)
     switch (value.userType()) {
     case QMetaType::Bool:
         return "b";
+    case QMetaType::Float:
     case QMetaType::Double:
         return "d";
     case QMetaType::QString:
@@ -150,8 +157,10 @@ const char* signatureOf(const QVariant& value)
     case QMetaType::QStringList:
     case QMetaType::QVariantList:
         return "av";
+    case QMetaType::QVariantHash:
     case QMetaType::QVariantMap:
         return "a{sv}";
+    case QMetaType::ULong:
     case QMetaType::ULongLong:
         return value.toULongLong() > quint64(std::numeric_limits<qint64>::max()) ? "t" : "x";
     default:
@@ -175,8 +184,8 @@ bool writeVariant(sd_bus_message* message, const QVariant& value)
         case SD_BUS_TYPE_INT64:
             return writeNumber(message, 'x', value.toLongLong());
         default:
-            return value.userType() == QMetaType::QVariantMap ? writeMap(message, value.toMap())
-                                                              : writeList(message, value.toList());
+            return std::strcmp(signature, "a{sv}") == 0 ? writeMap(message, value.toMap())
+                                                        : writeList(message, value.toList());
         }
     });
 }
@@ -499,6 +508,7 @@ qint64 busSize(const QVariant& value)
             size += busSize(entry);
         break;
     }
+    case QMetaType::QVariantHash:
     case QMetaType::QVariantMap: {
         size += lengthBytes;
         const QVariantMap entries = value.toMap();

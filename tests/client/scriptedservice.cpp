@@ -163,16 +163,6 @@ void ScriptedService::fail(sd_bus_message* call, const char* name, const char* m
     require(sd_bus_reply_method_errorf(call, name, "%s", message), "error");
 }
 
-void ScriptedService::failAbout(sd_bus_message* call, const char* name, const char* message,
-                                const QString& path)
-{
-    sd_bus_message* reply = nullptr;
-    require(sd_bus_message_new_method_errorf(call, &reply, name, "%s", message), "error");
-    const MessagePointer owner(reply);
-    require(sd_bus_message_append(reply, "s", path.toUtf8().constData()), "path");
-    require(sd_bus_send(m_bus.get(), reply, nullptr), "send");
-}
-
 void ScriptedService::hold(sd_bus_message* call)
 {
     held.emplace_back(sd_bus_message_ref(call));

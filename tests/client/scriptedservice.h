@@ -51,9 +51,6 @@ public:
     void answerWith(sd_bus_message* call, const std::function<int(sd_bus_message*)>& write);
     void answerEmpty(sd_bus_message* call);
     void fail(sd_bus_message* call, const char* name, const char* message);
-    /// An error with the path that it is about.
-    void failAbout(sd_bus_message* call, const char* name, const char* message,
-                   const QString& path);
     void hold(sd_bus_message* call);
     /// Broadcasts, or sends to one connection.
     void announce(const tulo::wire::Signal& signal, const QVariantList& arguments,

@@ -129,6 +129,7 @@ private slots:
 
     // Requests and answers.
     void requestsReachTheService();
+    void whatIsNotAValueIsTheServicesToReject();
     void answersReachTheProgram();
     void malformedAnswersAreErrors_data();
     void malformedAnswersAreErrors();
@@ -540,6 +541,38 @@ void tst_RemoteSettings::requestsReachTheService()
     QCOMPARE(seen, expected);
 }
 
+void tst_RemoteSettings::whatIsNotAValueIsTheServicesToReject()
+{
+    ScriptedService service(m_bus.address());
+    QVector<QVariantList> seen;
+    service.script = [&](sd_bus_message* call) {
+        seen.append(ScriptedService::argumentsOf(call));
+        service.answerEmpty(call);
+    };
+    RemoteSettings settings(m_bus.address());
+    const QVariant bytes = QByteArray("a");
+    ChangeOptions options;
+    options.ifValue = bytes;
+
+    QVERIFY(settings.set(path, bytes, options).wait());
+    QVERIFY(settings.set(path, QVariant()).wait());
+    QVERIFY(settings.setRoles(path, { { QStringLiteral("value"), bytes } }).wait());
+    QVERIFY(settings.apply(path, QStringLiteral("add"), bytes).wait());
+    QVERIFY(settings.setMany({ { path, bytes } }).wait());
+
+    // Nor is an empty map a value.
+    const QVariantMap none;
+    const QVariantMap value { { QStringLiteral("value"), none } };
+    const QVector<QVariantList> expected {
+        { path, none, QVariantMap { { QStringLiteral("if-value"), none } } },
+        { path, none, none },
+        { path, value, none },
+        { path, QStringLiteral("add"), QVariant(QVariantList { none }), none },
+        { QVariant(QVariantList { QVariant(QVariantList { path, value }) }), none },
+    };
+    QCOMPARE(seen, expected);
+}
+
 void tst_RemoteSettings::answersReachTheProgram()
 {
     ScriptedService service(m_bus.address());
@@ -764,11 +797,18 @@ void tst_RemoteSettings::errorOfManyNamesItsPath()
 {
     ScriptedService service(m_bus.address());
     service.script = [&](sd_bus_message* call) {
-        service.failAbout(call, "org.tulo.ConfigurationManager1.Error.Rejected", "too loud", path);
+        service.fail(call, "org.tulo.ConfigurationManager1.Error.Rejected",
+                     "Setting '/settings/a%20b' cannot have it");
     };
     RemoteSettings settings(m_bus.address());
 
-    QCOMPARE(setMany(settings), (Error { ErrorCode::Rejected, QStringLiteral("too loud"), path }));
+    const Error error = errorOf(settings.setMany(
+        { { QStringLiteral("/settings/a"), true }, { QStringLiteral("/settings/a b"), true } }));
+
+    QCOMPARE(
+        error,
+        (Error { ErrorCode::Rejected, QStringLiteral("Setting '/settings/a%20b' cannot have it"),
+                 QStringLiteral("/settings/a b") }));
 }
 
 void tst_RemoteSettings::lateAnswersAreIgnored()
@@ -839,22 +879,14 @@ void tst_RemoteSettings::requestsThatCannotBeCarriedAreErrors()
     ScriptedService service(m_bus.address());
     RemoteSettings settings(m_bus.address());
     const QString bad { QChar(0) };
-    const QVariant bytes = QByteArray("a");
-    ChangeOptions options;
-    options.ifValue = bytes;
 
     QCOMPARE(errorOf(settings.get(bad, valueRole)).code, ErrorCode::Refused);
     QCOMPARE(errorOf(settings.get(path, { bad })).code, ErrorCode::Refused);
     QCOMPARE(errorOf(settings.getMany({ path, bad }, valueRole)).code, ErrorCode::Refused);
     QCOMPARE(errorOf(settings.rows(bad, 0, 1, {})).code, ErrorCode::Refused);
     QCOMPARE(errorOf(settings.set(bad, true)).code, ErrorCode::Refused);
-    QCOMPARE(errorOf(settings.set(path, bytes)).code, ErrorCode::Rejected);
-    QCOMPARE(errorOf(settings.set(path, QVariant())).code, ErrorCode::Rejected);
-    QCOMPARE(errorOf(settings.set(path, true, options)).code, ErrorCode::Conflict);
-    QCOMPARE(errorOf(settings.setRoles(path, { { QStringLiteral("value"), bytes } })).code,
-             ErrorCode::Rejected);
+    QCOMPARE(errorOf(settings.setRoles(path, { { bad, true } })).code, ErrorCode::Refused);
     QCOMPARE(errorOf(settings.apply(path, bad, 1)).code, ErrorCode::Refused);
-    QCOMPARE(errorOf(settings.apply(path, QStringLiteral("add"), bytes)).code, ErrorCode::Rejected);
     const Error error = errorOf(settings.setMany({ { path, 1 }, { path + bad, 1 } }));
     QCOMPARE(error.code, ErrorCode::Refused);
     QCOMPARE(error.path, path + bad);

@@ -169,6 +169,7 @@ private slots:
     void valuesKeepTheirType();
     void smallerIntegersAreWidened_data();
     void smallerIntegersAreWidened();
+    void otherShapesBecomeTheUsualOnes();
     void valuesThatCannotBeCarriedAreNotWritten_data();
     void valuesThatCannotBeCarriedAreNotWritten();
     void argumentsKeepTheirType_data();
@@ -249,6 +250,10 @@ void tst_WireCodec::smallerIntegersAreWidened_data()
     QTest::newRow("int") << QVariant(7);
     QTest::newRow("uint") << QVariant(7U);
     QTest::newRow("small unsigned") << QVariant(7ULL);
+    QTest::newRow("short") << QVariant::fromValue(short(7));
+    QTest::newRow("unsigned short") << QVariant::fromValue(ushort(7));
+    QTest::newRow("long") << QVariant::fromValue(7L);
+    QTest::newRow("unsigned long") << QVariant::fromValue(7UL);
 }
 
 void tst_WireCodec::smallerIntegersAreWidened()
@@ -260,6 +265,18 @@ void tst_WireCodec::smallerIntegersAreWidened()
     QVERIFY(passed);
     QCOMPARE(passed->userType(), int(QMetaType::LongLong));
     QCOMPARE(passed->toLongLong(), 7);
+}
+
+void tst_WireCodec::otherShapesBecomeTheUsualOnes()
+{
+    const QString key = QStringLiteral("a");
+    QCOMPARE(m_messages.passedValue(QVariant(0.5F)), std::make_optional(QVariant(0.5)));
+    QCOMPARE(m_messages.passedValue(QVariantHash { { key, true } }),
+             std::make_optional(QVariant(QVariantMap { { key, true } })));
+    QCOMPARE(m_messages.passedValue(QStringList(key)),
+             std::make_optional(QVariant(QVariantList { key })));
+    QCOMPARE(m_messages.passedValue(QVariant::fromValue(~0UL)),
+             std::make_optional(QVariant(~0ULL)));
 }
 
 void tst_WireCodec::valuesThatCannotBeCarriedAreNotWritten_data()
