@@ -6,6 +6,7 @@
 
 #include <tulo/rowsmodel.h>
 #include <tulo/setting.h>
+#include <tulo/testsettings.h>
 
 #include <QAbstractItemModelTester>
 #include <QPersistentModelIndex>
@@ -64,11 +65,35 @@ private:
     std::unique_ptr<LocalSettings> m_settings;
 };
 
+class ServedOnABus : public Served
+{
+public:
+    void writeDefault(const QString& settingPath, const QByteArray& json) override
+    {
+        m_test.writeDefault(QStringLiteral("/settings") + settingPath, json);
+    }
+    bool start() override
+    {
+        const bool isStarted = m_test.start();
+        if (!isStarted)
+            qWarning("%s", qPrintable(m_test.error()));
+        return isStarted;
+    }
+    Settings& settings() override { return m_test.settings(); }
+
+private:
+    TestSettings m_test;
+};
+
 /// With so many settings in one more directory: n000, n001, ...
 std::unique_ptr<Served> serve(int many = 0)
 {
     QFETCH_GLOBAL(QString, kind);
-    std::unique_ptr<Served> served = std::make_unique<ServedHere>();
+    std::unique_ptr<Served> served;
+    if (kind == QLatin1String("local"))
+        served = std::make_unique<ServedHere>();
+    else
+        served = std::make_unique<ServedOnABus>();
     served->writeDefault(QStringLiteral("/audio/.meta"), R"({"title":"Audio","modifiable":false})");
     served->writeDefault(QStringLiteral("/audio/mode"),
                          R"({"value":{"string":"mid"},"edit":{"values":["low","mid","high"]}})");
@@ -144,6 +169,7 @@ void TstObjects::initTestCase_data()
 {
     QTest::addColumn<QString>("kind");
     QTest::addRow("in this process") << QStringLiteral("local");
+    QTest::addRow("behind a bus") << QStringLiteral("remote");
 }
 
 void TstObjects::settingFollowsEveryClient()
