@@ -1,0 +1,44 @@
+// volume [VALUE]: prints the volume of a device whenever it changes; with a value, sets it first.
+
+#include <tulo/remotesettings.h>
+#include <tulo/setting.h>
+
+#include <QCoreApplication>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+// What the settings made of a change.
+void report(const tulo::Reply<tulo::Change>& reply)
+{
+    if (reply.error())
+        std::fprintf(stderr, "not changed: %s\n", qPrintable(reply.error().message));
+    else if (reply.value().isAdjusted)
+        std::fprintf(stderr, "adjusted: %s\n", qPrintable(reply.value().reason));
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    const QCoreApplication application(argc, argv);
+    tulo::RemoteSettings settings;
+    // 35 until the settings have answered, and if they never do.
+    tulo::Setting<qint64> volume(&settings, QStringLiteral("/settings/audio/volume"), 35);
+
+    const auto show = [&volume] {
+        std::printf("volume %lld\n", volume.value());
+        std::fflush(stdout);
+    };
+    show();
+    QObject::connect(&volume, &tulo::AnySetting::changed, show);
+    QObject::connect(&volume, &tulo::AnySetting::errorChanged, [&volume] {
+        if (volume.error())
+            std::fprintf(stderr, "%s\n", qPrintable(volume.errorMessage()));
+    });
+    if (argc > 1)
+        volume.set(std::atoll(argv[1])).then(&volume, report);
+    return QCoreApplication::exec();
+}

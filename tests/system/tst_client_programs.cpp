@@ -1,0 +1,260 @@
+#include "tests/support/childprocess.h"
+
+#include <tulo/testsettings.h>
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace tulo;
+
+namespace {
+
+const QString volumePath = QStringLiteral("/settings/audio/volume");
+
+QByteArray read(const QString& name)
+{
+    QFile file(name);
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("cannot read %s", qPrintable(name));
+    return file.readAll();
+}
+
+void write(const QString& name, const QByteArray& content)
+{
+    QFile file(name);
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+        qFatal("cannot write %s", qPrintable(name));
+}
+
+/// The blocks of a document that are marked as being of a language, in order.
+QList<QByteArray> blocks(const QString& document, const QByteArray& language)
+{
+    QList<QByteArray> blocks;
+    bool isInside = false;
+    for (const QByteArray& line :
+         read(QStringLiteral(TULO_SOURCE_DIR "/") + document).split('\n')) {
+        if (line.startsWith("```")) {
+            isInside = !isInside && line == "```" + language;
+            if (isInside)
+                blocks.append(QByteArray());
+        } else if (isInside) {
+            blocks.last() += line + '\n';
+        }
+    }
+    return blocks;
+}
+
+/// Runs a program; fails the test with what it printed when that does not succeed.
+bool runs(const QStringList& words, const QStringList& variables = {})
+{
+    ChildProcess process(words.first(), words.mid(1));
+    for (const QString& variable : variables) {
+        process.setVariable(variable.section(QLatin1Char('='), 0, 0),
+                            variable.section(QLatin1Char('='), 1));
+    }
+    if (!process.start())
+        return false;
+    process.closeInput();
+    // It may compile.
+    const ChildResult result = process.finish(10 * ChildProcess::waitMs);
+    if (result.exitCode != 0) {
+        qWarning("%s: exit code %d\n%s%s", qPrintable(words.join(QLatin1Char(' '))),
+                 result.exitCode, result.standardOutput.constData(),
+                 result.standardError.constData());
+    }
+    return result.exitCode == 0;
+}
+
+} // namespace
+
+/// Programs as their authors write them, built outside of the tree against an installation, on a
+/// service of that installation.
+class TstClientPrograms : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+
+    void exampleFollowsAndChanges_data();
+    void exampleFollowsAndChanges();
+    void readmeShowsAProgramThatRuns();
+    void documentShowsTheProgramOfTheReadme();
+    void documentShowsATestThatPasses();
+    void documentShowsWhatCompiles();
+
+private:
+    QString file(const QString& name) const { return m_directory.filePath(name); }
+    QString lib() const { return file(QStringLiteral("prefix/" TULO_LIBDIR)); }
+    QString makeDirectory(const QString& name) const;
+    bool buildByCMake(const QString& source, const QString& build) const;
+    bool buildByPkgConfig(const QString& source, const QString& program) const;
+
+    const QTemporaryDir m_directory;
+};
+
+// With everything, as `cmake --install` does.
+void TstClientPrograms::initTestCase()
+{
+    QVERIFY(
+        runs({ QStringLiteral("cmake"), QStringLiteral("--install"), QStringLiteral(TULO_BUILD_DIR),
+               QStringLiteral("--prefix"), file(QStringLiteral("prefix")) }));
+}
+
+QString TstClientPrograms::makeDirectory(const QString& name) const
+{
+    if (!QDir().mkpath(file(name)))
+        qFatal("cannot make %s", qPrintable(name));
+    return file(name);
+}
+
+bool TstClientPrograms::buildByCMake(const QString& source, const QString& build) const
+{
+    return runs({ QStringLiteral("cmake"), QStringLiteral("-S"), source, QStringLiteral("-B"),
+                  build, QStringLiteral("-G"), QStringLiteral(TULO_GENERATOR), QStringLiteral("-D"),
+                  QStringLiteral("CMAKE_CXX_COMPILER=" TULO_COMPILER), QStringLiteral("-D"),
+                  QStringLiteral("CMAKE_PREFIX_PATH=") + file(QStringLiteral("prefix")) })
+        && runs({ QStringLiteral("cmake"), QStringLiteral("--build"), build });
+}
+
+bool TstClientPrograms::buildByPkgConfig(const QString& source, const QString& program) const
+{
+    const QString command =
+        QStringLiteral("'%1' '%2' -o '%3' $(pkg-config --cflags --libs tulo-settings)")
+            .arg(QStringLiteral(TULO_COMPILER), source, program);
+    return runs({ QStringLiteral("/bin/sh"), QStringLiteral("-c"), command },
+                { QStringLiteral("PKG_CONFIG_PATH=") + lib() + QStringLiteral("/pkgconfig") });
+}
+
+void TstClientPrograms::exampleFollowsAndChanges_data()
+{
+    QTest::addColumn<QString>("build");
+    QTest::addRow("C++ by CMake") << QStringLiteral("cmake");
+    QTest::addRow("C++ by pkg-config") << QStringLiteral("pkg-config");
+    QTest::addRow("Python") << QString();
+}
+
+void TstClientPrograms::exampleFollowsAndChanges()
+{
+    QFETCH(QString, build);
+    const QString examples = QStringLiteral(TULO_SOURCE_DIR "/examples/clients");
+    QString program = makeDirectory(QStringLiteral("example-") + build);
+    QStringList words;
+    if (build == QLatin1String("cmake")) {
+        QVERIFY(buildByCMake(examples + QStringLiteral("/cpp"), program));
+        words = QStringList { program + QStringLiteral("/volume") };
+    } else if (build == QLatin1String("pkg-config")) {
+        words = QStringList { program + QStringLiteral("/volume") };
+        QVERIFY(buildByPkgConfig(examples + QStringLiteral("/cpp/volume.cpp"), words.first()));
+    } else {
+        words = QStringList { QStringLiteral("/usr/bin/python3"),
+                              examples + QStringLiteral("/python/volume.py") };
+    }
+    TestSettings test;
+    test.writeDefault(volumePath, R"({"value":{"int":35},"edit":{"min":0,"max":100}})");
+    QVERIFY2(test.start(), qPrintable(test.error()));
+    const auto start = [&](const QString& value) {
+        auto process = std::make_unique<ChildProcess>(words.first(), words.mid(1) << value);
+        process->setVariable(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), test.busAddress());
+        process->setVariable(QStringLiteral("LD_LIBRARY_PATH"), lib());
+        return process->start() ? std::move(process) : nullptr;
+    };
+
+    const auto follows = start(QStringLiteral("40"));
+    QVERIFY(follows);
+    QVERIFY2(follows->waitForOutput("volume 40\n"), follows->standardError().constData());
+    QVERIFY(test.settings().set(volumePath, 50).wait());
+    QVERIFY(follows->waitForOutput("volume 50\n"));
+
+    const auto adjusts = start(QStringLiteral("1000"));
+    QVERIFY(adjusts);
+    QVERIFY(adjusts->waitForError("adjusted: "));
+    QVERIFY(adjusts->waitForOutput("volume 100\n"));
+    QVERIFY(follows->waitForOutput("volume 100\n"));
+    QVERIFY(test.restart());
+    QVERIFY(follows->isRunning());
+    QVERIFY(test.settings().set(volumePath, 60).wait());
+    QVERIFY(follows->waitForOutput("volume 60\n"));
+    QCOMPARE(follows->standardError(), QByteArray());
+}
+
+void TstClientPrograms::readmeShowsAProgramThatRuns()
+{
+    const QList<QByteArray> programs = blocks(QStringLiteral("README.md"), "cpp");
+    QCOMPARE(programs.size(), 1);
+    const QString directory = makeDirectory(QStringLiteral("readme"));
+    write(directory + QStringLiteral("/program.cpp"), programs.first());
+    QVERIFY(buildByPkgConfig(directory + QStringLiteral("/program.cpp"),
+                             directory + QStringLiteral("/program")));
+    TestSettings test;
+    test.writeDefault(volumePath, R"({"value":{"int":20}})");
+    QVERIFY2(test.start(), qPrintable(test.error()));
+
+    ChildProcess program(directory + QStringLiteral("/program"));
+    program.setVariable(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), test.busAddress());
+    program.setVariable(QStringLiteral("LD_LIBRARY_PATH"), lib());
+    QVERIFY(program.start());
+
+    QVERIFY(program.waitForError("40\n"));
+}
+
+void TstClientPrograms::documentShowsTheProgramOfTheReadme()
+{
+    QCOMPARE(blocks(QStringLiteral("docs/clients.md"), "cpp").first(),
+             blocks(QStringLiteral("README.md"), "cpp").first());
+}
+
+// Finds the service of its own installation.
+void TstClientPrograms::documentShowsATestThatPasses()
+{
+    QByteArray test;
+    for (const QByteArray& block : blocks(QStringLiteral("docs/clients.md"), "cpp")) {
+        if (block.contains("QTEST_"))
+            test = block;
+    }
+    QVERIFY(!test.isEmpty());
+    const QList<QByteArray> lines = blocks(QStringLiteral("docs/clients.md"), "cmake");
+    QCOMPARE(lines.size(), 2);
+    const QString directory = makeDirectory(QStringLiteral("test"));
+    write(directory + QStringLiteral("/volumetest.cpp"), test);
+    write(directory + QStringLiteral("/CMakeLists.txt"),
+          "cmake_minimum_required(VERSION 3.25)\n"
+          "project(test LANGUAGES CXX)\n"
+          "set(CMAKE_AUTOMOC ON)\n"
+          "find_package(TuloSettings 0.1 REQUIRED)\n"
+          "add_executable(volumetest volumetest.cpp)\n"
+              + lines.last());
+
+    QVERIFY(buildByCMake(directory, directory + QStringLiteral("/build")));
+
+    QVERIFY(runs({ directory + QStringLiteral("/build/volumetest") }));
+}
+
+void TstClientPrograms::documentShowsWhatCompiles()
+{
+    QByteArray text = "#include <tulo/remotesettings.h>\n"
+                      "#include <tulo/setting.h>\n"
+                      "#include <QDebug>\n"
+                      "struct Program : QObject\n"
+                      "{\n"
+                      "    tulo::RemoteSettings settings;\n"
+                      "    tulo::Setting<qint64> volume { &settings, \"/settings/volume\" };\n"
+                      "    void readAgain() {}\n";
+    int count = 0;
+    for (const QByteArray& block : blocks(QStringLiteral("docs/clients.md"), "cpp")) {
+        if (!block.contains("#include"))
+            text += "void part" + QByteArray::number(++count) + "()\n{\n" + block + "}\n";
+    }
+    QVERIFY(count > 0);
+    text += "};\nint main() {}\n";
+    const QString directory = makeDirectory(QStringLiteral("parts"));
+    write(directory + QStringLiteral("/parts.cpp"), text);
+
+    QVERIFY(buildByPkgConfig(directory + QStringLiteral("/parts.cpp"),
+                             directory + QStringLiteral("/parts")));
+}
+
+QTEST_GUILESS_MAIN(TstClientPrograms)
+#include "tst_client_programs.moc"
