@@ -106,12 +106,15 @@ void BusAdaptor::on_bus_called(const BusCall& call)
         });
     Q_ASSERT(entry != entries.end());
     ++m_unanswered;
+    if (entry->serve != &BusAdaptor::flush)
+        m_served.insert(call.number);
     (this->*entry->serve)(call.number, call.arguments);
 }
 
 void BusAdaptor::finish(quint64 call, const Error& error, const Arguments& arguments)
 {
     --m_unanswered;
+    m_served.remove(call);
     if (error)
         m_bus.fail(call, error);
     else
@@ -281,7 +284,7 @@ void BusAdaptor::on_watch_changed(const Event& event)
     // A value that the bus cannot carry is left to be read; the data event follows.
     if (event.kind == Event::Kind::Value && !wire::isCarried(event.value))
         return;
-    m_bus.announce(wire::signalOf(event.kind), wire::eventToArguments(event));
+    m_bus.announce(wire::signalOf(event.kind), wire::eventToArguments(event), !m_served.isEmpty());
 }
 
 void BusAdaptor::refreshStatus()

@@ -5,6 +5,7 @@
 #include <tulo/settings.h>
 
 #include <QObject>
+#include <QSet>
 #include <QTimer>
 #include <QVariant>
 
@@ -71,6 +72,7 @@ private:
     BusThread& m_bus;
     const std::unique_ptr<Watch> m_watch;
     int m_unanswered = 0;
+    QSet<quint64> m_served; ///< those of them that are not flushes, which wait
     Status m_status; ///< what the properties read
     Status m_announced; ///< what they read when they were last announced
     QTimer m_announcement;

@@ -71,16 +71,15 @@ BusThread::~BusThread()
 // From other threads.
 // ---------------------------------------------------------------------------------------------
 
-void BusThread::give(Outgoing outgoing)
+void BusThread::give(Outgoing outgoing, bool mayWait)
 {
-    bool wasEmpty = false;
     {
         const QMutexLocker locker(&m_mutex);
-        wasEmpty = m_given.isEmpty();
         m_given.append(std::move(outgoing));
+        if (mayWait || std::exchange(m_isWoken, true))
+            return;
     }
-    if (wasEmpty)
-        ::eventfd_write(m_wake, 1);
+    ::eventfd_write(m_wake, 1);
 }
 
 void BusThread::setProperties(const QVariantMap& values)
@@ -106,13 +105,14 @@ void BusThread::fail(quint64 number, const Error& error)
     give(std::move(outgoing));
 }
 
-void BusThread::announce(const wire::Signal& signal, const QVariantList& arguments)
+void BusThread::announce(const wire::Signal& signal, const QVariantList& arguments,
+                         bool isAnswerComing)
 {
     Outgoing outgoing;
     outgoing.kind = Outgoing::Kind::Signal;
     outgoing.signal = &signal;
     outgoing.arguments = arguments;
-    give(std::move(outgoing));
+    give(std::move(outgoing), isAnswerComing);
 }
 
 void BusThread::announceProperties()
@@ -294,6 +294,7 @@ void BusThread::sendGiven()
     {
         const QMutexLocker locker(&m_mutex);
         given.swap(m_given);
+        m_isWoken = false;
     }
     for (const Outgoing& outgoing : qAsConst(given)) {
         switch (outgoing.kind) {

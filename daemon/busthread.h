@@ -23,8 +23,8 @@ struct BusCall
 };
 
 /// The thread that talks to the bus. It touches no setting: it always reads, refuses what is too
-/// much, hands out one call at a time (flushes, which wait, beside it) and sends what it is given,
-/// in that order.
+/// much, hands out a few calls at a time (flushes, which wait, beside them) and sends what it is
+/// given, in that order.
 ///
 /// A bus that goes, or falls silent, does not end it: it connects again, with growing pauses. What
 /// could not be sent then is lost together with the bus name's owner, which clients notice.
@@ -53,7 +53,9 @@ public:
     // What is to be sent. Each call that was handed out is answered once.
     void answer(quint64 number, const QVariantList& arguments);
     void fail(quint64 number, const Error& error);
-    void announce(const wire::Signal& signal, const QVariantList& arguments);
+    /// With `isAnswerComing` the signal may wait for the answer that follows: it is sent before it,
+    /// and the thread need not wake up twice.
+    void announce(const wire::Signal& signal, const QVariantList& arguments, bool isAnswerComing);
     void announceProperties();
 
     /// Hands out no more calls: those that wait, and those that come, fail with Unavailable.
@@ -97,7 +99,7 @@ private:
     void handleCall(const wire::Method& method, sd_bus_message* message) override;
     QVariant propertyValue(const char* name) override;
 
-    void give(Outgoing outgoing);
+    void give(Outgoing outgoing, bool mayWait = false);
     void sendGiven();
     void answerCall(const Outgoing& outgoing);
     void handOut();
@@ -117,6 +119,7 @@ private:
     QMutex m_mutex;
     // Under the mutex.
     QVector<Outgoing> m_given;
+    bool m_isWoken = false; ///< to send what was given
     QVariantMap m_properties;
     bool m_isRefusing = false;
     bool m_isEnding = false;

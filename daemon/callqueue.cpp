@@ -43,7 +43,7 @@ void CallQueue::add(quint64 number, const Call& call)
 
 std::optional<quint64> CallQueue::takeNext()
 {
-    if (m_served || m_turns.empty())
+    if (m_served.size() == maximumServed || m_turns.empty())
         return std::nullopt;
     const QByteArray name = m_turns.front();
     m_turns.pop_front();
@@ -53,7 +53,7 @@ std::optional<quint64> CallQueue::takeNext()
     if (!sender.waiting.empty())
         m_turns.push_back(name);
     if (!m_calls.value(number).isFlush)
-        m_served = number;
+        m_served.insert(number);
     return number;
 }
 
@@ -75,8 +75,7 @@ void CallQueue::remove(quint64 number)
     }
     if (sender->calls == 0)
         m_senders.erase(sender);
-    if (m_served == number)
-        m_served.reset();
+    m_served.remove(number);
     m_calls.erase(entry);
 }
 

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QHash>
+#include <QSet>
 #include <QString>
 #include <QVector>
 
@@ -10,7 +11,7 @@
 
 namespace tulo {
 
-/// The calls that clients have under way: what is too much is refused, the rest is served one at a
+/// The calls that clients have under way: what is too much is refused, the rest is taken a few at a
 /// time, senders in turn, each in its own order. Knows calls by number only. A plain data
 /// structure; lives on the bus thread.
 class CallQueue
@@ -23,6 +24,10 @@ public:
     /// The most of all senders together.
     static constexpr qint64 maximumBytes = qint64(16) * 1024 * 1024;
 
+    /// Taken and not answered: enough that the thread of the settings never waits for the next one,
+    /// and few, so that no sender waits long for its turn.
+    static constexpr int maximumServed = 4;
+
     struct Call
     {
         QByteArray sender;
@@ -34,7 +39,7 @@ public:
     QString refusal(const Call& call) const;
     /// `number` is not known yet.
     void add(quint64 number, const Call& call);
-    /// The next call to serve, none while one is being served that is not a flush.
+    /// The next call to serve, none while maximumServed are being served that are not flushes.
     std::optional<quint64> takeNext();
     /// The call has been answered, or will not be. Nothing for a number that is not known.
     void remove(quint64 number);
@@ -54,7 +59,7 @@ private:
     QHash<QByteArray, Sender> m_senders;
     std::deque<QByteArray> m_turns; ///< senders with calls that wait, each once
     qint64 m_bytes = 0;
-    std::optional<quint64> m_served;
+    QSet<quint64> m_served; ///< without flushes
 };
 
 } // namespace tulo
