@@ -1,5 +1,6 @@
 // bench_bus WORK SAMPLES SEED: what requests cost over the session bus, beside an empty call of
-// a service that does nothing.
+// a service that does nothing. Once by a client on QtDBus, as most programs are, and once by one on
+// sd-bus, which our service is on as well.
 
 #include "child.h"
 #include "samples.h"
@@ -18,10 +19,14 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <deque>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <stdexcept>
+
+#include <systemd/sd-bus.h>
 
 namespace {
 
@@ -52,13 +57,56 @@ QDBusMessage request(const QString& method, const QVariantList& arguments)
 
 QDBusMessage change(const QString& path, int value)
 {
-    return request(QStringLiteral("SetValue"),
-                   { path, QVariant::fromValue(QDBusVariant(qlonglong(value))) });
+    QDBusMessage message = QDBusMessage::createMethodCall(
+        service, QStringLiteral("/org/tulo/ConfigurationManager1"),
+        service + QStringLiteral(".Change"), QStringLiteral("SetValue"));
+    message.setArguments(
+        { path, QVariant::fromValue(QDBusVariant(qlonglong(value))), QVariantMap() });
+    return message;
 }
 
 void call(const QDBusMessage& message)
 {
     requireAnswer(QDBusConnection::sessionBus().call(message));
+}
+
+// ---------------------------------------------------------------------------------------------
+// The client on sd-bus.
+// ---------------------------------------------------------------------------------------------
+
+struct BusUnref
+{
+    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+};
+using SdBus = std::unique_ptr<sd_bus, BusUnref>;
+
+void require(int result, const char* what)
+{
+    if (result < 0)
+        throw std::runtime_error(std::string(what) + ": " + std::strerror(-result));
+}
+
+SdBus openSdBus()
+{
+    sd_bus* bus = nullptr;
+    require(sd_bus_open_user(&bus), "no session bus");
+    return SdBus(bus);
+}
+
+void callEmpty(sd_bus* bus)
+{
+    require(sd_bus_call_method(bus, "org.tulo.BenchEchoSd", "/", "org.tulo.BenchEchoSd", "empty",
+                               nullptr, nullptr, ""),
+            "empty call");
+}
+
+void callSet(sd_bus* bus, const QByteArray& path, int value)
+{
+    require(sd_bus_call_method(bus, "org.tulo.ConfigurationManager1",
+                               "/org/tulo/ConfigurationManager1",
+                               "org.tulo.ConfigurationManager1.Change", "SetValue", nullptr,
+                               nullptr, "sva{sv}", path.constData(), "x", int64_t(value), 0),
+            "SetValue");
 }
 
 // A service does not end with its standard input.
@@ -91,11 +139,12 @@ void waitForService()
 // The measurements. Each returns the nanoseconds of one call, or of all changes.
 // ---------------------------------------------------------------------------------------------
 
-double callRepeatedly(const QDBusMessage& message)
+template<typename Function>
+double callRepeatedly(Function&& function)
 {
     return nanoseconds([&] {
                for (int i = 0; i < callsEach; ++i)
-                   call(message);
+                   function();
            })
         / callsEach;
 }
@@ -133,8 +182,10 @@ void measure(const Arguments& arguments)
     const std::string directory = storeDirectory(arguments.work, tuloStore, shape);
     Child echo({ std::string(TULO_BENCH_PROGRAMS) + "/bench_echo" });
     echo.readLine();
-    const Service server({ TULO_CM_PROGRAM, "--default-path", defaultTree(directory),
-                           "--write-path", writableTree(directory), "--bus", "session", "serve" });
+    Child sdEcho({ std::string(TULO_BENCH_PROGRAMS) + "/bench_echo_sd" });
+    sdEcho.readLine();
+    const Service server({ TULO_SETTINGSD_PROGRAM, "--default-path", defaultTree(directory),
+                           "--write-path", writableTree(directory), "--bus", "session" });
     waitForService();
 
     const QString group = QLatin1String("/settings/") + QString::fromStdString(shape.directory(0));
@@ -155,18 +206,30 @@ void measure(const Arguments& arguments)
         const char* subject;
         std::function<double()> function;
     };
+    const SdBus sdBus = openSdBus();
+    const QByteArray sdPath = path.toUtf8();
+    // Each change is one.
+    int value = 0;
+    const auto called = [](const QDBusMessage& message) {
+        return [&message] {
+            return callRepeatedly([&message] { call(message); });
+        };
+    };
     std::vector<Measurement> calls {
-        { "bus_get", "empty",
+        { "bus_get", "empty", called(empty) },
+        { "bus_get", "tulo", called(get) },
+        { "bus_rows", "tulo", called(rows) },
+        { "bus_set", "tulo",
           [&] {
-              return callRepeatedly(empty);
+              return callRepeatedly([&] { call(change(path, ++value)); });
           } },
-        { "bus_get", "tulo",
+        { "bus_set_sd", "empty",
           [&] {
-              return callRepeatedly(get);
+              return callRepeatedly([&] { callEmpty(sdBus.get()); });
           } },
-        { "bus_rows", "tulo",
+        { "bus_set_sd", "tulo",
           [&] {
-              return callRepeatedly(rows);
+              return callRepeatedly([&] { callSet(sdBus.get(), sdPath, ++value); });
           } },
     };
     std::vector<Measurement> manyChanges {

@@ -30,6 +30,8 @@ titles = {
     "memory": "Resident memory with 1,000 settings read",
     "bus_get": "Get over the bus",
     "bus_rows": "20 rows of 3 roles over the bus",
+    "bus_set": "One change over the bus",
+    "bus_set_sd": "One change over the bus by a client on sd-bus, as our service is",
     "bus_changes": "1,000 changes over the bus",
 }
 
@@ -150,6 +152,10 @@ def goals(figures, counted):
              1.3),
         Goal("20 rows over the bus, to an empty call",
              ratio(ours("bus_rows"), ("bus_get", "empty", 1000)), 2, work="rows"),
+        Goal("one change over the bus, to an empty call",
+             ratio(ours("bus_set"), ("bus_get", "empty", 1000)), 1.7),
+        Goal("the same, both sides of both calls on sd-bus",
+             ratio(ours("bus_set_sd"), ("bus_set_sd", "empty", 1000)), 1.7),
         Goal("1,000 changes over the bus without waiting, faster than waiting",
              ratio(("bus_changes", "waiting", 1000), ("bus_changes", "not waiting", 1000)), 3,
              least=True),
