@@ -132,11 +132,6 @@ DirectoryRows Dispatcher::rows(const CMPath& path, qint32 firstRow, qint32 lastR
     return result;
 }
 
-const Guard::Adjustment& Dispatcher::adjustment() const
-{
-    return m_adjustment;
-}
-
 // ---------------------------------------------------------------------------------------------
 // The way to the worker.
 // ---------------------------------------------------------------------------------------------
@@ -150,15 +145,11 @@ void Dispatcher::submit(const CMRequest& request)
         return;
     }
     CMError error;
-    Guard::Adjustment adjustment;
-    const CMRequest admitted = m_guard->admit(request, &error, &adjustment);
+    const CMRequest admitted = m_guard->admit(request, &error);
     if (errorCode(error) == ErrorCode::None)
         serveAdmitted(admitted);
     else
         request.voidReply().setError(error);
-    // Only now: subscribers have their own requests served inside of a change.
-    if (request.kind() == CMRequest::Kind::SetData)
-        m_adjustment = adjustment;
 }
 
 void Dispatcher::serveAdmitted(const CMRequest& admitted)

@@ -68,8 +68,6 @@ public:
     void serveAdmitted(const CMRequest& admitted);
     /// Stores again what was accepted before, without checking it again.
     CMSetDataRequest::Reply storeAgain(const CMPath& path, const TuloRoles& roles);
-    /// How the value of the last change was adjusted to fit, if it was.
-    const Guard::Adjustment& adjustment() const;
 
     /// Takes an answer to getRows() apart; `roles` are those that were given there.
     static DirectoryRows rowsOf(const TuloRowsRoles& answer, const QStringList& roles);
@@ -85,7 +83,6 @@ signals:
 private:
     Router* const m_router;
     Guard* const m_guard;
-    Guard::Adjustment m_adjustment;
     bool m_isClosed = false;
 };
 

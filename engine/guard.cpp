@@ -230,7 +230,7 @@ CMError Guard::checkValue(const CMPath& path, const QVariant& value)
 // Requests in front of the trees.
 // ---------------------------------------------------------------------------------------------
 
-CMRequest Guard::admit(const CMRequest& request, CMError* error, Adjustment* adjustment)
+CMRequest Guard::admit(const CMRequest& request, CMError* error)
 {
     *error = checkPath(request.path());
     if (isRefused(*error))
@@ -246,7 +246,7 @@ CMRequest Guard::admit(const CMRequest& request, CMError* error, Adjustment* adj
         *error = checkRows(CMGetRowsRequest(request));
         break;
     case CMRequest::Kind::SetData:
-        return admitSetData(CMSetDataRequest(request), error, adjustment);
+        return admitSetData(CMSetDataRequest(request), error);
     case CMRequest::Kind::Ping:
     case CMRequest::Kind::MatchRow:
         break;
@@ -294,8 +294,7 @@ CMError Guard::checkRows(const CMGetRowsRequest& request)
     return checkFiles(path);
 }
 
-CMRequest Guard::admitSetData(const CMSetDataRequest& request, CMError* error,
-                              Adjustment* adjustment)
+CMRequest Guard::admitSetData(const CMSetDataRequest& request, CMError* error)
 {
     const CMPath& path = request.path();
     if (request.role() == TuloRoles::Activate()) {
@@ -313,7 +312,10 @@ CMRequest Guard::admitSetData(const CMSetDataRequest& request, CMError* error,
 
     Target target;
     *error = checkTarget(path, &target);
-    return isRefused(*error) ? CMRequest() : admitChange(target, request, error, adjustment);
+    if (isRefused(*error))
+        return CMRequest();
+    Adjustment adjustment;
+    return admitChange(target, request, error, &adjustment);
 }
 
 CMRequest Guard::admitChange(const Target& target, const CMSetDataRequest& request, CMError* error,
@@ -362,8 +364,7 @@ CMRequest Guard::admitContent(const CMSetDataRequest& request, const TuloRoles& 
     *error = checkSize(path, validated.value.__variant());
     if (isRefused(*error))
         return CMRequest();
-    if (adjustment != nullptr)
-        *adjustment = { validated.asked, validated.value, validated.reason };
+    *adjustment = { validated.asked, validated.value, validated.reason };
 
     if (request.role() != TuloRoles::SetRoles()) {
         return CMSetDataRequest(path, TuloRoles::Value(), validated.value.__variant(),

@@ -69,11 +69,10 @@ public:
     /// admits changes again. The two actions stay admitted.
     void setReadOnly(const QString& message);
 
-    /// Returns the request to hand to the worker: `request` itself, or one that shares its
-    /// reply and asks for fewer rows or changes to another value, which `adjustment` then tells.
-    /// Sets `error` and returns an empty handle when the request is refused; the reply is left to
-    /// the caller.
-    CMRequest admit(const CMRequest& request, CMError* error, Adjustment* adjustment = nullptr);
+    /// Returns the request to hand to the worker: `request` itself, or one that shares its reply
+    /// and asks for fewer rows or changes to another value. Sets `error` and returns an empty
+    /// handle when the request is refused; the reply is left to the caller.
+    CMRequest admit(const CMRequest& request, CMError* error);
 
     /// A setting that a change may go to.
     struct Target
@@ -116,7 +115,7 @@ public:
 
 private:
     CMError checkRows(const CMGetRowsRequest& request);
-    CMRequest admitSetData(const CMSetDataRequest& request, CMError* error, Adjustment* adjustment);
+    CMRequest admitSetData(const CMSetDataRequest& request, CMError* error);
     static CMRequest admitContent(const CMSetDataRequest& request, const TuloRoles& setting,
                                   CMError* error, Adjustment* adjustment);
     static CMError checkContent(const CMSetDataRequest& request);

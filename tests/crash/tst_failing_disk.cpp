@@ -10,6 +10,7 @@
 #include "api/core/tulojson.h"
 
 #include "tests/support/childprocess.h"
+#include "tests/support/enginechanges.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/repeats.h"
 #include "tests/support/temporarytree.h"
@@ -270,8 +271,9 @@ Outcome outcomeOf(const QString& mountOptions, const std::optional<Moment>& mome
         for (int round = 1; round <= rounds && roundsLeft > 0; ++round, --roundsLeft) {
             const QStringList settings = settingsOf(round);
             for (const QString& setting : settings) {
-                const auto reply = engine->dispatcher().setValue(
-                    CMPath(QLatin1String("/settings") + setting), valueOf(setting, round));
+                const auto reply =
+                    sendValue(engine->dispatcher(), CMPath(QLatin1String("/settings") + setting),
+                              valueOf(setting, round));
                 if (reply.error().name().isEmpty())
                     accepted.insert(setting, round);
             }

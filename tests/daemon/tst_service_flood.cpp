@@ -2,6 +2,7 @@
 
 #include "engine/engine.h"
 
+#include "tests/support/enginechanges.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/repeats.h"
 
@@ -117,7 +118,7 @@ void TstServiceFlood::badRequestsCostTheEngineNothing()
             error = engine->dispatcher().getRows(path, 0, 100, roles).error();
             break;
         default:
-            error = engine->dispatcher().setValue(path, value).error();
+            error = sendValue(engine->dispatcher(), path, value).error();
             break;
         }
         answered += errorCode(error) == ErrorCode::None ? 0 : 1;

@@ -6,6 +6,7 @@
 #include "api/core/model/tulosettingsactions.h"
 #include "tests/engine/enginefixture.h"
 #include "tests/support/childprocess.h"
+#include "tests/support/enginechanges.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/replywaiter.h"
 #include "tests/support/temporarytree.h"
@@ -134,10 +135,10 @@ void tst_dispatcher::changesAreMade()
     TuloRoles roles;
     roles.setId(QStringLiteral("x"));
 
-    const auto set = m_dispatcher->setValue(volume, TuloValue::of(TuloValue::Int(), 6));
-    const auto named = m_dispatcher->setRoles(volume, roles);
-    const auto added =
-        m_dispatcher->apply(volume, { QStringLiteral("add"), TuloValue::of(TuloValue::Int(), 4) });
+    const auto set = sendValue(*m_dispatcher, volume, TuloValue::of(TuloValue::Int(), 6));
+    const auto named = sendRoles(*m_dispatcher, volume, roles);
+    const auto added = sendOperation(*m_dispatcher, volume,
+                                     { QStringLiteral("add"), TuloValue::of(TuloValue::Int(), 4) });
 
     QCOMPARE(errorText(set) + errorText(named) + errorText(added), QString());
     QCOMPARE(m_dispatcher->getData(volume, { TuloRoles::Value(), TuloRoles::Id() }).value(),
@@ -225,7 +226,7 @@ void tst_dispatcher::acceptedChangeIsSignalled()
     connect(m_dispatcher.get(), &Dispatcher::changeAccepted, this,
             [&paths](const CMPath& accepted) { paths.append(accepted.text()); });
 
-    m_dispatcher->setData(CMPath(path), role, sent);
+    sendChange(*m_dispatcher, CMPath(path), role, sent);
 
     QCOMPARE(paths, signalled);
 }

@@ -3,6 +3,7 @@
 
 #include "api/core/language.h"
 #include "tests/support/childprocess.h"
+#include "tests/support/enginechanges.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/registryobserver.h"
 #include "tests/support/replywaiter.h"
@@ -237,7 +238,7 @@ void tst_engine::linkedDirectoriesAreCanonical()
     QCOMPARE(engine->defaultPath(), m_tree->defaultPath());
     QCOMPARE(engine->writePath(), m_tree->writePath());
     QVERIFY(engine->ownsTree());
-    QCOMPARE(errorText(engine->dispatcher().setValue(volume, number(1))), QString());
+    QCOMPARE(errorText(sendValue(engine->dispatcher(), volume, number(1))), QString());
     (void)engine->flushNow();
     QVERIFY(engine->writes().isSaved());
 }
@@ -370,7 +371,7 @@ void tst_engine::readerSaysWhoOwnsTheTree()
     const std::unique_ptr<Engine> reader = openEngine(Access::Read);
 
     QCOMPARE(reader->otherOwner(), std::optional<qint64>(::getpid()));
-    const auto reply = reader->dispatcher().setValue(volume, number(1));
+    const auto reply = sendValue(reader->dispatcher(), volume, number(1));
     QCOMPARE(errorText(reply),
              QStringLiteral("Unavailable: The writable tree '%1' is in use by process %2")
                  .arg(m_tree->writePath(), QString::number(::getpid())));
@@ -380,7 +381,7 @@ void tst_engine::readerRefusesChanges()
 {
     const std::unique_ptr<Engine> engine = openEngine(Access::Read);
 
-    const auto change = engine->dispatcher().setValue(volume, number(1));
+    const auto change = sendValue(engine->dispatcher(), volume, number(1));
 
     QCOMPARE(errorText(change),
              QStringLiteral("Unavailable: The writable tree '%1' is open for reading only")
@@ -404,7 +405,7 @@ void tst_engine::changesAreAnnounced()
     RegistryObserver observer(engine->registry());
     observer.subscribeValue(volume.text());
 
-    engine->dispatcher().setValue(volume, number(1));
+    sendValue(engine->dispatcher(), volume, number(1));
 
     QCOMPARE(observer.texts(),
              QStringList(QStringLiteral("value /settings/audio/volume {int: 1}")));
@@ -418,7 +419,7 @@ void tst_engine::acceptedChangeIsPendingUntilTheFlush()
 {
     const std::unique_ptr<Engine> engine = openEngine();
 
-    QCOMPARE(errorText(engine->dispatcher().setValue(volume, number(1))), QString());
+    QCOMPARE(errorText(sendValue(engine->dispatcher(), volume, number(1))), QString());
     QCOMPARE(engine->writes().pendingPaths(), QStringList(volume.text()));
     QVERIFY(!engine->writes().isSaved());
 
@@ -432,7 +433,7 @@ void tst_engine::acceptedChangeIsPendingUntilTheFlush()
 void tst_engine::acceptedChangeIsWrittenByTheTimer()
 {
     const std::unique_ptr<Engine> engine = openEngine();
-    engine->dispatcher().setValue(volume, number(1));
+    sendValue(engine->dispatcher(), volume, number(1));
 
     QVERIFY(waitForTimer(*engine));
 
@@ -448,7 +449,7 @@ void tst_engine::failedWriteIsStoredAgainByTheNextFlush()
                                .arg(m_tree->writePath());
     m_log->expect(log4cplus::ERROR_LOG_LEVEL, record);
     const std::unique_ptr<Engine> engine = openEngine();
-    const auto reply = engine->dispatcher().setValue(volume, number(1));
+    const auto reply = sendValue(engine->dispatcher(), volume, number(1));
     const qint64 timestamp = TuloRoles(TuloHash(reply.value().toHash())).timestamp();
     m_tree->makeWriteDirectory(QStringLiteral("/audio/volume"));
 
@@ -475,7 +476,7 @@ void tst_engine::unsavedValueOutlivesTheWorkersCache()
                                  "'%1/audio/volume' failed")
                       .arg(m_tree->writePath()));
     const std::unique_ptr<Engine> engine = openEngine();
-    engine->dispatcher().setValue(volume, number(1));
+    sendValue(engine->dispatcher(), volume, number(1));
     m_tree->makeWriteDirectory(QStringLiteral("/audio/volume"));
     QCOMPARE(engine->flushNow().unsaved, 1);
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/volume")));
@@ -490,9 +491,9 @@ void tst_engine::unsavedValueOutlivesTheWorkersCache()
 void tst_engine::failedSyncMakesEverythingSinceTheLastGoodOneUnsaved()
 {
     const std::unique_ptr<Engine> engine = openEngine();
-    engine->dispatcher().setValue(CMPath(QStringLiteral("/settings/audio/balance")), number(1));
+    sendValue(engine->dispatcher(), CMPath(QStringLiteral("/settings/audio/balance")), number(1));
     QCOMPARE(engine->flushNow().error, QString());
-    engine->dispatcher().setValue(volume, number(1));
+    sendValue(engine->dispatcher(), volume, number(1));
     QVERIFY(waitForTimer(*engine));
     syncError = EIO;
 
@@ -519,12 +520,12 @@ void tst_engine::flushThatWaitsHoldsUpNoRequest()
         gate.acquire();
     };
     const std::unique_ptr<Engine> engine = openEngine();
-    engine->dispatcher().setValue(volume, number(1));
+    sendValue(engine->dispatcher(), volume, number(1));
     int answers = 0;
     engine->flush([&answers](const FlushResult&) { ++answers; });
     QTRY_COMPARE_WITH_TIMEOUT(syncCount.load(), 1, replyWaitMs);
 
-    QCOMPARE(errorText(engine->dispatcher().setValue(volume, number(2))), QString());
+    QCOMPARE(errorText(sendValue(engine->dispatcher(), volume, number(2))), QString());
     QCOMPARE(engine->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(2).__variant() }));
     QCOMPARE(answers, 0);
@@ -545,7 +546,7 @@ void tst_engine::flushesThatWaitShareTheNext()
     engine->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("a")); });
     QTRY_COMPARE_WITH_TIMEOUT(syncCount.load(), 1, replyWaitMs);
 
-    engine->dispatcher().setValue(volume, number(1));
+    sendValue(engine->dispatcher(), volume, number(1));
     engine->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("b")); });
     engine->flush([&answers](const FlushResult&) { answers.append(QStringLiteral("c")); });
     gate.release();
@@ -564,8 +565,8 @@ void tst_engine::manyWritesAreConfirmedUnasked()
         m_tree->writeDefault(QStringLiteral("/many/n%1").arg(i), R"({"value":{"int":0}})");
     const std::unique_ptr<Engine> engine = openEngine();
     for (int i = 0; i < Flusher::maximumUnconfirmed; ++i)
-        engine->dispatcher().setValue(CMPath(QStringLiteral("/settings/many/n%1").arg(i)),
-                                      number(1));
+        sendValue(engine->dispatcher(), CMPath(QStringLiteral("/settings/many/n%1").arg(i)),
+                  number(1));
 
     QTRY_VERIFY_WITH_TIMEOUT(!engine->writes().needsFlush(), replyWaitMs);
 
@@ -581,8 +582,8 @@ void tst_engine::largestValueIsStoredAgain()
     const std::unique_ptr<Engine> engine = openEngine();
     const TuloValue large = TuloValue::of(TuloValue::String(),
                                           QString(Guard::maximumValueBytes - 13, QLatin1Char('x')));
-    QCOMPARE(errorText(engine->dispatcher().setValue(CMPath(QStringLiteral("/settings/audio/text")),
-                                                     large)),
+    QCOMPARE(errorText(sendValue(engine->dispatcher(),
+                                 CMPath(QStringLiteral("/settings/audio/text")), large)),
              QString());
     m_tree->makeWriteDirectory(QStringLiteral("/audio/.text"));
     QCOMPARE(engine->flushNow().unsaved, 1);
@@ -605,7 +606,7 @@ void tst_engine::changeWithoutAValueIsStoredAgainWithoutOne()
     const std::unique_ptr<Engine> engine = openEngine();
     TuloRoles roles;
     roles.setId(QStringLiteral("A"));
-    QCOMPARE(errorText(engine->dispatcher().setRoles(loud, roles)), QString());
+    QCOMPARE(errorText(sendRoles(engine->dispatcher(), loud, roles)), QString());
     m_tree->makeWriteDirectory(QStringLiteral("/audio/.loud"));
     QCOMPARE(engine->flushNow().unsaved, 1);
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/.loud")));
@@ -619,7 +620,7 @@ void tst_engine::changeWithoutAValueIsStoredAgainWithoutOne()
 void tst_engine::stopAnswersEveryFlush()
 {
     const std::unique_ptr<Engine> engine = openEngine();
-    engine->dispatcher().setValue(volume, number(1));
+    sendValue(engine->dispatcher(), volume, number(1));
     QStringList answers;
     engine->flush([&answers](const FlushResult& result) { answers.append(result.error); });
 
@@ -632,7 +633,7 @@ void tst_engine::stopAnswersEveryFlush()
 void tst_engine::replacedTreeIsNotSaved()
 {
     const std::unique_ptr<Engine> engine = openEngine();
-    engine->dispatcher().setValue(volume, number(1));
+    sendValue(engine->dispatcher(), volume, number(1));
     const QString tree = m_tree->writePath();
     QVERIFY(QDir().rename(tree, tree + QLatin1String(".old")));
     QVERIFY(QDir().mkdir(tree));
@@ -649,7 +650,7 @@ void tst_engine::replacedTreeIsNoticedAfterAWrite()
     const QString tree = m_tree->writePath();
     QVERIFY(QDir().rename(tree, tree + QLatin1String(".old")));
     QVERIFY(QDir().mkdir(tree));
-    engine->dispatcher().setValue(volume, number(1));
+    sendValue(engine->dispatcher(), volume, number(1));
 
     QTRY_VERIFY_WITH_TIMEOUT(engine->writes().lastError().contains(tree), replyWaitMs);
 }
@@ -657,7 +658,7 @@ void tst_engine::replacedTreeIsNoticedAfterAWrite()
 void tst_engine::stopFlushesWhatIsPending()
 {
     const std::unique_ptr<Engine> engine = openEngine();
-    engine->dispatcher().setValue(volume, number(1));
+    sendValue(engine->dispatcher(), volume, number(1));
 
     QVERIFY(engine->stop());
 
@@ -670,7 +671,7 @@ void tst_engine::stopFlushesWhatIsPending()
 void tst_engine::stopSyncsWhatTheTimerWrote()
 {
     const std::unique_ptr<Engine> engine = openEngine();
-    engine->dispatcher().setValue(volume, number(1));
+    sendValue(engine->dispatcher(), volume, number(1));
     QVERIFY(waitForTimer(*engine));
     QCOMPARE(syncCount.load(), 0);
 
@@ -705,7 +706,7 @@ void tst_engine::stopTellsOfAFailedWrite()
                                  "'%1/audio/volume' failed")
                       .arg(m_tree->writePath()));
     const std::unique_ptr<Engine> engine = openEngine();
-    engine->dispatcher().setValue(volume, number(1));
+    sendValue(engine->dispatcher(), volume, number(1));
     m_tree->makeWriteDirectory(QStringLiteral("/audio/volume"));
 
     QVERIFY(!engine->stop());
@@ -730,7 +731,7 @@ void tst_engine::stopGivesTheTreeBackAndRefusesRequests()
 void tst_engine::destructionFlushes()
 {
     std::unique_ptr<Engine> engine = openEngine();
-    engine->dispatcher().setValue(volume, number(1));
+    sendValue(engine->dispatcher(), volume, number(1));
 
     engine.reset();
 

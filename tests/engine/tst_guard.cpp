@@ -5,6 +5,7 @@
 #include "trees/nodenames.h"
 
 #include "api/core/model/tulosettingsactions.h"
+#include "tests/support/enginechanges.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/replywaiter.h"
 #include "tests/support/temporarytree.h"
@@ -158,7 +159,7 @@ private slots:
 private:
     CMReply<QVariant> setData(const QString& path, const QString& role, const QVariant& value)
     {
-        return m_dispatcher->setData(CMPath(path), role, value);
+        return sendChange(*m_dispatcher, CMPath(path), role, value);
     }
     bool workerSawRequest(const QString& operation) const;
 
@@ -703,7 +704,7 @@ void tst_guard::pathRoleIsRefusedInAnyForm()
     TuloRoles roles;
     roles.__setHashAttribute(TuloRoles::Path(), role);
 
-    const auto reply = m_dispatcher->setRoles(CMPath(volume), roles);
+    const auto reply = sendRoles(*m_dispatcher, CMPath(volume), roles);
 
     QCOMPARE(errorText(reply),
              QStringLiteral("Refused: The role 'path' of '/settings/audio/volume' cannot be set"));
@@ -1012,16 +1013,16 @@ void tst_guard::valueThatGrowsIsLimited()
     const TuloOperation more(QStringLiteral("append"), TuloValue::of(TuloValue::List(), numbers));
 
     for (int i = 0; i < 2; ++i) {
-        QCOMPARE(errorText(m_dispatcher->apply(textPath, longer)), QString());
+        QCOMPARE(errorText(sendOperation(*m_dispatcher, textPath, longer)), QString());
         if (i == 0)
-            QCOMPARE(errorText(m_dispatcher->apply(listPath, more)), QString());
+            QCOMPARE(errorText(sendOperation(*m_dispatcher, listPath, more)), QString());
     }
 
-    QCOMPARE(errorText(m_dispatcher->apply(textPath, longer)),
+    QCOMPARE(errorText(sendOperation(*m_dispatcher, textPath, longer)),
              QStringLiteral("Limits: A value for '/settings/audio/text' takes more than 49152 "
                             "bytes"));
-    QCOMPARE(errorText(m_dispatcher->apply(listPath, more)), QString());
-    QCOMPARE(errorText(m_dispatcher->apply(listPath, more)),
+    QCOMPARE(errorText(sendOperation(*m_dispatcher, listPath, more)), QString());
+    QCOMPARE(errorText(sendOperation(*m_dispatcher, listPath, more)),
              QStringLiteral("Limits: A value for '/settings/audio/numbers' takes more than 49152 "
                             "bytes"));
 }
@@ -1031,15 +1032,22 @@ void tst_guard::adjustmentIsTold()
     m_tree->writeDefault(QStringLiteral("/audio/bass"), R"({"value":{"int":5},"edit":{"max":10}})");
     const CMPath bass(QStringLiteral("/settings/audio/bass"));
 
-    m_dispatcher->setValue(bass, TuloValue::of(TuloValue::Int(), 50));
+    const auto adjustmentOf = [&](int number) {
+        Guard::Target target;
+        Guard::Adjustment adjustment;
+        CMError error = m_guard->checkTarget(bass, &target);
+        const CMSetDataRequest request(bass, TuloRoles::Value(), intValue(number),
+                                       CMSetDataRequest::Reply::create());
+        m_guard->admitChange(target, request, &error, &adjustment);
+        return adjustment;
+    };
 
-    const Guard::Adjustment& adjustment = m_dispatcher->adjustment();
+    const Guard::Adjustment adjustment = adjustmentOf(50);
     QVERIFY(adjustment.asked == TuloValue::of(TuloValue::Int(), 50));
     QVERIFY(adjustment.stored == TuloValue::of(TuloValue::Int(), 10));
     QCOMPARE(adjustment.reason, QStringLiteral("it is above 'max' (10)"));
 
-    m_dispatcher->setValue(bass, TuloValue::of(TuloValue::Int(), 5));
-    QCOMPARE(m_dispatcher->adjustment().reason, QString());
+    QCOMPARE(adjustmentOf(5).reason, QString());
 }
 
 void tst_guard::newSettingsAreLimited()
@@ -1115,7 +1123,7 @@ void tst_guard::unreadableFileIsUnavailable()
     const QString error = QStringLiteral("Unavailable: '%1' is not a regular file").arg(name);
     QCOMPARE(errorText(m_dispatcher->getData(path, { TuloRoles::Value() })), error);
     if (!isWritten)
-        QCOMPARE(errorText(m_dispatcher->setValue(path, TuloValue::of(TuloValue::Int(), 1))),
+        QCOMPARE(errorText(sendValue(*m_dispatcher, path, TuloValue::of(TuloValue::Int(), 1))),
                  error);
     QCOMPARE(errorText(m_dispatcher->getData(CMPath(volume), { TuloRoles::Value() })), QString());
 }

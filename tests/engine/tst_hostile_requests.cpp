@@ -8,6 +8,7 @@
 #include "engine/router.h"
 
 #include "tests/support/childprocess.h"
+#include "tests/support/enginechanges.h"
 #include "tests/support/hostilerequests.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/replywaiter.h"
@@ -165,7 +166,7 @@ void tst_HostileRequests::guardRefusesAndTheServiceLives()
     QCOMPARE(stage.worker->m_dirCache.size(), 0);
     QCOMPARE(stage.entries(), entries);
 
-    const auto change = dispatcher.setData(CMPath(volume), TuloRoles::Value(), intValue(8));
+    const auto change = sendChange(dispatcher, CMPath(volume), TuloRoles::Value(), intValue(8));
     const auto answer = dispatcher.getData(CMPath(volume), { TuloRoles::Value() });
     QCOMPARE(errorText(change), QString());
     QCOMPARE(text(answer.value()), QStringLiteral("[{int: 8}]"));
@@ -206,7 +207,7 @@ void tst_HostileRequests::readOnlyHostRefusesEveryChange()
     Dispatcher dispatcher(&router, &guard);
     guard.setReadOnly(QStringLiteral("The tree is in use"));
 
-    const auto set = dispatcher.setData(CMPath(volume), TuloRoles::Value(), intValue(8));
+    const auto set = sendChange(dispatcher, CMPath(volume), TuloRoles::Value(), intValue(8));
     const auto get = dispatcher.getData(CMPath(volume), { TuloRoles::Value() });
 
     QCOMPARE(errorText(set), QStringLiteral("Unavailable: The tree is in use"));

@@ -2,6 +2,7 @@
 
 #include "api/core/model/cmoperation.h"
 #include "api/core/tulojson.h"
+#include "tests/support/enginechanges.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/registryobserver.h"
 #include "tests/support/repeats.h"
@@ -135,17 +136,18 @@ CMReply<QVariant> tst_rejected_changes::change(Dispatcher& dispatcher, const CMP
 {
     const int way = pick(3);
     if (way == 0)
-        return dispatcher.setValue(path, randomValue());
+        return sendValue(dispatcher, path, randomValue());
     if (way == 1) {
         const QStringList verbs = CMOperation::verbs() + QStringList(QStringLiteral("halve"));
-        return dispatcher.apply(path, TuloOperation(verbs.at(pick(verbs.size())), randomValue()));
+        return sendOperation(dispatcher, path,
+                             TuloOperation(verbs.at(pick(verbs.size())), randomValue()));
     }
     TuloRoles roles;
     roles.setValue(randomValue());
     roles.setId(QString::number(pick(100)));
     if (pick(4) == 0)
         roles.__setHashAttribute(TuloRoles::Path(), QVariantHash());
-    return dispatcher.setRoles(path, roles);
+    return sendRoles(dispatcher, path, roles);
 }
 
 void tst_rejected_changes::rejectedChangesLeaveNoTrace()

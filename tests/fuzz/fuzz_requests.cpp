@@ -12,6 +12,7 @@
 #include "engine/router.h"
 
 #include "api/core/tulojson.h"
+#include "tests/support/enginechanges.h"
 #include "tests/support/replywaiter.h"
 #include "tests/support/temporarytree.h"
 
@@ -113,18 +114,18 @@ void perform(FuzzInput* input, Stage* stage)
     }
     case 3:
     case 4:
-        reply = dispatcher.setData(path, TuloRoles::Value(), takeJson(input));
+        reply = sendChange(dispatcher, path, TuloRoles::Value(), takeJson(input));
         break;
     case 5:
-        reply = dispatcher.setData(path, TuloRoles::SetRoles(), takeJson(input));
+        reply = sendChange(dispatcher, path, TuloRoles::SetRoles(), takeJson(input));
         break;
     case 6:
-        reply = dispatcher.setData(path, TuloRoles::ValueOperation(), takeJson(input));
+        reply = sendChange(dispatcher, path, TuloRoles::ValueOperation(), takeJson(input));
         break;
     case 7:
         // Any role; the flush action, which runs a program, stays out.
-        reply = dispatcher.setData(path == CMPath(paths.at(14)) ? CMPath(paths.at(15)) : path,
-                                   input->text(), takeJson(input));
+        reply = sendChange(dispatcher, path == CMPath(paths.at(14)) ? CMPath(paths.at(15)) : path,
+                           input->text(), takeJson(input));
         break;
     case 8:
         stage->worker.on_writeTimer_timeout();

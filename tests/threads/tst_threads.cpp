@@ -5,6 +5,7 @@
 #include "engine/router.h"
 
 #include "api/core/model/tulosettingsactions.h"
+#include "tests/support/enginechanges.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/repeats.h"
 #include "tests/support/replywaiter.h"
@@ -226,7 +227,7 @@ private:
         TuloRoles roles;
         roles.setValue(intValue(m_lastNumber + 1));
         const auto reply = succeeded([this, &roles](Dispatcher& dispatcher) {
-            return dispatcher.setRoles(ownSetting(m_number), roles);
+            return sendRoles(dispatcher, ownSetting(m_number), roles);
         });
         ++m_lastNumber;
         expect(TuloRoles(TuloHash(reply.value().toHash())).value() == intValue(m_lastNumber));
@@ -238,11 +239,11 @@ private:
         const int number = below(100);
         if (number < 60) {
             succeeded([path, number](Dispatcher& dispatcher) {
-                return dispatcher.setValue(path, intValue(number));
+                return sendValue(dispatcher, path, intValue(number));
             });
         } else {
             succeeded([path](Dispatcher& dispatcher) {
-                return dispatcher.apply(path, { QStringLiteral("add"), intValue(1) });
+                return sendOperation(dispatcher, path, { QStringLiteral("add"), intValue(1) });
             });
         }
     }
@@ -261,7 +262,7 @@ private:
     void refused()
     {
         const auto reply = served([](Dispatcher& dispatcher) {
-            return dispatcher.setValue(CMPath(QStringLiteral("/settings/../up")), intValue(1));
+            return sendValue(dispatcher, CMPath(QStringLiteral("/settings/../up")), intValue(1));
         });
         expect(errorCode(reply.error()) == ErrorCode::Refused);
     }
@@ -269,8 +270,8 @@ private:
     void flush()
     {
         succeeded([](Dispatcher& dispatcher) {
-            return dispatcher.setData(TuloSettingsActionsFlush(), TuloRoles::Activate(),
-                                      QVariant());
+            return sendChange(dispatcher, TuloSettingsActionsFlush(), TuloRoles::Activate(),
+                              QVariant());
         });
     }
 
@@ -321,7 +322,7 @@ void tst_Threads::eightThreadsGetTheAnswersToTheirRequests()
 
     Threads threads(threadCount, [&requesters](int number) { requesters[number]->run(); });
     threads.joinServingEvents();
-    stage.dispatcher->setData(TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant());
+    sendChange(*stage.dispatcher, TuloSettingsActionsFlush(), TuloRoles::Activate(), QVariant());
 
     for (int number = 0; number < threadCount; ++number) {
         QCOMPARE(requesters[number]->failures(), 0);
@@ -369,7 +370,7 @@ void tst_Threads::callsFromForeignThreadsReachTheIdleLoopLater()
 void tst_Threads::flushFromAForeignThreadWaitsForTheLoop()
 {
     const Stage stage;
-    stage.dispatcher->setValue(ownSetting(0), intValue(5));
+    sendValue(*stage.dispatcher, ownSetting(0), intValue(5));
     const auto reply = CMReply<QVariant>::create();
 
     Threads threads(1, [&stage, &reply](int) {
