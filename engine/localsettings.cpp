@@ -368,9 +368,9 @@ Error checkRoles(const QString& path, const QVariantMap& given, TuloRoles* roles
 {
     for (auto role = given.cbegin(); role != given.cend(); ++role) {
         const QVariant content = contentOf(*role);
-        if (role.key() == TuloRoles::Value()) {
+        if (role.key() == TuloRoles::Value())
             continue;
-        } else if (!settableRoles().contains(role.key())) {
+        if (!settableRoles().contains(role.key())) {
             return { ErrorCode::Refused,
                      QStringLiteral("The role '%1' of '%2' cannot be set; those that can are %3")
                          .arg(role.key(), shownPath(path),
@@ -624,7 +624,7 @@ Reply<int> LocalSettings::flush()
     return enqueue<int>([this](const Promise<int>& promise) {
         m_engine->flush([this, promise](const FlushResult& result) {
             // In a turn of its own, as it may come from stop().
-            m_requests.push_back([promise, result](const Error& error) {
+            m_requests.emplace_back([promise, result](const Error& error) {
                 if (error.code == ErrorCode::Cancelled)
                     promise.fail(error);
                 else if (!result.error.isEmpty())

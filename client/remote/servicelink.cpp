@@ -18,10 +18,10 @@ constexpr qint64 callTimeoutMs = 90'000;
 
 // A bus takes 128 calls without an answer of a connection, the service half of that and 2 MiB.
 constexpr std::size_t maximumUnderWay = 32;
-constexpr qint64 maximumBytesUnderWay = 1024 * 1024;
+constexpr qint64 maximumBytesUnderWay = qint64(1024) * 1024;
 constexpr int maximumPartialUnderWay = 8;
 // A bus closes the connection over one message of 32 MiB.
-constexpr qint64 maximumCallBytes = 16 * 1024 * 1024;
+constexpr qint64 maximumCallBytes = qint64(16) * 1024 * 1024;
 
 constexpr int firstPauseMs = 1000;
 constexpr int longestPauseMs = 30'000;

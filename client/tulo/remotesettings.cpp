@@ -380,7 +380,7 @@ Error pathError(const QString& path)
 {
     if (wire::isCarried(path))
         return {};
-    const Error error = checkPath(path);
+    Error error = checkPath(path);
     if (error)
         return error;
     return {
