@@ -6,6 +6,7 @@
 #include "trees/settingvalue.h"
 
 #include "api/core/model/cmoperation.h"
+#include "api/core/tulo.h"
 #include "api/core/tulojson.h"
 
 #include <QCoreApplication>
@@ -13,6 +14,7 @@
 #include <QEvent>
 #include <QPointer>
 #include <QSet>
+#include <QThread>
 
 #include <utility>
 
@@ -164,6 +166,7 @@ void LocalSettings::followLog()
 template<typename T, typename Work>
 Reply<T> LocalSettings::enqueue(Work work)
 {
+    TULO_ASSERT(QThread::currentThread() == thread());
     Promise<T> promise;
     if (m_isDestroyed) {
         promise.fail(destroyedError());

@@ -80,8 +80,9 @@ ValidatedValue validateChange(const TuloRoles& setting, const TuloValue& request
         return result;
     }
     CMEdit::Judgement judgement = CMEdit::judge(setting.value(), requested, edit);
-    // The worker, which sees neither default value nor kind, must come to the same.
-    if (!judgement.value.isEmpty()) {
+    // The worker, which sees neither default value nor kind, must come to the same. It does where
+    // the constraints name the kind: a value that fits is left alone.
+    if (!judgement.value.isEmpty() && setting.edit().kind() != edit.kind()) {
         const CMEdit::Judgement workers =
             CMEdit::judge(setting.value(), judgement.value, setting.edit());
         if (workers.value != judgement.value)

@@ -1076,19 +1076,23 @@ void SettingsContract::manyChangesOnATrial()
 
 void SettingsContract::newSettingsOfOneRequestCount()
 {
-    QVector<Assignment> presets;
-    for (int i = 0; i <= 1000; ++i)
-        presets.append({ QStringLiteral("/settings/presets/n%1").arg(i), QStringLiteral("fm") });
+    // One less than a directory may have.
+    for (int i = 1; i < 1000; ++i)
+        tree().writeWritten(QStringLiteral("/presets/n%1").arg(i), R"({"value":{"string":"fm"}})");
+    const QString full = QStringLiteral("Limits: No setting '%1' can be created: its directory has "
+                                        "1000 settings made at run time");
+    const QString three = QStringLiteral("/settings/presets/three");
+    const QString text = QStringLiteral("fm");
+    ChangeOptions options;
+    options.isDryRun = true;
 
-    QCOMPARE(answerOf(settings().setMany(presets)),
-             QStringLiteral("Limits: No setting '/settings/presets/n1000' can be created: its "
-                            "directory has 1000 settings made at run time"));
-    // Those of the request that was rejected do not count.
-    presets.removeLast();
-    QVERIFY(settings().setMany(presets).wait());
-    QCOMPARE(answerOf(settings().set(secondPreset, QStringLiteral("fm"))),
-             QStringLiteral("Limits: No setting '/settings/presets/two' can be created: its "
-                            "directory has 1000 settings made at run time"));
+    // Those of a request that was rejected or only tried do not count.
+    QCOMPARE(answerOf(settings().setMany({ { secondPreset, text }, { three, text } })),
+             full.arg(three));
+    QCOMPARE(answerOf(settings().set(three, text, options)), storedAs(QStringLiteral("s \"fm\"")));
+    QCOMPARE(answerOf(settings().setMany({ { secondPreset, text } })),
+             storedAs(QStringLiteral("s \"fm\"")));
+    QCOMPARE(answerOf(settings().set(three, text)), full.arg(three));
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -1,6 +1,7 @@
 #include "engine/localsettings.h"
 #include "tests/settings/settingscontract.h"
 
+#include "tests/support/childprocess.h"
 #include "tests/support/logcapture.h"
 
 #include <QFile>
@@ -10,7 +11,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <memory>
+#include <thread>
 
 #include <unistd.h>
 
@@ -67,6 +70,7 @@ private slots:
 
     void aChangeReadsItsSettingOnce_data();
     void aChangeReadsItsSettingOnce();
+    void requestFromAnotherThreadAborts();
     void timersHaveTheirTurnBetweenRequests();
     void eventsStayInOrderWhenAHandlerWaits();
 
@@ -216,6 +220,16 @@ void tst_LocalSettings::aChangeReadsItsSettingOnce()
              1);
     m_log->take();
     m_log->setLevel(log4cplus::INFO_LOG_LEVEL);
+}
+
+void tst_LocalSettings::requestFromAnotherThreadAborts()
+{
+    const ChildResult child = ChildProcess::runInChild(
+        [this] { std::thread([this] { (void)settings().get(volume, valueRole); }).join(); });
+
+    QCOMPARE(child.signal, SIGABRT);
+    QVERIFY2(child.standardError.contains("ASSERT: \"QThread::currentThread() == thread()\""),
+             child.standardError);
 }
 
 void tst_LocalSettings::timersHaveTheirTurnBetweenRequests()
