@@ -3,6 +3,8 @@
 #include "engine/errors.h"
 #include "trees/fileprobe.h"
 
+#include <tulo/settings.h>
+
 #include "api/core/model/cmrequest.h"
 #include "api/core/model/cmworker.h"
 
@@ -53,7 +55,7 @@ public:
         QString reason; ///< names the constraint and its limit; empty when nothing was adjusted
     };
 
-    static constexpr int maximumRows = 500; ///< answered by one request
+    static constexpr int maximumRows = Settings::maximumRows; ///< answered by one request
     static constexpr int maximumRoles = 64; ///< named by one request
     static constexpr int maximumDepth = 8; ///< of lists and objects inside a value
     static constexpr int maximumValueBytes = 48 * 1024; ///< of a value, as JSON

@@ -619,7 +619,7 @@ Reply<QVector<Change>> LocalSettings::setMany(const QVector<Assignment>& assignm
 }
 
 // ---------------------------------------------------------------------------------------------
-// Disk, caches and how it all does.
+// Disk, caches and status.
 // ---------------------------------------------------------------------------------------------
 
 Reply<int> LocalSettings::flush()

@@ -1343,6 +1343,20 @@ void SettingsContract::settingsMayBeDestroyedInsideOfAnEvent()
     QCOMPARE(log.texts, QStringList(QStringLiteral("value /settings/audio/volume x 40")));
 }
 
+void SettingsContract::settingsMayBeDestroyedInsideOfAnAnswer()
+{
+    QObject context;
+    const Reply<Change> change = settings().set(volume, 40);
+    change.then(&context, [this](const Reply<Change>&) { m_settings.reset(); });
+    const Reply<QVariantMap> next = settings().get(volume, valueRole);
+
+    QVERIFY(!next.wait());
+
+    QVERIFY(!change.error());
+    QCOMPARE(next.error().code, ErrorCode::Cancelled);
+    QVERIFY(!m_settings);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Disk and state.
 // ---------------------------------------------------------------------------------------------

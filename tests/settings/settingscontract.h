@@ -99,6 +99,7 @@ private slots:
     void cancelledReplyStaysCancelled();
     void repliesOfDestroyedSettingsAreCancelled();
     void settingsMayBeDestroyedInsideOfAnEvent();
+    void settingsMayBeDestroyedInsideOfAnAnswer();
 
     void changeIsOnDiskAfterAFlush();
     void replacedTreeIsNotSaved();

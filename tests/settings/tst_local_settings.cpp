@@ -77,6 +77,7 @@ private slots:
     void stopWritesAndThenRefuses();
     void stopFailsWhatWaits();
     void stopAnswersFlushes();
+    void requestDuringTheDestructionIsCancelled();
     void stopTellsWhatIsNotSaved();
     void unsavedChangesAreTold();
     void changeIsUnwrittenUntilTheFlush();
@@ -335,6 +336,22 @@ void tst_LocalSettings::stopAnswersFlushes()
     QVERIFY(!flush.isFinished());
     QVERIFY(flush.wait());
     QCOMPARE(flush.value(), 0);
+}
+
+void tst_LocalSettings::requestDuringTheDestructionIsCancelled()
+{
+    const TemporaryTree tree;
+    auto reader = openLocal(tree, EngineOptions::Access::Read);
+    LocalSettings* const settings = reader.get();
+    QVector<Reply<QVariantMap>> replies { settings->get(volume, valueRole) };
+    replies.first().then(
+        this, [&](const Reply<QVariantMap>&) { replies.append(settings->get(volume, valueRole)); });
+
+    reader.reset();
+
+    QCOMPARE(replies.size(), 2);
+    QCOMPARE(replies.at(0).error().code, ErrorCode::Cancelled);
+    QCOMPARE(replies.at(1).error().code, ErrorCode::Cancelled);
 }
 
 void tst_LocalSettings::stopTellsWhatIsNotSaved()
