@@ -393,6 +393,8 @@ bool readNext(sd_bus_message* message, Part part, int depth, QVariant* result)
     switch (type) {
     case SD_BUS_TYPE_BOOLEAN:
         return readAs<int, bool>(message, type, result);
+    case SD_BUS_TYPE_BYTE:
+        return readAs<quint8, qlonglong>(message, type, result);
     case SD_BUS_TYPE_INT16:
         return readAs<qint16, qlonglong>(message, type, result);
     case SD_BUS_TYPE_UINT16:

@@ -19,9 +19,9 @@ struct sd_bus_message;
 //
 // is what values and roles consist of; smaller numbers of C++ and a QVariantHash are widened to
 // these when they are written. What is read is taken more generously: a value may come as any
-// integer type but a byte, as an array of any of these types and as nested variants. Object paths,
-// signatures, bytes, handles, structures and numbers that are not finite are refused. Beside
-// values, as is a QStringList, a structure a QVariantList of its members, i an int and u a uint.
+// integer type, as an array of any of these types but bytes, and as nested variants. Object paths,
+// signatures, handles, structures and numbers that are not finite are refused. Beside values, as is
+// a QStringList, a structure a QVariantList of its members, i an int and u a uint.
 
 namespace tulo::wire {
 

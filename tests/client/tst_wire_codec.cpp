@@ -426,7 +426,7 @@ void tst_WireCodec::refusedTypesAreNotRead_data()
 {
     QTest::addColumn<QByteArray>("contents");
 
-    for (const char* contents : { "y", "o", "g", "(s)", "ay", "ao", "ag", "a(s)", "aay", "a{is}",
+    for (const char* contents : { "o", "g", "(s)", "ay", "ao", "ag", "a(s)", "aay", "a{is}",
                                   "a{oy}", "a{sy}", "ah", "a{s(s)}" })
         QTest::newRow(contents) << QByteArray(contents);
 }
@@ -437,8 +437,6 @@ void tst_WireCodec::refusedTypesAreNotRead()
 
     const auto read = m_messages.read([&](sd_bus_message* message) {
         const char* const type = contents.constData();
-        if (contents == "y")
-            return sd_bus_message_append(message, "v", type, 1) >= 0;
         if (contents == "o")
             return sd_bus_message_append(message, "v", type, "/a") >= 0;
         if (contents == "g" || contents == "(s)")
