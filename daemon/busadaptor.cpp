@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 
 namespace tulo {
 
@@ -60,13 +61,15 @@ bool differsInAnnounced(const Status& left, const Status& right)
 
 } // namespace
 
-BusAdaptor::BusAdaptor(Settings& settings, const Status& status, BusThread& bus)
+BusAdaptor::BusAdaptor(Settings& settings, std::function<Status()> status, BusThread& bus)
     : m_settings(settings)
+    , m_statusNow(std::move(status))
     , m_bus(bus)
     , m_watch(settings.watchTree(QLatin1String(everything)))
-    , m_announced(status)
+    , m_status(m_statusNow())
+    , m_announced(m_status)
 {
-    takeStatus(status);
+    m_bus.setProperties(wire::statusToProperties(m_status));
     connect(m_watch.get(), &Watch::changed, this, &BusAdaptor::on_watch_changed);
     connect(&bus, &BusThread::called, this, &BusAdaptor::on_bus_called);
     m_announcement.setSingleShot(true);
@@ -115,6 +118,8 @@ void BusAdaptor::finish(quint64 call, const Error& error, const Arguments& argum
 {
     --m_unanswered;
     m_served.remove(call);
+    // So that whoever has the answer to a change finds it in the properties.
+    refreshStatus();
     if (error)
         m_bus.fail(call, error);
     else
@@ -135,27 +140,6 @@ void BusAdaptor::answer(quint64 call, const Reply<T>& reply, Convert convert)
     reply.then(this, [this, call, convert](const Reply<T>& finished) {
         if (!fail(call, finished.error()))
             finish(call, {}, convert(finished.value()));
-    });
-}
-
-// For what changes the state: whoever has the answer reads the new one.
-template<typename T, typename Convert>
-void BusAdaptor::answerWithStatus(quint64 call, const Reply<T>& reply, Convert convert)
-{
-    reply.then(this, [this, call, convert](const Reply<T>& finished) {
-        if (finished.error().code != ErrorCode::None
-            && finished.error().code != ErrorCode::NotSaved) {
-            finish(call, finished.error(), {});
-            return;
-        }
-        const Arguments arguments =
-            finished.error() ? Arguments() : Arguments(convert(finished.value()));
-        m_settings.status().then(
-            this, [this, call, arguments, error = finished.error()](const Reply<Status>& status) {
-                if (!status.error())
-                    takeStatus(status.value());
-                finish(call, error, arguments);
-            });
     });
 }
 
@@ -211,8 +195,8 @@ void BusAdaptor::setValue(quint64 call, const Arguments& arguments)
     ChangeOptions options;
     if (fail(call, wire::optionsFromMap(arguments.at(2).toMap(), &options)))
         return;
-    answerWithStatus(call, m_settings.set(arguments.at(0).toString(), arguments.at(1), options),
-                     [](const Change& change) { return wire::changeToArguments(carried(change)); });
+    answer(call, m_settings.set(arguments.at(0).toString(), arguments.at(1), options),
+           [](const Change& change) { return wire::changeToArguments(carried(change)); });
 }
 
 void BusAdaptor::setRoles(quint64 call, const Arguments& arguments)
@@ -220,9 +204,8 @@ void BusAdaptor::setRoles(quint64 call, const Arguments& arguments)
     ChangeOptions options;
     if (fail(call, wire::optionsFromMap(arguments.at(2).toMap(), &options)))
         return;
-    answerWithStatus(
-        call, m_settings.setRoles(arguments.at(0).toString(), arguments.at(1).toMap(), options),
-        [](const Change& change) { return wire::changeToArguments(carried(change)); });
+    answer(call, m_settings.setRoles(arguments.at(0).toString(), arguments.at(1).toMap(), options),
+           [](const Change& change) { return wire::changeToArguments(carried(change)); });
 }
 
 void BusAdaptor::apply(quint64 call, const Arguments& arguments)
@@ -239,9 +222,8 @@ void BusAdaptor::apply(quint64 call, const Arguments& arguments)
                path });
         return;
     }
-    answerWithStatus(call,
-                     m_settings.apply(path, arguments.at(1).toString(), operand.value(0), options),
-                     [](const Change& change) { return wire::changeToArguments(carried(change)); });
+    answer(call, m_settings.apply(path, arguments.at(1).toString(), operand.value(0), options),
+           [](const Change& change) { return wire::changeToArguments(carried(change)); });
 }
 
 void BusAdaptor::setMany(quint64 call, const Arguments& arguments)
@@ -251,7 +233,7 @@ void BusAdaptor::setMany(quint64 call, const Arguments& arguments)
     if (fail(call, wire::optionsFromMap(arguments.at(1).toMap(), &options))
         || fail(call, wire::assignmentsFromArgument(arguments.at(0).toList(), &assignments)))
         return;
-    answerWithStatus(call, m_settings.setMany(assignments, options), [](QVector<Change> changes) {
+    answer(call, m_settings.setMany(assignments, options), [](QVector<Change> changes) {
         std::transform(changes.begin(), changes.end(), changes.begin(), carried);
         return wire::changesToArguments(changes);
     });
@@ -259,8 +241,7 @@ void BusAdaptor::setMany(quint64 call, const Arguments& arguments)
 
 void BusAdaptor::flush(quint64 call, const Arguments& /*arguments*/)
 {
-    answerWithStatus(call, m_settings.flush(),
-                     [](int failed) { return Arguments { uint(failed) }; });
+    answer(call, m_settings.flush(), [](int failed) { return Arguments { uint(failed) }; });
 }
 
 void BusAdaptor::dropCache(quint64 call, const Arguments& /*arguments*/)
@@ -289,18 +270,13 @@ void BusAdaptor::on_watch_changed(const Event& event)
 
 void BusAdaptor::refreshStatus()
 {
-    m_settings.status().then(this, [this](const Reply<Status>& reply) {
-        if (!reply.error())
-            takeStatus(reply.value());
-    });
-}
-
-void BusAdaptor::takeStatus(const Status& status)
-{
-    m_status = status;
-    m_bus.setProperties(wire::statusToProperties(status));
+    const Status status = m_statusNow();
     if (status.pendingWrites > 0 && !m_pendingCheck.isActive())
         m_pendingCheck.start();
+    if (status.pendingWrites == m_status.pendingWrites && !differsInAnnounced(status, m_status))
+        return;
+    m_status = status;
+    m_bus.setProperties(wire::statusToProperties(m_status));
     if (differsInAnnounced(m_status, m_announced) && !m_announcement.isActive())
         m_announcement.start();
 }

@@ -9,6 +9,7 @@
 #include <QTimer>
 #include <QVariant>
 
+#include <functional>
 #include <memory>
 
 namespace tulo {
@@ -30,9 +31,9 @@ public:
     /// How often changed properties are announced at most.
     static constexpr int announcementIntervalMs = 1000;
 
-    /// Both outlive it. `status` is the present one, which needs no announcement. The bus thread
-    /// may be started then.
-    BusAdaptor(Settings& settings, const Status& status, BusThread& bus);
+    /// All outlive it. `status` tells the present state of the settings, on their thread. The bus
+    /// thread may be started then.
+    BusAdaptor(Settings& settings, std::function<Status()> status, BusThread& bus);
 
     /// Calls that were handed out and are not answered.
     int unanswered() const { return m_unanswered; }
@@ -62,13 +63,11 @@ private:
 
     template<typename T, typename Convert>
     void answer(quint64 call, const Reply<T>& reply, Convert convert);
-    template<typename T, typename Convert>
-    void answerWithStatus(quint64 call, const Reply<T>& reply, Convert convert);
     void finish(quint64 call, const Error& error, const Arguments& arguments);
     bool fail(quint64 call, const Error& error);
-    void takeStatus(const Status& status);
 
     Settings& m_settings;
+    const std::function<Status()> m_statusNow;
     BusThread& m_bus;
     const std::unique_ptr<Watch> m_watch;
     int m_unanswered = 0;

@@ -146,11 +146,10 @@ int serve(const DaemonOptions& options, const Signals& signalSource)
     const std::unique_ptr<LocalSettings> settings = openSettings(options, &exitCode);
     if (!settings)
         return exitCode;
-    const Reply<Status> status = settings->status();
-    (void)status.wait();
 
     BusThread bus(options.bus);
-    const BusAdaptor adaptor(*settings, status.value(), bus);
+    const BusAdaptor adaptor(
+        *settings, [&settings] { return settings->currentStatus(); }, bus);
     QTimer watchdog;
     QObject::connect(settings.get(), &LocalSettings::unsavedChanged, &adaptor,
                      &BusAdaptor::refreshStatus);

@@ -73,6 +73,8 @@ public:
     std::optional<qint64> otherOwner() const;
     /// Catalogues found for the language; 0 when texts stay as they are.
     int catalogueCount() const;
+    /// What status() answers, at once.
+    Status currentStatus() const;
     /// Whether a flush has anything to do.
     bool hasUnwrittenChanges() const;
     /// Settings whose last write failed or was not confirmed, all of them, sorted.
@@ -114,7 +116,6 @@ private:
     Error admit(const Order& order, AdmittedChange* admitted);
     Error admitAll(const QVector<Assignment>& assignments, QVector<AdmittedChange>* admitted);
     Error carryOut(const AdmittedChange& admitted, bool isDryRun, Change* change);
-    Status currentStatus() const;
 
     void valueChanged(const CMPath& path, const QVariant& value) override;
     void dataChanged(const CMPath& path) override;
