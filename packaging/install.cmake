@@ -5,9 +5,9 @@ foreach(folder IN ITEMS bindir datadir docdir)
     cmake_path(ABSOLUTE_PATH ${folder} BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}" NORMALIZE)
 endforeach()
 
-set(unit "${CMAKE_INSTALL_PREFIX}/lib/systemd/system/tulo-cm.service")
+set(unit "${CMAKE_INSTALL_PREFIX}/lib/systemd/system/tulo-settingsd.service")
 message(STATUS "Installing: $ENV{DESTDIR}${unit}")
-configure_file(${source}/tulo-cm.service.in "$ENV{DESTDIR}${unit}" @ONLY
+configure_file(${source}/tulo-settingsd.service.in "$ENV{DESTDIR}${unit}" @ONLY
     FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${unit}")
 
@@ -23,8 +23,8 @@ if(NOT datadir MATCHES "^/usr/(local/)?share$")
 endif()
 if(NOT CMAKE_INSTALL_PREFIX MATCHES "^/usr(/local)?$")
     string(APPEND commands
-        "\n    systemd-sysusers ${CMAKE_INSTALL_PREFIX}/lib/sysusers.d/tulo-cm.conf"
-        "\n    systemd-tmpfiles --create ${CMAKE_INSTALL_PREFIX}/lib/tmpfiles.d/tulo-cm.conf"
+        "\n    systemd-sysusers ${CMAKE_INSTALL_PREFIX}/lib/sysusers.d/tulo-settingsd.conf"
+        "\n    systemd-tmpfiles --create ${CMAKE_INSTALL_PREFIX}/lib/tmpfiles.d/tulo-settingsd.conf"
         "\n    systemctl link ${unit}")
 endif()
 if(commands)

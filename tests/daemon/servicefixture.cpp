@@ -11,11 +11,17 @@
 #include <QTest>
 #include <QTimer>
 
+#include <algorithm>
 #include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <iterator>
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
@@ -81,13 +87,7 @@ QByteArray PrivateBus::openPolicy()
 )";
 }
 
-// Ends with the test program, however that ends.
 PrivateBus::PrivateBus(const QByteArray& policy)
-    : m_daemon(
-        QStringLiteral("setpriv"),
-        { QStringLiteral("--pdeathsig"), QStringLiteral("KILL"), QStringLiteral("dbus-daemon"),
-          QStringLiteral("--nofork"), QStringLiteral("--print-address"),
-          QStringLiteral("--config-file=") + m_directory.filePath(QStringLiteral("bus.conf")) })
 {
     // As chmod 755: other users of the bus have to find its socket.
     QFile::setPermissions(m_directory.path(), QFile::Permissions(0x7755));
@@ -97,8 +97,20 @@ PrivateBus::PrivateBus(const QByteArray& policy)
     file.write("<busconfig><listen>unix:path=" + QFile::encodeName(m_directory.path())
                + "/bus</listen><auth>EXTERNAL</auth>\n" + policy + "</busconfig>\n");
     file.close();
-    if (!m_daemon.start() || !m_daemon.waitForOutput("\n"))
-        qFatal("no bus: %s", m_daemon.standardError().constData());
+    startDaemon();
+}
+
+// Ends with the test program, however that ends.
+void PrivateBus::startDaemon()
+{
+    m_daemon = std::make_unique<ChildProcess>(
+        QStringLiteral("setpriv"),
+        QStringList {
+            QStringLiteral("--pdeathsig"), QStringLiteral("KILL"), QStringLiteral("dbus-daemon"),
+            QStringLiteral("--nofork"), QStringLiteral("--print-address"),
+            QStringLiteral("--config-file=") + m_directory.filePath(QStringLiteral("bus.conf")) });
+    if (!m_daemon->start() || !m_daemon->waitForOutput("\n"))
+        qFatal("no bus: %s", m_daemon->standardError().constData());
 }
 
 QString PrivateBus::address() const
@@ -108,13 +120,24 @@ QString PrivateBus::address() const
 
 void PrivateBus::kill()
 {
-    m_daemon.sendSignal(SIGKILL);
-    m_daemon.finish();
+    m_daemon->sendSignal(SIGKILL);
+    m_daemon->finish();
+}
+
+void PrivateBus::startAgain()
+{
+    QFile::remove(m_directory.filePath(QStringLiteral("bus")));
+    startDaemon();
 }
 
 void PrivateBus::stop() const
 {
-    m_daemon.sendSignal(SIGSTOP);
+    m_daemon->sendSignal(SIGSTOP);
+}
+
+void PrivateBus::goOn() const
+{
+    m_daemon->sendSignal(SIGCONT);
 }
 
 namespace {
@@ -122,9 +145,28 @@ namespace {
 QStringList serviceWords(const CommandLine& trees, const QString& bus, const QStringList& options,
                          const QStringList& program)
 {
-    return program + QStringList { QStringLiteral(TULO_CM_PROGRAM) }
-    + trees.arguments({ QStringLiteral("--bus"), bus }) + options
-        + QStringList { QStringLiteral("serve") };
+    return program + QStringList { QStringLiteral(TULO_SETTINGSD_PROGRAM) }
+    + trees.arguments({ QStringLiteral("--bus"), bus }) + options;
+}
+
+// A socket as a service manager has it. In no directory, so that a service of any user reaches it.
+int bindManager(const QByteArray& name)
+{
+    const int manager = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    // Behind a zero, which the variable has as "@".
+    std::memcpy(address.sun_path + 1, name.constData(), size_t(name.size()));
+    const auto size = socklen_t(offsetof(sockaddr_un, sun_path) + 1 + size_t(name.size()));
+    if (manager < 0 || ::bind(manager, reinterpret_cast<const sockaddr*>(&address), size) != 0)
+        qFatal("no socket for a service manager");
+    return manager;
+}
+
+QByteArray managerName(const ServiceProcess* service)
+{
+    return "tulo-tests-" + QByteArray::number(qlonglong(::getpid())) + '-'
+        + QByteArray::number(qulonglong(reinterpret_cast<quintptr>(service)));
 }
 
 } // namespace
@@ -133,7 +175,15 @@ ServiceProcess::ServiceProcess(const CommandLine& trees, const QString& bus,
                                const QStringList& options, const QStringList& program)
     : ChildProcess(serviceWords(trees, bus, options, program).first(),
                    serviceWords(trees, bus, options, program).mid(1))
+    , m_manager(bindManager(managerName(this)))
 {
+    setVariable(QStringLiteral("NOTIFY_SOCKET"),
+                QLatin1Char('@') + QString::fromLatin1(managerName(this)));
+}
+
+ServiceProcess::~ServiceProcess()
+{
+    ::close(m_manager);
 }
 
 void ServiceProcess::replaceSync(const QByteArray& script)
@@ -144,7 +194,24 @@ void ServiceProcess::replaceSync(const QByteArray& script)
 
 bool ServiceProcess::serve()
 {
-    return start() && waitForError("tulo-cm: serving '");
+    return start() && waitForNotice() == "READY=1";
+}
+
+QByteArray ServiceProcess::waitForNotice()
+{
+    const QDeadlineTimer deadline(waitMs);
+    pollfd notice { m_manager, POLLIN, 0 };
+    bool isOver = false;
+    while (!isOver) {
+        // Looked at first, as the notice may be the last thing that it did.
+        isOver = hasEnded() || deadline.hasExpired();
+        if (::poll(&notice, 1, 50) == 1) {
+            char text[256];
+            const ssize_t size = ::recv(m_manager, text, sizeof text, 0);
+            return QByteArray(text, int(qMax<ssize_t>(size, 0)));
+        }
+    }
+    return QByteArray();
 }
 
 ChildResult ServiceProcess::end(int signal)
@@ -157,16 +224,35 @@ QByteArray ServiceProcess::complaints(const ChildResult& result)
 {
     QByteArray lines;
     for (const QByteArray& line : result.standardError.split('\n')) {
-        if (!line.isEmpty() && !line.startsWith("tulo-cm: serving '"))
+        if (!line.isEmpty() && !line.startsWith("INFO  tulo-settingsd: serving '"))
             lines += line + '\n';
     }
     return lines;
 }
 
+ServeCommand::ServeCommand(const CommandLine& trees, const QString& bus, const QStringList& options)
+    : ChildProcess(QStringLiteral(TULO_CM_PROGRAM),
+                   trees.arguments({ QStringLiteral("--bus"), bus }) + options
+                       + QStringList { QStringLiteral("serve") })
+{
+}
+
+bool ServeCommand::serve()
+{
+    return start() && waitForError("tulo-cm: serving '");
+}
+
+ChildResult ServeCommand::end()
+{
+    sendSignal(SIGTERM);
+    return finish();
+}
+
 ChildResult install(const QString& root, const QString& prefix)
 {
     ChildResult all;
-    for (const char* component : { "framework", "worker", "client", "command", "service" }) {
+    for (const char* component :
+         { "framework", "worker", "client", "command", "service", "development" }) {
         ChildProcess cmake(QStringLiteral("cmake"),
                            { QStringLiteral("--install"), QStringLiteral(TULO_BUILD_DIR),
                              QStringLiteral("--prefix"), prefix, QStringLiteral("--component"),
@@ -247,18 +333,56 @@ BusClient::~BusClient()
     QDBusConnection::disconnectFromBus(m_connection.name());
 }
 
+namespace {
+
+struct Change
+{
+    const char* method;
+    int arguments; ///< without options
+};
+
+// The methods that take options last and answer with an outcome last.
+constexpr Change changes[] {
+    { "SetValue", 2 }, { "SetRoles", 2 }, { "Apply", 3 }, { "SetMany", 1 }
+};
+
+const Change* changeNamed(const QString& method)
+{
+    const auto* const change =
+        std::find_if(std::begin(changes), std::end(changes),
+                     [&method](const Change& one) { return method == QLatin1String(one.method); });
+    return change == std::end(changes) ? nullptr : change;
+}
+
+QString interfaceOf(const QString& method)
+{
+    if (changeNamed(method) != nullptr || method == QLatin1String("Flush"))
+        return serviceName + QLatin1String(".Change");
+    if (method == QLatin1String("DropCache") || method == QLatin1String("GetUnsaved"))
+        return serviceName + QLatin1String(".Admin");
+    return serviceName;
+}
+
+} // namespace
+
 QDBusMessage BusClient::message(const QString& method, const QVariantList& arguments)
 {
     QDBusMessage message =
-        QDBusMessage::createMethodCall(serviceName, objectPath, serviceName, method);
-    message.setArguments(arguments);
+        QDBusMessage::createMethodCall(serviceName, objectPath, interfaceOf(method), method);
+    const Change* const change = changeNamed(method);
+    const bool lacksOptions = change != nullptr && arguments.size() == change->arguments;
+    message.setArguments(lacksOptions ? arguments + QVariantList { QVariantMap() } : arguments);
     return message;
 }
 
 QString BusClient::call(const char* method, const QVariantList& arguments) const
 {
-    return shown(m_connection.call(message(QString::fromLatin1(method), arguments), QDBus::Block,
-                                   ChildProcess::waitMs));
+    QString answer = shown(m_connection.call(message(QString::fromLatin1(method), arguments),
+                                             QDBus::Block, ChildProcess::waitMs));
+    const QString noOutcome = QStringLiteral(" {}");
+    if (changeNamed(QString::fromLatin1(method)) != nullptr && answer.endsWith(noOutcome))
+        answer.chop(noOutcome.size());
+    return answer;
 }
 
 QString BusClient::errorOf(const QDBusMessage& reply)
@@ -363,11 +487,12 @@ QString shown(const QVariant& value)
 // Signals.
 // ---------------------------------------------------------------------------------------------
 
-SignalRecorder::SignalRecorder(const QDBusConnection& connection)
+SignalRecorder::SignalRecorder(const QDBusConnection& connection, const QString& path)
     : m_connection(connection)
 {
-    const auto listen = [this](const QString& interface, const QString& name) {
-        if (!m_connection.connect(serviceName, objectPath, interface, name, this,
+    const QStringList match = path.isEmpty() ? QStringList() : QStringList { path };
+    const auto listen = [this, &match](const QString& interface, const QString& name) {
+        if (!m_connection.connect(serviceName, objectPath, interface, name, match, QString(), this,
                                   SLOT(on_bus_signal(QDBusMessage))))
             qFatal("cannot listen to %s", qPrintable(name));
     };

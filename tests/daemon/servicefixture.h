@@ -12,6 +12,7 @@
 #include <QVariant>
 
 #include <csignal>
+#include <memory>
 
 // What the tests of the service share: a bus, a service and clients of a test's own.
 
@@ -27,22 +28,27 @@ public:
 
     QString address() const;
     void kill();
-    /// The daemon no longer runs, and its socket still accepts.
+    /// After kill(): another daemon, at the same address.
+    void startAgain();
+    /// The daemon no longer runs, and its socket still accepts; until goOn().
     void stop() const;
+    void goOn() const;
 
 private:
+    void startDaemon();
+
     const QTemporaryDir m_directory;
-    ChildProcess m_daemon;
+    std::unique_ptr<ChildProcess> m_daemon;
 };
 
-/// "tulo-cm serve" on trees and a bus.
+/// tulo-settingsd on trees and a bus.
 class ServiceProcess : public ChildProcess
 {
 public:
-    /// `options` come before the command, `program` before all of it: a program that runs
-    /// another one.
+    /// `program` comes before all of it: a program that runs another one.
     ServiceProcess(const CommandLine& trees, const QString& bus, const QStringList& options = {},
                    const QStringList& program = {});
+    ~ServiceProcess();
 
     /// Before start(): a shell script in the place of syncing the tree's file system. A flush
     /// else takes as long as the disk needs for what all other programs wrote.
@@ -50,10 +56,27 @@ public:
 
     /// Starts and waits until it serves.
     bool serve();
+    /// Waits for what it tells the service manager: "READY=1". Empty when it ended before.
+    QByteArray waitForNotice();
     /// Ends it in order, or by another signal.
     ChildResult end(int signal = SIGTERM);
     /// What it wrote to standard error, without the line that it serves.
     static QByteArray complaints(const ChildResult& result);
+
+private:
+    const int m_manager; ///< the socket of the service manager
+};
+
+/// "tulo-cm serve" on trees and a bus, for clients that do not speak to tulo-settingsd yet.
+class ServeCommand : public ChildProcess
+{
+public:
+    ServeCommand(const CommandLine& trees, const QString& bus, const QStringList& options = {});
+
+    /// Starts and waits until it serves.
+    bool serve();
+    /// Ends it in order.
+    ChildResult end();
 };
 
 /// Installs what a device needs of this build below `root`, as into an image: a file of the prefix
@@ -90,10 +113,11 @@ public:
     Q_DISABLE_COPY(BusClient)
 
     const QDBusConnection& connection() const { return m_connection; }
+    /// A call of one of the service's methods. Changes have no options, unless they are given.
     static QDBusMessage message(const QString& method, const QVariantList& arguments = {});
 
     /// Calls a method of the service and waits: its answer as shown() or "ERROR: MESSAGE", the
-    /// error without the service's prefix.
+    /// error without the service's prefix. The outcome of a change is left out when it is empty.
     QString call(const char* method, const QVariantList& arguments = {}) const;
     /// Any error's name and message; empty for an answer.
     static QString errorOf(const QDBusMessage& reply);
@@ -121,8 +145,9 @@ class SignalRecorder : public QObject
     Q_OBJECT
 
 public:
-    /// Records the broadcasts of the service from now on; when this returns, the bus knows.
-    explicit SignalRecorder(const QDBusConnection& connection);
+    /// Records the broadcasts of the service from now on, all or those of one path; when this
+    /// returns, the bus knows.
+    explicit SignalRecorder(const QDBusConnection& connection, const QString& path = QString());
 
     /// Those that came so far; what was sent before an answer that has come is among them.
     QStringList received();

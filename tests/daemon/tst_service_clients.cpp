@@ -1,3 +1,4 @@
+#include "tests/daemon/rawconnection.h"
 #include "tests/daemon/servicefixture.h"
 
 #include <QDBusConnection>
@@ -6,18 +7,12 @@
 #include <QTest>
 #include <QVector>
 
-#include <cstring>
 #include <memory>
 #include <vector>
-
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 namespace {
 
 const QString volume = QStringLiteral("/settings/audio/volume");
-const QString program = QStringLiteral(TULO_CM_PROGRAM);
 const QStringList valueRole { QStringLiteral("value") };
 
 QDBusPendingCall start(const BusClient& client, const char* method,
@@ -42,124 +37,16 @@ void reachTheService(const BusClient& client)
         QStringLiteral("org.tulo.Nothing"), QStringLiteral("Nothing")));
 }
 
-/// A connection to a bus that speaks byte by byte.
-class RawConnection
-{
-public:
-    explicit RawConnection(const QString& bus)
-        : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        const QByteArray name = QFile::encodeName(bus.mid(int(std::strlen("unix:path="))));
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, name.constData(),
-                    qMin(size_t(name.size()), sizeof address.sun_path - 1));
-        const timeval limit { ChildProcess::waitMs / 1000, 0 };
-        ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-            qFatal("cannot connect to the bus");
-        const QByteArray user = QByteArray::number(::geteuid()).toHex();
-        send(QByteArray(1, '\0') + "AUTH EXTERNAL " + user + "\r\n");
-        receive();
-        send("BEGIN\r\n");
-    }
-    ~RawConnection() { ::close(m_socket); }
-    Q_DISABLE_COPY(RawConnection)
-
-    bool send(const QByteArray& bytes) const
-    {
-        return ::send(m_socket, bytes.constData(), size_t(bytes.size()), MSG_NOSIGNAL)
-            == bytes.size();
-    }
-    /// What comes next; empty when the bus has closed the connection.
-    QByteArray receive() const
-    {
-        char bytes[4096];
-        const ssize_t size = ::recv(m_socket, bytes, sizeof bytes, 0);
-        return QByteArray(bytes, int(qMax<ssize_t>(size, 0)));
-    }
-    /// Waits until the bus closes the connection.
-    bool waitForClose() const
-    {
-        while (!receive().isEmpty()) { }
-        char byte = 0;
-        return ::recv(m_socket, &byte, 1, MSG_DONTWAIT) == 0;
-    }
-
-private:
-    const int m_socket;
-};
-
-void pad(QByteArray* bytes, int alignment)
-{
-    while (bytes->size() % alignment != 0)
-        bytes->append('\0');
-}
-
-void addNumber(QByteArray* bytes, quint32 number)
-{
-    pad(bytes, 4);
-    for (int i = 0; i < 4; ++i)
-        bytes->append(char(number >> (8 * i)));
-}
-
-void addString(QByteArray* bytes, const QByteArray& text)
-{
-    addNumber(bytes, quint32(text.size()));
-    bytes->append(text).append('\0');
-}
-
-void addSignature(QByteArray* bytes, const QByteArray& signature)
-{
-    bytes->append(char(signature.size())).append(signature).append('\0');
-}
-
-/// A method call, little-endian, with a body of this signature.
-QByteArray rawCall(quint32 serial, const QByteArray& destination, const QByteArray& path,
-                   const QByteArray& interface, const QByteArray& member,
-                   const QByteArray& signature = QByteArray(),
-                   const QByteArray& body = QByteArray())
-{
-    QByteArray fields;
-    const auto addField = [&fields](int code, char type, const QByteArray& text) {
-        pad(&fields, 8);
-        fields.append(char(code));
-        addSignature(&fields, QByteArray(1, type));
-        if (type == 'g')
-            addSignature(&fields, text);
-        else
-            addString(&fields, text);
-    };
-    addField(1, 'o', path);
-    addField(2, 's', interface);
-    addField(3, 's', member);
-    addField(6, 's', destination);
-    if (!signature.isEmpty())
-        addField(8, 'g', signature);
-    QByteArray message("l\1\0\1", 4);
-    addNumber(&message, quint32(body.size()));
-    addNumber(&message, serial);
-    addNumber(&message, quint32(fields.size()));
-    message += fields;
-    pad(&message, 8);
-    return message + body;
-}
-
-QByteArray rawHello()
-{
-    return rawCall(1, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                   "Hello");
-}
-
+/// A change of the volume to a value that is given as the bus carries it.
 QByteArray rawSetValue(const QByteArray& valueSignature, const QByteArray& value)
 {
-    QByteArray body;
-    addString(&body, "/settings/audio/volume");
-    addSignature(&body, valueSignature);
-    pad(&body, 4);
-    body += value;
-    return rawCall(2, "org.tulo.ConfigurationManager1", "/org/tulo/ConfigurationManager1",
-                   "org.tulo.ConfigurationManager1", "SetValue", "sv", body);
+    RawArguments arguments;
+    arguments.addString("/settings/audio/volume");
+    arguments.addSignature(valueSignature);
+    arguments.pad(4);
+    arguments.bytes += value;
+    arguments.addEmptyMap();
+    return RawConnection::serviceCall("Change", "SetValue", "sva{sv}", arguments);
 }
 
 } // namespace
@@ -176,7 +63,8 @@ private slots:
     void stuckCallerCostsOthersNothing();
     void waitingFlushesShareOneRun();
     void seventeenthWaitingFlushIsRefused();
-    void callWithoutAnAnswerIsNotServed();
+    void callsWithoutAnAnswerAreServedInTheirOrder();
+    void sixtyFifthCallIsRefused();
     void largestValueTravelsAndLargerOnesAreRefused();
     void largeRowHidesNoOther();
     void oddRowHidesNoOther_data();
@@ -214,7 +102,7 @@ void TstServiceClients::fiftyClientsAtOnceAreServed()
     for (int i = 0; i < count; ++i) {
         for (int change = 1; change <= changes; ++change) {
             QCOMPARE(answerOf(calls[i][change - 1]),
-                     QStringLiteral("{timestamp: *, value: x %1}").arg(change * (i + 1)));
+                     QStringLiteral("{timestamp: *, value: x %1} {}").arg(change * (i + 1)));
         }
     }
     QCOMPARE(service.end().exitCode, 0);
@@ -231,8 +119,12 @@ void TstServiceClients::clientKilledInTheMiddleIsForgotten()
     const BusClient client(bus.address());
     for (int i = 0; i < 5; ++i) {
         client.call("SetValue", { volume, variantOf(40 + 5 * i) });
-        ChildProcess killed(program,
-                            { QStringLiteral("--bus"), bus.address(), QStringLiteral("flush") });
+        ChildProcess killed(QStringLiteral("busctl"),
+                            { QStringLiteral("--address=") + bus.address(), QStringLiteral("call"),
+                              QStringLiteral("org.tulo.ConfigurationManager1"),
+                              QStringLiteral("/org/tulo/ConfigurationManager1"),
+                              QStringLiteral("org.tulo.ConfigurationManager1.Change"),
+                              QStringLiteral("Flush") });
         QVERIFY(killed.start());
         QVERIFY(gate.waitForFlush());
         killed.sendSignal(SIGKILL);
@@ -244,7 +136,6 @@ void TstServiceClients::clientKilledInTheMiddleIsForgotten()
     // One that ends in the middle of a message.
     {
         const RawConnection raw(bus.address());
-        QVERIFY(raw.send(rawHello()));
         QVERIFY(!raw.receive().isEmpty());
         QVERIFY(raw.send(rawSetValue("i", QByteArray(4, '\1')).chopped(30)));
     }
@@ -265,13 +156,9 @@ void TstServiceClients::stuckWatcherCostsOthersNothing()
     QVERIFY2(service.serve(), service.standardError());
     const QString token = QStringLiteral("/settings/token");
     const BusClient client(bus.address());
-    client.call("SetValue", { token, variantOf(QStringLiteral("first")) });
-    ChildProcess watch(program,
-                       { QStringLiteral("--bus"), bus.address(), QStringLiteral("watch"), token,
-                         QStringLiteral("--initial") });
-    QVERIFY(watch.start());
-    QVERIFY(watch.waitForOutput("value /settings/token first\n"));
-    watch.sendSignal(SIGSTOP);
+    // Reads nothing of what it watches.
+    const RawConnection watcher(bus.address());
+    QVERIFY(watcher.watchService());
 
     for (int i = 0; i < 200; ++i) {
         const QString value = QString(20000, QLatin1Char('a')) + QString::number(i);
@@ -280,8 +167,6 @@ void TstServiceClients::stuckWatcherCostsOthersNothing()
     }
 
     QCOMPARE(client.value(volume), QStringLiteral("x 35"));
-    watch.sendSignal(SIGKILL);
-    watch.finish();
     QCOMPARE(service.end().exitCode, 0);
 }
 
@@ -294,19 +179,13 @@ void TstServiceClients::stuckCallerCostsOthersNothing()
     const BusClient client(bus.address());
     trees.tree.writeDefault(QStringLiteral("/long"),
                             "{\"value\":{\"string\":\"" + QByteArray(20000, 'x') + "\"}}");
-    QByteArray body;
-    addString(&body, "/settings/long");
-    QByteArray roles;
-    addString(&roles, "value");
-    addNumber(&body, quint32(roles.size()));
-    body += roles;
-    const QByteArray call =
-        rawCall(2, "org.tulo.ConfigurationManager1", "/org/tulo/ConfigurationManager1",
-                "org.tulo.ConfigurationManager1", "GetData", "sas", body);
+    RawArguments arguments;
+    arguments.addString("/settings/long");
+    arguments.addStrings({ "value" });
+    const QByteArray call = RawConnection::serviceCall(nullptr, "GetData", "sas", arguments);
 
     // Asks for four megabytes and reads nothing of it.
     const RawConnection raw(bus.address());
-    QVERIFY(raw.send(rawHello()));
     for (int i = 0; i < 200; ++i)
         QVERIFY(raw.send(call));
 
@@ -379,13 +258,14 @@ void TstServiceClients::seventeenthWaitingFlushIsRefused()
     QCOMPARE(service.end().exitCode, 0);
 }
 
-void TstServiceClients::callWithoutAnAnswerIsNotServed()
+void TstServiceClients::callsWithoutAnAnswerAreServedInTheirOrder()
 {
     const CommandLine trees;
     const PrivateBus bus;
     ServiceProcess service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
     const BusClient client(bus.address());
+    SignalRecorder recorder(client.connection());
 
     // Sent so that no answer is expected.
     client.connection().send(
@@ -393,10 +273,46 @@ void TstServiceClients::callWithoutAnAnswerIsNotServed()
     client.connection().send(BusClient::message(
         QStringLiteral("Apply"), { volume, QStringLiteral("add"), QVariantList { variantOf(5) } }));
     client.connection().send(BusClient::message(
-        QStringLiteral("SetRoles"), { volume, QVariantMap { { QStringLiteral("value"), 45 } } }));
+        QStringLiteral("SetRoles"), { volume, QVariantMap { { QStringLiteral("value"), 60 } } }));
+    client.connection().send(
+        BusClient::message(QStringLiteral("SetValue"), { volume, variantOf(QLatin1String("x")) }));
 
-    QCOMPARE(client.value(volume), QStringLiteral("x 35"));
-    QCOMPARE(client.property("PendingWrites"), QStringLiteral("u 0"));
+    QCOMPARE(client.value(volume), QStringLiteral("x 60"));
+    QCOMPARE(recorder.received().filter(QStringLiteral("ValueChanged")),
+             QStringList({ QStringLiteral("ValueChanged /settings/audio/volume x 40"),
+                           QStringLiteral("ValueChanged /settings/audio/volume x 45"),
+                           QStringLiteral("ValueChanged /settings/audio/volume x 60") }));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceClients::sixtyFifthCallIsRefused()
+{
+    const CommandLine trees;
+    // As many as a session bus lets a client have.
+    const PrivateBus bus(PrivateBus::openPolicy()
+                         + R"(<limit name="max_replies_per_connection">50000</limit>)");
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    const BusClient other(bus.address());
+    service.sendSignal(SIGSTOP);
+    QVector<QDBusPendingCall> calls;
+    for (int i = 0; i < 200; ++i)
+        calls.append(start(client, "GetData", { volume, valueRole }));
+    const QDBusPendingCall othersCall = start(other, "GetData", { volume, valueRole });
+    service.sendSignal(SIGCONT);
+
+    int served = 0;
+    for (const QDBusPendingCall& call : qAsConst(calls)) {
+        const QString answer = answerOf(call);
+        if (answer == QLatin1String("{value: x 35}"))
+            ++served;
+        else
+            QCOMPARE(answer, QStringLiteral("Limits: More than 64 calls are under way"));
+    }
+
+    QVERIFY2(served >= 64, qPrintable(QString::number(served)));
+    QCOMPARE(answerOf(othersCall), QStringLiteral("{value: x 35}"));
     QCOMPARE(service.end().exitCode, 0);
 }
 
@@ -450,21 +366,13 @@ void TstServiceClients::largeRowHidesNoOther()
         client.call("GetRows", { QStringLiteral("/settings/large"), 0, 100, valueRole });
 
     QVERIFY2(answer.startsWith(QStringLiteral("u 4 ")), qPrintable(answer.left(100)));
-    for (const char* row : { "(s \"first\", {value: x 1})",
-                             "(s \"list\", {error: s \"The row takes more than 1048576 bytes\"})",
-                             "(s \"zero\", {value: x 2})" })
+    for (const char* row :
+         { "(s \"first\", {value: x 1})",
+           "(s \"list\", {error: s \"Limits: The row takes more than 1048576 bytes\"})",
+           "(s \"zero\", {value: x 2})" })
         QVERIFY2(answer.contains(QLatin1String(row)), qPrintable(answer.right(2000)));
     QCOMPARE(client.value(QStringLiteral("/settings/large/list")).count(QStringLiteral("x 1")),
              60001);
-    const ChildResult ls =
-        ChildProcess::run(program,
-                          { QStringLiteral("--bus"), bus.address(), QStringLiteral("ls"),
-                            QStringLiteral("/settings/large") });
-    QCOMPARE(ls.exitCode, 1);
-    QCOMPARE(ls.standardOutput.count('\n'), 3);
-    QCOMPARE(ls.standardError,
-             QByteArray("tulo-cm: row '/settings/large/list' left out: The row takes more than "
-                        "1048576 bytes\n"));
     QCOMPARE(service.end().exitCode, 0);
 }
 
@@ -492,9 +400,9 @@ void TstServiceClients::oddRowHidesNoOther()
         client.call("GetRows", { QStringLiteral("/settings/list"), 0, 9, valueRole });
 
     QVERIFY2(answer.startsWith(QStringLiteral("u 3 ")), qPrintable(answer));
-    QVERIFY2(answer.endsWith(
-                 QStringLiteral("[(s \"first\", {value: x 1}), (s \"odd\", {error: s \"Invalid "
-                                "path '/settings/list/odd'\"}), (s \"zero\", {value: x 2})]")),
+    QVERIFY2(answer.endsWith(QStringLiteral(
+                 "[(s \"first\", {value: x 1}), (s \"odd\", {error: s \"InvalidPath: Invalid "
+                 "path '/settings/list/odd'\"}), (s \"zero\", {value: x 2})]")),
              qPrintable(answer));
     QCOMPARE(service.end().exitCode, 0);
 }
@@ -517,24 +425,23 @@ void TstServiceClients::rowsThatDoNotFitComeInParts()
         client.call("GetRows", { QStringLiteral("/settings/large"), 0, 100, valueRole });
     QVERIFY2(answer.startsWith(QStringLiteral("u 20 ")), qPrintable(answer.left(100)));
     QCOMPARE(answer.count(QStringLiteral("(s \"n")), 10);
-    // The command line asks for the rest.
-    const ChildResult ls =
-        ChildProcess::run(program,
-                          { QStringLiteral("--bus"), bus.address(), QStringLiteral("ls"),
-                            QStringLiteral("/settings/large") });
-    QCOMPARE(ls.exitCode, 0);
-    const QList<QByteArray> lines = ls.standardOutput.trimmed().split('\n');
-    QCOMPARE(lines.size(), count);
-    for (const QByteArray& line : lines)
-        QVERIFY(line.endsWith(text));
+    const QString rest =
+        client.call("GetRows", { QStringLiteral("/settings/large"), 10, 100, valueRole });
+    QCOMPARE(rest.count(QStringLiteral("(s \"n")), 10);
+    QVERIFY(rest.contains(QStringLiteral("(s \"n10\", ")));
+    // Nodes likewise.
+    QStringList paths;
+    for (int i = 0; i < count; ++i)
+        paths.append(QStringLiteral("/settings/large/n%1").arg(i, 2, 10, QLatin1Char('0')));
+    QCOMPARE(client.call("GetMany", { paths, valueRole }).count(QStringLiteral("(s \"/settings")),
+             10);
     QCOMPARE(service.end().exitCode, 0);
 }
 
 void TstServiceClients::malformedMessageEndsItsSenderOnly_data()
 {
     QTest::addColumn<QByteArray>("message");
-    QByteArray four;
-    addNumber(&four, 1);
+    const QByteArray four("\1\0\0\0", 4);
     // A type of another dialect: a number that may be absent.
     QTest::newRow("null") << rawSetValue("mi", four);
     QTest::newRow("absent number") << rawSetValue("mi", QByteArray());
@@ -558,7 +465,6 @@ void TstServiceClients::malformedMessageEndsItsSenderOnly()
     QVERIFY2(service.serve(), service.standardError());
     const BusClient client(bus.address());
     const RawConnection raw(bus.address());
-    QVERIFY(raw.send(rawHello()));
 
     raw.send(message);
 
@@ -578,9 +484,7 @@ void TstServiceClients::handleThatWasNotSentIsRefused()
     QVERIFY2(service.serve(), service.standardError());
     const BusClient client(bus.address());
     const RawConnection raw(bus.address());
-    QVERIFY(raw.send(rawHello()));
-    QByteArray four;
-    addNumber(&four, 1);
+    const QByteArray four("\1\0\0\0", 4);
 
     QVERIFY(raw.send(rawSetValue("h", four)));
 

@@ -42,7 +42,7 @@ void TstServiceCommands::checkNeverReadsTheCurrentFolderInstead()
         send_interface="org.freedesktop.DBus.Properties"/>
 </policy>)");
     const CommandLine trees;
-    ServiceProcess service(trees, bus.address());
+    ServeCommand service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
     const QTemporaryDir empty;
 
@@ -69,7 +69,7 @@ void TstServiceCommands::watchThatTheBusRefusesFails()
                          + "<limit name=\"max_match_rules_per_connection\">"
                          + QByteArray::number(rules) + "</limit>");
     const CommandLine trees;
-    ServiceProcess service(trees, bus.address());
+    ServeCommand service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
 
     const ChildResult result = runOn(bus, "watch --initial /settings/audio/volume");
@@ -86,7 +86,7 @@ void TstServiceCommands::watchThatTheBusJustAllowsMissesNothing()
     const PrivateBus bus(PrivateBus::openPolicy()
                          + R"(<limit name="max_match_rules_per_connection">3</limit>)");
     const CommandLine trees;
-    ServiceProcess service(trees, bus.address());
+    ServeCommand service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
 
     const ChildResult result = ChildProcess::run(
@@ -119,7 +119,7 @@ void TstServiceCommands::watchOfManyPathsMissesNone()
         changes += "set /settings/many/" + name + " 1\n";
         expected += "value /settings/many/" + name + " 1\ndata /settings/many/" + name + "\n1\n";
     }
-    ServiceProcess service(trees, bus.address());
+    ServeCommand service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
 
     const ChildResult result =
@@ -138,7 +138,7 @@ void TstServiceCommands::watchFollowsTheServiceThatStartsAnew()
     const PrivateBus bus(PrivateBus::openPolicy()
                          + R"(<limit name="max_match_rules_per_connection">3</limit>)");
     const CommandLine trees;
-    ServiceProcess first(trees, bus.address());
+    ServeCommand first(trees, bus.address());
     QVERIFY2(first.serve(), first.standardError());
     ChildProcess shell(QStringLiteral(TULO_CM_PROGRAM),
                        { QStringLiteral("--bus"), bus.address(), QStringLiteral("shell") });
@@ -147,7 +147,7 @@ void TstServiceCommands::watchFollowsTheServiceThatStartsAnew()
     QVERIFY2(shell.waitForOutput("value /settings/audio/volume 35\n"), shell.standardError());
 
     QCOMPARE(first.end().exitCode, 0);
-    ServiceProcess second(trees, bus.address());
+    ServeCommand second(trees, bus.address());
     QVERIFY2(second.serve(), second.standardError());
     // Answered after the news of the new owner.
     shell.writeInput("get /settings/serial\n");
@@ -163,7 +163,7 @@ void TstServiceCommands::watchEndsWithTheBus()
 {
     PrivateBus bus;
     const CommandLine trees;
-    ServiceProcess service(trees, bus.address());
+    ServeCommand service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
     ChildProcess watch(QStringLiteral(TULO_CM_PROGRAM),
                        { QStringLiteral("--bus"), bus.address(), QStringLiteral("watch"),
@@ -185,7 +185,7 @@ void TstServiceCommands::shellSaysThatTheBusIsGone()
 {
     PrivateBus bus;
     const CommandLine trees;
-    ServiceProcess service(trees, bus.address());
+    ServeCommand service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
     ChildProcess shell(QStringLiteral(TULO_CM_PROGRAM),
                        { QStringLiteral("--bus"), bus.address(), QStringLiteral("--json"),

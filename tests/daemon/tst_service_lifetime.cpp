@@ -1,6 +1,7 @@
 #include "tests/daemon/servicefixture.h"
 #include "tests/support/repeats.h"
 
+#include <QDBusConnectionInterface>
 #include <QDBusPendingCall>
 #include <QFile>
 #include <QTest>
@@ -68,11 +69,14 @@ private slots:
     void otherUserCannotHoldTheLockFirst();
     void lockOfAnotherUserStopsTheStart();
     void readinessIsToldToTheServiceManager();
+    void watchdogIsFedFromTheEventLoop();
+    void serviceNeedsNoServiceManager();
 
-    void lostBusEndsTheServiceWithEverythingOnDisk();
-    void lostBusWakesTheIdleService();
-    void lostBusThatAnswersNothingCostsNoChange();
+    void lostBusEndsNothing();
+    void serviceWithoutABusStopsInOrder();
+    void busThatAnswersNothingHoldsNothingUp();
     void closedConnectionIsMadeAgain();
+    void nameTakenAwayIsWaitedFor();
     void missingBusIsTold();
 };
 
@@ -192,7 +196,7 @@ void TstServiceLifetime::stopTellsThatTheDiskFailed()
 
     const ChildResult result = service.finish();
     QCOMPARE(ServiceProcess::complaints(result),
-             "tulo-cm: not on disk: /settings/audio/volume (" + reason + ")\n");
+             "ERROR tulo-settingsd: not on disk: /settings/audio/volume (" + reason + ")\n");
     QCOMPARE(result.exitCode, 6);
 }
 
@@ -221,11 +225,12 @@ void TstServiceLifetime::secondInstanceIsRefused()
     const PrivateBus bus;
     ServiceProcess service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
-    const QByteArray refusal = QStringLiteral("tulo-cm: The writable tree '%1' is in use by "
-                                              "process %2\n")
-                                   .arg(trees.tree.writePath())
-                                   .arg(service.processId())
-                                   .toUtf8();
+    const QByteArray refusal =
+        QStringLiteral("ERROR tulo-settingsd: The writable tree '%1' is in use by "
+                       "process %2\n")
+            .arg(trees.tree.writePath())
+            .arg(service.processId())
+            .toUtf8();
 
     int refused = 0;
     while (refused < attempts) {
@@ -262,7 +267,7 @@ void TstServiceLifetime::otherTreeOnTheSameBusIsRefused()
     const ChildResult result = other.finish();
 
     QCOMPARE(result.standardError,
-             QByteArray("tulo-cm: cannot acquire the bus name "
+             QByteArray("ERROR tulo-settingsd: cannot acquire the bus name "
                         "'org.tulo.ConfigurationManager1': already owned\n"));
     QCOMPARE(result.exitCode, 7);
     QCOMPARE(service.end().exitCode, 0);
@@ -319,11 +324,12 @@ void TstServiceLifetime::lockOfAnotherUserStopsTheStart()
     QVERIFY(service.start());
     const ChildResult result = service.finish();
 
-    QCOMPARE(result.standardError,
-             QStringLiteral("tulo-cm: Lock file '%1/.tulo-cm.lock' belongs to another user "
-                            "(65534)\n")
-                 .arg(trees.tree.writePath())
-                 .toUtf8());
+    QCOMPARE(
+        result.standardError,
+        QStringLiteral("ERROR tulo-settingsd: Lock file '%1/.tulo-cm.lock' belongs to another user "
+                       "(65534)\n")
+            .arg(trees.tree.writePath())
+            .toUtf8());
     QCOMPARE(result.exitCode, 7);
 }
 
@@ -331,70 +337,90 @@ void TstServiceLifetime::readinessIsToldToTheServiceManager()
 {
     const CommandLine trees;
     const PrivateBus bus;
-    const QByteArray name = QFile::encodeName(trees.tree.path()) + "/notify";
-    const sockaddr_un address = socketAddress(name);
-    const int manager = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    QVERIFY(manager >= 0);
-    QCOMPARE(::bind(manager, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    const timeval limit { ChildProcess::waitMs / 1000, 0 };
-    QCOMPARE(::setsockopt(manager, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit), 0);
-    const auto receive = [manager] {
-        char message[256];
-        const ssize_t size = ::recv(manager, message, sizeof message, 0);
-        return QByteArray(message, int(qMax<ssize_t>(size, 0)));
-    };
     ServiceProcess service(trees, bus.address());
-    service.setVariable(QStringLiteral("NOTIFY_SOCKET"), QFile::decodeName(name));
+
+    QVERIFY(service.start());
+    QCOMPARE(service.waitForNotice(), QByteArray("READY=1"));
+    QCOMPARE(service.end().exitCode, 0);
+    QCOMPARE(service.waitForNotice(), QByteArray("STOPPING=1"));
+}
+
+void TstServiceLifetime::watchdogIsFedFromTheEventLoop()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    service.setVariable(QStringLiteral("WATCHDOG_USEC"), QStringLiteral("200000"));
 
     QVERIFY2(service.serve(), service.standardError());
-    QCOMPARE(receive(), QByteArray("READY=1"));
+    for (int i = 0; i < 3; ++i)
+        QCOMPARE(service.waitForNotice(), QByteArray("WATCHDOG=1"));
+
     QCOMPARE(service.end().exitCode, 0);
-    QCOMPARE(receive(), QByteArray("STOPPING=1"));
-    ::close(manager);
+}
+
+void TstServiceLifetime::serviceNeedsNoServiceManager()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    service.removeVariable(QStringLiteral("NOTIFY_SOCKET"));
+
+    QVERIFY(service.start());
+    QVERIFY2(service.waitForError("INFO  tulo-settingsd: serving '"), service.standardError());
+    QCOMPARE(BusClient(bus.address()).value(volume), QStringLiteral("x 35"));
+
+    QCOMPARE(service.end().exitCode, 0);
 }
 
 // ---------------------------------------------------------------------------------------------
 // The bus.
 // ---------------------------------------------------------------------------------------------
 
-void TstServiceLifetime::lostBusEndsTheServiceWithEverythingOnDisk()
+// What is pending is written all the same, and a bus at the same address has the service back.
+void TstServiceLifetime::lostBusEndsNothing()
+{
+    const CommandLine trees;
+    PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    service.replaceSync("exit 0");
+    QVERIFY2(service.serve(), service.standardError());
+    BusClient(bus.address()).call("SetValue", { volume, variantOf(40) });
+
+    bus.kill();
+    QVERIFY(service.waitForError("WARN  tulo-settingsd: the bus closed the connection: "));
+    bus.startAgain();
+
+    QVERIFY2(service.waitForError("INFO  tulo-settingsd: connected to the bus again\n"),
+             service.standardError());
+    const BusClient client(bus.address());
+    QCOMPARE(client.value(volume), QStringLiteral("x 40"));
+    QCOMPARE(client.call("Flush"), QStringLiteral("u 0"));
+    QCOMPARE(writtenVolume(trees.tree), QVariantHash({ { QStringLiteral("int"), 40 } }));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceLifetime::serviceWithoutABusStopsInOrder()
 {
     const CommandLine trees;
     PrivateBus bus;
     ServiceProcess service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
     BusClient(bus.address()).call("SetValue", { volume, variantOf(40) });
-
     bus.kill();
+    QVERIFY(service.waitForError("WARN  tulo-settingsd: the bus closed the connection: "));
 
-    const ChildResult result = service.finish();
-    QVERIFY2(ServiceProcess::complaints(result).startsWith("tulo-cm: the bus has gone; no "),
-             result.standardError);
-    QCOMPARE(result.exitCode, 7);
+    QCOMPARE(service.end().exitCode, 0);
+
     QCOMPARE(writtenVolume(trees.tree), QVariantHash({ { QStringLiteral("int"), 40 } }));
 }
 
-void TstServiceLifetime::lostBusWakesTheIdleService()
+// A bus that accepts connections and says nothing.
+void TstServiceLifetime::busThatAnswersNothingHoldsNothingUp()
 {
     const CommandLine trees;
     PrivateBus bus;
     ServiceProcess service(trees, bus.address());
-    QVERIFY2(service.serve(), service.standardError());
-    QCOMPARE(BusClient(bus.address()).value(volume), QStringLiteral("x 35"));
-
-    bus.kill();
-
-    QCOMPARE(service.finish().exitCode, 7);
-}
-
-// A new connection to it would be waited for, for ever.
-void TstServiceLifetime::lostBusThatAnswersNothingCostsNoChange()
-{
-    const CommandLine trees;
-    PrivateBus bus;
-    const SyncGate gate;
-    ServiceProcess service(trees, bus.address());
-    service.replaceSync(gate.script());
     QVERIFY2(service.serve(), service.standardError());
     BusClient(bus.address()).call("SetValue", { volume, variantOf(40) });
     const QByteArray name = QFile::encodeName(bus.address().mid(int(std::strlen("unix:path="))));
@@ -405,13 +431,11 @@ void TstServiceLifetime::lostBusThatAnswersNothingCostsNoChange()
     QCOMPARE(::listen(mute, 5), 0);
 
     bus.kill();
-    QVERIFY(gate.waitForFlush());
-    gate.letOneThrough();
-    // It connects, which is after the flush.
+    // It connects.
     pollfd connection { mute, POLLIN, 0 };
     QCOMPARE(::poll(&connection, 1, ChildProcess::waitMs), 1);
 
-    QCOMPARE(service.end().signal, SIGTERM);
+    QCOMPARE(service.end().exitCode, 0);
     QCOMPARE(writtenVolume(trees.tree), QVariantHash({ { QStringLiteral("int"), 40 } }));
     ::close(mute);
 }
@@ -430,8 +454,33 @@ void TstServiceLifetime::closedConnectionIsMadeAgain()
     QCOMPARE(client.value(volume), QStringLiteral("x 35"));
 
     QVERIFY(client.value(QStringLiteral("/settings/long")).startsWith(QStringLiteral("org.freed")));
-    QVERIFY(service.waitForError("tulo-cm: the bus closed the connection; connected again\n"));
+    QVERIFY(service.waitForError("INFO  tulo-settingsd: connected to the bus again\n"));
 
+    QCOMPARE(client.value(volume), QStringLiteral("x 35"));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+// By one who may have the name: the service waits for it, and does not take it back.
+void TstServiceLifetime::nameTakenAwayIsWaitedFor()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    const auto name = QStringLiteral("org.tulo.ConfigurationManager1");
+    const auto busInterface = client.connection().interface();
+    QVERIFY(busInterface
+                ->registerService(name, QDBusConnectionInterface::ReplaceExistingService,
+                                  QDBusConnectionInterface::AllowReplacement)
+                .value()
+            == QDBusConnectionInterface::ServiceRegistered);
+
+    QVERIFY(service.waitForError("WARN  tulo-settingsd: the bus name has a new owner\n"));
+    QCOMPARE(busInterface->serviceOwner(name).value(), client.connection().baseService());
+    QVERIFY(busInterface->unregisterService(name).value());
+
+    QVERIFY(service.waitForError("INFO  tulo-settingsd: connected to the bus again\n"));
     QCOMPARE(client.value(volume), QStringLiteral("x 35"));
     QCOMPARE(service.end().exitCode, 0);
 }
@@ -444,8 +493,9 @@ void TstServiceLifetime::missingBusIsTold()
 
     const ChildResult result = service.finish();
 
-    QVERIFY2(result.standardError.startsWith("tulo-cm: no unix:path=/no/such/bus bus: "),
-             result.standardError);
+    QVERIFY2(
+        result.standardError.startsWith("ERROR tulo-settingsd: no unix:path=/no/such/bus bus: "),
+        result.standardError);
     QCOMPARE(result.exitCode, 7);
 }
 

@@ -1,5 +1,7 @@
 #include "tests/daemon/servicefixture.h"
 
+#include "daemon/tulo/bus-types.h"
+
 #include <QDBusMetaType>
 #include <QDBusObjectPath>
 #include <QDBusSignature>
@@ -31,6 +33,17 @@ QVariantList list(std::initializer_list<QVariant> entries)
     return QVariantList(entries);
 }
 
+using Values = QVector<QPair<QString, QVariant>>;
+
+/// The first argument of SetMany.
+QVariant assignments(const Values& values)
+{
+    tulo::BusNodes nodes;
+    for (const auto& [path, value] : values)
+        nodes.append({ path, { { QStringLiteral("value"), value } } });
+    return QVariant::fromValue(nodes);
+}
+
 /// A list of `depth` lists inside each other.
 QVariant nested(int depth)
 {
@@ -41,6 +54,8 @@ QVariant nested(int depth)
 }
 
 } // namespace
+
+Q_DECLARE_METATYPE(Values)
 
 /// What a client of the service can ask for, and what it gets. Each test has a service and a bus of
 /// its own; the rows of a test share them.
@@ -71,6 +86,14 @@ private slots:
     void setRolesDoesWhatItIsAsked();
     void apply_data();
     void apply();
+    void manySettingsAreReadInOneCall();
+    void manySettingsAreChangedAtOnce();
+    void rejectedChangeOfManyChangesNone_data();
+    void rejectedChangeOfManyChangesNone();
+    void conditionThatDoesNotHoldChangesNothing_data();
+    void conditionThatDoesNotHoldChangesNothing();
+    void dryRunAnswersAndChangesNothing();
+    void unknownOptionIsRefused();
     void changeIsVisibleAtOnceAndOnDiskAfterFlush();
     void newSettingIsMadeFromItsTemplate();
     void dropCacheReadsTheFilesAgain();
@@ -102,6 +125,7 @@ void TstServiceMethods::init()
 {
     if (m_servedFunction == QLatin1String(QTest::currentTestFunction()))
         return;
+    tulo::registerBusTypes();
     end();
     m_servedFunction = QLatin1String(QTest::currentTestFunction());
     m_trees = std::make_unique<CommandLine>();
@@ -171,7 +195,10 @@ void TstServiceMethods::reading_data()
         "\"%\"}");
     row("roles that it lacks", token, { QStringLiteral("value"), QStringLiteral("title") },
         "{title: s \"Token\"}");
-    row("no roles", volume, {}, "{}");
+    row("no roles: all", volume, {},
+        "{defaultValue: x 35, edit: {kind: s \"int\", max: x 100, min: x 0, step: x 5}, path: s "
+        "\"/settings/audio/volume\", title: s \"Volume\", type: x 101, value: x 35, valueUnit: s "
+        "\"%\"}");
     row("the same role twice", volume, valueRole + valueRole, "{value: x 35}");
     row("a role that nobody knows", volume, { QStringLiteral("colour") }, "{}");
     row("directory", QStringLiteral("/settings/audio"),
@@ -302,8 +329,12 @@ void TstServiceMethods::setValueStores_data()
                         const QString& stored) {
         QTest::newRow(name) << path << sent << stored;
     };
-    row("above the range", volume, 400, QStringLiteral("x 100"));
-    row("between the steps", volume, 41, QStringLiteral("x 40"));
+    row("above the range", volume, 400,
+        QStringLiteral("x 100 {adjusted: b true, asked: x 400, reason: s \"it is above 'max' "
+                       "(100)\"}"));
+    row("between the steps", volume, 41,
+        QStringLiteral("x 40 {adjusted: b true, asked: x 41, reason: s \"it does not lie on a "
+                       "'step' (5)\"}"));
     row("whole double for an int", volume, 40.0, QStringLiteral("x 40"));
     row("int for a double", gain, 1, QStringLiteral("d 1"));
     row("double", gain, -0.25, QStringLiteral("d -0.25"));
@@ -325,9 +356,8 @@ void TstServiceMethods::setValueStores_data()
         QStringLiteral("x 9223372036854775807"));
     row("free: the same without a sign", token, quint64(std::numeric_limits<qlonglong>::max()),
         QStringLiteral("x 9223372036854775807"));
-    // As on the command line: 64 bits with a sign or a double, unless it is sent with its kind.
     row("free: largest of all", token, std::numeric_limits<quint64>::max(),
-        QStringLiteral("d 18446744073709552000"));
+        QStringLiteral("t 18446744073709551615"));
     row("free: largest of all with its kind", token,
         QVariantMap { { QStringLiteral("int"), std::numeric_limits<quint64>::max() } },
         QStringLiteral("t 18446744073709551615"));
@@ -356,12 +386,16 @@ void TstServiceMethods::setValueStores()
 
     const QString answer = m_client->call("SetValue", { path, variantOf(sent) });
 
-    QCOMPARE(answer, QStringLiteral("{timestamp: *, value: %1}").arg(stored));
-    QCOMPARE(m_client->value(path), stored);
+    const int outcome = stored.indexOf(QLatin1String(" {adjusted"));
+    const QString value = stored.left(outcome);
+    QCOMPARE(answer,
+             QStringLiteral("{timestamp: *, value: %1}%2")
+                 .arg(value, outcome < 0 ? QString() : stored.mid(outcome)));
+    QCOMPARE(m_client->value(path), value);
     // And the same from disk.
     QCOMPARE(m_client->call("Flush"), QStringLiteral("u 0"));
     QCOMPARE(m_client->call("DropCache"), QString());
-    QCOMPARE(m_client->value(path), stored);
+    QCOMPARE(m_client->value(path), value);
 }
 
 void TstServiceMethods::rejectedValueChangesNothing_data()
@@ -423,7 +457,11 @@ void TstServiceMethods::setValueRefuses_data()
     const double infinity = std::numeric_limits<double>::infinity();
     row("object path", token, QVariant::fromValue(QDBusObjectPath(QStringLiteral("/x"))), rejected);
     row("signature", token, QVariant::fromValue(QDBusSignature(QStringLiteral("a{sv}"))), rejected);
-    row("handle", token, QVariant::fromValue(QDBusUnixFileDescriptor(STDIN_FILENO)), rejected);
+    // The bus itself refuses descriptors for a service that takes none.
+    const QString noDescriptor =
+        QStringLiteral("org.freedesktop.DBus.Error.NotSupported: Tried to send message with Unix "
+                       "file descriptorsto a client that doesn't support that.");
+    row("handle", token, QVariant::fromValue(QDBusUnixFileDescriptor(STDIN_FILENO)), noDescriptor);
     row("bytes", token, QByteArrayLiteral("abc"), rejected);
     row("object path in a list", token,
         list({ 1, QVariant::fromValue(QDBusObjectPath(QStringLiteral("/x"))) }), rejected);
@@ -433,14 +471,16 @@ void TstServiceMethods::setValueRefuses_data()
     row("handle in a map in a list", token,
         list({ QVariantMap { { QStringLiteral("a"),
                                QVariant::fromValue(QDBusUnixFileDescriptor(STDIN_FILENO)) } } }),
-        rejected);
+        noDescriptor);
     row("bytes in a list", token, list({ QByteArrayLiteral("abc") }), rejected);
     row("not a number", token, std::nan(""), rejected);
     row("infinity", token, infinity, rejected);
     row("negative infinity in a list", token, list({ -infinity }), rejected);
     row("not a number with its kind", token, QVariantMap { { QStringLiteral("double"), infinity } },
         rejected);
-    row("map without a kind", token, QVariantMap(), rejected);
+    row("map without a kind", token, QVariantMap(),
+        QStringLiteral("Rejected: The value for '/settings/token' is not one that a setting can "
+                       "have"));
     row("map of an unknown kind", token, QVariantMap { { QStringLiteral("colour"), 1 } },
         QStringLiteral("Refused: A value for '/settings/token' does not have one known kind"));
     row("map of two kinds", token,
@@ -451,8 +491,7 @@ void TstServiceMethods::setValueRefuses_data()
         QStringLiteral("Refused: A value for '/settings/token' is not of the kind it names"));
     row("nine lists", token, nested(9),
         QStringLiteral("Limits: A value for '/settings/token' nests more than 8 deep"));
-    row("thirty lists", token, nested(30),
-        QStringLiteral("Limits: A value for '/settings/token' nests more than 8 deep"));
+    row("thirty lists", token, nested(30), rejected);
     row("larger than fits", token, QString(60000, QLatin1Char('x')),
         QStringLiteral("Limits: A value for '/settings/token' takes more than 49152 bytes"));
     row("read-only", QStringLiteral("/settings/serial"), QStringLiteral("X2"),
@@ -504,37 +543,47 @@ void TstServiceMethods::setRoles_data()
 {
     QTest::addColumn<QVariantMap>("sent");
     QTest::addColumn<QString>("answer");
-    const auto row = [](const char* name, const QVariantMap& sent, const char* answer) {
-        QTest::newRow(name) << sent << QString::fromUtf8(answer);
+    const auto row = [](const char* name, const QVariantMap& sent, const QString& answer) {
+        QTest::newRow(name) << sent << answer;
     };
     const auto role = [](const char* name, const QVariant& value) {
         return QVariantMap { { QString::fromLatin1(name), value } };
     };
-    const char* const notSettable = "Refused: A role that cannot be set; those that can are value, "
-                                    "timestamp, id, disabled; path:'/settings/audio/volume'";
-    row("value", role("value", 40), "{timestamp: *, value: x 40}");
-    row("id", role("id", QStringLiteral("A1")), "{id: s \"A1\", timestamp: *, value: x 35}");
-    row("disabled", role("disabled", true), "{disabled: b true, timestamp: *, value: x 35}");
-    row("timestamp", role("timestamp", 1700000000000LL), "{timestamp: *, value: x 35}");
-    row("none", {}, "{timestamp: *, value: x 35}");
-    row("activate", role("activate", true), notSettable);
+    const auto notSettable = [](const char* name) {
+        return QStringLiteral("Refused: The role '%1' of '/settings/audio/volume' cannot be set; "
+                              "those that can are value, timestamp, id, disabled")
+            .arg(QLatin1String(name));
+    };
+    const auto notOfItsType = [](const char* name) {
+        return QStringLiteral("Rejected: The role '%1' of '/settings/audio/volume' cannot have "
+                              "this value")
+            .arg(QLatin1String(name));
+    };
+    row("value", role("value", 40), QStringLiteral("{timestamp: *, value: x 40}"));
+    row("id", role("id", QStringLiteral("A1")),
+        QStringLiteral("{id: s \"A1\", timestamp: *, value: x 35}"));
+    row("disabled", role("disabled", true),
+        QStringLiteral("{disabled: b true, timestamp: *, value: x 35}"));
+    row("timestamp", role("timestamp", 1700000000000LL),
+        QStringLiteral("{timestamp: *, value: x 35}"));
+    row("none", {}, QStringLiteral("{timestamp: *, value: x 35}"));
+    row("activate", role("activate", true), notSettable("activate"));
     row("value and activate",
-        { { QStringLiteral("value"), 40 }, { QStringLiteral("activate"), true } }, notSettable);
+        { { QStringLiteral("value"), 40 }, { QStringLiteral("activate"), true } },
+        notSettable("activate"));
     for (const char* name :
          { "path", "title", "type", "edit", "modifiable", "encrypted", "encryptedValue",
            "defaultValue", "permission", "setRoles", "valueOperation", "colour", "Value", "" })
-        row(name[0] == 0 ? "empty name" : name, role(name, 1), notSettable);
-    row("timestamp as text", role("timestamp", QStringLiteral("now")),
-        "Rejected: The role 'timestamp' cannot hold this value; path:'/settings/audio/volume'");
-    row("id as number", role("id", 1),
-        "Rejected: The role 'id' cannot hold this value; path:'/settings/audio/volume'");
-    row("disabled as number", role("disabled", 1),
-        "Rejected: The role 'disabled' cannot hold this value; path:'/settings/audio/volume'");
+        row(name[0] == 0 ? "empty name" : name, role(name, 1), notSettable(name));
+    row("timestamp as text", role("timestamp", QStringLiteral("now")), notOfItsType("timestamp"));
+    row("id as number", role("id", 1), notOfItsType("id"));
+    row("disabled as number", role("disabled", 1), notOfItsType("disabled"));
     row("value that is an object path",
         role("value", QVariant::fromValue(QDBusObjectPath(QStringLiteral("/x")))),
-        "Rejected: A setting cannot hold this value; path:'/settings/audio/volume'");
+        QStringLiteral("Rejected: A setting cannot hold this value; "
+                       "path:'/settings/audio/volume'"));
     row("long id", role("id", QString(60000, QLatin1Char('i'))),
-        "Limits: A value for '/settings/audio/volume' takes more than 49152 bytes");
+        QStringLiteral("Limits: A value for '/settings/audio/volume' takes more than 49152 bytes"));
 }
 
 void TstServiceMethods::setRoles()
@@ -577,7 +626,9 @@ void TstServiceMethods::apply_data()
     };
     row("set", volume, "set", list({ 40 }), QStringLiteral("x 40"));
     row("add", volume, "add", list({ QVariant::fromValue(uchar(5)) }), QStringLiteral("x 40"));
-    row("add beyond the range", volume, "add", list({ 500 }), QStringLiteral("x 100"));
+    row("add beyond the range", volume, "add", list({ 500 }),
+        QStringLiteral("{timestamp: *, value: x 100} {adjusted: b true, asked: x 535, reason: s "
+                       "\"it is above 'max' (100)\"}"));
     row("multiply", volume, "multiply", list({ 2 }), QStringLiteral("x 70"));
     row("toggle", loudness, "toggle", {}, QStringLiteral("b false"));
     row("append", sources, "append", list({ QStringLiteral("dab") }),
@@ -586,12 +637,14 @@ void TstServiceMethods::apply_data()
         QStringLiteral("av [s \"usb\"]"));
     row("next", mode, "next", {}, QStringLiteral("s \"high\""));
     row("previous", mode, "previous", {}, QStringLiteral("s \"low\""));
-    const QString verbs = QStringLiteral(
-        "Refused: An operation is one of set, add, multiply, toggle, append, remove, next, "
-        "previous, with one operand at most; path:'/settings/audio/volume'");
-    row("unknown verb", volume, "double", list({ 1 }), verbs);
-    row("empty verb", volume, "", {}, verbs);
-    row("two operands", volume, "add", list({ 1, 2 }), verbs);
+    const QString unknown = QStringLiteral(
+        "Refused: '%1' is not an operation for '/settings/audio/volume'; operations are set, add, "
+        "multiply, toggle, append, remove, next, previous");
+    row("unknown verb", volume, "double", list({ 1 }), unknown.arg(QStringLiteral("double")));
+    row("empty verb", volume, "", {}, unknown.arg(QString()));
+    row("two operands", volume, "add", list({ 1, 2 }),
+        QStringLiteral("Refused: An operation takes one operand at most; "
+                       "path:'/settings/audio/volume'"));
     row("operand that is a signature", volume, "add",
         list({ QVariant::fromValue(QDBusSignature(QStringLiteral("s"))) }),
         QStringLiteral("Rejected: A setting cannot hold this value; "
@@ -611,6 +664,132 @@ void TstServiceMethods::apply()
     QFETCH(const QString, answer);
 
     QCOMPARE(m_client->call("Apply", { path, verb, operand }), answer);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Many settings in one call, and the options of a change.
+// ---------------------------------------------------------------------------------------------
+
+void TstServiceMethods::manySettingsAreReadInOneCall()
+{
+    const QStringList paths { volume, QStringLiteral("/settings/nothing"), loudness,
+                              QStringLiteral("/settings/../x"), volume };
+
+    QCOMPARE(
+        m_client->call("GetMany", { paths, valueRole }),
+        QStringLiteral(
+            "a(sa{sv}) [(s \"/settings/audio/volume\", {value: x 35}), (s \"/settings/nothing\", "
+            "{error: s \"InvalidPath: Invalid path '/settings/nothing'\"}), (s "
+            "\"/settings/audio/loudness\", {value: b true}), (s \"/settings/../x\", {error: s "
+            "\"Refused: Path '/settings/../x' has a component that begins with '.'\"}), (s "
+            "\"/settings/audio/volume\", {value: x 35})]"));
+    QStringList tooMany;
+    for (int i = 0; i < 1001; ++i)
+        tooMany.append(volume);
+    QVERIFY(
+        m_client->call("GetMany", { tooMany, valueRole }).startsWith(QLatin1String("Limits: ")));
+}
+
+void TstServiceMethods::manySettingsAreChangedAtOnce()
+{
+    SignalRecorder recorder(m_client->connection());
+
+    const QString answer =
+        m_client->call("SetMany", { assignments({ { volume, 41 }, { gain, -0.5 } }) });
+
+    QCOMPARE(
+        answer,
+        QStringLiteral("a(a{sv}a{sv}) [({timestamp: *, value: x 40}, {adjusted: b true, asked: "
+                       "x 41, reason: s \"it does not lie on a 'step' (5)\"}), ({timestamp: "
+                       "*, value: d -0.5}, {})]"));
+    QCOMPARE(m_client->value(volume), QStringLiteral("x 40"));
+    QCOMPARE(m_client->value(gain), QStringLiteral("d -0.5"));
+    QCOMPARE(recorder.received().filter(QStringLiteral("ValueChanged")),
+             QStringList({ QStringLiteral("ValueChanged /settings/audio/volume x 40"),
+                           QStringLiteral("ValueChanged /settings/audio/gain d -0.5") }));
+}
+
+void TstServiceMethods::rejectedChangeOfManyChangesNone_data()
+{
+    QTest::addColumn<Values>("values");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("rejected value")
+        << Values { { volume, 40 }, { mode, QStringLiteral("top") }, { gain, 0.0 } }
+        << QStringLiteral("Rejected: ");
+    QTest::newRow("read-only") << Values { { volume, 40 },
+                                           { QStringLiteral("/settings/serial"), 1 } }
+                               << QStringLiteral("NotModifiable: ");
+    QTest::newRow("no such directory")
+        << Values { { volume, 40 }, { QStringLiteral("/settings/none/x"), 1 } }
+        << QStringLiteral("InvalidPath: ");
+    QTest::newRow("twice") << Values { { volume, 40 }, { gain, 0.0 }, { volume, 45 } }
+                           << QStringLiteral("Refused: ");
+    QTest::newRow("value that no setting has")
+        << Values { { volume, 40 }, { token, std::nan("") } } << QStringLiteral("Rejected: ");
+}
+
+void TstServiceMethods::rejectedChangeOfManyChangesNone()
+{
+    QFETCH(const Values, values);
+    QFETCH(const QString, error);
+    SignalRecorder recorder(m_client->connection());
+
+    const QString answer = m_client->call("SetMany", { assignments(values) });
+
+    QVERIFY2(answer.startsWith(error), qPrintable(answer));
+    QCOMPARE(m_client->value(volume), QStringLiteral("x 35"));
+    QCOMPARE(m_client->value(gain), QStringLiteral("d 0.5"));
+    QCOMPARE(m_client->property("PendingWrites"), QStringLiteral("u 0"));
+    QCOMPARE(recorder.received(), QStringList());
+}
+
+void TstServiceMethods::conditionThatDoesNotHoldChangesNothing_data()
+{
+    QTest::addColumn<QVariantMap>("options");
+    QTest::newRow("value") << QVariantMap { { QStringLiteral("if-value"), 40 } };
+    QTest::newRow("timestamp") << QVariantMap { { QStringLiteral("if-timestamp"), 1LL } };
+}
+
+void TstServiceMethods::conditionThatDoesNotHoldChangesNothing()
+{
+    QFETCH(const QVariantMap, options);
+
+    const QString answer = m_client->call("SetValue", { volume, variantOf(50), options });
+
+    QVERIFY2(answer.startsWith(QLatin1String("Conflict: ")), qPrintable(answer));
+    QCOMPARE(m_client->value(volume), QStringLiteral("x 35"));
+    QCOMPARE(m_client->call(
+                 "SetValue",
+                 { volume, variantOf(50), QVariantMap { { QStringLiteral("if-value"), 35 } } }),
+             QStringLiteral("{timestamp: *, value: x 50}"));
+}
+
+void TstServiceMethods::dryRunAnswersAndChangesNothing()
+{
+    const QVariantMap dryRun { { QStringLiteral("dry-run"), true } };
+    SignalRecorder recorder(m_client->connection());
+
+    const QString answer = m_client->call("SetValue", { volume, variantOf(400), dryRun });
+
+    QVERIFY2(answer.contains(QLatin1String("value: x 100} {adjusted: b true, asked: x 400")),
+             qPrintable(answer));
+    QVERIFY(m_client->call("SetValue", { mode, variantOf(QStringLiteral("top")), dryRun })
+                .startsWith(QLatin1String("Rejected: ")));
+    QCOMPARE(m_client->value(volume), QStringLiteral("x 35"));
+    QCOMPARE(m_client->property("PendingWrites"), QStringLiteral("u 0"));
+    QCOMPARE(recorder.received(), QStringList());
+}
+
+void TstServiceMethods::unknownOptionIsRefused()
+{
+    for (const QVariantMap& options :
+         { QVariantMap { { QStringLiteral("force"), true } },
+           QVariantMap { { QStringLiteral("dry-run"), QStringLiteral("yes") } } }) {
+        const QString answer = m_client->call("SetValue", { volume, variantOf(50), options });
+        QVERIFY2(answer.startsWith(QLatin1String("Refused: ")), qPrintable(answer));
+    }
+
+    QCOMPARE(m_client->value(volume), QStringLiteral("x 35"));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -686,13 +865,18 @@ void TstServiceMethods::nullsAreLeftOutOfMaps()
 void TstServiceMethods::callsThatDoNotExistAreRefused()
 {
     const QString unknown = QStringLiteral("org.freedesktop.DBus.Error.UnknownMethod: ");
+    const QString invalid = QStringLiteral("org.freedesktop.DBus.Error.InvalidArgs: ");
     QVERIFY(m_client->call("Nothing").startsWith(unknown));
-    QVERIFY(m_client->call("GetData").startsWith(unknown));
-    QVERIFY(m_client->call("GetData", { 1, 2 }).startsWith(unknown));
-    QVERIFY(m_client->call("Flush", { 1 }).startsWith(unknown));
-    // Of the class behind the interface.
-    QVERIFY(m_client->call("deleteLater").startsWith(unknown));
-    QVERIFY(m_client->call("withdraw").startsWith(unknown));
+    QVERIFY(m_client->call("GetData").startsWith(invalid));
+    QVERIFY(m_client->call("GetData", { 1, 2 }).startsWith(invalid));
+    QVERIFY(m_client->call("Flush", { 1 }).startsWith(invalid));
+    // Of another interface.
+    QDBusMessage change = BusClient::message(QStringLiteral("SetValue"), { volume, variantOf(40) });
+    change = QDBusMessage::createMethodCall(change.service(), change.path(),
+                                            QStringLiteral("org.tulo.ConfigurationManager1"),
+                                            change.member())
+        << change.arguments();
+    QVERIFY(BusClient::shown(m_client->connection().call(change)).startsWith(unknown));
 
     QCOMPARE(m_client->value(volume), QStringLiteral("x 35"));
 }
@@ -751,21 +935,14 @@ void TstServiceMethods::refusedChangeIsNotBroadcast()
 
 void TstServiceMethods::matchRulePicksOnePath()
 {
-    ChildProcess watch(QStringLiteral(TULO_CM_PROGRAM),
-                       { QStringLiteral("--bus"), m_bus->address(), QStringLiteral("watch"), gain,
-                         QStringLiteral("--initial"), QStringLiteral("--count"),
-                         QStringLiteral("2") });
-    QVERIFY(watch.start());
-    QVERIFY(watch.waitForOutput("value /settings/audio/gain 0.5\n"));
+    SignalRecorder recorder(m_client->connection(), gain);
 
     m_client->call("SetValue", { volume, variantOf(40) });
     m_client->call("SetValue", { gain, variantOf(-0.5) });
 
-    const ChildResult result = watch.finish();
-    QCOMPARE(result.standardOutput,
-             QByteArray("value /settings/audio/gain 0.5\nvalue /settings/audio/gain -0.5\n"
-                        "data /settings/audio/gain\n"));
-    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(recorder.received(),
+             QStringList({ QStringLiteral("ValueChanged /settings/audio/gain d -0.5"),
+                           QStringLiteral("DataChanged /settings/audio/gain") }));
 }
 
 void TstServiceMethods::encryptedValueIsNeverBroadcast()
@@ -795,17 +972,20 @@ void TstServiceMethods::encryptedValueIsNeverBroadcast()
 void TstServiceMethods::propertiesTellTheState()
 {
     const ChildResult version =
-        ChildProcess::run(QStringLiteral(TULO_CM_PROGRAM), { QStringLiteral("--version") });
+        ChildProcess::run(QStringLiteral(TULO_SETTINGSD_PROGRAM), { QStringLiteral("--version") });
 
     QCOMPARE(m_client->property("Version"),
              QStringLiteral("s \"%1\"")
-                 .arg(QString::fromLatin1(version.standardOutput.trimmed().mid(8))));
+                 .arg(QString::fromLatin1(version.standardOutput.trimmed().mid(15))));
     QCOMPARE(m_client->property("DefaultPath"),
              QStringLiteral("s \"%1\"").arg(m_trees->tree.defaultPath()));
     QCOMPARE(m_client->property("WritePath"),
              QStringLiteral("s \"%1\"").arg(m_trees->tree.writePath()));
     QCOMPARE(m_client->property("PendingWrites"), QStringLiteral("u 0"));
-    QCOMPARE(m_client->property("UnsavedPaths"), QStringLiteral("as []"));
+    QCOMPARE(m_client->property("UnsavedCount"), QStringLiteral("u 0"));
+    QCOMPARE(m_client->call("GetUnsaved", { 10U }), QStringLiteral("as []"));
+    QCOMPARE(m_client->property("Writable"), QStringLiteral("b true"));
+    QCOMPARE(m_client->property("Product"), QStringLiteral("s \"\""));
     QCOMPARE(m_client->property("LastWriteError"), QStringLiteral("s \"\""));
 }
 

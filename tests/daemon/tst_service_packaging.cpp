@@ -28,8 +28,9 @@ QByteArray listing(const QString& directory)
         .standardOutput;
 }
 
-/// Methods, signals and properties of the service's interface, one a line: what a client sees.
-QStringList interfaceOf(const QByteArray& xml)
+/// Methods, signals and properties of an interface, one a line: what a client sees. Without the
+/// annotations that only generators of code read.
+QStringList interfaceOf(const QByteArray& xml, const QString& interface)
 {
     QStringList members;
     QXmlStreamReader reader(xml);
@@ -42,16 +43,16 @@ QStringList interfaceOf(const QByteArray& xml)
             return attributes.value(QLatin1String(key)).toString();
         };
         if (name == QLatin1String("interface")) {
-            isInside = reader.isStartElement()
-                && attribute("name") == QLatin1String("org.tulo.ConfigurationManager1");
+            isInside = reader.isStartElement() && attribute("name") == interface;
         } else if (isInside && reader.isStartElement()) {
             if (name == QLatin1String("arg")) {
                 members.last() +=
                     QStringLiteral(" %1 %2 %3")
                         .arg(attribute("direction"), attribute("type"), attribute("name"));
             } else if (name == QLatin1String("annotation")) {
-                members.last() +=
-                    QStringLiteral(" %1=%2").arg(attribute("name"), attribute("value"));
+                if (!attribute("name").startsWith(QLatin1String("org.qtproject.")))
+                    members.last() +=
+                        QStringLiteral(" %1=%2").arg(attribute("name"), attribute("value"));
             } else {
                 members.append(QStringLiteral("%1 %2 %3 %4")
                                    .arg(name.toString(), attribute("name"), attribute("type"),
@@ -85,6 +86,8 @@ private slots:
     void unitIsWellFormed();
     void installedLogConfigurationShowsWarningsOnly();
     void installedServiceServes();
+    void unitTurnsItsVariablesIntoOptions_data();
+    void unitTurnsItsVariablesIntoOptions();
     void interfaceFileSaysWhatTheServiceSays();
 
 private:
@@ -108,19 +111,21 @@ void TstServicePackaging::initTestCase()
 void TstServicePackaging::filesAreInPlace()
 {
     for (const char* name :
-         { "lib/systemd/system/tulo-cm.service", "lib/sysusers.d/tulo-cm.conf",
-           "lib/tmpfiles.d/tulo-cm.conf",
+         { "lib/systemd/system/tulo-settingsd.service", "lib/sysusers.d/tulo-settingsd.conf",
+           "lib/tmpfiles.d/tulo-settingsd.conf",
            "share/dbus-1/system-services/org.tulo.ConfigurationManager1.service",
            "share/dbus-1/system.d/org.tulo.ConfigurationManager1.conf",
-           "share/dbus-1/interfaces/org.tulo.ConfigurationManager1.xml",
-           "share/tulo/tulo-cm-log.properties", "share/doc/tulo/docs/guarantees.md" })
+           "share/dbus-1/interfaces/org.tulo.ConfigurationManager1.xml", "include/tulo/bus-types.h",
+           "share/tulo/tulo-settingsd-log.properties", "share/doc/tulo/docs/guarantees.md" })
         QVERIFY2(!contentOf(installed(name)).isEmpty(), name);
-    QVERIFY(QFileInfo(installed("bin/tulo-cm")).isExecutable());
-    const QByteArray unit = contentOf(installed("lib/systemd/system/tulo-cm.service"));
+    for (const char* name : { "bin/tulo-cm", "bin/tulo-settingsd" })
+        QVERIFY2(QFileInfo(installed(name)).isExecutable(), name);
+    const QByteArray unit = contentOf(installed("lib/systemd/system/tulo-settingsd.service"));
     for (const char* line :
          { "\nType=notify\n", "\nUMask=0077\n", "\nTimeoutStopSec=120\n", "\nLimitCORE=0\n",
            "\nRequiresMountsFor=/settings /etc/tulo/settings-default\n",
            "\nLimitNOFILE=", "\nRestart=on-failure\n", "\nStartLimitIntervalSec=0\n",
+           "\nWatchdogSec=60\n", "\nEnvironmentFile=-/etc/default/tulo-settingsd\n",
            "\nBusName=org.tulo.ConfigurationManager1\n" })
         QVERIFY2(unit.contains(line), line);
 }
@@ -141,8 +146,8 @@ void TstServicePackaging::unitNamesInstalledFiles()
     const ChildResult result = install(root.path(), prefix);
     QVERIFY2(result.exitCode == 0, result.standardError);
 
-    const QString unit = QString::fromUtf8(
-        contentOf(root.path() + prefix + QLatin1String("/lib/systemd/system/tulo-cm.service")));
+    const QString unit = QString::fromUtf8(contentOf(
+        root.path() + prefix + QLatin1String("/lib/systemd/system/tulo-settingsd.service")));
 
     const auto words = [&unit](const QString& key) {
         return QRegularExpression(QLatin1Char('^') + key + QLatin1String("=(.*)$"),
@@ -156,7 +161,7 @@ void TstServicePackaging::unitNamesInstalledFiles()
     const QStringList files =
         command.filter(QStringLiteral("/")) + words(QStringLiteral("Documentation"));
     QCOMPARE(files.size(), 4);
-    QCOMPARE(command.first(), prefix + QLatin1String("/bin/tulo-cm"));
+    QCOMPARE(command.first(), prefix + QLatin1String("/bin/tulo-settingsd"));
     for (const QString& file : files) {
         QVERIFY2(file.startsWith(prefix + QLatin1Char('/')), qPrintable(file));
         QVERIFY2(QFileInfo(root.path() + file).isFile(), qPrintable(file));
@@ -206,9 +211,10 @@ void TstServicePackaging::missingCommandsAreToldForAnotherPrefix_data()
                QStringLiteral("install -D -m 644 -t /usr/local/share/dbus-1/system-services "
                               "/opt/tulo/share/dbus-1/system-services/"
                               "org.tulo.ConfigurationManager1.service"),
-               QStringLiteral("systemd-sysusers /opt/tulo/lib/sysusers.d/tulo-cm.conf"),
-               QStringLiteral("systemd-tmpfiles --create /opt/tulo/lib/tmpfiles.d/tulo-cm.conf"),
-               QStringLiteral("systemctl link /opt/tulo/lib/systemd/system/tulo-cm.service")
+               QStringLiteral("systemd-sysusers /opt/tulo/lib/sysusers.d/tulo-settingsd.conf"),
+               QStringLiteral(
+                   "systemd-tmpfiles --create /opt/tulo/lib/tmpfiles.d/tulo-settingsd.conf"),
+               QStringLiteral("systemctl link /opt/tulo/lib/systemd/system/tulo-settingsd.service")
            };
 }
 
@@ -249,7 +255,7 @@ void TstServicePackaging::tmpfilesTouchNothingInTheWritableTree()
     const QStringList arguments { QStringLiteral("--create"), QStringLiteral("--remove"),
                                   QStringLiteral("--clean"),
                                   QStringLiteral("--root=") + root.path(),
-                                  installed("lib/tmpfiles.d/tulo-cm.conf") };
+                                  installed("lib/tmpfiles.d/tulo-settingsd.conf") };
 
     const ChildResult first = ChildProcess::run(QStringLiteral("systemd-tmpfiles"), arguments);
     QVERIFY2(first.exitCode == 0, first.standardError);
@@ -282,7 +288,7 @@ void TstServicePackaging::unitIsHardened()
         ChildProcess::run(QStringLiteral("systemd-analyze"),
                           { QStringLiteral("security"), QStringLiteral("--offline=true"),
                             QStringLiteral("--no-pager"), QStringLiteral("--threshold=20"),
-                            installed("lib/systemd/system/tulo-cm.service") });
+                            installed("lib/systemd/system/tulo-settingsd.service") });
 
     const QRegularExpressionMatch exposure =
         QRegularExpression(QStringLiteral("Overall exposure level for [^:]*: ([0-9.]+)"))
@@ -298,10 +304,10 @@ void TstServicePackaging::unitIsWellFormed()
         QSKIP("needs systemd-analyze");
     // With the program where this installation has it.
     const QTemporaryDir copy;
-    QFile file(copy.filePath(QStringLiteral("tulo-cm.service")));
+    QFile file(copy.filePath(QStringLiteral("tulo-settingsd.service")));
     QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(contentOf(installed("lib/systemd/system/tulo-cm.service"))
-                   .replace("/usr/bin/tulo-cm", installed("bin/tulo-cm").toUtf8()));
+    file.write(contentOf(installed("lib/systemd/system/tulo-settingsd.service"))
+                   .replace("/usr/bin/tulo-settingsd", installed("bin/tulo-settingsd").toUtf8()));
     file.close();
 
     const ChildResult result =
@@ -309,7 +315,7 @@ void TstServicePackaging::unitIsWellFormed()
                           { QStringLiteral("verify"), QStringLiteral("--man=no"),
                             QStringLiteral("--recursive-errors=no"), file.fileName() });
 
-    QVERIFY2(!result.standardError.contains("tulo-cm.service"), result.standardError);
+    QVERIFY2(!result.standardError.contains("tulo-settingsd.service"), result.standardError);
     QCOMPARE(result.exitCode, 0);
 }
 
@@ -319,7 +325,7 @@ void TstServicePackaging::installedLogConfigurationShowsWarningsOnly()
     const PrivateBus bus;
     ServiceProcess service(
         trees, bus.address(),
-        { QStringLiteral("--log-config"), installed("share/tulo/tulo-cm-log.properties") });
+        { QStringLiteral("--log-config"), installed("share/tulo/tulo-settingsd-log.properties") });
     QVERIFY2(service.serve(), service.standardError());
     const BusClient client(bus.address());
     const QString volume = QStringLiteral("/settings/audio/volume");
@@ -334,8 +340,8 @@ void TstServicePackaging::installedLogConfigurationShowsWarningsOnly()
     const QByteArray record =
         "Settings: path '" + trees.tree.writePath().toUtf8() + "/audio/.volume' open file failed";
     QCOMPARE(ServiceProcess::complaints(result),
-             "ERROR CMSettingsWorker: " + record + "\ntulo-cm: not on disk: " + volume.toUtf8()
-                 + " (" + record + ")\n");
+             "ERROR CMSettingsWorker: " + record + "\nERROR tulo-settingsd: not on disk: "
+                 + volume.toUtf8() + " (" + record + ")\n");
     QCOMPARE(result.exitCode, 6);
 }
 
@@ -343,18 +349,75 @@ void TstServicePackaging::installedServiceServes()
 {
     const CommandLine trees;
     const PrivateBus bus;
-    ChildProcess service(
-        installed("bin/tulo-cm"),
-        trees.arguments({ QStringLiteral("--bus"), bus.address(), QStringLiteral("serve") }));
+    ChildProcess service(installed("bin/tulo-settingsd"),
+                         trees.arguments({ QStringLiteral("--bus"), bus.address() }));
     QVERIFY(service.start());
-    QVERIFY2(service.waitForError("tulo-cm: serving '"), service.standardError());
+    QVERIFY2(service.waitForError("INFO  tulo-settingsd: serving '"), service.standardError());
 
-    const ChildResult get =
-        ChildProcess::run(installed("bin/tulo-cm"),
-                          { QStringLiteral("--bus"), bus.address(), QStringLiteral("get"),
-                            QStringLiteral("/settings/audio/volume") });
+    QCOMPARE(BusClient(bus.address()).value(QStringLiteral("/settings/audio/volume")),
+             QStringLiteral("x 35"));
+    service.sendSignal(SIGTERM);
+    QCOMPARE(service.finish().exitCode, 0);
+}
 
-    QCOMPARE(get.standardOutput, QByteArray("35\n"));
+void TstServicePackaging::unitTurnsItsVariablesIntoOptions_data()
+{
+    QTest::addColumn<QString>("product");
+    QTest::addColumn<QString>("language");
+    QTest::addColumn<QString>("title");
+    QTest::addColumn<QString>("value");
+    QTest::newRow("none") << QString() << QString() << QStringLiteral("s \"Volume\"")
+                          << QStringLiteral("x 35");
+    QTest::newRow("product and language")
+        << QStringLiteral("sport") << QStringLiteral("de")
+        << QString::fromUtf8("s \"Lautst\303\244rke\"") << QStringLiteral("x 45");
+}
+
+// As systemd.service(5) has it: ${NAME} is one word, empty when the variable is.
+void TstServicePackaging::unitTurnsItsVariablesIntoOptions()
+{
+    QFETCH(const QString, product);
+    QFETCH(const QString, language);
+    QFETCH(const QString, title);
+    QFETCH(const QString, value);
+    QString unit =
+        QString::fromUtf8(contentOf(installed("lib/systemd/system/tulo-settingsd.service")));
+    unit.replace(QStringLiteral("\\\n"), QString());
+    QStringList words =
+        QRegularExpression(QStringLiteral("^ExecStart=(.*)$"), QRegularExpression::MultilineOption)
+            .match(unit)
+            .captured(1)
+            .split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    const QHash<QString, QString> variables {
+        { QStringLiteral("${TULO_PRODUCT}"), product },
+        { QStringLiteral("${TULO_LANGUAGE}"), language },
+        { QStringLiteral("${TULO_CATALOGUES}"),
+          language.isEmpty() ? QString() : QStringLiteral(TULO_CATALOGUES) },
+    };
+    int replaced = 0;
+    for (QString& word : words) {
+        replaced += variables.contains(word) ? 1 : 0;
+        word = variables.value(word, word);
+        if (word.startsWith(QLatin1String("/usr/")))
+            word = m_root.path() + word;
+    }
+    QCOMPARE(replaced, 3);
+    const TemporaryTree written;
+    const PrivateBus bus;
+    words << QStringLiteral("--default-path") << QStringLiteral(TULO_EXAMPLE_TREE)
+          << QStringLiteral("--write-path") << written.writePath() << QStringLiteral("--bus")
+          << bus.address();
+
+    ChildProcess service(words.takeFirst(), words);
+    QVERIFY(service.start());
+    QVERIFY2(service.waitForError("INFO  tulo-settingsd: serving '"), service.standardError());
+
+    const BusClient client(bus.address());
+    QCOMPARE(client.call("GetData",
+                         { QStringLiteral("/settings/audio/volume"),
+                           QStringList { QStringLiteral("title"), QStringLiteral("value") } }),
+             QStringLiteral("{title: %1, value: %2}").arg(title, value));
+    QCOMPARE(client.property("Product"), QStringLiteral("s \"%1\"").arg(product));
     service.sendSignal(SIGTERM);
     QCOMPARE(service.finish().exitCode, 0);
 }
@@ -372,11 +435,20 @@ void TstServicePackaging::interfaceFileSaysWhatTheServiceSays()
         QStringLiteral("/org/tulo/ConfigurationManager1"),
         QStringLiteral("org.freedesktop.DBus.Introspectable"), QStringLiteral("Introspect")));
 
-    const QStringList told = interfaceOf(answer.arguments().value(0).toString().toUtf8());
-    QCOMPARE(told,
-             interfaceOf(contentOf(
-                 installed("share/dbus-1/interfaces/org.tulo.ConfigurationManager1.xml"))));
-    QCOMPARE(told.size(), 16);
+    const QByteArray told = answer.arguments().value(0).toString().toUtf8();
+    const QByteArray committed =
+        contentOf(installed("share/dbus-1/interfaces/org.tulo.ConfigurationManager1.xml"));
+    const QString first = QStringLiteral("org.tulo.ConfigurationManager1");
+    const QVector<QPair<QString, int>> interfaces { { first, 14 },
+                                                    { first + QLatin1String(".Change"), 5 },
+                                                    { first + QLatin1String(".Admin"), 2 } };
+    for (const auto& [interface, members] : interfaces) {
+        QCOMPARE(interfaceOf(told, interface), interfaceOf(committed, interface));
+        QCOMPARE(interfaceOf(told, interface).size(), members);
+    }
+    QCOMPARE(committed.count("<interface "), interfaces.size());
+    // And the three of every object.
+    QCOMPARE(told.count("<interface "), interfaces.size() + 3);
     QCOMPARE(service.end().exitCode, 0);
 }
 

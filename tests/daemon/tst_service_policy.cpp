@@ -1,5 +1,8 @@
 #include "tests/daemon/servicefixture.h"
 
+#include "daemon/tulo/bus-types.h"
+
+#include <QDBusConnectionInterface>
 #include <QDBusError>
 #include <QDBusPendingCall>
 #include <QDBusPendingCallWatcher>
@@ -17,14 +20,16 @@
 namespace {
 
 const QString volume = QStringLiteral("/settings/audio/volume");
-const QString program = QStringLiteral(TULO_CM_PROGRAM);
 // The names of the packaged policy are made when it is installed; here others, which every Debian
-// has, stand in their place. The bus looks a user's groups up in the system's tables: the user
-// "daemon" is in the group of that name, "nobody" is not.
+// has, stand in their place. The bus looks a user's groups up in the system's tables: the users
+// "daemon" and "sys" are in the groups of these names, "nobody" is in neither.
 const QString memberGroup = QStringLiteral("daemon");
+const QString readerGroup = QStringLiteral("sys");
 const QString serviceUser = QStringLiteral("bin");
-const QString member = QStringLiteral("1");
-const QString outsider = QStringLiteral("65534");
+constexpr uid_t member = 1;
+constexpr uid_t serviceUserId = 2;
+constexpr uid_t reader = 3;
+constexpr uid_t outsider = 65534;
 
 QByteArray contentOf(const QString& name)
 {
@@ -60,6 +65,7 @@ QByteArray systemPolicy(const QString& root)
     const QString policyFile =
         folder + QLatin1String("system.d/org.tulo.ConfigurationManager1.conf");
     QByteArray policy = contentOf(policyFile);
+    replaceOnce(policy, "group=\"tulo-read\"", "group=\"" + readerGroup.toUtf8() + '"');
     replaceOnce(policy, "group=\"tulo\"", "group=\"" + memberGroup.toUtf8() + '"');
     replaceOnce(policy, "user=\"tulo-cm\"", "user=\"" + serviceUser.toUtf8() + '"');
     write(policyFile, policy);
@@ -83,9 +89,9 @@ QByteArray systemPolicy(const QString& root)
 }
 
 /// The words that have setpriv run a program as this user.
-QStringList asUser(const QString& user)
+QStringList asUser(uid_t user)
 {
-    return { QStringLiteral("--reuid=") + user, QStringLiteral("--regid=") + user,
+    return { QStringLiteral("--reuid=%1").arg(user), QStringLiteral("--regid=%1").arg(user),
              QStringLiteral("--clear-groups") };
 }
 
@@ -106,6 +112,14 @@ public:
     }
     Q_DISABLE_COPY(ConnectAs)
 };
+
+std::unique_ptr<BusClient> clientOf(uid_t user, const QString& bus)
+{
+    if (user == 0)
+        return std::make_unique<BusClient>(bus);
+    const ConnectAs connecting(user);
+    return std::make_unique<BusClient>(bus);
+}
 
 /// Waits in the event loop, where this program's own service answers.
 QDBusMessage answerOf(const QDBusPendingCall& call)
@@ -191,12 +205,11 @@ private slots:
     void initTestCase();
     void cleanupTestCase();
 
-    void userOutsideTheGroupIsRefusedEverything();
-    void userOutsideTheGroupHearsNothing();
-    void memberReadsChangesAndFlushes();
-    void memberMayNotDropTheCache();
+    void rightsFollowTheInterface_data();
+    void rightsFollowTheInterface();
+    void userOutsideTheGroupsHearsNothing();
+    void readerHearsOfChanges();
     void memberMayNotServe();
-    void rootMayDoEverything();
     void largeMessagesOfAnotherServicePass();
     void manyCallsOfAnotherServicePass();
     void messageWithAFileDescriptorIsDeniedForOurNameOnly_data();
@@ -204,16 +217,6 @@ private slots:
     void oversizedMessageIsRefusedAndEndsNobody();
 
 private:
-    ChildResult run(const QString& user, const QStringList& words,
-                    const QByteArray& input = QByteArray()) const
-    {
-        return ChildProcess::run(
-            QStringLiteral("setpriv"),
-            asUser(user) + QStringList { program, QStringLiteral("--bus"), m_bus->address() }
-                + words,
-            input);
-    }
-
     const CommandLine m_trees;
     const QTemporaryDir m_root;
     std::unique_ptr<PrivateBus> m_bus;
@@ -224,6 +227,7 @@ void TstServicePolicy::initTestCase()
 {
     if (::geteuid() != 0)
         QSKIP("needs root to become other users");
+    tulo::registerBusTypes();
     m_bus = std::make_unique<PrivateBus>(systemPolicy(m_root.path()));
     m_service = std::make_unique<ServiceProcess>(m_trees, m_bus->address());
     QVERIFY2(m_service->serve(), m_service->standardError());
@@ -238,46 +242,71 @@ void TstServicePolicy::cleanupTestCase()
     QCOMPARE(result.exitCode, 0);
 }
 
-void TstServicePolicy::userOutsideTheGroupIsRefusedEverything()
+void TstServicePolicy::rightsFollowTheInterface_data()
 {
-    QByteArray lines;
-    for (int i = 0; i < 25; ++i) {
-        lines += "get /settings/audio/volume\nset /settings/audio/volume "
-            + QByteArray::number(5 * (i % 20)) + '\n';
-    }
-
-    const ChildResult result = run(outsider, { QStringLiteral("shell") }, lines);
-
-    QCOMPARE(result.standardOutput, QByteArray());
-    // A change asks for the present value first, which is refused already.
-    QCOMPARE(result.standardError.count("the bus does not permit it: "), 50);
-    QCOMPARE(result.standardError.count('\n'), 50);
-    QCOMPARE(result.exitCode, 7);
-    const QStringList calls { QStringLiteral("SetValue sv /settings/audio/volume i 5"),
-                              QStringLiteral("SetRoles sa{sv} /settings/audio/volume 0"),
-                              QStringLiteral("Apply ssav /settings/audio/volume add 1 i 5"),
-                              QStringLiteral("GetRows siias /settings 0 5 0"),
-                              QStringLiteral("Flush"),
-                              QStringLiteral("DropCache") };
-    for (const QString& call : calls) {
-        const ChildResult refused =
-            ChildProcess::run(QStringLiteral("setpriv"),
-                              asUser(outsider)
-                                  + QStringList { QStringLiteral("busctl"),
-                                                  QStringLiteral("--address=") + m_bus->address(),
-                                                  QStringLiteral("call"),
-                                                  QStringLiteral("org.tulo.ConfigurationManager1"),
-                                                  QStringLiteral("/org/tulo/ConfigurationManager1"),
-                                                  QStringLiteral("org.tulo.ConfigurationManager1") }
-                                  + call.split(QLatin1Char(' ')));
-        QCOMPARE(refused.exitCode, 1);
-        QCOMPARE(refused.standardOutput, QByteArray());
-    }
-    QCOMPARE(BusClient(m_bus->address()).value(volume), QStringLiteral("x 35"));
-    QCOMPARE(BusClient(m_bus->address()).property("PendingWrites"), QStringLiteral("u 0"));
+    QTest::addColumn<uint>("user");
+    QTest::addColumn<bool>("mayRead");
+    QTest::addColumn<bool>("mayChange");
+    QTest::addColumn<bool>("mayAdminister");
+    QTest::newRow("outsider") << uint(outsider) << false << false << false;
+    QTest::newRow("reader") << uint(reader) << true << false << false;
+    QTest::newRow("member") << uint(member) << true << true << false;
+    QTest::newRow("the service's own user") << uint(serviceUserId) << true << true << true;
+    QTest::newRow("root") << 0U << true << true << true;
 }
 
-void TstServicePolicy::userOutsideTheGroupHearsNothing()
+void TstServicePolicy::rightsFollowTheInterface()
+{
+    QFETCH(const uint, user);
+    QFETCH(const bool, mayRead);
+    QFETCH(const bool, mayChange);
+    QFETCH(const bool, mayAdminister);
+    const std::unique_ptr<BusClient> client = clientOf(user, m_bus->address());
+    const auto isAllowed = [&client](const char* method, const QVariantList& arguments = {}) {
+        const QString answer = client->call(method, arguments);
+        return !answer.startsWith(QLatin1String("org.freedesktop.DBus.Error.AccessDenied: "));
+    };
+    const QString settings = QStringLiteral("/settings");
+    const QStringList roles { QStringLiteral("value") };
+    const QString denied = QStringLiteral("org.freedesktop.DBus.Error.AccessDenied: ");
+
+    QCOMPARE(isAllowed("GetData", { volume, roles }), mayRead);
+    QCOMPARE(isAllowed("GetMany", { QStringList { volume }, roles }), mayRead);
+    QCOMPARE(isAllowed("GetRows", { settings, 0, 5, roles }), mayRead);
+    QCOMPARE(!client->property("PendingWrites").startsWith(denied), mayRead);
+    QCOMPARE(isAllowed("SetValue", { volume, variantOf(40) }), mayChange);
+    QCOMPARE(isAllowed("SetRoles", { volume, QVariantMap() }), mayChange);
+    QCOMPARE(isAllowed("Apply", { volume, QStringLiteral("add"), QVariantList { variantOf(-5) } }),
+             mayChange);
+    QCOMPARE(isAllowed("SetMany", { QVariant::fromValue(tulo::BusNodes {}) }), mayChange);
+    QCOMPARE(isAllowed("Flush"), mayChange);
+    QCOMPARE(isAllowed("DropCache"), mayAdminister);
+    QCOMPARE(isAllowed("GetUnsaved", { 10U }), mayAdminister);
+    // By the name of the connection, too.
+    QDBusMessage direct = BusClient::message(QStringLiteral("SetValue"), { volume, variantOf(35) });
+    const QString owner = client->connection().interface()->serviceOwner(direct.service());
+    direct =
+        QDBusMessage::createMethodCall(owner, direct.path(), direct.interface(), direct.member())
+        << direct.arguments();
+    QCOMPARE(!BusClient::shown(client->connection().call(direct)).startsWith(denied), mayChange);
+    // Without an interface, any could be meant.
+    QDBusMessage any = BusClient::message(QStringLiteral("GetData"), { volume, roles });
+    any = QDBusMessage::createMethodCall(any.service(), any.path(), QString(), any.member())
+        << any.arguments();
+    QCOMPARE(!BusClient::shown(client->connection().call(any)).startsWith(denied), mayAdminister);
+    // Nobody sets a property, and only who may do everything is told so by the service.
+    QDBusMessage set = QDBusMessage::createMethodCall(
+        any.service(), any.path(), QStringLiteral("org.freedesktop.DBus.Properties"),
+        QStringLiteral("Set"));
+    set << any.service() << QStringLiteral("WritePath") << variantOf(QStringLiteral("/"));
+    QCOMPARE(!BusClient::shown(client->connection().call(set)).startsWith(denied), mayAdminister);
+
+    const BusClient root(m_bus->address());
+    QCOMPARE(root.value(volume), QStringLiteral("x 35"));
+    QCOMPARE(root.call("Flush"), QStringLiteral("u 0"));
+}
+
+void TstServicePolicy::userOutsideTheGroupsHearsNothing()
 {
     ChildProcess monitor(QStringLiteral("setpriv"),
                          asUser(outsider)
@@ -304,40 +333,19 @@ void TstServicePolicy::userOutsideTheGroupHearsNothing()
     QCOMPARE(client.call("Flush"), QStringLiteral("u 0"));
 }
 
-void TstServicePolicy::memberReadsChangesAndFlushes()
+void TstServicePolicy::readerHearsOfChanges()
 {
-    ChildProcess watch(QStringLiteral("setpriv"),
-                       asUser(member)
-                           + QStringList { program, QStringLiteral("--bus"), m_bus->address(),
-                                           QStringLiteral("watch"), volume,
-                                           QStringLiteral("--initial"), QStringLiteral("--count"),
-                                           QStringLiteral("2") });
-    QVERIFY(watch.start());
-    QVERIFY2(watch.waitForOutput("value /settings/audio/volume 35\n"), watch.standardError());
+    const std::unique_ptr<BusClient> client = clientOf(reader, m_bus->address());
+    SignalRecorder recorder(client->connection());
+    const std::unique_ptr<BusClient> changing = clientOf(member, m_bus->address());
 
-    const ChildResult set = run(
-        member, { QStringLiteral("set"), volume, QStringLiteral("60"), QStringLiteral("--flush") });
-    QCOMPARE(set.standardOutput, QByteArray("60\n"));
-    QCOMPARE(set.exitCode, 0);
-    const ChildResult get = run(member, { QStringLiteral("get"), volume });
-    QCOMPARE(get.standardOutput, QByteArray("60\n"));
-    QCOMPARE(run(member, { QStringLiteral("flush") }).exitCode, 0);
-    QCOMPARE(run(member, { QStringLiteral("status") }).exitCode, 0);
-    QCOMPARE(watch.finish().standardOutput,
-             QByteArray("value /settings/audio/volume 35\nvalue /settings/audio/volume 60\n"
-                        "data /settings/audio/volume\n"));
-    QCOMPARE(run(member,
-                 { QStringLiteral("set"), volume, QStringLiteral("35"), QStringLiteral("--flush") })
-                 .exitCode,
-             0);
-}
+    QCOMPARE(changing->call("SetValue", { volume, variantOf(60) }),
+             QStringLiteral("{timestamp: *, value: x 60}"));
 
-void TstServicePolicy::memberMayNotDropTheCache()
-{
-    const ChildResult result = run(member, { QStringLiteral("drop-cache") });
-
-    QVERIFY2(result.standardError.contains("the bus does not permit it: "), result.standardError);
-    QCOMPARE(result.exitCode, 7);
+    QVERIFY(recorder.waitFor(QStringLiteral("ValueChanged /settings/audio/volume x 60")));
+    QCOMPARE(client->value(volume), QStringLiteral("x 60"));
+    changing->call("SetValue", { volume, variantOf(35) });
+    QCOMPARE(changing->call("Flush"), QStringLiteral("u 0"));
 }
 
 void TstServicePolicy::memberMayNotServe()
@@ -350,19 +358,10 @@ void TstServicePolicy::memberMayNotServe()
 
     const ChildResult result = service.finish();
 
-    QVERIFY2(result.standardError.startsWith("tulo-cm: cannot acquire the bus name "
+    QVERIFY2(result.standardError.startsWith("ERROR tulo-settingsd: cannot acquire the bus name "
                                              "'org.tulo.ConfigurationManager1': "),
              result.standardError);
     QCOMPARE(result.exitCode, 7);
-}
-
-void TstServicePolicy::rootMayDoEverything()
-{
-    const BusClient root(m_bus->address());
-
-    QCOMPARE(root.value(volume), QStringLiteral("x 35"));
-    QCOMPARE(root.call("DropCache"), QString());
-    QCOMPARE(root.call("Flush"), QStringLiteral("u 0"));
 }
 
 void TstServicePolicy::largeMessagesOfAnotherServicePass()
@@ -401,23 +400,20 @@ void TstServicePolicy::messageWithAFileDescriptorIsDeniedForOurNameOnly_data()
 {
     QTest::addColumn<uint>("user");
     QTest::newRow("root") << 0U;
-    QTest::newRow("member") << member.toUInt();
-    QTest::newRow("the service's own user") << 2U;
+    QTest::newRow("reader") << uint(reader);
+    QTest::newRow("member") << uint(member);
+    QTest::newRow("the service's own user") << uint(serviceUserId);
 }
 
 void TstServicePolicy::messageWithAFileDescriptorIsDeniedForOurNameOnly()
 {
     QFETCH(const uint, user);
     const Neighbour neighbour(m_bus->address());
-    std::unique_ptr<BusClient> client;
-    {
-        const ConnectAs connecting(user);
-        client = std::make_unique<BusClient>(m_bus->address());
-    }
+    const std::unique_ptr<BusClient> client = clientOf(user, m_bus->address());
     const QVariant descriptor = QVariant::fromValue(QDBusUnixFileDescriptor(STDIN_FILENO));
 
     const QDBusMessage ours = answerOf(client->connection().asyncCall(BusClient::message(
-        QStringLiteral("SetValue"), { volume, QVariant::fromValue(QDBusVariant(descriptor)) })));
+        QStringLiteral("GetData"), { QVariant::fromValue(QDBusVariant(descriptor)) })));
     const QDBusMessage other =
         answerOf(client->connection().asyncCall(Neighbour::message("take", { descriptor })));
 

@@ -293,8 +293,8 @@ void TstServiceSessions::runBothWays(const Session& session, const CommandLine& 
                                      const CommandLine& served)
 {
     const PrivateBus bus;
-    ServiceProcess service(served, bus.address(),
-                           { QStringLiteral("--log-level"), QStringLiteral("off") });
+    ServeCommand service(served, bus.address(),
+                         { QStringLiteral("--log-level"), QStringLiteral("off") });
     QVERIFY2(service.serve(), service.standardError());
     // The worker's records are the service's affair, in one of the two ways.
     const QStringList quiet { QStringLiteral("--log-level"), QStringLiteral("off") };

@@ -57,7 +57,7 @@ void TstServiceStart::findingStopsTheStart_data()
         [](const TemporaryTree& tree) {
             tree.writeDefault(QStringLiteral("/audio/volume"), QByteArrayLiteral("{broken"));
         },
-        "tulo-cm: %T/default/audio/volume: line 1, column 2: Missing a name for object member.\n",
+        "ERROR tulo-settingsd: %T/default/audio/volume: line 1, column 2: Missing a name for object member.\n",
         8);
     row(
         "several",
@@ -65,36 +65,40 @@ void TstServiceStart::findingStopsTheStart_data()
             tree.writeDefault(QStringLiteral("/audio/.meta"), QByteArrayLiteral("[1"));
             tree.writeDefault(QStringLiteral("/serial"), QByteArray());
         },
-        "tulo-cm: %T/default/audio/.meta: line 1, column 3: Missing a comma or ']' after an array "
+        "ERROR tulo-settingsd: %T/default/audio/.meta: line 1, column 3: Missing a comma or ']' after an array "
         "element.\n"
-        "tulo-cm: %T/default/serial: line 1, column 1: The document is empty.\n",
+        "ERROR tulo-settingsd: %T/default/serial: line 1, column 1: The document is empty.\n",
         8);
     row(
         "pipe in the default tree",
         [](const TemporaryTree& tree) {
             makePipe(tree.defaultPath() + QLatin1String("/audio/pipe"));
         },
-        "tulo-cm: %T/default/audio/pipe: is neither a regular file nor a directory\n", 7);
+        "ERROR tulo-settingsd: %T/default/audio/pipe: is neither a regular file nor a directory\n",
+        7);
     row(
         "pipe in the writable tree",
         [](const TemporaryTree& tree) {
             makePipe(tree.writePath() + QLatin1String("/audio/volume"));
         },
-        "tulo-cm: %T/write/audio/volume: is neither a regular file nor a directory\n", 7);
+        "ERROR tulo-settingsd: %T/write/audio/volume: is neither a regular file nor a directory\n",
+        7);
     row(
         "link to a device",
         [](const TemporaryTree& tree) {
             QFile::link(QStringLiteral("/dev/zero"),
                         tree.defaultPath() + QLatin1String("/audio/zero"));
         },
-        "tulo-cm: %T/default/audio/zero: is neither a regular file nor a directory\n", 7);
+        "ERROR tulo-settingsd: %T/default/audio/zero: is neither a regular file nor a directory\n",
+        7);
     row(
         "pipe behind a link",
         [](const TemporaryTree& tree) {
             makePipe(tree.path() + QLatin1String("/real/pipe"));
             QFile::link(QStringLiteral("../real"), tree.defaultPath() + QLatin1String("/linked"));
         },
-        "tulo-cm: %T/default/linked/pipe: is neither a regular file nor a directory\n", 7);
+        "ERROR tulo-settingsd: %T/default/linked/pipe: is neither a regular file nor a directory\n",
+        7);
     row(
         "written file of 3 GiB",
         [](const TemporaryTree& tree) {
@@ -103,20 +107,20 @@ void TstServiceStart::findingStopsTheStart_data()
             if (::truncate(name.constData(), off_t(3) << 30) != 0)
                 qFatal("cannot make a large file");
         },
-        "tulo-cm: %T/write/serial: is larger than 1 MiB\n", 7);
+        "ERROR tulo-settingsd: %T/write/serial: is larger than 1 MiB\n", 7);
     row(
         "default file that holds null",
         [](const TemporaryTree& tree) {
             tree.writeDefault(QStringLiteral("/serial"), QByteArrayLiteral("null"));
         },
-        "tulo-cm: %T/default/serial: holds null instead of an object\n", 8);
+        "ERROR tulo-settingsd: %T/default/serial: holds null instead of an object\n", 8);
     row(
         "link in the place of the lock",
         [](const TemporaryTree& tree) {
             QFile::link(QStringLiteral("/etc/passwd"),
                         tree.writePath() + QLatin1String("/.tulo-cm.lock"));
         },
-        "tulo-cm: Lock file '%T/write/.tulo-cm.lock' is a symbolic link\n", 7);
+        "ERROR tulo-settingsd: Lock file '%T/write/.tulo-cm.lock' is a symbolic link\n", 7);
 }
 
 void TstServiceStart::findingStopsTheStart()
@@ -168,13 +172,13 @@ void TstServiceStart::directoriesAreChecked()
     const QString base = trees.tree.path();
 
     const ChildResult result = ChildProcess::run(
-        QStringLiteral(TULO_CM_PROGRAM),
+        QStringLiteral(TULO_SETTINGSD_PROGRAM),
         { QStringLiteral("--default-path"), defaultPath.replace(QStringLiteral("%T"), base),
           QStringLiteral("--write-path"), writePath.replace(QStringLiteral("%T"), base),
-          QStringLiteral("--bus"), bus.address(), QStringLiteral("serve") });
+          QStringLiteral("--bus"), bus.address() });
 
     QCOMPARE(result.standardError.split('\n').first(),
-             "tulo-cm: " + line.replace("%T", base.toUtf8()));
+             "ERROR tulo-settingsd: " + line.replace("%T", base.toUtf8()));
     QCOMPARE(result.exitCode, 2);
 }
 
@@ -192,7 +196,8 @@ void TstServiceStart::treeThatMayNotBeWrittenStopsTheStart()
     const ChildResult result = service.finish();
 
     QCOMPARE(result.standardError,
-             "tulo-cm: Directory '" + trees.tree.writePath().toUtf8() + "' cannot be written\n");
+             "ERROR tulo-settingsd: Directory '" + trees.tree.writePath().toUtf8()
+                 + "' cannot be written\n");
     QCOMPARE(result.exitCode, 7);
 }
 
@@ -211,10 +216,11 @@ void TstServiceStart::oddityIsToldAndServed()
     const ChildResult result = service.end();
 
     QCOMPARE(result.exitCode, 0);
-    QCOMPARE(ServiceProcess::complaints(result),
-             "tulo-cm: " + trees.tree.defaultPath().toUtf8()
-                 + "/plain: value: 5 is not a value of a known kind, such as {\"int\":5}\ntulo-cm: "
-                 + link.toUtf8() + ": is a link; no change is written through it\n");
+    QCOMPARE(
+        ServiceProcess::complaints(result),
+        "WARN  tulo-settingsd: " + trees.tree.defaultPath().toUtf8()
+            + "/plain: value: 5 is not a value of a known kind, such as {\"int\":5}\nWARN  tulo-settingsd: "
+            + link.toUtf8() + ": is a link; no change is written through it\n");
 }
 
 // As a change in process by root with another umask leaves it, for example.
@@ -235,7 +241,7 @@ void TstServiceStart::directoryOfAnotherUserStopsTheStart()
     const ChildResult result = service.finish();
 
     QCOMPARE(result.standardError,
-             "tulo-cm: " + trees.tree.writePath().toUtf8()
+             "ERROR tulo-settingsd: " + trees.tree.writePath().toUtf8()
                  + "/audio: user 'nobody' cannot read and write it; change its owner (chown "
                    "nobody) or its mode\n");
     QCOMPARE(result.exitCode, 7);

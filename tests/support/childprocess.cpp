@@ -98,6 +98,11 @@ bool ChildProcess::isRunning() const
     return m_process.state() != QProcess::NotRunning;
 }
 
+bool ChildProcess::hasEnded()
+{
+    return !isRunning() || m_process.waitForFinished(0);
+}
+
 void ChildProcess::writeInput(const QByteArray& bytes)
 {
     m_process.write(bytes);

@@ -37,6 +37,8 @@ public:
     bool start();
     qint64 processId() const;
     bool isRunning() const;
+    /// Finds out whether it has ended by now, which isRunning() may not know yet.
+    bool hasEnded();
 
     void writeInput(const QByteArray& bytes);
     void closeInput();
