@@ -376,7 +376,7 @@ Error checkRoles(const QString& path, const QVariantMap& given, TuloRoles* roles
         if (!settableRoles().contains(role.key())) {
             return { ErrorCode::Refused,
                      QStringLiteral("The role '%1' of '%2' cannot be set; those that can are %3")
-                         .arg(role.key(), shownPath(path),
+                         .arg(shownPath(role.key()), shownPath(path),
                               settableRoles().join(QStringLiteral(", "))),
                      path };
         } else if (role.key() == TuloRoles::Timestamp()
@@ -427,47 +427,56 @@ bool isSame(const TuloValue& asked, const TuloValue& stored)
 
 } // namespace
 
-Error LocalSettings::admit(const Order& order, AdmittedChange* admitted)
+// What is wrong with a change by itself. `roles` become those that are to be set beside the value.
+Error LocalSettings::check(const Order& order, TuloRoles* roles)
 {
-    const CMPath path(order.path);
     Error error = checkPath(order.path);
     if (error)
         return error;
-    const bool isOperation = order.role == TuloRoles::ValueOperation();
-    if (isOperation && !CMOperation::verbs().contains(order.verb)) {
+    if (order.role == TuloRoles::ValueOperation() && !CMOperation::verbs().contains(order.verb)) {
         return { ErrorCode::Refused,
                  QStringLiteral("'%1' is not an operation for '%2'; operations are %3")
-                     .arg(order.verb, shownPath(order.path),
+                     .arg(shownPath(order.verb), shownPath(order.path),
                           CMOperation::verbs().join(QStringLiteral(", "))),
                  order.path };
     }
+    return checkRoles(order.path, order.roles, roles);
+}
+
+// The change in the worker's terms, for a setting that was read just now.
+QVariant LocalSettings::contentFor(const Order& order, TuloRoles roles, const TuloRoles& setting,
+                                   Error* error)
+{
+    if (order.role == TuloRoles::ValueOperation()) {
+        const TuloValue operand = needsOperand(order.verb)
+            ? checkedValue(order.path, order.value, setting, error)
+            : TuloValue();
+        return TuloOperation(order.verb, operand).__variant();
+    }
+    if (order.role == TuloRoles::Value())
+        return checkedValue(order.path, order.value, setting, error).__variant();
+    if (order.roles.contains(TuloRoles::Value()))
+        roles.setValue(checkedValue(order.path, order.value, setting, error));
+    return roles.__variant();
+}
+
+Error LocalSettings::admit(const Order& order, AdmittedChange* admitted)
+{
     TuloRoles roles;
-    error = checkRoles(order.path, order.roles, &roles);
+    Error error = check(order, &roles);
     if (error)
         return error;
-
+    const CMPath path(order.path);
     Guard& guard = m_engine->guard();
     admitted->path = order.path;
     error = errorOf(guard.checkTarget(path, &admitted->target), order.path);
     if (!error)
         error = checkConditions(order.path, order.options, admitted->target);
-    const bool hasValue = order.role == TuloRoles::SetRoles()
-        ? order.roles.contains(TuloRoles::Value())
-        : !isOperation || needsOperand(order.verb);
-    TuloValue value;
-    if (!error && hasValue)
-        value = checkedValue(order.path, order.value, admitted->target.roles, &error);
     if (error)
         return error;
-
-    QVariant content = value.__variant();
-    if (isOperation) {
-        content = TuloOperation(order.verb, value).__variant();
-    } else if (order.role == TuloRoles::SetRoles()) {
-        if (hasValue)
-            roles.setValue(value);
-        content = roles.__variant();
-    }
+    const QVariant content = contentFor(order, roles, admitted->target.roles, &error);
+    if (error)
+        return error;
     const CMSetDataRequest request(path, order.role, content, CMSetDataRequest::Reply::create());
     CMError rejection;
     admitted->request =

@@ -113,6 +113,9 @@ private:
     Error read(const QString& path, const QStringList& roles, QVariantMap* values);
     Error readRows(const QString& path, int first, int last, const QStringList& roles, Rows* rows);
     Reply<Change> change(const Order& order);
+    static Error check(const Order& order, TuloRoles* roles);
+    static QVariant contentFor(const Order& order, TuloRoles roles, const TuloRoles& setting,
+                               Error* error);
     Error admit(const Order& order, AdmittedChange* admitted);
     Error admitAll(const QVector<Assignment>& assignments, QVector<AdmittedChange>* admitted);
     Error carryOut(const AdmittedChange& admitted, bool isDryRun, Change* change);

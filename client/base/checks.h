@@ -10,8 +10,8 @@
 
 namespace tulo {
 
-/// A path for a one-line message: percent-encoded, and cut when it is long because that is what is
-/// wrong with it.
+/// A path, or a name that a program gave, for a one-line message: percent-encoded, and cut when it
+/// is long because that is what is wrong with it.
 TULO_SETTINGS_EXPORT QString shownPath(const QString& path);
 
 /// Components of a path, the mount included.

@@ -851,6 +851,8 @@ void SettingsContract::apply_data()
                               "previous";
     row("unknown", volume, 35, "double", 1,
         qPrintable(QString::fromLatin1(verbs).arg(QStringLiteral("double"))));
+    row("of two lines", volume, 35, "a\nb", 1,
+        qPrintable(QString::fromLatin1(verbs).arg(QStringLiteral("a%0Ab"))));
     row("none", volume, 35, "", 1, qPrintable(QString::fromLatin1(verbs).arg(QString())));
 }
 
