@@ -99,6 +99,10 @@ Error unexpected(const Watch& setting, const QString& what)
 // reads again after a restart of the service, are read by as few requests as possible.
 // ---------------------------------------------------------------------------------------------
 
+// A program that watches a thousand settings takes a third less memory for it than with one answer,
+// and other programs have their turn between two requests.
+constexpr int pathsEach = 250;
+
 /// Reads the values of all settings of one tulo::Settings, whose child it is.
 class SettingReader : public QObject
 {
@@ -152,10 +156,10 @@ void SettingReader::read(SettingPrivate* setting)
 void SettingReader::readQueued()
 {
     const Batch queued = std::exchange(m_queued, {});
-    for (int first = 0; first < queued.size(); first += Settings::maximumPaths) {
+    for (int first = 0; first < queued.size(); first += pathsEach) {
         Batch batch;
         QStringList paths;
-        for (const auto& setting : queued.mid(first, Settings::maximumPaths)) {
+        for (const auto& setting : queued.mid(first, pathsEach)) {
             if (!setting)
                 continue;
             setting->m_isReadQueued = false;

@@ -7,6 +7,7 @@
 
 #include <limits>
 #include <memory>
+#include <vector>
 
 using namespace tulo;
 
@@ -66,7 +67,7 @@ private slots:
     void fallbackStaysUntilTheSettingsAnswer();
     void subscribesBeforeItReads();
     void oneRequestReadsAllSettingsOfOneTurn();
-    void moreThanTheMostOfOneRequestTakesSeveral();
+    void manySettingsAreReadBySeveralRequests();
     void settingDestroyedBeforeItWasReadIsNotAskedFor();
     void settingDestroyedWhileItIsReadIsForgotten();
     void changedOnlyWhenTheValueDiffers();
@@ -156,16 +157,25 @@ void TstSetting::oneRequestReadsAllSettingsOfOneTurn()
     QCOMPARE(second.value(), QStringLiteral("x"));
 }
 
-void TstSetting::moreThanTheMostOfOneRequestTakesSeveral()
+// So that no answer is large.
+void TstSetting::manySettingsAreReadBySeveralRequests()
 {
     ScriptedSettings settings;
     std::vector<std::unique_ptr<AnySetting>> all;
-    for (int i = 0; i < Settings::maximumPaths + 1; ++i)
+    for (int i = 0; i < 1001; ++i)
         all.push_back(std::make_unique<AnySetting>(&settings, path()));
 
     turn();
+    QCOMPARE(settings.manyReads.size(), 5);
+    for (int i = 0; i < 1001; i += 250) {
+        QVariantList values;
+        for (int value = i; value < qMin(i + 250, 1001); ++value)
+            values.append(qlonglong(value));
+        answer(&settings, values);
+    }
 
-    QCOMPARE(settings.manyReads.size(), 2);
+    for (int i = 0; i < 1001; ++i)
+        QCOMPARE(all[std::size_t(i)]->value(), QVariant(qlonglong(i)));
 }
 
 void TstSetting::settingDestroyedBeforeItWasReadIsNotAskedFor()
