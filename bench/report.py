@@ -33,6 +33,11 @@ titles = {
     "bus_set": "One change over the bus",
     "bus_set_sd": "One change over the bus by a client on sd-bus, as our service is",
     "bus_changes": "1,000 changes over the bus",
+    "client_value": "Value of a setting in a program",
+    "client_ready": "All settings watched, from connecting to ready",
+    "client_changed": "Change in one program until another knows",
+    "client_empty": "Empty call over the bus, beside these",
+    "client_memory": "Resident memory of a program that watches settings",
 }
 
 
@@ -112,6 +117,10 @@ def goals(figures, counted):
     growth = None
     if memory(1000) is not None and memory(100000) is not None:
         growth = memory(100000) - memory(1000)
+    client_memory = None
+    if median(*ours("client_memory")) is not None:
+        client_memory = (median(*ours("client_memory"))
+                         - median("client_memory", "tulo", 1)) / 1e6
     return [
         Goal("warm get, to the floor", ratio(ours("get_reply"), ("get_reply", "floor", 1000)), 4.2,
              work="get"),
@@ -159,6 +168,20 @@ def goals(figures, counted):
         Goal("1,000 changes over the bus without waiting, faster than waiting",
              ratio(("bus_changes", "waiting", 1000), ("bus_changes", "not waiting", 1000)), 3,
              least=True),
+        Goal("value of a setting in a program", median(*ours("client_value")), 10, unit="ns"),
+        faster("value of a setting in a program, faster than GSettings", "client_value", "gsettings",
+               50),
+        Goal("1,000 settings watched, service warm, to an empty call",
+             ratio(("client_ready", "warm", 1000), ("client_empty", "empty", 1000)), 60),
+        Goal("1,000 settings watched, service cold, to an empty call",
+             ratio(("client_ready", "cold", 1000), ("client_empty", "empty", 1000)), 300),
+        Goal("10,000 settings watched, to 1,000",
+             ratio(("client_ready", "warm", 10000), ("client_ready", "warm", 1000)), 11),
+        Goal("change in one program until another knows, to an empty call",
+             ratio(ours("client_changed"), ("client_empty", "empty", 1000)), 2.5),
+        Goal("memory of 1,000 settings watched", client_memory, 1, unit="MB"),
+        Goal("memory of a program with them, to a trivial one that uses QtDBus",
+             ratio(ours("client_memory"), ("client_memory", "trivial", 0)), 1.2),
         Goal("start to first value (tulo-cm get), to a trivial program",
              ratio(("start", "tulo-cm", 1000), ("start", "trivial_command", 0)), 1.2),
         Goal("start to first value (own process), to a trivial program",
@@ -201,7 +224,7 @@ def obstacles(missed, counted):
 
 
 def shown(work, value):
-    if work == "memory":
+    if work in ("memory", "client_memory"):
         return f"{value / 1e6:.2f} MB"
     for unit, size in (("s", 1e9), ("ms", 1e6), ("µs", 1e3)):
         if value >= size:
