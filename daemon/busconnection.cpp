@@ -121,16 +121,26 @@ const BusConnection::VTables& BusConnection::vtables()
 int BusConnection::on_call(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/)
 {
     auto* const self = static_cast<BusConnection*>(userdata);
-    // To the name of the connection, before it has the service's.
-    if (self->m_state != State::Serving)
+    if (self->m_state == State::Serving)
+        return self->handle(message);
+    // Where a call starts the service, the bus delivers it before it says that the name is ours.
+    const char* const destination = sd_bus_message_get_destination(message);
+    if (self->m_state != State::Connecting || destination == nullptr
+        || std::strcmp(destination, wire::busName) != 0)
         return -EAGAIN;
+    self->m_early.emplace_back(sd_bus_message_ref(message));
+    return 1;
+}
+
+int BusConnection::handle(sd_bus_message* message)
+{
     const char* const interface = sd_bus_message_get_interface(message);
     const char* const member = sd_bus_message_get_member(message);
     for (const wire::Method& method : wire::methodTable) {
         // A call without an interface means any.
         if (std::strcmp(method.member, member) == 0
             && (interface == nullptr || std::strcmp(method.interface, interface) == 0)) {
-            self->m_handler->handleCall(method, message);
+            m_handler->handleCall(method, message);
             return 1;
         }
     }
@@ -320,6 +330,12 @@ bool BusConnection::process()
 {
     if (m_state == State::Closed || m_state == State::Refused)
         return false;
+    if (m_state == State::Serving && !m_early.empty()) {
+        const MessagePointer call = std::move(m_early.front());
+        m_early.pop_front();
+        handle(call.get());
+        return true;
+    }
     const int result = sd_bus_process(m_bus, nullptr);
     return succeed(result) && result > 0;
 }

@@ -109,6 +109,7 @@ private:
     static const VTables& vtables();
 
     int open(const QString& bus);
+    int handle(sd_bus_message* message);
     bool succeed(int result);
     void close(State state, const QString& reason);
     void requestName(quint64 flags);
@@ -122,6 +123,7 @@ private:
     bool m_hasLostName = false;
     bool m_isReleased = false;
 
+    std::deque<MessagePointer> m_early; ///< calls that came before the answer about the name
     std::deque<qint64> m_unsent; ///< bytes of each message that waits, the first ones first
     qint64 m_unsentBytes = 0;
     quint64 m_sent = 0;
