@@ -1,7 +1,6 @@
-#include "logging.h"
+#include "tulo-cm/logging.h"
 
-#include "commandline.h"
-#include "output.h"
+#include "tulo-cm/output.h"
 
 #include <QFileInfo>
 #include <QStringList>
@@ -20,10 +19,13 @@ namespace tulo {
 
 namespace {
 
-const QStringList levelNames { QStringLiteral("trace"), QStringLiteral("debug"),
-                               QStringLiteral("info"),  QStringLiteral("warn"),
-                               QStringLiteral("error"), QStringLiteral("fatal"),
-                               QStringLiteral("off") };
+QStringList levelNames()
+{
+    return { QStringLiteral("trace"), QStringLiteral("debug"), QStringLiteral("info"),
+             QStringLiteral("warn"),  QStringLiteral("error"), QStringLiteral("fatal"),
+             QStringLiteral("off") };
+}
+
 const log4cplus::LogLevel levels[] { log4cplus::TRACE_LOG_LEVEL, log4cplus::DEBUG_LOG_LEVEL,
                                      log4cplus::INFO_LOG_LEVEL,  log4cplus::WARN_LOG_LEVEL,
                                      log4cplus::ERROR_LOG_LEVEL, log4cplus::FATAL_LOG_LEVEL,
@@ -49,22 +51,21 @@ public:
 
 } // namespace
 
-Failure configureLogging(const QString& level, const QString& configurationFile)
+QString configureLogging(const QString& level, const QString& configurationFile)
 {
     const int index =
-        level.isNull() ? levelNames.indexOf(QStringLiteral("warn")) : levelNames.indexOf(level);
+        level.isNull() ? levelNames().indexOf(QStringLiteral("warn")) : levelNames().indexOf(level);
     if (index < 0) {
-        return usageFailure(QStringLiteral("unknown log level '%1'; levels are: %2")
-                                .arg(level, levelNames.join(QStringLiteral(", "))));
+        return QStringLiteral("unknown log level '%1'; levels are: %2")
+            .arg(level, levelNames().join(QLatin1String(", ")));
     }
     if (!configurationFile.isNull()) {
         const QFileInfo file(configurationFile);
         if (!file.isFile() || !file.isReadable()) {
-            return usageFailure(
-                QStringLiteral("log configuration '%1' cannot be read").arg(configurationFile));
+            return QStringLiteral("log configuration '%1' cannot be read").arg(configurationFile);
         }
         log4cplus::PropertyConfigurator::doConfigure(configurationFile.toStdString());
-        return {};
+        return QString();
     }
 
     log4cplus::SharedAppenderPtr appender(new log4cplus::ConsoleAppender(true, true));
@@ -75,7 +76,7 @@ Failure configureLogging(const QString& level, const QString& configurationFile)
     root.addAppender(appender);
     // Records that would not be shown are not even formatted.
     root.setLogLevel(levels[index]);
-    return {};
+    return QString();
 }
 
 } // namespace tulo

@@ -1,8 +1,7 @@
-#include "output.h"
+#include "tulo-cm/output.h"
 
-#include "api/core/model/cmpath.h"
-#include "api/core/tulojson.h"
-#include "api/core/tulovalue.h"
+#include "client/base/checks.h"
+#include "trees/plainjson.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -77,14 +76,7 @@ QString hex(QChar unit)
 // own.
 QByteArray escapedJson(const QVariant& value)
 {
-    return escaped(QString::fromUtf8(TuloJson::serialize(value))).toUtf8();
-}
-
-// The content of a value, or any other role itself.
-QVariant contentOf(const QVariant& role)
-{
-    const TuloValue value { TuloHash(role.toHash()) };
-    return value.kind().isEmpty() ? role : value.content();
+    return escaped(QString::fromUtf8(jsonOf(value))).toUtf8();
 }
 
 // As shownInCell(), but a text as it is.
@@ -92,10 +84,9 @@ QString shown(const QVariant& role)
 {
     if (!role.isValid())
         return QStringLiteral("-");
-    const QVariant content = contentOf(role);
-    if (content.userType() == QMetaType::QString)
-        return content.toString();
-    return QString::fromUtf8(TuloJson::serialize(content));
+    if (role.userType() == QMetaType::QString)
+        return role.toString();
+    return QString::fromUtf8(jsonOf(role));
 }
 
 // Columns that a terminal uses for `text`.
@@ -148,11 +139,17 @@ void Output::value(const QVariant& role)
     text(m_isTerminal ? shownInCell(role) : shown(role));
 }
 
-void Output::object(const QVariantHash& object)
+void Output::object(const QVariantMap& object)
 {
     m_pending += escapedJson(object);
     m_pending += '\n';
     flush();
+}
+
+void Output::done(const QString& path)
+{
+    if (isJson())
+        object({ { QStringLiteral("path"), path }, { QStringLiteral("done"), true } });
 }
 
 void Output::table(const QStringList& heading, const QVector<QStringList>& rows)
@@ -203,31 +200,45 @@ void Output::prompt(const QString& text)
     flush();
 }
 
-void Output::failure(const Failure& failure)
+int Output::report(const Error& error)
+{
+    // Messages name paths percent-encoded, which nobody can read.
+    QString message = error.message;
+    if (!error.path.isEmpty())
+        message.replace(shownPath(error.path), error.path);
+    return report(describe(error.code).exitCode, describe(error.code).name, message, error.path);
+}
+
+int Output::reportUsage(const QString& message)
+{
+    const bool hasNumber = m_inputLine > 0 && !isJson();
+    return report(Usage, "Usage",
+                  hasNumber ? QStringLiteral("line %1: %2").arg(m_inputLine).arg(message) : message,
+                  QString());
+}
+
+int Output::report(int exitCode, const char* name, const QString& message, const QString& path)
 {
     if (isJson()) {
-        const QVariantHash error { { QStringLiteral("name"), failure.name },
-                                   { QStringLiteral("message"), failure.message },
-                                   { QStringLiteral("title"), failure.title } };
-        const QVariantHash line { { QStringLiteral("error"), error },
-                                  { QStringLiteral("path"), failure.path } };
-        flush();
-        if (m_failuresInPlace)
-            object(line);
-        else
-            writeError(escapedJson(line) + '\n');
-        return;
+        const QVariantMap error { { QStringLiteral("name"), QLatin1String(name) },
+                                  { QStringLiteral("message"), message },
+                                  { QStringLiteral("title"), QStringLiteral("Error") } };
+        reportObject({ { QStringLiteral("error"), error }, { QStringLiteral("path"), path } });
+        return exitCode;
     }
-    // The worker's messages name paths percent-encoded, which nobody can read.
-    QString message = failure.message;
-    if (!failure.path.isEmpty())
-        message.replace(CMPath(failure.path).toEncoded(), failure.path);
     // A message that names the path needs no second time.
-    if (!failure.path.isEmpty() && !message.contains(failure.path))
-        message.prepend(failure.path + QStringLiteral(": "));
-    if (failure.exitCode == Usage && m_inputLine > 0)
-        message.prepend(QStringLiteral("line %1: ").arg(m_inputLine));
-    note(message);
+    const bool needsPath = !path.isEmpty() && !message.contains(path);
+    note(needsPath ? path + QLatin1String(": ") + message : message);
+    return exitCode;
+}
+
+void Output::reportObject(const QVariantMap& object)
+{
+    flush();
+    if (m_errorsInPlace)
+        Output::object(object);
+    else
+        writeError(escapedJson(object) + '\n');
 }
 
 void Output::note(const QString& text)
@@ -235,7 +246,7 @@ void Output::note(const QString& text)
     // First what came before, for a terminal that shows both streams.
     flush();
     if (isJson())
-        writeError(escapedJson(QVariantHash { { QStringLiteral("note"), text } }) + '\n');
+        writeError(escapedJson(QVariantMap { { QStringLiteral("note"), text } }) + '\n');
     else
         writeError(QByteArrayLiteral("tulo-cm: ") + escaped(text).toUtf8() + '\n');
 }
@@ -257,7 +268,7 @@ QString shownInCell(const QVariant& role)
 {
     const QString text = shown(role);
     const QString safe = escaped(text);
-    const bool isText = contentOf(role).userType() == QMetaType::QString;
+    const bool isText = role.userType() == QMetaType::QString;
     const bool needsQuotes = isText && (text.isEmpty() || safe != text);
     return needsQuotes ? QString::fromUtf8(escapedJson(text)) : safe;
 }

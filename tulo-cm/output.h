@@ -1,6 +1,6 @@
 #pragma once
 
-#include "session.h"
+#include <tulo/error.h>
 
 #include <QByteArray>
 #include <QElapsedTimer>
@@ -10,6 +10,21 @@
 #include <QVector>
 
 namespace tulo {
+
+/// How the program ends where no error of the settings says it; documented for scripts.
+enum ExitCode : int {
+    Done = 0,
+    Failed = 1,
+    Usage = 2,
+    Adjusted = 5, ///< stored, but not as it was asked for
+    Findings = 8,
+};
+
+/// The exit code of several steps: that of the first failure.
+inline int firstFailure(int earlier, int later)
+{
+    return earlier != Done ? earlier : later;
+}
 
 /// What the program prints: results on standard output, everything else on standard error.
 ///
@@ -29,9 +44,9 @@ public:
     Q_DISABLE_COPY(Output)
 
     bool isJson() const { return m_form == Form::Json; }
-    /// From now on failures are printed among the results if the form is JSON, so that a program
+    /// From now on errors are printed among the results if the form is JSON, so that a program
     /// that drives the shell finds them in their place.
-    void setFailuresInPlace() { m_failuresInPlace = true; }
+    void setErrorsInPlace() { m_errorsInPlace = true; }
 
     /// From now on a message about wrong usage names this line of the input; none for 0.
     void setInputLine(int line) { m_inputLine = line; }
@@ -43,14 +58,22 @@ public:
     /// One role by itself: as it is for a program that reads it, as in a table on a terminal.
     void value(const QVariant& role);
     /// One object in one line for programs, written at once.
-    void object(const QVariantHash& object);
+    void object(const QVariantMap& object);
+    /// For programs: that the action at `path` was done. People are told nothing.
+    void done(const QString& path);
     /// Rows of cells in aligned columns. The first line is a heading when `heading` is not empty.
     void table(const QStringList& heading, const QVector<QStringList>& rows);
     /// Text without a line end, for the shell's prompt.
     void prompt(const QString& text);
 
-    /// One line that says what failed.
-    void failure(const Failure& failure);
+    // One line that says what was not done, or not as asked; each returns the exit code for it.
+
+    int report(const Error& error);
+    /// The line itself is wrong.
+    int reportUsage(const QString& message);
+    /// What no error of the settings says. `name` is for programs.
+    int report(int exitCode, const char* name, const QString& message, const QString& path);
+
     /// One line beside the results, on standard error.
     void note(const QString& text);
 
@@ -62,21 +85,22 @@ public:
     bool hasFailed() const { return m_failed; }
 
 private:
+    void reportObject(const QVariantMap& object);
     QString emphasised(const QString& text) const;
     QString directoryName(const QString& text) const;
 
     const Form m_form;
     const bool m_isTerminal;
     const bool m_colour;
-    bool m_failuresInPlace = false;
+    bool m_errorsInPlace = false;
     int m_inputLine = 0;
     bool m_closed = false;
     bool m_failed = false;
     QByteArray m_pending;
 };
 
-/// A role for people, in one line and escaped(): the content of a value or text, quoted when it is
-/// empty or needs escapes; anything else as JSON; "-" for one that the node lacks.
+/// A role for people, in one line and escaped(): a text as it is, quoted when it is empty or needs
+/// escapes; anything else as JSON; "-" for one that the node lacks.
 QString shownInCell(const QVariant& role);
 
 /// `text` with "\uXXXX" for each character that could control a terminal or disguise what is

@@ -1,4 +1,4 @@
-#include "signalhandler.h"
+#include "tulo-cm/signalhandler.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -12,22 +12,16 @@
 #include <unistd.h>
 
 namespace tulo {
-
 namespace {
 
-// What the signal handler may touch.
+// What the handler may touch.
 volatile std::sig_atomic_t endCame = 0;
-volatile std::sig_atomic_t hangUpCame = 0;
-volatile std::sig_atomic_t hangUpEnds = 1;
 int wakePipe[2] = { -1, -1 };
 
-void handleSignal(int number)
+void handleSignal(int)
 {
     const int errorBefore = errno;
-    if (number == SIGHUP && hangUpEnds == 0)
-        hangUpCame = 1;
-    else
-        endCame = 1;
+    endCame = 1;
     // A full pipe wakes the event loop just as well.
     (void)!::write(wakePipe[1], "", 1);
     errno = errorBefore;
@@ -35,9 +29,7 @@ void handleSignal(int number)
 
 void setHandler(int number, void (*handler)(int))
 {
-    struct sigaction action
-    {
-    };
+    struct sigaction action = {};
     action.sa_handler = handler;
     ::sigemptyset(&action.sa_mask);
     ::sigaction(number, &action, nullptr);
@@ -45,9 +37,7 @@ void setHandler(int number, void (*handler)(int))
 
 bool isIgnored(int number)
 {
-    struct sigaction action
-    {
-    };
+    struct sigaction action = {};
     ::sigaction(number, nullptr, &action);
     return action.sa_handler == SIG_IGN;
 }
@@ -58,19 +48,13 @@ SignalHandler::SignalHandler()
     : m_ignoresHangUp(isIgnored(SIGHUP))
 {
     endCame = 0;
-    hangUpCame = 0;
-    hangUpEnds = 1;
     if (::pipe2(wakePipe, O_CLOEXEC | O_NONBLOCK) != 0)
         qFatal("no pipe for signals");
+    // Waking the event loop is all there is to do: serveEvents() checks isEndRequested().
     auto* const notifier = new QSocketNotifier(wakePipe[0], QSocketNotifier::Read, this);
-    // SIGINT, SIGTERM and SIGHUP only wake the loop: serveEvents() checks requested().
-    connect(notifier, &QSocketNotifier::activated, this, [this] {
+    connect(notifier, &QSocketNotifier::activated, this, [] {
         char bytes[64];
         while (::read(wakePipe[0], bytes, sizeof bytes) > 0) { }
-        if (hangUpCame != 0) {
-            hangUpCame = 0;
-            emit hangUp();
-        }
     });
     setHandler(SIGINT, handleSignal);
     setHandler(SIGTERM, handleSignal);
@@ -86,13 +70,6 @@ SignalHandler::~SignalHandler()
     ::close(wakePipe[0]);
     ::close(wakePipe[1]);
     endCame = 0;
-    hangUpCame = 0;
-}
-
-void SignalHandler::catchHangUp()
-{
-    hangUpEnds = 0;
-    setHandler(SIGHUP, handleSignal);
 }
 
 bool SignalHandler::isEndRequested()

@@ -18,15 +18,8 @@ public:
     SignalHandler();
     ~SignalHandler() override;
 
-    /// From now on SIGHUP emits hangUp() and ends nothing.
-    void catchHangUp();
-
     /// True when a signal to end came since the object was made; false without one.
     static bool isEndRequested();
-
-signals:
-    /// From the event loop.
-    void hangUp();
 
 private:
     const bool m_ignoresHangUp;

@@ -1,6 +1,6 @@
-#include "textinput.h"
+#include "tulo-cm/textinput.h"
 
-#include "commandline.h"
+#include "tulo-cm/signalhandler.h"
 
 #include <QTextCodec>
 
@@ -11,18 +11,20 @@
 
 namespace tulo {
 
-Answer<QString> decode(const QByteArray& bytes, const QString& what)
+std::optional<QString> decode(const QByteArray& bytes, const QString& what, QString* error)
 {
     QTextCodec::ConverterState state;
     const QString text =
         QTextCodec::codecForName("UTF-8")->toUnicode(bytes.constData(), bytes.size(), &state);
-    if (state.invalidChars > 0 || state.remainingChars > 0)
-        return { {}, usageFailure(QStringLiteral("%1 is not UTF-8").arg(what)) };
-    return { text, {} };
+    if (state.invalidChars == 0 && state.remainingChars == 0)
+        return text;
+    *error = QStringLiteral("%1 is not UTF-8").arg(what);
+    return std::nullopt;
 }
 
-Answer<QString> readStandardInput()
+std::optional<QString> readStandardInput(QString* error)
 {
+    const QString name = QStringLiteral("standard input");
     QByteArray all;
     char buffer[64 * 1024];
     ssize_t count = 0;
@@ -30,60 +32,107 @@ Answer<QString> readStandardInput()
         count = ::read(STDIN_FILENO, buffer, sizeof buffer);
         if (count > 0)
             all.append(buffer, int(count));
-    } while (count > 0 || (count < 0 && errno == EINTR));
-    const QString name = QStringLiteral("standard input");
-    if (count < 0) {
-        return { {},
-                 usageFailure(QStringLiteral("%1: %2").arg(
-                     name, QString::fromLocal8Bit(std::strerror(errno)))) };
-    }
-    return decode(all, name);
+    } while (count > 0 || (count < 0 && errno == EINTR && !SignalHandler::isEndRequested()));
+    if (count == 0)
+        return decode(all, name, error);
+    *error = QStringLiteral("%1: %2").arg(name, QString::fromLocal8Bit(std::strerror(errno)));
+    return std::nullopt;
 }
 
-Answer<QStringList> splitWords(const QString& line)
+namespace {
+
+/// The words of a line, character by character.
+class Splitter
 {
-    const QChar backslash = QLatin1Char('\\');
-    const QChar doubleMark = QLatin1Char('"');
-    const QChar singleMark = QLatin1Char('\'');
-    // Here it stands for "none", and no argument of a process can hold one.
-    if (line.contains(QChar()))
-        return { {}, usageFailure(QStringLiteral("the line holds a null character (U+0000)")) };
-    QStringList words;
-    QString word;
-    bool inWord = false;
-    QChar mark; // null outside of quotes
-    for (int i = 0; i < line.size(); ++i) {
-        const QChar character = line.at(i);
-        const QChar following = i + 1 < line.size() ? line.at(i + 1) : QChar();
-        const bool escapes = character == backslash
-            && (mark.isNull()
-                || (mark == doubleMark && (following == doubleMark || following == backslash)));
-        if (escapes) {
-            if (following.isNull())
-                return { {}, usageFailure(QStringLiteral("the line ends in a backslash")) };
-            word += following;
-            inWord = true;
-            ++i;
-        } else if (character == mark) {
-            mark = QChar();
-        } else if (mark.isNull() && (character == doubleMark || character == singleMark)) {
-            mark = character;
-            inWord = true;
-        } else if (mark.isNull() && character.isSpace()) {
-            if (inWord)
-                words.append(word);
-            word.clear();
-            inWord = false;
-        } else {
-            word += character;
-            inWord = true;
-        }
+public:
+    explicit Splitter(const QString& line)
+        : m_line(line)
+    {
     }
-    if (!mark.isNull())
-        return { {}, usageFailure(QStringLiteral("a quote is not closed")) };
-    if (inWord)
-        words.append(word);
-    return { words, {} };
+
+    std::optional<QStringList> split(QString* error)
+    {
+        while (m_next < m_line.size()) {
+            if (!takeCharacter()) {
+                *error = QStringLiteral("the line ends in a backslash");
+                return std::nullopt;
+            }
+        }
+        if (!m_quote.isNull()) {
+            *error = QStringLiteral("a quote is not closed");
+            return std::nullopt;
+        }
+        endWord();
+        return m_words;
+    }
+
+private:
+    bool takeCharacter()
+    {
+        const QChar character = m_line.at(m_next++);
+        if (escapes(character)) {
+            if (m_next == m_line.size())
+                return false;
+            add(m_line.at(m_next++));
+        } else if (!m_quote.isNull() && character == m_quote) {
+            m_quote = QChar();
+        } else if (m_quote.isNull() && isQuote(character)) {
+            m_quote = character;
+            m_isInWord = true;
+        } else if (m_quote.isNull() && character.isSpace()) {
+            endWord();
+        } else {
+            add(character);
+        }
+        return true;
+    }
+
+    bool escapes(QChar character) const
+    {
+        const QChar following = m_next < m_line.size() ? m_line.at(m_next) : QChar();
+        const bool isMeant = m_quote.isNull()
+            || (m_quote == QLatin1Char('"')
+                && (following == QLatin1Char('"') || following == QLatin1Char('\\')));
+        return character == QLatin1Char('\\') && isMeant;
+    }
+
+    static bool isQuote(QChar character)
+    {
+        return character == QLatin1Char('"') || character == QLatin1Char('\'');
+    }
+
+    void add(QChar character)
+    {
+        m_word += character;
+        m_isInWord = true;
+    }
+
+    void endWord()
+    {
+        if (m_isInWord)
+            m_words.append(m_word);
+        m_word.clear();
+        m_isInWord = false;
+    }
+
+    const QString& m_line;
+    int m_next = 0;
+    QChar m_quote; ///< that is open; null outside of quotes
+    QStringList m_words;
+    QString m_word;
+    bool m_isInWord = false;
+};
+
+} // namespace
+
+std::optional<QStringList> splitWords(const QString& line, QString* error)
+{
+    // No argument of a process can hold one either.
+    if (line.contains(QChar())) {
+        *error = QStringLiteral("the line holds a null character (U+0000)");
+        return std::nullopt;
+    }
+    return Splitter(line).split(error);
 }
 
 } // namespace tulo

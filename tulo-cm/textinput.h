@@ -1,22 +1,24 @@
 #pragma once
 
-#include "session.h"
-
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
 namespace tulo {
 
-/// Text that comes in from outside, which has to be UTF-8. `what` names it in the failure.
-Answer<QString> decode(const QByteArray& bytes, const QString& what);
+// Each gives none, and says in `error` what is wrong with the input.
 
-/// All of standard input.
-Answer<QString> readStandardInput();
+/// Text that comes in from outside, which has to be UTF-8. `what` names it in the error.
+std::optional<QString> decode(const QByteArray& bytes, const QString& what, QString* error);
+
+/// All of standard input. A signal to end ends it.
+std::optional<QString> readStandardInput(QString* error);
 
 /// Splits a line of the shell into words at blanks. Text in '...' is taken as it is; in "..." a
 /// backslash takes the mark, or itself, out of its meaning; elsewhere it does so for any
-/// character. A line with U+0000 fails.
-Answer<QStringList> splitWords(const QString& line);
+/// character. A line with U+0000 is an error.
+std::optional<QStringList> splitWords(const QString& line, QString* error);
 
 } // namespace tulo

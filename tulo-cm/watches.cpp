@@ -1,94 +1,277 @@
-#include "watches.h"
+#include "tulo-cm/watches.h"
 
-#include "api/core/tuloroles.h"
+#include "tulo-cm/listing.h"
+#include "tulo-cm/roles.h"
+#include "tulo-cm/waiting.h"
+
+#include "trees/plainjson.h"
+
+#include <QCoreApplication>
+
+#include <utility>
 
 namespace tulo {
+namespace {
 
-Watches::Watches(Session& session, Output& output)
-    : m_session(session)
+// Encrypted values are not told, as in events.
+bool isTold(const VisitedNode& node)
+{
+    return !node.isDirectory && !node.roles.value(roles::encrypted()).toBool();
+}
+
+QVariant valueOf(const VisitedNode& node)
+{
+    return node.roles.value(roles::value());
+}
+
+// The value of each setting, as JSON, and the names in each directory.
+QHash<QString, QByteArray> contentsOf(const QVector<VisitedNode>& nodes)
+{
+    QHash<QString, QByteArray> contents;
+    for (const VisitedNode& node : nodes) {
+        if (isTold(node))
+            contents.insert(node.path, jsonOf(valueOf(node)));
+        const QString directory = node.path.section(QLatin1Char('/'), 0, -2);
+        contents[directory] += '/' + node.name.toUtf8();
+    }
+    return contents;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Beginning and end. What there is now is read after subscribing, so that nothing is missed in
+// between.
+// ---------------------------------------------------------------------------------------------
+
+Watches::Watches(Settings& settings, Output& output)
+    : m_settings(settings)
     , m_output(output)
 {
-    m_session.setEventHandler([this](const SessionEvent& event) {
-        print(event);
-        count(event.path);
-    });
+    connect(&m_settings, &Settings::stateChanged, this, &Watches::on_settings_stateChanged);
+    m_missed.setSingleShot(true);
+    connect(&m_missed, &QTimer::timeout, this, &Watches::on_missed_timeout);
 }
 
-Watches::~Watches()
-{
-    m_session.setEventHandler({});
-}
+Watches::~Watches() = default;
 
-Failure Watches::add(const QStringList& paths, int count)
+int Watches::add(const Request& request)
 {
-    const auto left = std::make_shared<int>(count);
-    for (const QString& path : paths) {
-        Failure failure = m_session.watch(path);
-        if (failure)
-            return failure;
-        m_left.insert(path, left);
+    m_exitCode = Done;
+    const auto left = std::make_shared<int>(request.count);
+    for (const QString& path : request.paths)
+        addEntry(path, request, left);
+    int exitCode = Done;
+    QVector<QVector<VisitedNode>> nodes;
+    for (const QString& path : request.paths) {
+        nodes.append(QVector<VisitedNode>());
+        if (exitCode == Done)
+            exitCode = start(path, &nodes.last());
     }
-    return {};
+    // A refusal that came with the last answer.
+    QCoreApplication::processEvents();
+    exitCode = firstFailure(exitCode, m_exitCode);
+    for (int i = 0; i < request.paths.size(); ++i) {
+        if (exitCode != Done)
+            remove(request.paths.at(i));
+        else if (request.isInitial)
+            printInitial(request.paths.at(i), nodes.at(i));
+    }
+    return exitCode;
+}
+
+void Watches::addEntry(const QString& path, const Request& request,
+                       const std::shared_ptr<int>& left)
+{
+    Entry& entry = m_entries[path];
+    entry.watch =
+        request.scope == Watch::Scope::Tree ? m_settings.watchTree(path) : m_settings.watch(path);
+    entry.left = left;
+    const Watch* const watch = entry.watch.get();
+    connect(watch, &Watch::changed, this,
+            [this, path](const Event& event) { on_watch_changed(path, event); });
+    connect(watch, &Watch::missed, &m_missed, [this] { m_missed.start(0); });
+    connect(watch, &Watch::failed, this,
+            [this, path](const Error& error) { on_watch_failed(path, error); });
+}
+
+int Watches::read(const QString& path, Watch::Scope scope, QVector<VisitedNode>* nodes)
+{
+    const QStringList names { roles::value(), roles::encrypted() };
+    if (scope == Watch::Scope::Tree) {
+        return walk(m_settings, path, names, m_output, [nodes](const VisitedNode& node) {
+            nodes->append(node);
+            return true;
+        });
+    }
+    const auto node = finished(m_settings.get(path, QStringList(roles::type()) + names));
+    if (node.error())
+        return m_output.report(node.error());
+    nodes->append({ path, nameOf(path), 0, isDirectory(node.value()), node.value() });
+    return Done;
+}
+
+int Watches::start(const QString& path, QVector<VisitedNode>* nodes)
+{
+    auto entry = m_entries.find(path);
+    if (entry == m_entries.end())
+        return Done;
+    const int exitCode = read(path, entry->second.watch->scope(), nodes);
+    // The watch may have failed meanwhile.
+    entry = m_entries.find(path);
+    if (entry != m_entries.end())
+        entry->second.contents = contentsOf(*nodes);
+    // A row that cannot be served hides no other.
+    return nodes->isEmpty() ? exitCode : int(Done);
+}
+
+void Watches::printInitial(const QString& path, const QVector<VisitedNode>& nodes)
+{
+    const QHash<QString, QByteArray> read = contentsOf(nodes);
+    for (const VisitedNode& node : nodes) {
+        const auto entry = m_entries.find(path);
+        if (entry == m_entries.end())
+            return;
+        // What has changed since it was read was printed then.
+        const bool isPrinted =
+            !node.isDirectory && entry->second.contents.value(node.path) != read.value(node.path);
+        if (!isPrinted && (node.isDirectory || isTold(node)))
+            print(eventOf(node));
+    }
 }
 
 void Watches::remove(const QString& path)
 {
-    m_session.unwatch(path);
-    m_left.remove(path);
+    m_entries.erase(path);
 }
 
 void Watches::removeAll()
 {
-    const QStringList paths = m_left.keys();
-    for (const QString& path : paths)
-        remove(path);
+    m_entries.clear();
 }
 
-Failure Watches::printCurrent(const QString& path)
+// ---------------------------------------------------------------------------------------------
+// What the settings tell.
+// ---------------------------------------------------------------------------------------------
+
+void Watches::on_watch_changed(const QString& watched, const Event& event)
 {
-    const Answer<QVariantHash> node =
-        m_session.getData(path, { TuloRoles::Type(), TuloRoles::Value() });
-    if (node.failure)
-        return node.failure;
-    SessionEvent event;
-    event.path = path;
-    if (node.value.value(TuloRoles::Type()).toInt() == TuloRolesType::Directory) {
-        // A range that ends before it begins: the version without any row.
-        const Answer<RowPage> rows = m_session.getRows(path, 1, 0, {});
-        if (rows.failure)
-            return rows.failure;
-        event.kind = SessionEvent::Kind::Rows;
-        event.rowsVersion = rows.value.version;
-    } else {
-        event.kind = SessionEvent::Kind::Value;
-        event.value = node.value.value(TuloRoles::Value()).toHash();
+    if (event.kind != Event::Kind::Value || event.value.isValid()) {
+        tell(watched, event);
+        return;
     }
-    print(event);
-    return {};
+    // Too large for a broadcast.
+    m_settings.get(event.path, { roles::value() })
+        .then(this, [this, watched, event](const Reply<QVariantMap>& reply) {
+            Event complete = event;
+            complete.value = reply.value().value(roles::value());
+            tell(watched, complete);
+        });
 }
 
-void Watches::print(const SessionEvent& event)
+void Watches::on_watch_failed(const QString& watched, const Error& error)
+{
+    // The limits are the bus's, not those of the settings.
+    const ErrorCode code = error.code == ErrorCode::Limits ? ErrorCode::Unavailable : error.code;
+    const QString message = QStringLiteral("cannot watch '%1': %2").arg(watched, error.message);
+    m_exitCode = firstFailure(m_exitCode, m_output.report({ code, message, watched }));
+    remove(watched);
+}
+
+void Watches::on_settings_stateChanged(Settings::State state)
+{
+    if (state == Settings::State::Away && !isEmpty()) {
+        m_output.report({ ErrorCode::Unavailable,
+                          QStringLiteral("the service has gone; changes are missed until it is "
+                                         "back"),
+                          QString() });
+    }
+}
+
+void Watches::on_missed_timeout()
+{
+    if (isEmpty())
+        return;
+    m_output.note(QStringLiteral("the service is back; what differs follows"));
+    QStringList paths;
+    for (const auto& entry : m_entries)
+        paths.append(entry.first);
+    for (const QString& path : qAsConst(paths))
+        catchUp(path);
+}
+
+// Rows of a single directory are always told, as its rows were not read.
+void Watches::catchUp(const QString& watched)
+{
+    const auto before = m_entries.find(watched);
+    if (before == m_entries.end())
+        return;
+    const Watch::Scope scope = before->second.watch->scope();
+    QVector<VisitedNode> nodes;
+    read(watched, scope, &nodes);
+    const auto entry = m_entries.find(watched);
+    if (nodes.isEmpty() || entry == m_entries.end())
+        return;
+    const QHash<QString, QByteArray> now = contentsOf(nodes);
+    const QHash<QString, QByteArray> known = std::exchange(entry->second.contents, now);
+    for (const VisitedNode& node : qAsConst(nodes)) {
+        const bool isUnknown = node.isDirectory && scope == Watch::Scope::Node;
+        if (isUnknown || known.value(node.path) != now.value(node.path))
+            tell(watched, eventOf(node));
+    }
+}
+
+// As if it had just changed.
+Event Watches::eventOf(const VisitedNode& node)
+{
+    Event event;
+    event.path = node.path;
+    if (node.isDirectory) {
+        event.kind = Event::Kind::Rows;
+        // A range that ends before it begins: the version without any row.
+        event.version = finished(m_settings.rows(node.path, 1, 0, {})).value().version;
+    } else {
+        event.kind = Event::Kind::Value;
+        event.value = valueOf(node);
+    }
+    return event;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Printing.
+// ---------------------------------------------------------------------------------------------
+
+void Watches::tell(const QString& watched, const Event& event)
+{
+    const auto entry = m_entries.find(watched);
+    if (entry == m_entries.end())
+        return;
+    if (event.kind == Event::Kind::Value)
+        entry->second.contents.insert(event.path, jsonOf(event.value));
+    print(event);
+    count(watched);
+}
+
+void Watches::print(const Event& event)
 {
     const QString value = QStringLiteral("value");
-    const QString data = QStringLiteral("data");
-    const QString rows = QStringLiteral("rows");
-    const QString kind = event.kind == SessionEvent::Kind::Value ? value
-        : event.kind == SessionEvent::Kind::Rows                 ? rows
-                                                                 : data;
+    const QString kind = event.kind == Event::Kind::Value ? value
+        : event.kind == Event::Kind::Rows                 ? QStringLiteral("rows")
+                                                          : QStringLiteral("data");
     if (m_output.isJson()) {
-        QVariantHash object { { QStringLiteral("event"), kind },
-                              { QStringLiteral("path"), event.path } };
-        if (event.kind == SessionEvent::Kind::Value)
-            object.insert(value, event.value);
-        if (event.kind == SessionEvent::Kind::Rows) {
+        QVariantMap object { { QStringLiteral("event"), kind },
+                             { QStringLiteral("path"), event.path } };
+        if (event.kind == Event::Kind::Value)
+            object.insert(value, valueObject(event.value));
+        if (event.kind == Event::Kind::Rows) {
             object.insert(QStringLiteral("command"), event.command);
-            object.insert(QStringLiteral("rowsVersion"), event.rowsVersion);
+            object.insert(QStringLiteral("rowsVersion"), event.version);
         }
         m_output.object(object);
         return;
     }
     QString line = kind + QLatin1Char(' ') + event.path;
-    if (event.kind == SessionEvent::Kind::Value)
+    if (event.kind == Event::Kind::Value)
         line += QLatin1Char(' ') + shownInCell(event.value);
     if (!event.command.isEmpty())
         line += QLatin1Char(' ') + event.command;
@@ -96,14 +279,17 @@ void Watches::print(const SessionEvent& event)
     m_output.flush();
 }
 
-void Watches::count(const QString& path)
+void Watches::count(const QString& watched)
 {
-    const std::shared_ptr<int> left = m_left.value(path);
-    if (!left || *left == 0 || --*left > 0)
+    const std::shared_ptr<int> left = m_entries.at(watched).left;
+    if (*left == 0 || --*left > 0)
         return;
-    const QStringList paths = m_left.keys(left);
-    for (const QString& one : paths)
-        remove(one);
+    for (auto entry = m_entries.begin(); entry != m_entries.end();) {
+        if (entry->second.left == left)
+            entry = m_entries.erase(entry);
+        else
+            ++entry;
+    }
 }
 
 } // namespace tulo

@@ -1,42 +1,81 @@
 #pragma once
 
-#include "output.h"
-#include "session.h"
+#include "tulo-cm/output.h"
+
+#include <tulo/settings.h>
 
 #include <QHash>
+#include <QObject>
 #include <QStringList>
+#include <QTimer>
 
+#include <map>
 #include <memory>
 
 namespace tulo {
 
-/// The paths whose changes are printed, and the printing. An event is printed at once, also in
-/// the middle of another command.
-class Watches
-{
-public:
-    /// Both outlive the watches.
-    Watches(Session& session, Output& output);
-    ~Watches();
-    Q_DISABLE_COPY(Watches)
+struct VisitedNode;
 
-    /// Watches `paths` for `count` events together (0: without limit). A path that is watched
-    /// already is taken over.
-    Failure add(const QStringList& paths, int count);
+/// The paths whose changes are printed, and the printing. An event is printed when it comes, also
+/// in the middle of another command. After events were missed, the values that differ from those
+/// printed or read before are printed as if they had just changed.
+class Watches : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// What to watch.
+    struct Request
+    {
+        QStringList paths;
+        Watch::Scope scope = Watch::Scope::Node;
+        int count = 0; ///< ends after so many events of them together; 0: without limit
+        bool isInitial = false; ///< begins with what there is now, as if it had just changed
+    };
+
+    /// Both outlive the watches.
+    Watches(Settings& settings, Output& output);
+    ~Watches() override;
+
+    /// Prints an error, watches none of the paths and returns the exit code when one of them cannot
+    /// be watched. A path that is watched already is taken over.
+    int add(const Request& request);
     void remove(const QString& path);
     void removeAll();
-    bool isEmpty() const { return m_left.isEmpty(); }
-
-    /// Prints what there is now as if it had just changed.
-    Failure printCurrent(const QString& path);
+    bool isEmpty() const { return m_entries.empty(); }
+    /// Of the first watch that failed after it had been added; its error was printed.
+    int exitCode() const { return m_exitCode; }
 
 private:
-    void print(const SessionEvent& event);
-    void count(const QString& path);
+    struct Entry
+    {
+        std::unique_ptr<Watch> watch;
+        std::shared_ptr<int> left; ///< shared by those that were added together
+        /// By path, as far as they are known: values of settings, names in directories.
+        QHash<QString, QByteArray> contents;
+    };
 
-    Session& m_session;
+    void addEntry(const QString& path, const Request& request, const std::shared_ptr<int>& left);
+    int read(const QString& path, Watch::Scope scope, QVector<VisitedNode>* nodes);
+    int start(const QString& path, QVector<VisitedNode>* nodes);
+    void printInitial(const QString& path, const QVector<VisitedNode>& nodes);
+
+    void on_watch_changed(const QString& watched, const Event& event);
+    void on_watch_failed(const QString& watched, const Error& error);
+    void on_settings_stateChanged(Settings::State state);
+    void on_missed_timeout();
+    void catchUp(const QString& watched);
+
+    Event eventOf(const VisitedNode& node);
+    void tell(const QString& watched, const Event& event);
+    void print(const Event& event);
+    void count(const QString& watched);
+
+    Settings& m_settings;
     Output& m_output;
-    QHash<QString, std::shared_ptr<int>> m_left; ///< by path; shared by those added together
+    std::map<QString, Entry> m_entries; ///< by path
+    QTimer m_missed; ///< all watches miss events at the same time
+    int m_exitCode = Done;
 };
 
 } // namespace tulo

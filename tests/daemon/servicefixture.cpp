@@ -230,24 +230,6 @@ QByteArray ServiceProcess::complaints(const ChildResult& result)
     return lines;
 }
 
-ServeCommand::ServeCommand(const CommandLine& trees, const QString& bus, const QStringList& options)
-    : ChildProcess(QStringLiteral(TULO_CM_PROGRAM),
-                   trees.arguments({ QStringLiteral("--bus"), bus }) + options
-                       + QStringList { QStringLiteral("serve") })
-{
-}
-
-bool ServeCommand::serve()
-{
-    return start() && waitForError("tulo-cm: serving '");
-}
-
-ChildResult ServeCommand::end()
-{
-    sendSignal(SIGTERM);
-    return finish();
-}
-
 ChildResult install(const QString& root, const QString& prefix)
 {
     ChildResult all;

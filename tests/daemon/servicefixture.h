@@ -67,18 +67,6 @@ private:
     const int m_manager; ///< the socket of the service manager
 };
 
-/// "tulo-cm serve" on trees and a bus, for clients that do not speak to tulo-settingsd yet.
-class ServeCommand : public ChildProcess
-{
-public:
-    ServeCommand(const CommandLine& trees, const QString& bus, const QStringList& options = {});
-
-    /// Starts and waits until it serves.
-    bool serve();
-    /// Ends it in order.
-    ChildResult end();
-};
-
 /// Installs what a device needs of this build below `root`, as into an image: a file of the prefix
 /// "/usr" is at root + "/usr/...".
 ChildResult install(const QString& root, const QString& prefix);

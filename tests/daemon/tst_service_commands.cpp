@@ -3,6 +3,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <csignal>
+
 namespace {
 
 ChildResult runOn(const PrivateBus& bus, const char* line, const QString& directory = QString())
@@ -19,7 +21,7 @@ ChildResult runOn(const PrivateBus& bus, const char* line, const QString& direct
 
 } // namespace
 
-/// Commands on a service that does not answer as they expect: they fail and say so.
+/// Commands on a service that stops, comes back, or does not answer as they expect.
 class TstServiceCommands : public QObject
 {
     Q_OBJECT
@@ -31,8 +33,14 @@ private slots:
     void watchThatTheBusJustAllowsMissesNothing();
     void watchOfManyPathsMissesNone();
     void watchFollowsTheServiceThatStartsAnew();
-    void watchEndsWithTheBus();
-    void shellSaysThatTheBusIsGone();
+    void watchTellsWhatDiffersAfterARestart_data();
+    void watchTellsWhatDiffersAfterARestart();
+    void watchThatIsInterruptedWithoutAServiceFails();
+    void shellSaysThatTheServiceHasGone();
+    void interruptEndsAWaitAtOnce_data();
+    void interruptEndsAWaitAtOnce();
+    void interruptEndsTheWaitForTheDisk_data();
+    void interruptEndsTheWaitForTheDisk();
 };
 
 void TstServiceCommands::checkNeverReadsTheCurrentFolderInstead()
@@ -42,7 +50,7 @@ void TstServiceCommands::checkNeverReadsTheCurrentFolderInstead()
         send_interface="org.freedesktop.DBus.Properties"/>
 </policy>)");
     const CommandLine trees;
-    ServeCommand service(trees, bus.address());
+    ServiceProcess service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
     const QTemporaryDir empty;
 
@@ -58,8 +66,7 @@ void TstServiceCommands::watchThatTheBusRefusesFails_data()
 {
     QTest::addColumn<int>("rules");
     QTest::newRow("no rule") << 0;
-    QTest::newRow("the one that the connection has already") << 1;
-    QTest::newRow("the signals, but not what tells of a restart") << 2;
+    QTest::newRow("what tells of a restart, but not the signals") << 1;
 }
 
 void TstServiceCommands::watchThatTheBusRefusesFails()
@@ -69,13 +76,13 @@ void TstServiceCommands::watchThatTheBusRefusesFails()
                          + "<limit name=\"max_match_rules_per_connection\">"
                          + QByteArray::number(rules) + "</limit>");
     const CommandLine trees;
-    ServeCommand service(trees, bus.address());
+    ServiceProcess service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
 
     const ChildResult result = runOn(bus, "watch --initial /settings/audio/volume");
 
     QVERIFY2(result.standardError.startsWith(
-                 "tulo-cm: cannot watch '/settings/audio/volume': the bus refused a match rule: "),
+                 "tulo-cm: cannot watch '/settings/audio/volume': the bus refuses it: "),
              result.standardError);
     QCOMPARE(result.standardOutput, QByteArray());
     QCOMPARE(result.exitCode, 7);
@@ -86,7 +93,7 @@ void TstServiceCommands::watchThatTheBusJustAllowsMissesNothing()
     const PrivateBus bus(PrivateBus::openPolicy()
                          + R"(<limit name="max_match_rules_per_connection">3</limit>)");
     const CommandLine trees;
-    ServeCommand service(trees, bus.address());
+    ServiceProcess service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
 
     const ChildResult result = ChildProcess::run(
@@ -119,7 +126,7 @@ void TstServiceCommands::watchOfManyPathsMissesNone()
         changes += "set /settings/many/" + name + " 1\n";
         expected += "value /settings/many/" + name + " 1\ndata /settings/many/" + name + "\n1\n";
     }
-    ServeCommand service(trees, bus.address());
+    ServiceProcess service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
 
     const ChildResult result =
@@ -138,7 +145,7 @@ void TstServiceCommands::watchFollowsTheServiceThatStartsAnew()
     const PrivateBus bus(PrivateBus::openPolicy()
                          + R"(<limit name="max_match_rules_per_connection">3</limit>)");
     const CommandLine trees;
-    ServeCommand first(trees, bus.address());
+    ServiceProcess first(trees, bus.address());
     QVERIFY2(first.serve(), first.standardError());
     ChildProcess shell(QStringLiteral(TULO_CM_PROGRAM),
                        { QStringLiteral("--bus"), bus.address(), QStringLiteral("shell") });
@@ -147,7 +154,7 @@ void TstServiceCommands::watchFollowsTheServiceThatStartsAnew()
     QVERIFY2(shell.waitForOutput("value /settings/audio/volume 35\n"), shell.standardError());
 
     QCOMPARE(first.end().exitCode, 0);
-    ServeCommand second(trees, bus.address());
+    ServiceProcess second(trees, bus.address());
     QVERIFY2(second.serve(), second.standardError());
     // Answered after the news of the new owner.
     shell.writeInput("get /settings/serial\n");
@@ -159,11 +166,61 @@ void TstServiceCommands::watchFollowsTheServiceThatStartsAnew()
     QCOMPARE(shell.finish().exitCode, 0);
 }
 
-void TstServiceCommands::watchEndsWithTheBus()
+// What happened while there was no service is told, and nothing else.
+void TstServiceCommands::watchTellsWhatDiffersAfterARestart_data()
+{
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QByteArray>("initial");
+    QTest::addColumn<QByteArray>("differing");
+    const QStringList node { QStringLiteral("/settings/audio/volume"),
+                             QStringLiteral("/settings/audio/mode") };
+    QTest::newRow("settings") << node
+                              << QByteArray("value /settings/audio/volume 35\n"
+                                            "value /settings/audio/mode mid\n")
+                              << QByteArray("value /settings/audio/volume 60\n");
+    QTest::newRow("directory") << QStringList { QStringLiteral("/settings/presets") }
+                               << QByteArray("rows /settings/presets\n")
+                               << QByteArray("rows /settings/presets\n");
+}
+
+void TstServiceCommands::watchTellsWhatDiffersAfterARestart()
+{
+    QFETCH(const QStringList, options);
+    QFETCH(const QByteArray, initial);
+    QFETCH(const QByteArray, differing);
+    const PrivateBus bus;
+    const CommandLine trees;
+    ServiceProcess first(trees, bus.address());
+    QVERIFY2(first.serve(), first.standardError());
+    ChildProcess watch(QStringLiteral(TULO_CM_PROGRAM),
+                       QStringList { QStringLiteral("--bus"), bus.address(),
+                                     QStringLiteral("watch"), QStringLiteral("--initial") }
+                           + options);
+    QVERIFY(watch.start());
+    QVERIFY2(watch.waitForOutput(initial), watch.standardOutput() + watch.standardError());
+
+    QCOMPARE(first.end().exitCode, 0);
+    QVERIFY2(watch.waitForError("tulo-cm: the service has gone; changes are missed until it is "
+                                "back\n"),
+             watch.standardError());
+    QCOMPARE(trees.run("set /settings/audio/volume 60").exitCode, 0);
+    QCOMPARE(trees.run("set /settings/presets/two fm:1").exitCode, 0);
+    ServiceProcess second(trees, bus.address());
+    QVERIFY2(second.serve(), second.standardError());
+
+    QVERIFY2(watch.waitForOutput(initial + differing), watch.standardOutput());
+    QVERIFY(watch.standardError().endsWith("tulo-cm: the service is back; what differs follows\n"));
+    watch.sendSignal(SIGINT);
+    const ChildResult result = watch.finish();
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.standardOutput, initial + differing);
+}
+
+void TstServiceCommands::watchThatIsInterruptedWithoutAServiceFails()
 {
     PrivateBus bus;
     const CommandLine trees;
-    ServeCommand service(trees, bus.address());
+    ServiceProcess service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
     ChildProcess watch(QStringLiteral(TULO_CM_PROGRAM),
                        { QStringLiteral("--bus"), bus.address(), QStringLiteral("watch"),
@@ -172,20 +229,21 @@ void TstServiceCommands::watchEndsWithTheBus()
     QVERIFY2(watch.waitForOutput("value /settings/audio/volume 35\n"), watch.standardError());
 
     bus.kill();
-    const ChildResult result = watch.finish();
+    QVERIFY2(watch.waitForError("tulo-cm: the service has gone; changes are missed until it is "
+                                "back\n"),
+             watch.standardError());
+    watch.sendSignal(SIGINT);
 
+    const ChildResult result = watch.finish();
     QVERIFY(!result.timedOut);
-    QCOMPARE(result.standardError,
-             QByteArray("tulo-cm: the bus closed the connection; changes from now on are "
-                        "missed\n"));
     QCOMPARE(result.exitCode, 7);
 }
 
-void TstServiceCommands::shellSaysThatTheBusIsGone()
+void TstServiceCommands::shellSaysThatTheServiceHasGone()
 {
     PrivateBus bus;
     const CommandLine trees;
-    ServeCommand service(trees, bus.address());
+    ServiceProcess service(trees, bus.address());
     QVERIFY2(service.serve(), service.standardError());
     ChildProcess shell(QStringLiteral(TULO_CM_PROGRAM),
                        { QStringLiteral("--bus"), bus.address(), QStringLiteral("--json"),
@@ -196,11 +254,101 @@ void TstServiceCommands::shellSaysThatTheBusIsGone()
 
     bus.kill();
 
-    QVERIFY2(shell.waitForOutput(R"({"error":{"message":"the bus closed the connection; )"
-                                 R"(changes from now on are missed","name":"NoBus")"),
-             shell.standardError());
+    QVERIFY2(shell.waitForOutput(R"({"error":{"message":"the service has gone; changes are missed )"
+                                 R"(until it is back","name":"Unavailable")"),
+             shell.standardOutput());
     shell.closeInput();
     QVERIFY(!shell.finish().timedOut);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Ctrl-C while the service is stopped in the middle of a call.
+// ---------------------------------------------------------------------------------------------
+
+void TstServiceCommands::interruptEndsAWaitAtOnce_data()
+{
+    QTest::addColumn<QByteArray>("words");
+    QTest::addColumn<QByteArray>("input");
+    QTest::addColumn<int>("signal");
+    QTest::addColumn<int>("exitCode");
+    QTest::newRow("get") << QByteArray("get /settings/audio/volume") << QByteArray() << SIGINT
+                         << -1;
+    QTest::newRow("set") << QByteArray("set /settings/audio/volume 40") << QByteArray() << SIGINT
+                         << -1;
+    QTest::newRow("watch") << QByteArray("watch /settings/audio/volume") << QByteArray() << 0
+                           << 130;
+    QTest::newRow("shell") << QByteArray("shell") << QByteArray("get /settings/audio/volume\n") << 0
+                           << 130;
+}
+
+void TstServiceCommands::interruptEndsAWaitAtOnce()
+{
+    QFETCH(const QByteArray, words);
+    QFETCH(const QByteArray, input);
+    QFETCH(const int, signal);
+    QFETCH(const int, exitCode);
+    const PrivateBus bus;
+    const CommandLine trees;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    // Sees the call that nobody answers.
+    ChildProcess monitor(
+        QStringLiteral("dbus-monitor"),
+        { QStringLiteral("--address"), bus.address(),
+          QStringLiteral("type='method_call',destination='org.tulo.ConfigurationManager1'") });
+    QVERIFY(monitor.start());
+    // A marker that is seen tells that the monitor sees everything from then on.
+    QVERIFY(monitor.waitForOutput("member=NameLost"));
+    service.sendSignal(SIGSTOP);
+
+    ChildProcess command(QStringLiteral(TULO_CM_PROGRAM),
+                         QStringList { QStringLiteral("--bus"), bus.address() }
+                             + QString::fromLatin1(words).split(QLatin1Char(' ')));
+    QVERIFY(command.start());
+    command.writeInput(input);
+    QVERIFY2(monitor.waitForOutput("interface=org.tulo.ConfigurationManager1"),
+             monitor.standardOutput());
+    command.sendSignal(SIGINT);
+    const ChildResult result = command.finish();
+
+    QVERIFY(!result.timedOut);
+    QCOMPARE(result.signal, signal);
+    QCOMPARE(result.exitCode, exitCode);
+    service.sendSignal(SIGCONT);
+}
+
+// In its own process a command waits for the disk itself. By then the change is in its file.
+void TstServiceCommands::interruptEndsTheWaitForTheDisk_data()
+{
+    QTest::addColumn<QStringList>("words");
+    QTest::addColumn<QByteArray>("input");
+    QTest::newRow("set") << QStringList {
+        QStringLiteral("set"), QStringLiteral("/settings/audio/volume"), QStringLiteral("40")
+    } << QByteArray();
+    QTest::newRow("shell") << QStringList { QStringLiteral("shell") }
+                           << QByteArray("set /settings/audio/volume 40\nquit\n");
+}
+
+void TstServiceCommands::interruptEndsTheWaitForTheDisk()
+{
+    QFETCH(const QStringList, words);
+    QFETCH(const QByteArray, input);
+    const CommandLine trees;
+    const SyncGate gate;
+    ChildProcess command(QStringLiteral(TULO_CM_PROGRAM), trees.arguments(words));
+    command.setVariable(QStringLiteral("LD_PRELOAD"), QStringLiteral(TULO_SCRIPTED_SYNC));
+    command.setVariable(QStringLiteral("TULO_TEST_SYNC"), QString::fromUtf8(gate.script()));
+    QVERIFY(command.start());
+    command.writeInput(input);
+    QVERIFY2(gate.waitForFlush(), command.standardError());
+
+    command.sendSignal(SIGINT);
+    const ChildResult result = command.finish();
+
+    QVERIFY(!result.timedOut);
+    QCOMPARE(result.signal, SIGINT);
+    QCOMPARE(result.standardOutput, QByteArray("40\n"));
+    QVERIFY(!trees.tree.readWritten(QStringLiteral("/audio/volume")).isNull());
 }
 
 QTEST_GUILESS_MAIN(TstServiceCommands)

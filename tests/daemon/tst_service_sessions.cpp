@@ -57,12 +57,10 @@ Line shell(const QByteArray& input, bool isJson = false)
 
 Q_DECLARE_METATYPE(Session)
 
-/// The same sessions in processes of their own and through the service: the same output, the same
-/// complaints, the same exit codes.
+/// The same sessions in processes that serve the directories themselves and through the service:
+/// the same output, the same errors, the same exit codes.
 ///
-/// What differs by its nature is left out: the service sets four roles and no others, the bus
-/// carries no nulls, a double that was written as 5 comes back as 5.0, and a disabled flag lives
-/// until the process ends that was told it.
+/// Only a disabled flag is set in a shell alone: it lives until the process ends that stored it.
 class TstServiceSessions : public QObject
 {
     Q_OBJECT
@@ -176,9 +174,15 @@ void TstServiceSessions::sessionReadsTheSameBothWays_data()
         set(sources, "[\"dab\"]"),
         set(sources, "[1,2,3,4]"),
         set(sources, "[1,[2,{\"a\":3}]]"),
+        set(sources, "[null]"),
+        set(sources, "[1.0,18446744073709551615]"),
+        set(sources, "{\"a\":1}"),
         words("get /settings/audio/sources"),
         set(token, "hello"),
         set(token, "5"),
+        set(token, "1.50"),
+        set(token, "\"quoted\""),
+        set(token, "null"),
         words("set /settings/token --string 7"),
         { { QStringLiteral("set"), QString::fromUtf8(token), QStringLiteral("-") },
           "from standard input\n" },
@@ -191,6 +195,8 @@ void TstServiceSessions::sessionReadsTheSameBothWays_data()
         words("--json set /settings/serial 1"),
         words("--json op /settings/audio/volume add -5"),
         words("--json flush"),
+        words("--json set /settings/audio/mode top"),
+        words("--json op /settings/audio/volume add 500"),
     };
     QTest::newRow("refused changes") << Session {
         set("/settings/serial", "X2"),
@@ -212,8 +218,22 @@ void TstServiceSessions::sessionReadsTheSameBothWays_data()
     QTest::newRow("roles") << Session {
         setRoles(volume, R"({"value":{"int":45},"id":"A1","timestamp":1700000000000})"),
         words("get /settings/audio/volume --all"),
-        setRoles(volume, R"({"disabled":true})"),
         setRoles(volume, R"({"value":{"colour":1}})"),
+        setRoles(volume, R"({"title":"Loud"})"),
+        setRoles(volume, R"({"value":{"int":45},"path":"/x"})"),
+        setRoles(volume, R"({"id":5})"),
+        setRoles(volume, R"({"timestamp":"now"})"),
+        setRoles(volume, R"({"disabled":1})"),
+        setRoles(volume, R"({"id":null})"),
+        setRoles(volume, R"({})"),
+        setRoles("/settings/audio/gain", R"({"value":{"double":1}})"),
+        setRoles("/settings/audio/gain", R"({"value":{"int":200}})"),
+        setRoles(sources, R"({"value":{"list":[null]}})"),
+        setRoles(sources, R"({"value":{"list":[{"a":null}]}})"),
+        setRoles(volume, R"({"value":{"int":7}})"),
+        setRoles("/settings/none/x", R"({"value":{"int":7}})"),
+        setRoles("/settings/serial", R"({"value":{"string":"X2"}})"),
+        words("get /settings/audio/volume --role value --role id"),
         setRoles(volume, R"({"value":{"int":"x"}})"),
         setRoles(volume, R"({"value":5})"),
         setRoles(volume, R"({"value":null})"),
@@ -251,6 +271,11 @@ void TstServiceSessions::sessionReadsTheSameBothWays_data()
                                 "quit\n"
                                 "get /settings/audio/volume\n";
     QTest::newRow("shell") << Session { shell(commands), shell(commands, true) };
+    QTest::newRow("disabled flag")
+        << Session { shell("set /settings/audio/volume --roles '{\"disabled\":true}'\n"
+                           "get /settings/audio/volume --all\n"
+                           "set /settings/audio/volume 45\n"
+                           "get /settings/audio/volume --all\n") };
     const QByteArray watching = "watch /settings/audio/volume /settings/audio\n"
                                 "watch /settings/presets --initial\n"
                                 "set /settings/audio/volume 45\n"
@@ -293,8 +318,8 @@ void TstServiceSessions::runBothWays(const Session& session, const CommandLine& 
                                      const CommandLine& served)
 {
     const PrivateBus bus;
-    ServeCommand service(served, bus.address(),
-                         { QStringLiteral("--log-level"), QStringLiteral("off") });
+    ServiceProcess service(served, bus.address(),
+                           { QStringLiteral("--log-level"), QStringLiteral("off") });
     QVERIFY2(service.serve(), service.standardError());
     // The worker's records are the service's affair, in one of the two ways.
     const QStringList quiet { QStringLiteral("--log-level"), QStringLiteral("off") };

@@ -5,4 +5,4 @@ include(${CMAKE_CURRENT_LIST_DIR}/plugin_checks.cmake)
 
 check_needed(${PLUGIN} libtulo_framework.so)
 check_needed(${FRAMEWORK})
-check_needed(${PROGRAM} libtulo_framework.so libtulo-settings.so.0 libQt5DBus.so.5 libsystemd.so.0)
+check_needed(${PROGRAM} libtulo_framework.so libtulo-settings.so.0)

@@ -306,6 +306,9 @@ void TstCommandline::sessions_data()
     row("watch needs the service", "watch /settings/audio/volume", "",
         "tulo-cm: 'watch' works on the service or in the shell; this process would end at once\n",
         7);
+    row("status needs the service", "status", "",
+        "tulo-cm: 'status' works on the service or in the shell; this process would end at once\n",
+        7);
     row("drop-cache needs the service", "drop-cache", "",
         "tulo-cm: 'drop-cache' works on the service or in the shell; this process would end at "
         "once\n",
@@ -338,7 +341,7 @@ void TstCommandline::commandLineErrors_data()
         QTest::newRow(name) << arguments << QByteArray(error);
     };
     const char* const commands = "get, ls, tree, set, op, watch, flush, drop-cache, check, "
-                                 "serve, status, shell, help";
+                                 "status, shell, help";
     row("no command", {}, (QByteArray("no command; commands are: ") + commands).constData());
     row("unknown command", words("gte"),
         (QByteArray("unknown command 'gte'; commands are: ") + commands).constData());
@@ -870,7 +873,7 @@ void TstCommandline::fullDiskUnderTheResult()
 namespace {
 
 const QStringList commandNames =
-    words("get ls tree set op watch flush drop-cache check serve status shell help");
+    words("get ls tree set op watch flush drop-cache check status shell help");
 
 QJsonObject jsonOf(const ChildResult& result)
 {

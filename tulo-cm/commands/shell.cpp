@@ -1,7 +1,7 @@
-#include "commands.h"
-
-#include "signalhandler.h"
-#include "textinput.h"
+#include "tulo-cm/commandline.h"
+#include "tulo-cm/help.h"
+#include "tulo-cm/signalhandler.h"
+#include "tulo-cm/textinput.h"
 
 #include <QCoreApplication>
 #include <QSocketNotifier>
@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 namespace tulo {
-
 namespace {
 
 // Standard input, line by line, while events are served.
@@ -78,37 +77,35 @@ bool isComment(const QByteArray& line)
     return line.trimmed().startsWith('#');
 }
 
-// Parses and runs one line; its failures are printed and end nothing.
-int runLine(Context& context, const QByteArray& bytes)
+int runWords(Context& context, const QStringList& words)
 {
-    const Answer<QString> line = decode(bytes, QStringLiteral("the line"));
-    Failure failure = line.failure;
-    Answer<QStringList> words;
-    if (!failure) {
-        words = splitWords(line.value);
-        failure = words.failure;
-    }
-    if (!failure && words.value.isEmpty())
-        return Done;
-    Arguments arguments;
-    if (!failure)
-        arguments = parseShellLine(words.value, &failure);
-    if (failure) {
-        context.output.failure(failure);
-        return failure.exitCode;
-    }
-    if (arguments.command == nullptr || arguments.isSet(QStringLiteral("help")))
-        return runHelpOption(context, arguments);
-    return arguments.command->run(context, arguments);
+    const ParsedLine line = parseShellLine(words);
+    if (!line.error.isEmpty())
+        return context.output.reportUsage(line.error);
+    const Command* const command = line.arguments.command;
+    if (command == nullptr)
+        return printOverview(context);
+    if (line.arguments.isSet(general::help))
+        return printHelp(context, *command);
+    return command->run(context, line.arguments);
 }
 
-} // namespace
+// Parses and runs one line; its errors are printed and end nothing.
+int runLine(Context& context, const QByteArray& bytes)
+{
+    QString error;
+    const auto line = decode(bytes, QStringLiteral("the line"), &error);
+    const auto words = line ? splitWords(*line, &error) : std::nullopt;
+    if (!words)
+        return context.output.reportUsage(error);
+    return words->isEmpty() ? int(Done) : runWords(context, *words);
+}
 
-int runShell(Context& context, const Arguments&)
+int run(Context& context, const Arguments&)
 {
     Output& output = context.output;
     context.inShell = true;
-    output.setFailuresInPlace();
+    output.setErrorsInPlace();
     const bool isTyped = ::isatty(STDIN_FILENO) == 1;
     const bool prompts = !output.isJson() && isTyped && ::isatty(STDOUT_FILENO) == 1;
 
@@ -134,10 +131,23 @@ int runShell(Context& context, const Arguments&)
     return exitCode;
 }
 
-int runQuit(Context& context, const Arguments&)
+} // namespace
+
+namespace commands {
+
+Command shell()
 {
-    context.quit = true;
-    return Done;
+    return { "shell",
+             "",
+             {},
+             {},
+             "Runs commands from standard input, one a line, in one process.",
+             "shell",
+             Command::Where::CommandLine,
+             Command::Needs::ChangesOrSettings,
+             Command::Runs::UntilInterrupted,
+             run };
 }
 
+} // namespace commands
 } // namespace tulo

@@ -1,0 +1,128 @@
+#pragma once
+
+#include "tulo-cm/output.h"
+
+#include <QHash>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+namespace tulo {
+
+class Settings;
+class Watches;
+struct Place;
+
+/// One option: "--name" or "--name VALUE".
+struct Option
+{
+    const char* name;
+    const char* valueName; ///< empty for an option without a value
+    const char* description;
+    const char* letter = ""; ///< for "-h"; empty for most
+};
+
+/// One argument behind the name of a command.
+struct Argument
+{
+    enum class Kind { Path, Other };
+    enum class Count { One, Optional, OneOrMore, Any };
+
+    const char* name;
+    Count count = Count::One;
+    Kind kind = Kind::Other;
+};
+
+class Arguments;
+struct Context;
+
+/// One command: everything that is said about it, and what it does. Parsing and help are made
+/// from it. CONTRIBUTING tells how to add one.
+struct Command
+{
+    /// Where it can be given.
+    enum class Where {
+        Anywhere,
+        ServiceOrShell, ///< needs a process that outlives the command
+        Shell, ///< only as a line of the shell
+        CommandLine ///< only as the program's command
+    };
+    /// What it works with.
+    enum class Needs {
+        Nothing,
+        Trees, ///< the directories
+        Settings, ///< the settings, to read them
+        Changes, ///< the settings, to change them
+        ChangesOrSettings ///< the same where that is possible, else to read them
+    };
+    /// How long it runs.
+    enum class Runs { ToItsEnd, UntilInterrupted };
+
+    const char* name;
+    const char* alias; ///< another name; empty for most
+    QVector<Argument> arguments;
+    QVector<Option> options; ///< beside the general ones
+    const char* summary; ///< sentences; the first up to its first details stands in the overview
+    const char* example;
+    Where where;
+    Needs needs;
+    Runs runs;
+    /// Prints results and errors and returns an exit code: that of the first failure where there
+    /// are several.
+    int (*run)(Context& context, const Arguments& arguments);
+};
+
+/// A parsed command line, or line of the shell.
+class Arguments
+{
+public:
+    const Command* command = nullptr; ///< null when only --help or --version was asked for
+    /// What follows the command. Paths among it begin with "/" and do not end with one; "/" by
+    /// itself has become the path at the top.
+    QStringList positional;
+
+    bool isSet(const Option& option) const { return m_values.contains(key(option)); }
+    /// The last value given, null when the option is not set.
+    QString value(const Option& option) const
+    {
+        const QStringList all = values(option);
+        return all.isEmpty() ? QString() : all.last();
+    }
+    /// All values given, in order.
+    QStringList values(const Option& option) const { return m_values.value(key(option)); }
+    void set(const Option& option, const QStringList& values)
+    {
+        m_values.insert(key(option), values);
+    }
+
+private:
+    static QLatin1String key(const Option& option) { return QLatin1String(option.name); }
+
+    QHash<QString, QStringList> m_values;
+};
+
+/// What a command works with. The same for all commands of one process.
+struct Context
+{
+    Output& output;
+    const Place& place;
+    Settings* settings = nullptr; ///< null for a command that needs none
+    Watches* watches = nullptr; ///< null for a command that needs no settings
+    bool inShell = false;
+    bool quit = false; ///< the shell ends after this line
+};
+
+/// All commands, in the order in which help lists them: see CMakeLists.txt.
+const QVector<Command>& commandTable();
+/// Null when no command has that name or alias.
+const Command* findCommand(const QString& name);
+/// Tells whether the shell, or the command line, takes the command.
+bool isTaken(const Command& command, bool inShell);
+
+/// The path at the top, which all others begin with.
+inline QString topPath()
+{
+    return QStringLiteral("/settings");
+}
+
+} // namespace tulo

@@ -1,0 +1,37 @@
+#include "tulo-cm/help.h"
+
+namespace tulo {
+namespace {
+
+int run(Context& context, const Arguments& arguments)
+{
+    if (arguments.positional.isEmpty())
+        return context.inShell ? printOverview(context) : printGeneralHelp(context);
+    const QString name = arguments.positional.first();
+    const Command* const command = findCommand(name);
+    if (command == nullptr)
+        return context.output.reportUsage(QStringLiteral("unknown command '%1'").arg(name));
+    return printHelp(context, *command);
+}
+
+} // namespace
+
+namespace commands {
+
+Command help()
+{
+    return { "help",
+             "",
+             { { "COMMAND", Argument::Count::Optional } },
+             {},
+             "Prints what the commands do.",
+             "help set",
+             Command::Where::Anywhere,
+             Command::Needs::Nothing,
+             Command::Runs::ToItsEnd,
+             run };
+}
+
+} // namespace commands
+
+} // namespace tulo

@@ -1,0 +1,55 @@
+#include "tulo-cm/commandline.h"
+#include "tulo-cm/signalhandler.h"
+#include "tulo-cm/watches.h"
+
+namespace tulo {
+namespace {
+
+constexpr Option countOption { "count", "N", "stop after N events" };
+constexpr Option initialOption { "initial", "", "begin with what is there now" };
+
+int run(Context& context, const Arguments& arguments)
+{
+    Output& output = context.output;
+    Watches& watches = *context.watches;
+    const auto count = numberOption(context, arguments, countOption, 0);
+    if (!count)
+        return Usage;
+    if (arguments.isSet(countOption) && *count < 1)
+        return output.reportUsage(QStringLiteral("'--count' needs a number above 0"));
+    const int exitCode = watches.add(
+        { arguments.positional, Watch::Scope::Node, *count, arguments.isSet(initialOption) });
+    // In the shell the next line goes on, and the events come in between.
+    if (exitCode != Done || context.inShell)
+        return exitCode;
+    serveEvents(-1, [&watches, &output] {
+        return watches.isEmpty() || output.isClosed() || output.hasFailed();
+    });
+    const bool isAway = !watches.isEmpty() && context.settings->state() == Settings::State::Away;
+    return firstFailure(watches.exitCode(),
+                        isAway ? describe(ErrorCode::Unavailable).exitCode : int(Done));
+}
+
+} // namespace
+
+namespace commands {
+
+Command watch()
+{
+    return { "watch",
+             "",
+             { { "PATH", Argument::Count::OneOrMore, Argument::Kind::Path } },
+             { countOption, initialOption },
+             "Prints the changes of settings and directories, until interrupted; in the shell\n"
+             "while it goes on. When the service comes back after a restart, it prints what\n"
+             "differs. Ends with 7 when it is interrupted while there is no service.",
+             "watch /settings/audio/volume --count 1",
+             Command::Where::ServiceOrShell,
+             Command::Needs::Settings,
+             Command::Runs::UntilInterrupted,
+             run };
+}
+
+} // namespace commands
+
+} // namespace tulo
