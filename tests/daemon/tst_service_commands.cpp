@@ -35,6 +35,7 @@ private slots:
     void watchFollowsTheServiceThatStartsAnew();
     void watchTellsWhatDiffersAfterARestart_data();
     void watchTellsWhatDiffersAfterARestart();
+    void watchOfASubtreeTellsEverythingBelow();
     void watchThatIsInterruptedWithoutAServiceFails();
     void shellSaysThatTheServiceHasGone();
     void interruptEndsAWaitAtOnce_data();
@@ -178,6 +179,20 @@ void TstServiceCommands::watchTellsWhatDiffersAfterARestart_data()
                               << QByteArray("value /settings/audio/volume 35\n"
                                             "value /settings/audio/mode mid\n")
                               << QByteArray("value /settings/audio/volume 60\n");
+    QTest::newRow("subtrees") << QStringList { QStringLiteral("-r"),
+                                               QStringLiteral("/settings/audio"),
+                                               QStringLiteral("/settings/presets") }
+                              << QByteArray("rows /settings/audio\n"
+                                            "value /settings/audio/gain 0.5\n"
+                                            "value /settings/audio/loudness true\n"
+                                            "value /settings/audio/mode mid\n"
+                                            "value /settings/audio/sources [\"fm\",\"usb\"]\n"
+                                            "value /settings/audio/volume 35\n"
+                                            "rows /settings/presets\n"
+                                            "value /settings/presets/one -\n")
+                              << QByteArray("value /settings/audio/volume 60\n"
+                                            "rows /settings/presets\n"
+                                            "value /settings/presets/two fm:1\n");
     QTest::newRow("directory") << QStringList { QStringLiteral("/settings/presets") }
                                << QByteArray("rows /settings/presets\n")
                                << QByteArray("rows /settings/presets\n");
@@ -214,6 +229,29 @@ void TstServiceCommands::watchTellsWhatDiffersAfterARestart()
     const ChildResult result = watch.finish();
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.standardOutput, initial + differing);
+}
+
+void TstServiceCommands::watchOfASubtreeTellsEverythingBelow()
+{
+    const PrivateBus bus;
+    const CommandLine trees;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+
+    const ChildResult result =
+        ChildProcess::run(QStringLiteral(TULO_CM_PROGRAM),
+                          { QStringLiteral("--bus"), bus.address(), QStringLiteral("shell") },
+                          "watch --recursive /settings/audio /settings/serial\n"
+                          "set /settings/audio/volume 40\n"
+                          "set /settings/presets/one fm:1\n"
+                          "unwatch /settings/audio\n"
+                          "set /settings/audio/volume 45\n");
+
+    QCOMPARE(result.standardError, QByteArray());
+    QCOMPARE(result.standardOutput,
+             QByteArray("value /settings/audio/volume 40\ndata /settings/audio/volume\n"
+                        "rows /settings/audio 4\n40\nfm:1\n45\n"));
+    QCOMPARE(result.exitCode, 0);
 }
 
 void TstServiceCommands::watchThatIsInterruptedWithoutAServiceFails()

@@ -289,6 +289,18 @@ void TstServiceSessions::sessionReadsTheSameBothWays_data()
     // Two, as the service counts the versions of rows on from one shell to the next.
     QTest::newRow("watching") << Session { shell(watching) };
     QTest::newRow("watching, as JSON") << Session { shell(watching, true) };
+    const QByteArray recursive = "watch -r /settings/audio /settings/presets --initial\n"
+                                 "set /settings/audio/volume 45\n"
+                                 "set /settings/serial X2\n"
+                                 "set /settings/presets/two fm:1\n"
+                                 "unwatch /settings/audio\n"
+                                 "set /settings/audio/volume 50\n"
+                                 "watch --recursive /settings/nothing\n"
+                                 "watch --recursive --count 2 /settings\n"
+                                 "set /settings/audio/volume 55\n"
+                                 "set /settings/audio/volume 60\n";
+    QTest::newRow("watching subtrees") << Session { shell(recursive) };
+    QTest::newRow("watching subtrees, as JSON") << Session { shell(recursive, true) };
 }
 
 void TstServiceSessions::sessionReadsTheSameBothWays()

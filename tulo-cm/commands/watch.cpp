@@ -5,6 +5,7 @@
 namespace tulo {
 namespace {
 
+constexpr Option recursiveOption { "recursive", "", "everything at and below the paths", "r" };
 constexpr Option countOption { "count", "N", "stop after N events" };
 constexpr Option initialOption { "initial", "", "begin with what is there now" };
 
@@ -17,8 +18,9 @@ int run(Context& context, const Arguments& arguments)
         return Usage;
     if (arguments.isSet(countOption) && *count < 1)
         return output.reportUsage(QStringLiteral("'--count' needs a number above 0"));
-    const int exitCode = watches.add(
-        { arguments.positional, Watch::Scope::Node, *count, arguments.isSet(initialOption) });
+    const auto scope = arguments.isSet(recursiveOption) ? Watch::Scope::Tree : Watch::Scope::Node;
+    const int exitCode =
+        watches.add({ arguments.positional, scope, *count, arguments.isSet(initialOption) });
     // In the shell the next line goes on, and the events come in between.
     if (exitCode != Done || context.inShell)
         return exitCode;
@@ -39,7 +41,7 @@ Command watch()
     return { "watch",
              "",
              { { "PATH", Argument::Count::OneOrMore, Argument::Kind::Path } },
-             { countOption, initialOption },
+             { recursiveOption, countOption, initialOption },
              "Prints the changes of settings and directories, until interrupted; in the shell\n"
              "while it goes on. When the service comes back after a restart, it prints what\n"
              "differs. Ends with 7 when it is interrupted while there is no service.",
