@@ -12,9 +12,9 @@ const QVector<Option>& generalOptions()
 {
     static const QVector<Option> options {
         general::defaultPath, general::writePath, general::inProcess, general::bus,
-        general::product,     general::plugin,    general::language,  general::catalogues,
-        general::json,        general::logLevel,  general::logConfig, general::help,
-        general::version,
+        general::host,        general::product,   general::plugin,    general::language,
+        general::catalogues,  general::json,      general::logLevel,  general::logConfig,
+        general::help,        general::version,
     };
     return options;
 }

@@ -19,6 +19,7 @@ inline constexpr Option writePath { "write-path", "DIR", "the tree with the chan
 inline constexpr Option inProcess { "in-process", "",
                                     "serve the built-in directories in this process" };
 inline constexpr Option bus { "bus", "BUS", "system (the default), session or an address" };
+inline constexpr Option host { "host", "USER@HOST", "the service of another device, through ssh" };
 inline constexpr Option product { "product", "POSTFIX",
                                   "use the defaults of this product variant" };
 inline constexpr Option plugin { "plugin", "FILE",

@@ -114,8 +114,10 @@ int runInOwnProcess(const Arguments& arguments, const Place& place, Output& outp
 // On a service.
 // ---------------------------------------------------------------------------------------------
 
-QString noService(const Place& place)
+QString noService(const Place& place, const QString& reason)
 {
+    if (!place.host.isEmpty())
+        return QStringLiteral("no service on '%1': %2").arg(place.host, reason);
     const bool isNamed =
         place.bus == QLatin1String("system") || place.bus == QLatin1String("session");
     return QStringLiteral("no service on %1; use --in-process, or --default-path and "
@@ -132,15 +134,15 @@ int reach(RemoteSettings& settings, const Place& place, Output& output)
         return Done;
     Error error = finished(settings.status()).error();
     if (settings.state() != Settings::State::Ready && error.code == ErrorCode::Unavailable)
-        error.message = noService(place);
+        error.message = noService(place, error.message);
     return error ? output.report(error) : int(Done);
 }
 
 int runOnService(const Arguments& arguments, const Place& place, Output& output)
 {
-    // A client that is killed loses nothing: the service has its changes.
+    // A client that is killed loses nothing: the service has its changes. But ssh would outlive it.
     std::optional<SignalHandler> signalHandler;
-    if (arguments.command->runs == Command::Runs::UntilInterrupted)
+    if (arguments.command->runs == Command::Runs::UntilInterrupted || !place.host.isEmpty())
         signalHandler.emplace();
     RemoteSettings settings(place.bus);
     const int exitCode = reach(settings, place, output);

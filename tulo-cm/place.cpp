@@ -4,6 +4,8 @@
 
 #include "trees/nodenames.h"
 
+#include <tulo/remotesettings.h>
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
@@ -25,7 +27,11 @@ QString validateOwnProcess(const Arguments& arguments)
 {
     const Option& chosen =
         arguments.isSet(general::defaultPath) ? general::defaultPath : general::inProcess;
-    return arguments.isSet(general::bus) ? excludes(general::bus, chosen) : QString();
+    for (const Option& option : { general::bus, general::host }) {
+        if (arguments.isSet(option))
+            return excludes(option, chosen);
+    }
+    return QString();
 }
 
 QString validateService(const Arguments& arguments)
@@ -38,6 +44,8 @@ QString validateService(const Arguments& arguments)
                 .arg(spelled(option));
         }
     }
+    if (arguments.isSet(general::bus) && arguments.isSet(general::host))
+        return excludes(general::bus, general::host);
     return QString();
 }
 
@@ -80,6 +88,12 @@ Place servicePlace(const Arguments& arguments, QString* error)
     *error = validateService(arguments);
     place.bus =
         arguments.isSet(general::bus) ? arguments.value(general::bus) : QStringLiteral("system");
+    if (error->isEmpty() && arguments.isSet(general::host)) {
+        Error hostError;
+        place.host = arguments.value(general::host);
+        place.bus = RemoteSettings::addressOfHost(place.host, &hostError);
+        *error = hostError.message;
+    }
     return place;
 }
 

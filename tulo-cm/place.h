@@ -21,6 +21,7 @@ struct Place
     Kind kind = Kind::Service;
     EngineOptions engine; ///< for this process
     QString bus; ///< "system", "session" or an address
+    QString host; ///< another device, to whose system bus ssh leads; empty for this one
 };
 
 /// The place that the options name. None when they do not fit together or name what is not there;

@@ -503,6 +503,19 @@ void TstCommandline::places_data()
         "'--product' needs '--default-path' and '--write-path', or '--in-process'", 2);
     row("in this process and on the bus", "--in-process --bus session",
         "'--bus' and '--in-process' exclude each other", 2);
+    row("on another device and on a bus of this one", "--host user@device --bus session",
+        "'--bus' and '--host' exclude each other", 2);
+    row("in this process and on another device", "--in-process --host device",
+        "'--host' and '--in-process' exclude each other", 2);
+    row("directories and another device",
+        "--default-path DEFAULT --write-path WRITE --host user@device",
+        "'--host' and '--default-path' exclude each other", 2);
+    row("product on another device", "--product sport --host device",
+        "'--product' needs '--default-path' and '--write-path', or '--in-process'", 2);
+    row("host that ssh would take for an option", "--host -oProxyCommand=x",
+        "'-oProxyCommand=x' is not the name of a machine", 2);
+    row("the same in one word", "--host=-Fx", "'-Fx' is not the name of a machine", 2);
+    row("host without a name", "--host=", "'' is not the name of a machine", 2);
 }
 
 void TstCommandline::places()

@@ -1,4 +1,5 @@
 #include "tulo-cm/command.h"
+#include "tulo-cm/place.h"
 #include "tulo-cm/waiting.h"
 
 #include <tulo/settings.h>
@@ -103,7 +104,9 @@ int run(Context& context, const Arguments&)
         return context.output.report(status.error());
     // The names of settings are not for everybody who may ask for the count.
     const auto unsaved = finished(context.settings->unsavedPaths(maximumPaths));
-    const ProcessFigures figures = figuresOf(status.value().processId);
+    // Another device's processes are not in /proc.
+    const ProcessFigures figures =
+        context.place.host.isEmpty() ? figuresOf(status.value().processId) : ProcessFigures();
     if (context.output.isJson())
         printObject(context.output, status.value(), unsaved, figures);
     else
