@@ -65,6 +65,7 @@ public:
     std::unique_ptr<Error> m_watchError; ///< the value is not kept current
     bool m_isReady = false;
     bool m_isReadQueued = false; ///< the reader has it in its list
+    bool m_isUnavailable = false; ///< the reader has it in its list of those to be read when ready
 
 protected:
     void deliver(const Event& event) override;
@@ -114,7 +115,7 @@ public:
     /// Reads with the others of this turn.
     void read(SettingPrivate* setting);
     /// Reads once requests are served again.
-    void readWhenReady(SettingPrivate* setting) { m_unavailable.append(setting); }
+    void readWhenReady(SettingPrivate* setting);
 
 private:
     using Batch = QVector<QPointer<SettingPrivate>>;
@@ -151,6 +152,13 @@ void SettingReader::read(SettingPrivate* setting)
     if (m_queued.isEmpty())
         QMetaObject::invokeMethod(this, &SettingReader::readQueued, Qt::QueuedConnection);
     m_queued.append(setting);
+}
+
+void SettingReader::readWhenReady(SettingPrivate* setting)
+{
+    if (std::exchange(setting->m_isUnavailable, true))
+        return;
+    m_unavailable.append(setting);
 }
 
 void SettingReader::readQueued()
@@ -208,8 +216,10 @@ void SettingReader::on_stateChanged(Settings::State state)
         return;
     const Batch settings = std::exchange(m_unavailable, {});
     for (const auto& setting : settings) {
-        if (setting)
-            setting->readAgain();
+        if (!setting)
+            continue;
+        setting->m_isUnavailable = false;
+        setting->readAgain();
     }
 }
 

@@ -85,6 +85,7 @@ private slots:
     void dataEventAfterAValueReadsNothing();
     void missedReadsAgainAndTellsDifferencesOnly();
     void unavailableSettingIsReadWhenTheSettingsAreReady();
+    void unavailableSettingIsReadAgainOnceHoweverOftenItFailed();
     void otherErrorsStayUntilTheNextValue();
     void failedWatchIsAnErrorUntilEventsAreComplete();
     void failedRequestIsAnErrorOfAllItsSettings();
@@ -473,6 +474,27 @@ void TstSetting::unavailableSettingIsReadWhenTheSettingsAreReady()
     answer(&settings, { 40LL });
     QCOMPARE(setting.value(), qint64(40));
     QVERIFY(!setting.error());
+}
+
+void TstSetting::unavailableSettingIsReadAgainOnceHoweverOftenItFailed()
+{
+    ScriptedSettings settings;
+    const Setting<qint64> setting(&settings, path());
+    QCOMPARE(setting.title(), QString());
+    turn();
+    for (int i = 0; i < 3; ++i) {
+        answerError(&settings, ErrorCode::Unavailable);
+        settings.deliverData(path());
+        turn();
+    }
+    settings.takeLog();
+
+    settings.setState(Settings::State::Ready);
+    turn();
+
+    // One for the details; the value is being read.
+    QCOMPARE(settings.log.size(), 2);
+    QCOMPARE(settings.log.filter(QStringLiteral("getMany")).size(), 1);
 }
 
 void TstSetting::otherErrorsStayUntilTheNextValue()

@@ -12,6 +12,7 @@
 #include <QTimer>
 
 #include <csignal>
+#include <limits>
 #include <memory>
 
 using namespace tulo;
@@ -222,7 +223,8 @@ void TstTestSettings::modelKeepsItsRowsOverARestart()
     QCOMPARE(resets.count(), 0);
 }
 
-// Whatever a program asks for then: it goes on at once.
+// Whatever a program asks for then. A machine with other work to do may hold it up in some rounds,
+// a call that waits does so in all of them.
 void TstTestSettings::hangingServiceHoldsNoProgramUp()
 {
     TestSettings test;
@@ -232,34 +234,36 @@ void TstTestSettings::hangingServiceHoldsNoProgramUp()
     QVERIFY(becomesReady(volume));
     QVERIFY(::kill(pid_t(test.processId()), SIGSTOP) == 0);
 
-    int turns = 0;
-    qint64 longestMs = 0;
-    QElapsedTimer turn;
-    turn.start();
-    QTimer ticks;
-    connect(&ticks, &QTimer::timeout, this, [&] {
-        ++turns;
-        longestMs = qMax(longestMs, turn.restart());
-    });
-    ticks.start(0);
-    const Reply<Change> change = volume.set(40);
-    for (int i = 0; i < 100; ++i)
-        volume.setSoon(i);
-    const Setting<qint64> other(&test.settings(), QStringLiteral("/settings/audio/other"), 7);
-    const RowsModel model(&test.settings(), QStringLiteral("/settings/audio"));
-    const Reply<QVariantMap> get = test.settings().get(volumePath, {});
-    QVERIFY(volume.title().isEmpty());
-    QVERIFY(waitUntil([&] { return turns >= 1000; }));
+    qint64 bestMs = std::numeric_limits<qint64>::max();
+    for (int round = 1; round <= 10; ++round) {
+        int turns = 0;
+        qint64 longestMs = 0;
+        QElapsedTimer turn;
+        turn.start();
+        QTimer ticks;
+        connect(&ticks, &QTimer::timeout, this, [&] {
+            ++turns;
+            longestMs = qMax(longestMs, turn.restart());
+        });
+        ticks.start(0);
+        const Reply<Change> change = volume.set(40);
+        for (int i = 0; i < 100; ++i)
+            volume.setSoon(i);
+        const Setting<qint64> other(&test.settings(),
+                                    QStringLiteral("/settings/other%1").arg(round), 7);
+        const RowsModel model(&test.settings(), QStringLiteral("/settings/audio"));
+        QVERIFY(other.title().isEmpty());
+        QVERIFY(waitUntil([&] { return turns >= 100; }));
+        bestMs = qMin(bestMs, longestMs);
 
-    // A call that waits does so for 25 seconds; a turn takes far less than a millisecond, but not
-    // on a machine with other work.
-    QVERIFY2(longestMs < 5000, QByteArray::number(longestMs).constData());
-    QVERIFY(!change.isFinished() && !get.isFinished());
-    QCOMPARE(volume.value(), qint64(35));
-    QCOMPARE(other.value(), qint64(7));
+        QVERIFY(!change.isFinished());
+        QCOMPARE(volume.value(), qint64(35));
+        QCOMPARE(other.value(), qint64(7));
+    }
+
+    QVERIFY2(bestMs < 5, QByteArray::number(bestMs).constData());
     QVERIFY(::kill(pid_t(test.processId()), SIGCONT) == 0);
     QVERIFY(waitUntil([&] { return volume.value() == 99; }));
-    QVERIFY(get.wait());
 }
 
 QTEST_GUILESS_MAIN(TstTestSettings)
