@@ -123,6 +123,7 @@ private slots:
     void returningServiceIsReadyAndEventsWereMissed();
     void replacedServiceIsReadyAndEventsWereMissed();
     void lostBusIsConnectedAgain();
+    void busThatComesLaterIsFound();
     void requestsOfALostConnectionFail();
     void stoppedBusNeverBlocks();
     void destructionFailsWhatIsNotAnswered();
@@ -354,6 +355,21 @@ void tst_RemoteSettings::lostBusIsConnectedAgain()
     QVERIFY(settle(settings));
 
     QCOMPARE(watched.log, QStringList({ QStringLiteral("missed"), QStringLiteral("value 7") }));
+}
+
+void tst_RemoteSettings::busThatComesLaterIsFound()
+{
+    PrivateBus bus;
+    bus.kill();
+    RemoteSettings settings(bus.address());
+    const Announcements watched(settings.watch(path));
+    QVERIFY(waitForState(settings, Settings::State::Away));
+
+    bus.startAgain();
+    const ScriptedService service(bus.address());
+
+    QVERIFY(waitForState(settings, Settings::State::Ready));
+    QCOMPARE(watched.log, QStringList(QStringLiteral("missed")));
 }
 
 void tst_RemoteSettings::requestsOfALostConnectionFail()
