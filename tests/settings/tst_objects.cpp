@@ -29,7 +29,7 @@ namespace {
 const QString audio = QStringLiteral("/settings/audio");
 const QString volumePath = QStringLiteral("/settings/audio/volume");
 
-/// Settings of any kind, on a small tree of their own.
+/// Settings of any kind, on a small temporary tree.
 class Served
 {
 public:

@@ -7,6 +7,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <memory>
+#include <vector>
+
 using namespace tulo;
 
 namespace {
@@ -32,14 +35,16 @@ void write(const QString& name, const QByteArray& content)
 QList<QByteArray> blocks(const QString& document, const QByteArray& language)
 {
     QList<QByteArray> blocks;
-    bool isInside = false;
-    for (const QByteArray& line :
-         read(QStringLiteral(TULO_SOURCE_DIR "/") + document).split('\n')) {
+    bool isBlock = false;
+    bool isWanted = false;
+    const QByteArray text = read(QStringLiteral(TULO_SOURCE_DIR "/") + document);
+    for (const QByteArray& line : text.split('\n')) {
         if (line.startsWith("```")) {
-            isInside = !isInside && line == "```" + language;
-            if (isInside)
+            isBlock = !isBlock;
+            isWanted = isBlock && line == "```" + language;
+            if (isWanted)
                 blocks.append(QByteArray());
-        } else if (isInside) {
+        } else if (isWanted) {
             blocks.last() += line + '\n';
         }
     }
@@ -84,6 +89,9 @@ private slots:
     void documentShowsTheProgramOfTheReadme();
     void documentShowsATestThatPasses();
     void documentShowsWhatCompiles();
+    void documentShowsCommandsThatRun_data();
+    void documentShowsCommandsThatRun();
+    void documentShowsMatchRulesThatMatch();
 
 private:
     QString file(const QString& name) const { return m_directory.filePath(name); }
@@ -206,7 +214,7 @@ void TstClientPrograms::documentShowsTheProgramOfTheReadme()
              blocks(QStringLiteral("README.md"), "cpp").first());
 }
 
-// Finds the service of its own installation.
+// The library finds the service that was installed with it.
 void TstClientPrograms::documentShowsATestThatPasses()
 {
     QByteArray test;
@@ -254,6 +262,83 @@ void TstClientPrograms::documentShowsWhatCompiles()
 
     QVERIFY(buildByPkgConfig(directory + QStringLiteral("/parts.cpp"),
                              directory + QStringLiteral("/parts")));
+}
+
+void TstClientPrograms::documentShowsCommandsThatRun_data()
+{
+    QTest::addColumn<QStringList>("interpreter");
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<QByteArray>("output");
+    int count = 0;
+    for (const QByteArray& block : blocks(QStringLiteral("docs/clients.md"), "sh")) {
+        if (block.contains("busctl")) {
+            ++count;
+            QTest::addRow("shell")
+                << QStringList { QStringLiteral("/bin/sh"), QStringLiteral("-ec") } << block
+                << QByteArray("a{sv} 1 \"value\" x 35\n");
+        }
+    }
+    for (const QByteArray& block : blocks(QStringLiteral("docs/clients.md"), "python")) {
+        ++count;
+        QTest::addRow("Python") << QStringList { QStringLiteral("/usr/bin/python3"),
+                                                 QStringLiteral("-c") }
+                                << block << QByteArray("{'value': GLib.Variant('x', 35)}\n");
+    }
+    QCOMPARE(count, 2);
+}
+
+void TstClientPrograms::documentShowsCommandsThatRun()
+{
+    QFETCH(QStringList, interpreter);
+    QFETCH(QByteArray, text);
+    QFETCH(QByteArray, output);
+    TestSettings test;
+    test.writeDefault(volumePath, R"({"value":{"int":35}})");
+    QVERIFY2(test.start(), qPrintable(test.error()));
+
+    ChildProcess process(interpreter.first(), interpreter.mid(1) << QString::fromUtf8(text));
+    process.setVariable(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), test.busAddress());
+    QVERIFY(process.start());
+    const ChildResult result = process.finish();
+
+    QVERIFY2(result.exitCode == 0, result.standardError.constData());
+    QVERIFY2(result.standardOutput.startsWith(output), result.standardOutput.constData());
+    const auto get = test.settings().get(volumePath, { QStringLiteral("value") });
+    QVERIFY(get.wait());
+    QCOMPARE(get.value().value(QStringLiteral("value")), QVariant(40LL));
+}
+
+void TstClientPrograms::documentShowsMatchRulesThatMatch()
+{
+    QList<QByteArray> rules;
+    for (const QByteArray& block : blocks(QStringLiteral("docs/clients.md"), ""))
+        rules += block.trimmed().split('\n');
+    QCOMPARE(rules.size(), 2);
+    TestSettings test;
+    const QStringList paths { volumePath, QStringLiteral("/settings/audio/gain"),
+                              QStringLiteral("/settings/other") };
+    for (const QString& path : paths)
+        test.writeDefault(path, R"({"value":{"int":35}})");
+    QVERIFY2(test.start(), qPrintable(test.error()));
+    std::vector<std::unique_ptr<ChildProcess>> monitors;
+    for (const QByteArray& rule : rules) {
+        monitors.push_back(std::make_unique<ChildProcess>(QStringLiteral("dbus-monitor"),
+                                                          QStringList { QStringLiteral("--address"),
+                                                                        test.busAddress(),
+                                                                        QString::fromUtf8(rule) }));
+        QVERIFY(monitors.back()->start());
+        // Told by the bus when it listens.
+        QVERIFY(monitors.back()->waitForOutput("NameLost"));
+    }
+
+    for (auto path = paths.crbegin(); path != paths.crend(); ++path)
+        QVERIFY(test.settings().set(*path, 40).wait());
+
+    for (const auto& monitor : monitors)
+        QVERIFY(monitor->waitForOutput("\"/settings/audio/volume\""));
+    QVERIFY(!monitors[0]->standardOutput().contains("/settings/audio/gain"));
+    QVERIFY(monitors[1]->standardOutput().contains("/settings/audio/gain"));
+    QVERIFY(!monitors[1]->standardOutput().contains("/settings/other"));
 }
 
 QTEST_GUILESS_MAIN(TstClientPrograms)
