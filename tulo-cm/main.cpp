@@ -102,12 +102,18 @@ int runInOwnProcess(const Arguments& arguments, const Place& place, Output& outp
     // Without a change there is nothing to write, and another owner may be using the tree.
     if (!settings->hasUnwrittenChanges())
         return exitCode;
+    // Not the one that ended the shell.
+    SignalHandler::forget();
     const auto flush = settings->flush();
-    // The files are written now. A signal ends what is left, which is waiting for the disk.
+    // Writes the files. What is left is waiting for the disk, which the settings would do at their
+    // end, too.
     QCoreApplication::processEvents();
-    output.flush();
-    signalHandler.reset();
-    return afterFlush(exitCode, finishFlush(*settings, flush, output));
+    const int flushed = finishFlush(*settings, flush, output);
+    if (SignalHandler::isEndRequested()) {
+        output.flush();
+        SignalHandler::endProcess();
+    }
+    return afterFlush(exitCode, flushed);
 }
 
 // ---------------------------------------------------------------------------------------------

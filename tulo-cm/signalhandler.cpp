@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -15,13 +16,13 @@ namespace tulo {
 namespace {
 
 // What the handler may touch.
-volatile std::sig_atomic_t endCame = 0;
+volatile std::sig_atomic_t endCame = 0; // the signal's number
 int wakePipe[2] = { -1, -1 };
 
-void handleSignal(int)
+void handleSignal(int number)
 {
     const int errorBefore = errno;
-    endCame = 1;
+    endCame = number;
     // A full pipe wakes the event loop just as well.
     (void)!::write(wakePipe[1], "", 1);
     errno = errorBefore;
@@ -75,6 +76,19 @@ SignalHandler::~SignalHandler()
 bool SignalHandler::isEndRequested()
 {
     return endCame != 0;
+}
+
+void SignalHandler::forget()
+{
+    endCame = 0;
+}
+
+void SignalHandler::endProcess()
+{
+    const int number = endCame;
+    setHandler(number, SIG_DFL);
+    ::raise(number);
+    std::abort();
 }
 
 void serveEvents(int milliseconds, const std::function<bool()>& ended)

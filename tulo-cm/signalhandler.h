@@ -18,8 +18,13 @@ public:
     SignalHandler();
     ~SignalHandler() override;
 
-    /// True when a signal to end came since the object was made; false without one.
+    /// True when a signal to end came since the object was made, or since forget(); false without
+    /// an object.
     static bool isEndRequested();
+    /// From now on only the next signal counts.
+    static void forget();
+    /// Ends the process by the signal that came, as if there had been no object.
+    [[noreturn]] static void endProcess();
 
 private:
     const bool m_ignoresHangUp;
