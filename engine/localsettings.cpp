@@ -82,15 +82,17 @@ LocalSettings::LocalSettings(const EngineOptions& options, std::unique_ptr<Engin
     , m_engine(std::move(engine))
 {
     m_engine->registry()->addObserver(this);
-    // Queued: it is emitted inside a log call of the worker.
+    // Inside a log call of the worker, so it only looks: with each change, too, an event would be
+    // too much.
     connect(
         &m_engine->writes(), &WriteTracker::changed, this,
         [this] {
             const int revision = m_engine->writes().revision();
-            if (std::exchange(m_unsavedRevision, revision) != revision)
-                emit unsavedChanged();
+            if (m_unsavedRevision.exchange(revision) != revision)
+                QMetaObject::invokeMethod(this, &LocalSettings::unsavedChanged,
+                                          Qt::QueuedConnection);
         },
-        Qt::QueuedConnection);
+        Qt::DirectConnection);
 }
 
 LocalSettings::~LocalSettings()

@@ -10,6 +10,7 @@
 #include <QString>
 #include <QVector>
 
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -131,7 +132,7 @@ private:
     bool m_isPosted = false; ///< the event that carries the next request out
     std::deque<Event> m_events; ///< announced and not yet delivered
     const AdmittedChange* m_carriedOut = nullptr; ///< while the worker makes it
-    int m_unsavedRevision = 0; ///< that unsavedChanged() was emitted for
+    std::atomic<int> m_unsavedRevision { 0 }; ///< that unsavedChanged() is emitted for
     bool m_isStopped = false;
     bool m_isDestroyed = false;
 };

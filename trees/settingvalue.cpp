@@ -134,6 +134,8 @@ TuloValue valueOfKind(const QString& kind, const QVariant& content)
 
 QString withLimits(const QString& reason, const TuloEdit& edit)
 {
+    if (reason.isEmpty())
+        return reason;
     QString text = reason;
     const QVariantHash constraints = edit.__variant().toHash();
     for (auto constraint = constraints.cbegin(); constraint != constraints.cend(); ++constraint) {
