@@ -48,31 +48,11 @@ CMGetRowsRequest::Reply Dispatcher::getRows(const CMPath& path, qint32 firstRow,
     return reply;
 }
 
-CMSetDataRequest::Reply Dispatcher::setValue(const CMPath& path, const TuloValue& value)
-{
-    return setData(path, TuloRoles::Value(), value.__variant());
-}
-
-CMSetDataRequest::Reply Dispatcher::setRoles(const CMPath& path, const TuloRoles& roles)
-{
-    return setData(path, TuloRoles::SetRoles(), roles.__variant());
-}
-
-CMSetDataRequest::Reply Dispatcher::apply(const CMPath& path, const TuloOperation& operation)
-{
-    return setData(path, TuloRoles::ValueOperation(), operation.__variant());
-}
-
 CMSetDataRequest::Reply Dispatcher::dropCache()
 {
-    return setData(TuloSettingsActionsDropCache(), TuloRoles::Activate(), QVariant());
-}
-
-CMSetDataRequest::Reply Dispatcher::setData(const CMPath& path, const QString& role,
-                                            const QVariant& value)
-{
     auto reply = CMSetDataRequest::Reply::create();
-    submit(CMSetDataRequest(path, role, value, reply));
+    submit(
+        CMSetDataRequest(TuloSettingsActionsDropCache(), TuloRoles::Activate(), QVariant(), reply));
     return reply;
 }
 

@@ -50,12 +50,7 @@ public:
     /// than `roles`; rowsOf() takes the answer apart.
     CMGetRowsRequest::Reply getRows(const CMPath& path, qint32 firstRow, qint32 lastRow,
                                     const QStringList& roles);
-    CMSetDataRequest::Reply setValue(const CMPath& path, const TuloValue& value);
-    CMSetDataRequest::Reply setRoles(const CMPath& path, const TuloRoles& roles);
-    CMSetDataRequest::Reply apply(const CMPath& path, const TuloOperation& operation);
     CMSetDataRequest::Reply dropCache();
-    /// What the functions above are made of: any role, any value.
-    CMSetDataRequest::Reply setData(const CMPath& path, const QString& role, const QVariant& value);
 
     void submit(const CMRequest& request);
 

@@ -206,11 +206,6 @@ void Engine::flush(const Flusher::Done& done)
     m_flusher->flush(done);
 }
 
-FlushResult Engine::flushNow()
-{
-    return m_flusher->flushNow();
-}
-
 const WriteTracker& Engine::writes() const
 {
     return *m_writes;

@@ -77,9 +77,8 @@ public:
     Dispatcher& dispatcher();
     /// Valid until stop().
     Guard& guard();
-    /// Where changes are announced: subscribe a CMSubscriber and unsubscribe it before stop().
-    /// The registry keeps every path, so check a path from outside with Guard::checkPath() first.
-    /// Null after stop().
+    /// Where changes are announced: add an observer, and unsubscribe it before stop(). It keeps
+    /// every path that is subscribed to. Null after stop().
     CMSubscribe* registry() const;
     const WriteTracker& writes() const;
     WriteTracker& writes();
@@ -87,8 +86,6 @@ public:
     /// Gets everything accepted onto the disk: see Flusher. `done` is called once, on this
     /// thread, at the latest by stop().
     void flush(const Flusher::Done& done);
-    /// The same, and waits: at most until the writes are done and Flusher::syncTimeoutMs more.
-    [[nodiscard]] FlushResult flushNow();
 
     // Canonical.
     QString defaultPath() const;

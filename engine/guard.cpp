@@ -203,12 +203,6 @@ void Guard::setReadOnly(const QString& message)
 // What is wrong with a request by itself. Touches neither disk nor worker.
 // ---------------------------------------------------------------------------------------------
 
-CMError Guard::checkPath(const CMPath& path)
-{
-    const Error error = tulo::checkPath(path.text());
-    return error ? engineError(error.code, error.message) : CMError();
-}
-
 CMError Guard::checkValue(const CMPath& path, const QVariant& value)
 {
     if (value.userType() != QMetaType::QVariantHash)
@@ -232,7 +226,8 @@ CMError Guard::checkValue(const CMPath& path, const QVariant& value)
 
 CMRequest Guard::admit(const CMRequest& request, CMError* error)
 {
-    *error = checkPath(request.path());
+    const Error ofPath = checkPath(request.path().text());
+    *error = ofPath ? engineError(ofPath.code, ofPath.message) : CMError();
     if (isRefused(*error))
         return CMRequest();
 

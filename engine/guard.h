@@ -108,18 +108,12 @@ public:
     /// made through this guard tell.
     QStringList listedNames(const CMPath& directory) const;
 
-    /// What is wrong with a path by itself; an empty error when nothing is. For callers
-    /// that subscribe; admit() looks at the path as well.
-    static CMError checkPath(const CMPath& path);
-    /// What is wrong with a value (as a variant: a hash with one entry under its kind, or an
-    /// empty one); an empty error when nothing is.
-    static CMError checkValue(const CMPath& path, const QVariant& value);
-
 private:
     CMError checkRows(const CMGetRowsRequest& request);
     CMRequest admitSetData(const CMSetDataRequest& request, CMError* error);
     static CMRequest admitContent(const CMSetDataRequest& request, const TuloRoles& setting,
                                   CMError* error, Adjustment* adjustment);
+    static CMError checkValue(const CMPath& path, const QVariant& value);
     static CMError checkContent(const CMSetDataRequest& request);
     CMError checkPlace(const CMPath& path, const QString& settingPath);
     CMError checkNewSetting(const CMPath& path, const QString& settingPath, TuloRoles* setting);

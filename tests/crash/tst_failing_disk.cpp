@@ -277,7 +277,7 @@ Outcome outcomeOf(const QString& mountOptions, const std::optional<Moment>& mome
                 if (reply.error().name().isEmpty())
                     accepted.insert(setting, round);
             }
-            const FlushResult result = engine->flushNow();
+            const FlushResult result = flushed(*engine);
             note(result.error.isEmpty() && result.unsaved == 0);
             if (outcome.notSaved == 1 && roundsLeft > roundsAfterFailure)
                 roundsLeft = roundsAfterFailure + 1;

@@ -239,7 +239,7 @@ void tst_engine::linkedDirectoriesAreCanonical()
     QCOMPARE(engine->writePath(), m_tree->writePath());
     QVERIFY(engine->ownsTree());
     QCOMPARE(errorText(sendValue(engine->dispatcher(), volume, number(1))), QString());
-    (void)engine->flushNow();
+    (void)flushed(*engine);
     QVERIFY(engine->writes().isSaved());
 }
 
@@ -423,7 +423,7 @@ void tst_engine::acceptedChangeIsPendingUntilTheFlush()
     QCOMPARE(engine->writes().pendingPaths(), QStringList(volume.text()));
     QVERIFY(!engine->writes().isSaved());
 
-    QCOMPARE(engine->flushNow().error, QString());
+    QCOMPARE(flushed(*engine).error, QString());
     QVERIFY(engine->writes().isSaved());
     QVERIFY(!engine->writes().needsFlush());
     QCOMPARE(m_tree->readWrittenRoles(QStringLiteral("/audio/volume")).value(TuloRoles::Value()),
@@ -453,7 +453,7 @@ void tst_engine::failedWriteIsStoredAgainByTheNextFlush()
     const qint64 timestamp = TuloRoles(TuloHash(reply.value().toHash())).timestamp();
     m_tree->makeWriteDirectory(QStringLiteral("/audio/volume"));
 
-    const FlushResult failed = engine->flushNow();
+    const FlushResult failed = flushed(*engine);
     QCOMPARE(failed.error, QString());
     QCOMPARE(failed.unsaved, 1);
     QCOMPARE(engine->writes().unsavedPaths(), QStringList(volume.text()));
@@ -461,7 +461,7 @@ void tst_engine::failedWriteIsStoredAgainByTheNextFlush()
     QVERIFY(!engine->writes().isSaved());
 
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/volume")));
-    QCOMPARE(engine->flushNow().unsaved, 0);
+    QCOMPARE(flushed(*engine).unsaved, 0);
 
     QVERIFY(engine->writes().isSaved());
     const TuloRoles written(TuloHash(m_tree->readWrittenRoles(QStringLiteral("/audio/volume"))));
@@ -478,11 +478,11 @@ void tst_engine::unsavedValueOutlivesTheWorkersCache()
     const std::unique_ptr<Engine> engine = openEngine();
     sendValue(engine->dispatcher(), volume, number(1));
     m_tree->makeWriteDirectory(QStringLiteral("/audio/volume"));
-    QCOMPARE(engine->flushNow().unsaved, 1);
+    QCOMPARE(flushed(*engine).unsaved, 1);
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/volume")));
 
     QCOMPARE(errorText(engine->dispatcher().dropCache()), QString());
-    QCOMPARE(engine->flushNow().unsaved, 0);
+    QCOMPARE(flushed(*engine).unsaved, 0);
 
     QCOMPARE(engine->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(1).__variant() }));
@@ -492,12 +492,12 @@ void tst_engine::failedSyncMakesEverythingSinceTheLastGoodOneUnsaved()
 {
     const std::unique_ptr<Engine> engine = openEngine();
     sendValue(engine->dispatcher(), CMPath(QStringLiteral("/settings/audio/balance")), number(1));
-    QCOMPARE(engine->flushNow().error, QString());
+    QCOMPARE(flushed(*engine).error, QString());
     sendValue(engine->dispatcher(), volume, number(1));
     QVERIFY(waitForTimer(*engine));
     syncError = EIO;
 
-    const FlushResult failed = engine->flushNow();
+    const FlushResult failed = flushed(*engine);
 
     QCOMPARE(failed.error, QStringLiteral("The file system did not sync: Input/output error"));
     QCOMPARE(engine->writes().unsavedPaths(), QStringList(volume.text()));
@@ -507,7 +507,7 @@ void tst_engine::failedSyncMakesEverythingSinceTheLastGoodOneUnsaved()
     // The system reports an error once; what it was about is written again.
     syncError = 0;
     QVERIFY(QFile::remove(m_tree->writePath() + QStringLiteral("/audio/volume")));
-    QCOMPARE(engine->flushNow().error, QString());
+    QCOMPARE(flushed(*engine).error, QString());
     QVERIFY(engine->writes().isSaved());
     QCOMPARE(m_tree->readWrittenRoles(QStringLiteral("/audio/volume")).value(TuloRoles::Value()),
              number(1).__variant());
@@ -586,10 +586,10 @@ void tst_engine::largestValueIsStoredAgain()
                                  CMPath(QStringLiteral("/settings/audio/text")), large)),
              QString());
     m_tree->makeWriteDirectory(QStringLiteral("/audio/.text"));
-    QCOMPARE(engine->flushNow().unsaved, 1);
+    QCOMPARE(flushed(*engine).unsaved, 1);
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/.text")));
 
-    QCOMPARE(engine->flushNow().unsaved, 0);
+    QCOMPARE(flushed(*engine).unsaved, 0);
 
     QVERIFY(m_tree->readWrittenRoles(QStringLiteral("/audio/text")).value(TuloRoles::Value())
             == large.__variant());
@@ -608,10 +608,10 @@ void tst_engine::changeWithoutAValueIsStoredAgainWithoutOne()
     roles.setId(QStringLiteral("A"));
     QCOMPARE(errorText(sendRoles(engine->dispatcher(), loud, roles)), QString());
     m_tree->makeWriteDirectory(QStringLiteral("/audio/.loud"));
-    QCOMPARE(engine->flushNow().unsaved, 1);
+    QCOMPARE(flushed(*engine).unsaved, 1);
     QVERIFY(QDir().rmdir(m_tree->writePath() + QStringLiteral("/audio/.loud")));
 
-    QCOMPARE(engine->flushNow().unsaved, 0);
+    QCOMPARE(flushed(*engine).unsaved, 0);
 
     QCOMPARE(engine->dispatcher().getData(loud, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(200).__variant() }));
@@ -638,7 +638,7 @@ void tst_engine::replacedTreeIsNotSaved()
     QVERIFY(QDir().rename(tree, tree + QLatin1String(".old")));
     QVERIFY(QDir().mkdir(tree));
 
-    const FlushResult result = engine->flushNow();
+    const FlushResult result = flushed(*engine);
 
     QVERIFY2(result.error.contains(tree), qPrintable(result.error));
     QVERIFY(!engine->stop());

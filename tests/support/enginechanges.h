@@ -1,11 +1,13 @@
 #pragma once
 
 #include "engine/dispatcher.h"
+#include "engine/engine.h"
 
 #include "api/core/model/cmrequest.h"
 #include "api/core/tuloroles.h"
 #include "api/core/tulovalue.h"
 
+#include <QEventLoop>
 #include <QString>
 #include <QVariant>
 
@@ -38,6 +40,19 @@ inline CMSetDataRequest::Reply sendOperation(Dispatcher& dispatcher, const CMPat
                                              const TuloOperation& operation)
 {
     return sendChange(dispatcher, path, TuloRoles::ValueOperation(), operation.__variant());
+}
+
+/// Flushes, and serves events until that is done.
+inline FlushResult flushed(Engine& engine)
+{
+    QEventLoop loop;
+    FlushResult result;
+    engine.flush([&](const FlushResult& flushResult) {
+        result = flushResult;
+        loop.quit();
+    });
+    loop.exec();
+    return result;
 }
 
 } // namespace tulo
