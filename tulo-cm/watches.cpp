@@ -13,8 +13,8 @@
 namespace tulo {
 namespace {
 
-// Encrypted values are not told, as in events.
-bool isTold(const VisitedNode& node)
+// Encrypted values are not printed, as events do not hold them.
+bool mayBePrinted(const VisitedNode& node)
 {
     return !node.isDirectory && !node.roles.value(roles::encrypted()).toBool();
 }
@@ -29,7 +29,7 @@ QHash<QString, QByteArray> contentsOf(const QVector<VisitedNode>& nodes)
 {
     QHash<QString, QByteArray> contents;
     for (const VisitedNode& node : nodes) {
-        if (isTold(node))
+        if (mayBePrinted(node))
             contents.insert(node.path, jsonOf(valueOf(node)));
         const QString directory = node.path.section(QLatin1Char('/'), 0, -2);
         contents[directory] += '/' + node.name.toUtf8();
@@ -133,9 +133,9 @@ void Watches::printInitial(const QString& path, const QVector<VisitedNode>& node
         if (entry == m_entries.end())
             return;
         // What has changed since it was read was printed then.
-        const bool isPrinted =
+        const bool wasPrinted =
             !node.isDirectory && entry->second.contents.value(node.path) != read.value(node.path);
-        if (!isPrinted && (node.isDirectory || isTold(node)))
+        if (!wasPrinted && (node.isDirectory || mayBePrinted(node)))
             print(eventOf(node));
     }
 }
@@ -200,7 +200,7 @@ void Watches::on_missed_timeout()
         catchUp(path);
 }
 
-// Rows of a single directory are always told, as its rows were not read.
+// Of a single directory the rows were not read, so they always count as changed.
 void Watches::catchUp(const QString& watched)
 {
     const auto before = m_entries.find(watched);

@@ -38,6 +38,8 @@ private slots:
     void watchOfASubtreeTellsEverythingBelow();
     void watchThatIsInterruptedWithoutAServiceFails();
     void shellSaysThatTheServiceHasGone();
+    void unsavedSettingsAreCountedForWhoMayNotNameThem_data();
+    void unsavedSettingsAreCountedForWhoMayNotNameThem();
     void interruptEndsAWaitAtOnce_data();
     void interruptEndsAWaitAtOnce();
     void interruptEndsTheWaitForTheDisk_data();
@@ -167,7 +169,7 @@ void TstServiceCommands::watchFollowsTheServiceThatStartsAnew()
     QCOMPARE(shell.finish().exitCode, 0);
 }
 
-// What happened while there was no service is told, and nothing else.
+// What changed while there was no service is printed, and nothing else.
 void TstServiceCommands::watchTellsWhatDiffersAfterARestart_data()
 {
     QTest::addColumn<QStringList>("options");
@@ -297,6 +299,44 @@ void TstServiceCommands::shellSaysThatTheServiceHasGone()
              shell.standardOutput());
     shell.closeInput();
     QVERIFY(!shell.finish().timedOut);
+}
+
+void TstServiceCommands::unsavedSettingsAreCountedForWhoMayNotNameThem_data()
+{
+    QTest::addColumn<QByteArray>("denied");
+    QTest::addColumn<QByteArray>("message");
+    QTest::addColumn<QByteArray>("paths");
+    QTest::newRow("who may name them")
+        << QByteArray() << QByteArray("tulo-cm: not on disk: /settings/audio/volume (")
+        << QByteArray(R"("unsavedPaths":["/settings/audio/volume"])");
+    QTest::newRow("others") << QByteArray(R"(<policy context="mandatory">
+  <deny send_destination="org.tulo.ConfigurationManager1"
+        send_interface="org.tulo.ConfigurationManager1.Admin"/>
+</policy>)") << QByteArray("tulo-cm: not on disk: settings: 1 (")
+                            << QByteArray(R"("unsavedPaths":null)");
+}
+
+void TstServiceCommands::unsavedSettingsAreCountedForWhoMayNotNameThem()
+{
+    QFETCH(const QByteArray, denied);
+    QFETCH(const QByteArray, message);
+    QFETCH(const QByteArray, paths);
+    const PrivateBus bus(PrivateBus::openPolicy() + denied);
+    const CommandLine trees;
+    // A directory where the temporary file has to be.
+    trees.tree.writeWritten(QStringLiteral("/audio/.volume/kept"), QByteArray("{}"));
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+
+    QCOMPARE(runOn(bus, "set /settings/audio/volume 40").exitCode, 0);
+    const ChildResult flush = runOn(bus, "flush");
+    const ChildResult status = runOn(bus, "--json status");
+
+    QVERIFY2(flush.standardError.startsWith(message), flush.standardError);
+    QCOMPARE(flush.exitCode, 6);
+    QVERIFY2(status.standardOutput.contains(R"("unsavedCount":1)"), status.standardOutput);
+    QVERIFY2(status.standardOutput.contains(paths), status.standardOutput);
+    QCOMPARE(status.exitCode, 0);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -46,6 +46,7 @@ private slots:
     void secondShellOnlyReads();
     void dropCacheReadsFilesAgain();
     void unsavedChangeIsToldAtTheEnd();
+    void statusIsThatOfThisProcess();
 };
 
 void TstShell::changeTravelsFromRequestToFile()
@@ -435,6 +436,28 @@ void TstShell::unsavedChangeIsToldAtTheEnd()
     QCOMPARE(result.standardOutput, QByteArray("40\n"));
     QVERIFY(result.standardError.startsWith("tulo-cm: not on disk: /settings/audio/volume"));
     QCOMPARE(result.exitCode, 6);
+}
+
+void TstShell::statusIsThatOfThisProcess()
+{
+    const CommandLine cli;
+    ChildProcess shell(program, cli.arguments(jsonWords()));
+    QVERIFY(shell.start());
+
+    // Asked now, as nothing is known of a process that has ended.
+    const QByteArray processId = "\"processId\":" + QByteArray::number(shell.processId()) + ',';
+
+    shell.writeInput("set /settings/audio/volume 40\nstatus\n");
+    QVERIFY(shell.waitForOutput("\"writable\""));
+    shell.closeInput();
+    const ChildResult result = shell.finish();
+
+    const QByteArray status = result.standardOutput.split('\n').value(1);
+    QVERIFY2(status.contains(processId), status);
+    QVERIFY2(status.contains("\"defaultPath\":\"" + cli.tree.defaultPath().toUtf8() + '"'), status);
+    QVERIFY2(status.contains("\"writePath\":\"" + cli.tree.writePath().toUtf8() + '"'), status);
+    QVERIFY2(status.contains("\"writable\":true"), status);
+    QCOMPARE(result.exitCode, 0);
 }
 
 QTEST_GUILESS_MAIN(TstShell)
