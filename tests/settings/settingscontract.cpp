@@ -1076,6 +1076,16 @@ void SettingsContract::manyChangesOnATrial()
     QCOMPARE(log.texts, QStringList());
 }
 
+void SettingsContract::manyChangesHaveNoConditions()
+{
+    ChangeOptions options;
+    options.ifValue = 5;
+    options.ifTimestamp = 5;
+
+    QCOMPARE(answerOf(settings().setMany({ { volume, 40 } }, options)),
+             storedAs(QStringLiteral("x 40")));
+}
+
 void SettingsContract::newSettingsOfOneRequestCount()
 {
     // One less than a directory may have.
