@@ -327,7 +327,8 @@ TuloValue checkedValue(const QString& path, const QVariant& given, const TuloRol
         content.userType() == QMetaType::QVariantHash && content.toHash().isEmpty();
     if (content.isValid() && !isEmptyMap)
         return valueOf(content, setting);
-    *error = unsuitableValue(path);
+    *error = refusal(ErrorCode::Rejected,
+                     QStringLiteral("The value for '%1' is not one that a setting can have"), path);
     return TuloValue();
 }
 

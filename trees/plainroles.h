@@ -29,7 +29,8 @@ QVariantMap plainRoles(const QVariantHash& roles);
 
 /// What a program gave, as the types that JSON is read into: bool, qlonglong (qulonglong above its
 /// range), double, QString, QVariantList and QVariantHash. Invalid when it is, or holds, anything
-/// else: see unsuitableValue().
+/// else, such as null, bytes, a number that is not finite, and a text that is not valid Unicode or
+/// has a zero character.
 QVariant contentOf(const QVariant& given);
 
 /// The value that `content` (from contentOf()) stands for in a setting with these roles. A hash

@@ -69,12 +69,4 @@ Error checkPath(const QString& path)
     return {};
 }
 
-Error unsuitableValue(const QString& path)
-{
-    return { ErrorCode::Rejected,
-             QStringLiteral("The value for '%1' is not one that a setting can have")
-                 .arg(shownPath(path)),
-             path };
-}
-
 } // namespace tulo

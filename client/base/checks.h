@@ -22,8 +22,4 @@ inline constexpr int maximumPathBytes = 1000; ///< of a whole path, in UTF-8
 /// What is wrong with a path by itself.
 TULO_SETTINGS_EXPORT Error checkPath(const QString& path);
 
-/// Rejects what is not a value of one of the five types: null, bytes, a number that is not finite,
-/// a text that is not valid Unicode or has a zero character, and lists that hold such.
-TULO_SETTINGS_EXPORT Error unsuitableValue(const QString& path);
-
 } // namespace tulo
