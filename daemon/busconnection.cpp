@@ -23,21 +23,6 @@ constexpr const char* busPath = "/org/freedesktop/DBus";
 constexpr auto lookInterval = 1000ms;
 constexpr auto closeLookInterval = 200ms;
 
-QByteArray addressOf(const QString& bus)
-{
-    const auto fromEnvironment = [](const char* name, const QByteArray& fallback) {
-        const QByteArray value = qgetenv(name);
-        return value.isEmpty() ? fallback : value;
-    };
-    if (bus == QLatin1String("system"))
-        return fromEnvironment("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/dbus/system_bus_socket");
-    if (bus == QLatin1String("session")) {
-        return fromEnvironment("DBUS_SESSION_BUS_ADDRESS",
-                               "unix:path=" + qgetenv("XDG_RUNTIME_DIR") + "/bus");
-    }
-    return bus.toUtf8();
-}
-
 QString errorText(int result)
 {
     return qt_error_string(-result);
@@ -184,7 +169,7 @@ int BusConnection::open(const QString& bus)
 {
     int result = sd_bus_new(&m_bus);
     if (result >= 0)
-        result = sd_bus_set_address(m_bus, addressOf(bus).constData());
+        result = sd_bus_set_address(m_bus, wire::addressOf(bus).constData());
     if (result >= 0)
         result = sd_bus_set_bus_client(m_bus, 1);
     // None of our methods takes a file descriptor, and we would have to keep those that come.

@@ -45,21 +45,6 @@ bool isPartial(const wire::Method& method)
     return &method == &wire::getMany;
 }
 
-QByteArray addressOf(const QString& bus)
-{
-    const auto fromEnvironment = [](const char* name, const QByteArray& otherwise) {
-        const QByteArray address = qgetenv(name);
-        return address.isEmpty() ? otherwise : address;
-    };
-    if (bus == QLatin1String("system"))
-        return fromEnvironment("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/dbus/system_bus_socket");
-    if (bus == QLatin1String("session")) {
-        return fromEnvironment("DBUS_SESSION_BUS_ADDRESS",
-                               "unix:path=" + qgetenv("XDG_RUNTIME_DIR") + "/bus");
-    }
-    return bus.toUtf8();
-}
-
 Error cancelledError(const QString& path)
 {
     return { ErrorCode::Cancelled, QStringLiteral("cancelled"), path };
@@ -93,7 +78,7 @@ QString ServiceLink::where() const
 void ServiceLink::connectToBus()
 {
     m_sinceAttempt.start();
-    const int result = m_connection.open(addressOf(m_bus));
+    const int result = m_connection.open(wire::addressOf(m_bus));
     if (result < 0) {
         on_connection_lost(qt_error_string(-result));
         return;
@@ -111,15 +96,7 @@ void ServiceLink::connectToBus()
 
 void ServiceLink::on_owner_answered(const Answer& answer)
 {
-    const QString noService = QStringLiteral("no service on %1").arg(where());
-    if (!answer.error) {
-        setOwner(answer.arguments.value(0).toString().toUtf8(), noService);
-    } else if (answer.error.message == noService) {
-        setOwner(QByteArray(), noService);
-    } else {
-        m_connection.close();
-        on_connection_lost(answer.error.message);
-    }
+    setOwner(answer.arguments.value(0).toString().toUtf8(), answer.error.message);
 }
 
 void ServiceLink::on_connection_lost(const QString& reason)
@@ -239,6 +216,13 @@ ServiceLink::Call ServiceLink::callOf(const wire::Method& method, const QVariant
 void ServiceLink::callBus(const wire::Method& method, const QString& argument, Handler handler)
 {
     const auto answered = [this, &method, handler](sd_bus_message* answer) {
+        const sd_bus_error* const error = sd_bus_message_get_error(answer);
+        if (error != nullptr && sd_bus_error_has_name(error, SD_BUS_ERROR_NO_REPLY) > 0) {
+            // It may do it yet: nobody knows what holds for this connection.
+            m_connection.close();
+            on_connection_lost(QStringLiteral("the bus gave no answer"));
+            return;
+        }
         handler(read(method, QString(), answer));
     };
     if (!sendMessage(method, { argument }, answered)) {

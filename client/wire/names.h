@@ -2,6 +2,7 @@
 
 #include <tulo/error.h>
 
+#include <QByteArray>
 #include <QString>
 
 #include <array>
@@ -21,6 +22,10 @@ inline constexpr const char* changeInterface = "org.tulo.ConfigurationManager1.C
 inline constexpr const char* adminInterface = "org.tulo.ConfigurationManager1.Admin";
 
 inline constexpr const char* errorPrefix = "org.tulo.ConfigurationManager1.Error.";
+
+/// The address of the bus "system" or "session", which the environment may name; any other text is
+/// an address itself.
+QByteArray addressOf(const QString& bus);
 
 /// The full D-Bus name of an error code.
 QString errorName(ErrorCode code);

@@ -185,6 +185,7 @@ private slots:
     void rolesOfAnAnswerAreCarriedAsFarAsPossible();
     void sizeIsNeverBelowTheMessage();
     void tableOfMessagesHoldsTogether();
+    void busesHaveAddresses();
     void errorsHaveNamesOnTheBus();
     void errorEntriesReturnTheError();
     void nodesPassTheBus();
@@ -613,6 +614,23 @@ void tst_WireCodec::tableOfMessagesHoldsTogether()
     }
     QVERIFY(sd_bus_service_name_is_valid(wire::busName) > 0);
     QVERIFY(sd_bus_object_path_is_valid(wire::objectPath) > 0);
+}
+
+void tst_WireCodec::busesHaveAddresses()
+{
+    const QString session = QStringLiteral("session");
+    const QString system = QStringLiteral("system");
+
+    qunsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    qunsetenv("DBUS_SESSION_BUS_ADDRESS");
+    qputenv("XDG_RUNTIME_DIR", "/run/user/a,b~");
+    QCOMPARE(wire::addressOf(system), QByteArray("unix:path=/run/dbus/system_bus_socket"));
+    QCOMPARE(wire::addressOf(session), QByteArray("unix:path=/run/user/a%2Cb%7E/bus"));
+    qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/a");
+    qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/b");
+    QCOMPARE(wire::addressOf(system), QByteArray("unix:path=/a"));
+    QCOMPARE(wire::addressOf(session), QByteArray("unix:path=/b"));
+    QCOMPARE(wire::addressOf(QStringLiteral("unix:path=/c")), QByteArray("unix:path=/c"));
 }
 
 void tst_WireCodec::errorsHaveNamesOnTheBus()
