@@ -454,6 +454,19 @@ void BusConnection::announce(const wire::Signal& signal, const QVariantList& arg
         send(message, bytes);
 }
 
+void BusConnection::announceClosed(const QByteArray& uniqueName)
+{
+    // A signal, because the policy of a system bus lets those pass to anybody.
+    sd_bus_message* message = nullptr;
+    int result = sd_bus_message_new_signal(m_bus, &message, wire::objectPath, wire::readInterface,
+                                           wire::dataChanged.member);
+    const MessagePointer owner(message);
+    if (result >= 0)
+        result = sd_bus_message_set_destination(message, uniqueName.constData());
+    if (result >= 0 && wire::appendArguments(message, wire::dataChanged.signature, { QString() }))
+        send(message, 0);
+}
+
 void BusConnection::announceProperties()
 {
     if (m_state != State::Serving)

@@ -377,13 +377,16 @@ void BusThread::superviseBus()
     if (!m_hasServed) {
         m_hasServed = true;
         m_servingSince = now;
-        if (m_lastUniqueName.isEmpty())
+        if (m_lastUniqueName.isEmpty()) {
             emit offered();
-        else
+        } else {
             LOG4CPLUS_INFO(daemonLogger(), "connected to the bus again");
+            m_connection->announceClosed(m_lastUniqueName);
+        }
         m_lastUniqueName = m_connection->uniqueName();
     }
-    if (m_connection->hasLostName() && !m_isReleasing) {
+    // To the successor, unless that says otherwise.
+    if (m_connection->hasLostName() && !m_successor && !m_isReleasing) {
         pauseBeforeConnecting(QStringLiteral("the bus name has a new owner"));
         return;
     }
@@ -395,20 +398,24 @@ void BusThread::superviseBus()
 void BusThread::superviseSuccessor()
 {
     const Clock::time_point now = Clock::now();
+    const bool isSilent = m_connection->isSilent(now);
+    if (isSilent && !std::exchange(m_isSilent, isSilent))
+        LOG4CPLUS_WARN(daemonLogger(), "the bus does not read what is sent; connecting again");
+    m_isSilent = isSilent;
     if (!m_successor) {
-        if (m_connection->isSilent(now) && now >= m_nextAttempt)
+        if (isSilent && now >= m_nextAttempt)
             m_successor = newConnection();
         return;
     }
     switch (m_successor->state()) {
     case BusConnection::State::Connecting:
-        if (!m_connection->isSilent(now))
+        if (!isSilent)
             m_successor.reset();
         return;
     case BusConnection::State::Serving:
-        LOG4CPLUS_WARN(daemonLogger(),
-                       "the bus does not read from this connection; connected again");
+        LOG4CPLUS_INFO(daemonLogger(), "connected to the bus again");
         replaceConnection(std::move(m_successor));
+        m_connection->announceClosed(m_lastUniqueName);
         m_lastUniqueName = m_connection->uniqueName();
         return;
     case BusConnection::State::Refused:

@@ -126,7 +126,8 @@ private:
 
     // Bus thread only.
     std::unique_ptr<BusConnection> m_connection; ///< null while there is no bus
-    std::unique_ptr<BusConnection> m_successor; ///< while the connection is silent
+    bool m_isSilent = false; ///< the connection, when it was last looked at
+    std::unique_ptr<BusConnection> m_successor; ///< while it is
     QByteArray m_lastUniqueName; ///< of the last connection that had the name
     bool m_hasServed = false; ///< the present connection
     Clock::time_point m_servingSince;

@@ -158,9 +158,42 @@ bool RawConnection::watchService() const
 
 QByteArray RawConnection::receive() const
 {
-    char bytes[4096];
+    char bytes[65536];
     const ssize_t size = ::recv(m_socket, bytes, sizeof bytes, 0);
     return QByteArray(bytes, int(qMax<ssize_t>(size, 0)));
+}
+
+bool RawConnection::receiveAnswers(int count) const
+{
+    constexpr int headBytes = 16;
+    const auto number = [](const QByteArray& bytes, int place) {
+        quint32 result = 0;
+        std::memcpy(&result, bytes.constData() + place, sizeof result);
+        return int(result);
+    };
+    QByteArray received;
+    while (count > 0) {
+        const QByteArray more = receive();
+        if (more.isEmpty())
+            return false;
+        received += more;
+        int begin = 0;
+        while (received.size() - begin >= headBytes) {
+            const QByteArray head = received.mid(begin, headBytes);
+            const int fields = (number(head, 12) + 7) / 8 * 8;
+            const int size = headBytes + fields + number(head, 4);
+            if (received.size() - begin < size)
+                break;
+            // Method returns and errors, but those of the bus itself.
+            const bool isAnswer = head[1] == 2 || head[1] == 3;
+            const QByteArray header = received.mid(begin, headBytes + fields);
+            if (isAnswer && !header.contains(QByteArray("org.freedesktop.DBus\0", 21)))
+                --count;
+            begin += size;
+        }
+        received.remove(0, begin);
+    }
+    return true;
 }
 
 bool RawConnection::waitForClose() const

@@ -32,6 +32,8 @@ public:
     bool watchService() const;
     /// What comes next; empty when the bus has closed the connection.
     QByteArray receive() const;
+    /// Reads so many answers of the service, errors among them.
+    bool receiveAnswers(int count) const;
     /// Waits until the bus closes the connection.
     bool waitForClose() const;
 

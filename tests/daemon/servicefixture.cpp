@@ -100,17 +100,19 @@ PrivateBus::PrivateBus(const QByteArray& policy)
     startDaemon();
 }
 
-// Ends with the test program, however that ends.
+// Ends with the test program, however that ends. Nobody reads what it complains about, and it would
+// stand still once a pipe is full of that.
 void PrivateBus::startDaemon()
 {
     m_daemon = std::make_unique<ChildProcess>(
         QStringLiteral("setpriv"),
         QStringList {
-            QStringLiteral("--pdeathsig"), QStringLiteral("KILL"), QStringLiteral("dbus-daemon"),
-            QStringLiteral("--nofork"), QStringLiteral("--print-address"),
+            QStringLiteral("--pdeathsig"), QStringLiteral("KILL"), QStringLiteral("sh"),
+            QStringLiteral("-c"), QStringLiteral("exec dbus-daemon \"$@\" 2>/dev/null"),
+            QStringLiteral("sh"), QStringLiteral("--nofork"), QStringLiteral("--print-address"),
             QStringLiteral("--config-file=") + m_directory.filePath(QStringLiteral("bus.conf")) });
     if (!m_daemon->start() || !m_daemon->waitForOutput("\n"))
-        qFatal("no bus: %s", m_daemon->standardError().constData());
+        qFatal("no bus");
 }
 
 QString PrivateBus::address() const
