@@ -12,6 +12,7 @@
 #include <QSocketNotifier>
 #include <QTimer>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -35,6 +36,7 @@ struct Followed
 {
     std::unique_ptr<AnySetting> setting;
     QVariant announced;
+    bool isSettling = false; ///< setSoon() is not done
 };
 
 class RandomClient : public QObject
@@ -55,6 +57,10 @@ public:
                 if (value == followed.announced)
                     fail("changed without a difference");
                 followed.announced = value;
+            });
+            connect(followed.setting.get(), &AnySetting::settled, this, [this, &followed] {
+                followed.isSettling = false;
+                printWhenStopped();
             });
         }
         connect(&m_input, &QSocketNotifier::activated, this, &RandomClient::readLine);
@@ -77,20 +83,29 @@ private:
 
     void changeOne()
     {
-        AnySetting& setting = *m_followed[m_random() % settingCount].setting;
+        Followed& followed = m_followed[m_random() % settingCount];
         const auto value = qlonglong(m_random() % 1000);
         if (m_random() % 4 == 0) {
-            setting.setSoon(value);
+            followed.isSettling = true;
+            followed.setting->setSoon(value);
             return;
         }
         ++m_underWay;
-        setting.set(value).then(this, [this](const Reply<Change>& reply) {
+        followed.setting->set(value).then(this, [this](const Reply<Change>& reply) {
             --m_underWay;
             if (!reply.error() && ++m_answered % changesOfLine == 0)
                 print(QStringLiteral("answered %1").arg(m_answered));
-            if (m_isStopped && m_underWay == 0)
-                print(QStringLiteral("stopped"));
+            printWhenStopped();
         });
+    }
+
+    void printWhenStopped() const
+    {
+        const bool isSettled =
+            std::none_of(m_followed.cbegin(), m_followed.cend(),
+                         [](const Followed& followed) { return followed.isSettling; });
+        if (m_isStopped && isSettled && m_underWay == 0)
+            print(QStringLiteral("stopped"));
     }
 
     void readLine()
@@ -101,8 +116,7 @@ private:
         if (line == "stop\n") {
             m_timer.stop();
             m_isStopped = true;
-            if (m_underWay == 0)
-                print(QStringLiteral("stopped"));
+            printWhenStopped();
             return;
         }
         if (line != "report\n")
