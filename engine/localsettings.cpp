@@ -223,8 +223,43 @@ void LocalSettings::answer(const Promise<T>& promise, const Error& error, const 
 // Reading.
 // ---------------------------------------------------------------------------------------------
 
+namespace {
+
+bool isSmall(const QVariant& value)
+{
+    return value.userType() == QMetaType::QString
+        ? value.toString().size() <= LocalSettings::maximumKeptCharacters
+        : value.userType() != QMetaType::QVariantList;
+}
+
+} // namespace
+
+// What the worker could not write it forgets in time, so that its answer may differ from a value
+// that is kept.
+bool LocalSettings::readKept(const QString& path, const QStringList& roles, QVariantMap* values)
+{
+    if (roles.size() != 1 || std::as_const(*m_engine).writes().unsavedCount() > 0)
+        return false;
+    const QVariant* const value = m_keptValues.object(path);
+    if (value == nullptr || roles.first() != TuloRoles::Value())
+        return false;
+    values->insert(roles.first(), *value);
+    return true;
+}
+
+void LocalSettings::keep(const QString& path, const QStringList& roles, const QVariantMap& values)
+{
+    const QVariant value = values.value(TuloRoles::Value());
+    const bool isPossible = roles.size() == 1 && m_engine->ownsTree() && value.isValid()
+        && path.startsWith(QLatin1Char('/'));
+    if (isPossible && isSmall(value))
+        m_keptValues.insert(path, new QVariant(value));
+}
+
 Error LocalSettings::read(const QString& path, const QStringList& roles, QVariantMap* values)
 {
+    if (readKept(path, roles, values))
+        return {};
     const QStringList& names = roles.isEmpty() ? TuloRoles::keys() : roles;
     const CMGetDataRequest::Reply reply = m_engine->dispatcher().getData(CMPath(path), names);
     Error error = errorOf(reply.error(), path);
@@ -236,6 +271,7 @@ Error LocalSettings::read(const QString& path, const QStringList& roles, QVarian
         if (value.isValid())
             values->insert(names.at(i), value);
     }
+    keep(path, roles, *values);
     return {};
 }
 
@@ -655,6 +691,7 @@ Reply<int> LocalSettings::flush()
 Reply<bool> LocalSettings::dropCache()
 {
     return enqueue<bool>([this](const Promise<bool>& promise) {
+        m_keptValues.clear();
         const CMSetDataRequest::Reply reply = m_engine->dispatcher().dropCache();
         answer(promise, errorOf(reply.error(), QString()), true);
     });
@@ -725,6 +762,7 @@ void LocalSettings::deliverEvents()
 
 void LocalSettings::valueChanged(const CMPath& path, const QVariant& value)
 {
+    m_keptValues.remove(path.text());
     Event event;
     event.kind = Event::Kind::Value;
     event.path = path.text();
@@ -735,6 +773,7 @@ void LocalSettings::valueChanged(const CMPath& path, const QVariant& value)
 
 void LocalSettings::dataChanged(const CMPath& path)
 {
+    m_keptValues.remove(path.text());
     Event event;
     event.path = path.text();
     append(event);

@@ -7,6 +7,7 @@
 
 #include "api/core/model/cmsubscribe.h"
 
+#include <QCache>
 #include <QString>
 #include <QVector>
 
@@ -29,6 +30,10 @@ namespace tulo {
 /// the answer, so that a handler may do anything, also destroy the settings.
 ///
 /// Opened for reading it takes no lock, and changes fail with Unavailable.
+///
+/// The worker keeps few settings loaded. As the owner of the tree, which hears of every change,
+/// this keeps the small values of more, so that programs that read a thousand settings again cost
+/// no thousand files. Like the worker's, they are read from files again after dropCache().
 class LocalSettings : public Settings, private CMSubscriber
 {
     Q_OBJECT
@@ -36,6 +41,9 @@ class LocalSettings : public Settings, private CMSubscriber
 public:
     /// The most bytes of the changes of one setMany(), as JSON.
     static constexpr int maximumChangesBytes = 1024 * 1024;
+    /// Values that are kept; a text among them has at most so many characters.
+    static constexpr int maximumKeptValues = 4096;
+    static constexpr int maximumKeptCharacters = 100;
 
     /// Null when they cannot be opened; `failure` says why.
     static std::unique_ptr<LocalSettings> open(const EngineOptions& options,
@@ -112,6 +120,8 @@ private:
     void append(const Event& event);
 
     Error read(const QString& path, const QStringList& roles, QVariantMap* values);
+    bool readKept(const QString& path, const QStringList& roles, QVariantMap* values);
+    void keep(const QString& path, const QStringList& roles, const QVariantMap& values);
     Error readRows(const QString& path, int first, int last, const QStringList& roles, Rows* rows);
     Reply<Change> change(const Order& order);
     static Error check(const Order& order, TuloRoles* roles);
@@ -131,6 +141,7 @@ private:
     std::deque<Request> m_requests;
     bool m_isPosted = false; ///< the event that carries the next request out
     std::deque<Event> m_events; ///< announced and not yet delivered
+    QCache<QString, QVariant> m_keptValues { maximumKeptValues }; ///< by path
     const AdmittedChange* m_carriedOut = nullptr; ///< while the worker makes it
     std::atomic<int> m_unsavedRevision { 0 }; ///< that unsavedChanged() is emitted for
     bool m_isStopped = false;

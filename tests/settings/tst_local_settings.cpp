@@ -70,6 +70,9 @@ private slots:
 
     void aChangeReadsItsSettingOnce_data();
     void aChangeReadsItsSettingOnce();
+    void valuesReadBeforeCostTheWorkerNothing();
+    void keptValueFollowsEachKindOfChange();
+    void keptValueOfAnUnsavedSettingIsNotUsed();
     void requestFromAnotherThreadAborts();
     void timersHaveTheirTurnBetweenRequests();
     void eventsStayInOrderWhenAHandlerWaits();
@@ -221,6 +224,67 @@ void tst_LocalSettings::aChangeReadsItsSettingOnce()
              1);
     m_log->take();
     m_log->setLevel(log4cplus::INFO_LOG_LEVEL);
+}
+
+// More settings than the worker keeps loaded.
+void tst_LocalSettings::valuesReadBeforeCostTheWorkerNothing()
+{
+    QStringList paths;
+    for (int i = 0; i < 400; ++i) {
+        const QString name = QStringLiteral("/many/setting%1").arg(i);
+        tree().writeDefault(name, R"({"value":{"int":)" + QByteArray::number(i) + "}}");
+        paths.append(QStringLiteral("/settings") + name);
+    }
+    const Reply<QVector<Node>> first = settings().getMany(paths, valueRole);
+    QVERIFY(first.wait());
+    m_log->setLevel(log4cplus::TRACE_LOG_LEVEL);
+
+    const Reply<QVector<Node>> second = settings().getMany(paths, valueRole);
+
+    QVERIFY(second.wait());
+    for (int i = 0; i < paths.size(); ++i) {
+        QCOMPARE(second.value().at(i).roles, (QVariantMap { { QStringLiteral("value"), i } }));
+        QVERIFY(!second.value().at(i).error);
+    }
+    QCOMPARE(m_log->messages(log4cplus::TRACE_LOG_LEVEL), QStringList());
+    m_log->setLevel(log4cplus::INFO_LOG_LEVEL);
+}
+
+void tst_LocalSettings::keptValueFollowsEachKindOfChange()
+{
+    const auto value = [this] {
+        const Reply<QVariantMap> reply = settings().get(volume, valueRole);
+        return reply.wait() ? reply.value().value(QStringLiteral("value")) : QVariant();
+    };
+    QCOMPARE(value(), QVariant(35));
+
+    QVERIFY(settings().set(volume, 40).wait());
+    QCOMPARE(value(), QVariant(40));
+    QVERIFY(settings().apply(volume, QStringLiteral("add"), 5).wait());
+    QCOMPARE(value(), QVariant(45));
+    QVERIFY(settings().setRoles(volume, { { QStringLiteral("value"), 50 } }).wait());
+    QCOMPARE(value(), QVariant(50));
+    QVERIFY(settings().setMany({ { volume, 55 } }).wait());
+    QCOMPARE(value(), QVariant(55));
+}
+
+void tst_LocalSettings::keptValueOfAnUnsavedSettingIsNotUsed()
+{
+    QVERIFY(settings().set(volume, 40).wait());
+    QVERIFY(settings().get(volume, valueRole).wait());
+    syncError = EIO;
+    QVERIFY(!settings().flush().wait());
+    m_log->setLevel(log4cplus::TRACE_LOG_LEVEL);
+
+    QVERIFY(settings().get(volume, valueRole).wait());
+
+    QCOMPARE(m_log->messages(log4cplus::TRACE_LOG_LEVEL)
+                 .filter(QStringLiteral("CMSettingsWorker::getDataRequest"))
+                 .size(),
+             1);
+    m_log->take();
+    m_log->setLevel(log4cplus::INFO_LOG_LEVEL);
+    syncError = 0;
 }
 
 void tst_LocalSettings::requestFromAnotherThreadAborts()
