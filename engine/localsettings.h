@@ -41,8 +41,8 @@ class LocalSettings : public Settings, private CMSubscriber
 public:
     /// The most bytes of the changes of one setMany(), as JSON.
     static constexpr int maximumChangesBytes = 1024 * 1024;
-    /// Values that are kept; a text among them has at most so many characters.
-    static constexpr int maximumKeptValues = 4096;
+    /// Values that are kept, about 250 bytes each; a text has at most so many characters.
+    static constexpr int maximumKeptValues = 16384;
     static constexpr int maximumKeptCharacters = 100;
 
     /// Null when they cannot be opened; `failure` says why.
