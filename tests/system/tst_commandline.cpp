@@ -499,6 +499,18 @@ void TstCommandline::places_data()
         "no service on the session bus; use --in-process, or --default-path and --write-path, to "
         "work without one",
         7);
+    row("bus whose name is mistyped", "--bus sesion",
+        "'sesion' is not a bus, which is system, session or an address such as "
+        "unix:path=/run/dbus/system_bus_socket",
+        2);
+    row("bus without a name", "--bus=",
+        "'' is not a bus, which is system, session or an address such as "
+        "unix:path=/run/dbus/system_bus_socket",
+        2);
+    row("no bus at this address", "--bus unix:path=/nowhere",
+        "no service on the bus 'unix:path=/nowhere'; use --in-process, or --default-path and "
+        "--write-path, to work without one",
+        7);
     row("product on the service", "--product sport",
         "'--product' needs '--default-path' and '--write-path', or '--in-process'", 2);
     row("in this process and on the bus", "--in-process --bus session",
