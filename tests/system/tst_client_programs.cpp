@@ -85,6 +85,9 @@ private slots:
 
     void exampleFollowsAndChanges_data();
     void exampleFollowsAndChanges();
+    void exampleRejectsWhatIsNotANumber_data();
+    void exampleRejectsWhatIsNotANumber();
+    void exampleInPythonSaysThatThereIsNoService();
     void readmeShowsAProgramThatRuns();
     void documentShowsTheProgramOfTheReadme();
     void documentShowsATestThatPasses();
@@ -99,6 +102,7 @@ private:
     QString makeDirectory(const QString& name) const;
     bool buildByCMake(const QString& source, const QString& build) const;
     bool buildByPkgConfig(const QString& source, const QString& program) const;
+    QStringList example(const QString& build) const;
 
     const QTemporaryDir m_directory;
 };
@@ -136,6 +140,22 @@ bool TstClientPrograms::buildByPkgConfig(const QString& source, const QString& p
                 { QStringLiteral("PKG_CONFIG_PATH=") + lib() + QStringLiteral("/pkgconfig") });
 }
 
+// The words that start the example program; none when it cannot be built.
+QStringList TstClientPrograms::example(const QString& build) const
+{
+    const QString examples = QStringLiteral(TULO_SOURCE_DIR "/examples/clients");
+    if (build.isEmpty()) {
+        return { QStringLiteral("/usr/bin/python3"),
+                 examples + QStringLiteral("/python/volume.py") };
+    }
+    const QString directory = makeDirectory(QStringLiteral("example-") + build);
+    const QString program = directory + QStringLiteral("/volume");
+    const bool isBuilt = build == QLatin1String("cmake")
+        ? buildByCMake(examples + QStringLiteral("/cpp"), directory)
+        : buildByPkgConfig(examples + QStringLiteral("/cpp/volume.cpp"), program);
+    return isBuilt ? QStringList { program } : QStringList();
+}
+
 void TstClientPrograms::exampleFollowsAndChanges_data()
 {
     QTest::addColumn<QString>("build");
@@ -147,19 +167,8 @@ void TstClientPrograms::exampleFollowsAndChanges_data()
 void TstClientPrograms::exampleFollowsAndChanges()
 {
     QFETCH(QString, build);
-    const QString examples = QStringLiteral(TULO_SOURCE_DIR "/examples/clients");
-    QString program = makeDirectory(QStringLiteral("example-") + build);
-    QStringList words;
-    if (build == QLatin1String("cmake")) {
-        QVERIFY(buildByCMake(examples + QStringLiteral("/cpp"), program));
-        words = QStringList { program + QStringLiteral("/volume") };
-    } else if (build == QLatin1String("pkg-config")) {
-        words = QStringList { program + QStringLiteral("/volume") };
-        QVERIFY(buildByPkgConfig(examples + QStringLiteral("/cpp/volume.cpp"), words.first()));
-    } else {
-        words = QStringList { QStringLiteral("/usr/bin/python3"),
-                              examples + QStringLiteral("/python/volume.py") };
-    }
+    const QStringList words = example(build);
+    QVERIFY(!words.isEmpty());
     TestSettings test;
     test.writeDefault(volumePath, R"({"value":{"int":35},"edit":{"min":0,"max":100}})");
     QVERIFY2(test.start(), qPrintable(test.error()));
@@ -186,6 +195,52 @@ void TstClientPrograms::exampleFollowsAndChanges()
     QVERIFY(test.settings().set(volumePath, 60).wait());
     QVERIFY(follows->waitForOutput("volume 60\n"));
     QCOMPARE(follows->standardError(), QByteArray());
+}
+
+void TstClientPrograms::exampleRejectsWhatIsNotANumber_data()
+{
+    QTest::addColumn<QString>("build");
+    QTest::addRow("C++") << QStringLiteral("cmake");
+    QTest::addRow("Python") << QString();
+}
+
+void TstClientPrograms::exampleRejectsWhatIsNotANumber()
+{
+    QFETCH(QString, build);
+    const QStringList words = example(build);
+    QVERIFY(!words.isEmpty());
+    TestSettings test;
+    test.writeDefault(volumePath, R"({"value":{"int":35}})");
+    QVERIFY2(test.start(), qPrintable(test.error()));
+    ChildProcess program(words.first(), words.mid(1) << QStringLiteral("loud"));
+    program.setVariable(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), test.busAddress());
+    program.setVariable(QStringLiteral("LD_LIBRARY_PATH"), lib());
+    QVERIFY(program.start());
+
+    const ChildResult result = program.finish();
+
+    QCOMPARE(result.exitCode, 2);
+    QVERIFY2(result.standardError.contains("'loud'"), result.standardError.constData());
+    QCOMPARE(result.standardOutput, QByteArray());
+    QVERIFY(test.written(volumePath).isEmpty());
+}
+
+void TstClientPrograms::exampleInPythonSaysThatThereIsNoService()
+{
+    TestSettings test;
+    test.writeDefault(volumePath, R"({"value":{"int":35}})");
+    QVERIFY2(test.start(), qPrintable(test.error()));
+    test.stop();
+    const QStringList words = example(QString());
+    ChildProcess program(words.first(), words.mid(1));
+    program.setVariable(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), test.busAddress());
+    QVERIFY(program.start());
+
+    const ChildResult result = program.finish();
+
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.standardError.startsWith("no volume: "), result.standardError.constData());
+    QCOMPARE(result.standardError.count('\n'), 1);
 }
 
 void TstClientPrograms::readmeShowsAProgramThatRuns()

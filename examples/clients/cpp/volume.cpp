@@ -4,9 +4,9 @@
 #include <tulo/setting.h>
 
 #include <QCoreApplication>
+#include <QString>
 
 #include <cstdio>
-#include <cstdlib>
 
 namespace {
 
@@ -24,6 +24,13 @@ void report(const tulo::Reply<tulo::Change>& reply)
 int main(int argc, char* argv[])
 {
     const QCoreApplication application(argc, argv);
+    bool isNumber = argc < 2;
+    const qint64 wanted = isNumber ? 0 : QString::fromLocal8Bit(argv[1]).toLongLong(&isNumber);
+    if (!isNumber) {
+        std::fprintf(stderr, "'%s' is not a whole number\n", argv[1]);
+        return 2;
+    }
+
     tulo::RemoteSettings settings;
     // 35 until the settings have answered, and if they never do.
     tulo::Setting<qint64> volume(&settings, QStringLiteral("/settings/audio/volume"), 35);
@@ -39,6 +46,6 @@ int main(int argc, char* argv[])
             std::fprintf(stderr, "%s\n", qPrintable(volume.errorMessage()));
     });
     if (argc > 1)
-        volume.set(std::atoll(argv[1])).then(&volume, report);
+        volume.set(wanted).then(&volume, report);
     return QCoreApplication::exec();
 }

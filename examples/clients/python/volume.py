@@ -4,6 +4,7 @@
 Needs python3-dasbus, which asks the service for its interface.
 """
 
+import argparse
 import sys
 
 from dasbus.connection import SystemMessageBus
@@ -34,12 +35,18 @@ def change(settings, value):
 
 
 def main():
+    parser = argparse.ArgumentParser(description="Prints the volume whenever it changes.")
+    parser.add_argument("value", nargs="?", type=int, help="set the volume to this first")
+    value = parser.parse_args().value
     settings = SystemMessageBus().get_proxy(SERVICE, OBJECT)
-    # Listen first, then read: nothing is missed in between.
-    settings.ValueChanged.connect(show)
-    show(VOLUME, settings.GetData(VOLUME, ["value"])["value"])
-    if len(sys.argv) > 1:
-        change(settings, int(sys.argv[1]))
+    try:
+        # Listen first, then read: nothing is missed in between.
+        settings.ValueChanged.connect(show)
+        show(VOLUME, settings.GetData(VOLUME, ["value"])["value"])
+    except DBusError as error:
+        sys.exit(f"no volume: {error}")
+    if value is not None:
+        change(settings, value)
     EventLoop().run()
 
 
