@@ -6,6 +6,7 @@
 #include "daemon/signals.h"
 
 #include "engine/localsettings.h"
+#include "engine/standardstreams.h"
 #include "trees/treecheck.h"
 #include "trees/treeowner.h"
 
@@ -14,12 +15,9 @@
 #include <QTimer>
 
 #include <csignal>
-#include <cstdlib>
 #include <memory>
 
-#include <fcntl.h>
 #include <systemd/sd-daemon.h>
-#include <unistd.h>
 
 using namespace tulo;
 
@@ -31,16 +29,6 @@ int fail(ExitCode code, const QString& reason)
 {
     LOG4CPLUS_ERROR(daemonLogger(), reason.toStdString());
     return code;
-}
-
-// A file opened in the place of a closed standard stream would get what is meant for that.
-void openStandardStreams()
-{
-    for (const int descriptor : { STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO }) {
-        // The lowest free descriptor is taken, which is this one.
-        if (::fcntl(descriptor, F_GETFD) < 0 && ::open("/dev/null", O_RDWR) != descriptor)
-            std::abort();
-    }
 }
 
 // Logs what is wrong in the trees; fails when they cannot be served.

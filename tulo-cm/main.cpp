@@ -9,6 +9,7 @@
 #include "tulo-cm/watches.h"
 
 #include "engine/localsettings.h"
+#include "engine/standardstreams.h"
 #include "trees/treeowner.h"
 
 #include <tulo/remotesettings.h>
@@ -18,12 +19,8 @@
 
 #include <clocale>
 #include <csignal>
-#include <cstdlib>
 #include <memory>
 #include <optional>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace tulo {
 namespace {
@@ -235,16 +232,6 @@ int runParsed(const Arguments& arguments, Output& output)
 // ---------------------------------------------------------------------------------------------
 // The process.
 // ---------------------------------------------------------------------------------------------
-
-// A file opened in the place of a closed standard stream would get what is meant for that.
-void openStandardStreams()
-{
-    for (const int descriptor : { STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO }) {
-        // The lowest free descriptor is taken, which is this one.
-        if (::fcntl(descriptor, F_GETFD) < 0 && ::open("/dev/null", O_RDWR) != descriptor)
-            std::abort();
-    }
-}
 
 // Words are UTF-8 whatever the locale says, like everything that is read and printed.
 std::optional<QStringList> decodeWords(int count, char** words, QString* error)

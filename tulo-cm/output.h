@@ -103,11 +103,6 @@ private:
 /// escapes; anything else as JSON; "-" for one that the node lacks.
 QString shownInCell(const QVariant& role);
 
-/// `text` with "\uXXXX" for each character that could control a terminal or disguise what is
-/// printed: control and format characters, line and paragraph separators. The joiners U+200C and
-/// U+200D stay, as several scripts need them.
-QString escaped(const QString& text);
-
 /// Shows the progress of a long operation on a terminal once it has taken a second. Erased when
 /// destroyed.
 class Progress

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <QString>
+
+namespace tulo {
+
+/// `text` with "\uXXXX" for each character that could control a terminal or disguise what is
+/// printed: control and format characters, line and paragraph separators. The joiners U+200C and
+/// U+200D stay, as several scripts need them.
+QString escaped(const QString& text);
+
+} // namespace tulo
