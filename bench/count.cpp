@@ -1,5 +1,5 @@
-// bench_count DIRECTORY OPERATION COUNT: does one kind of work COUNT times, for whoever counts
-// instructions or system calls from outside: the work is done inside the function `measured`,
+// bench_count DIRECTORY OPERATION COUNT: does one kind of work COUNT times. Instructions
+// and system calls are counted from outside: the work is done inside the function `measured`,
 // and the same work with COUNT 0 shows what is done around it. Makes its own stores in
 // DIRECTORY where they are missing. Prints the memory allocations of one operation.
 

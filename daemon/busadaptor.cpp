@@ -118,7 +118,7 @@ void BusAdaptor::finish(quint64 call, const Error& error, const Arguments& argum
 {
     --m_unanswered;
     m_served.remove(call);
-    // So that whoever has the answer to a change finds it in the properties.
+    // Before the answer to a change is sent, so that the properties tell of it.
     refreshStatus();
     if (error)
         m_bus.fail(call, error);

@@ -69,7 +69,7 @@ bool addElements(sd_bus_message* message, qint64 limit, qint64* bytes)
 qint64 argumentBytes(sd_bus_message* message, qint64 limit)
 {
     qint64 bytes = 0;
-    // What is malformed or too large is refused by whoever reads it.
+    // What is malformed or too large is refused when it is read.
     (void)addElements(message, limit, &bytes);
     sd_bus_message_rewind(message, 1);
     return bytes;

@@ -92,7 +92,7 @@ void reloadLogging(const DaemonOptions& options, LocalSettings& settings)
     settings.followLog();
 }
 
-// The service manager is told at half the time that it allows, from the event loop that serves the
+// Notifies the service manager at half the time that it allows, from the event loop that serves the
 // settings.
 void feedWatchdog(QTimer* timer)
 {

@@ -162,7 +162,7 @@ void LocalSettings::followLog()
 }
 
 // ---------------------------------------------------------------------------------------------
-// The queue: each request in a turn of its own, from an event that is posted for it.
+// The queue: one request a turn of the event loop, from an event that is posted for it.
 // ---------------------------------------------------------------------------------------------
 
 template<typename T, typename Work>
@@ -674,7 +674,7 @@ Reply<int> LocalSettings::flush()
 {
     return enqueue<int>([this](const Promise<int>& promise) {
         m_engine->flush([this, promise](const FlushResult& result) {
-            // In a turn of its own, as it may come from stop().
+            // In a later turn, as it may come from stop().
             m_requests.emplace_back([promise, result](const Error& error) {
                 if (error.code == ErrorCode::Cancelled)
                     promise.fail(error);

@@ -24,7 +24,7 @@ namespace tulo {
 /// The settings of two directories, served by a worker in this process.
 ///
 /// Lives on the thread that opens it, which becomes the worker's thread. Each request is carried
-/// out in a turn of the event loop of its own, so that timers, the worker's among them, have theirs
+/// out in a separate turn of the event loop, so that timers, the worker's among them, have theirs
 /// between two. A change is validated by the guard right before the worker makes it, against what
 /// was read for that. What the worker announces is delivered after the worker has returned, before
 /// the answer, so that a handler may do anything, also destroy the settings.

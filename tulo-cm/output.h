@@ -59,7 +59,7 @@ public:
     void value(const QVariant& role);
     /// One object in one line for programs, written at once.
     void object(const QVariantMap& object);
-    /// For programs: that the action at `path` was done. People are told nothing.
+    /// For programs: that the action at `path` was done. Prints nothing for people.
     void done(const QString& path);
     /// Rows of cells in aligned columns. The first line is a heading when `heading` is not empty.
     void table(const QStringList& heading, const QVector<QStringList>& rows);

@@ -42,7 +42,7 @@ void announce(const char* name)
 {
     if (!beforeCall)
         return;
-    // The calls of whoever looks on do not count.
+    // The calls of the observer do not count.
     const std::function<void(const char*)> observer = std::exchange(beforeCall, nullptr);
     observer(name);
     beforeCall = observer;

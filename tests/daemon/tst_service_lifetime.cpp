@@ -316,7 +316,7 @@ void TstServiceLifetime::lockOfAnotherUserStopsTheStart()
         QSKIP("needs root to give a file away");
     const CommandLine trees;
     const PrivateBus bus;
-    // In a tree where others may write, which is a mistake of whoever set it up.
+    // In a tree where others may write, which is a mistake in its setup.
     trees.tree.writeWritten(QStringLiteral("/.tulo-cm.lock"), QByteArray());
     QCOMPARE(::chown(fileNameOf(trees.tree, "/.tulo-cm.lock").constData(), 65534, 65534), 0);
 
@@ -377,7 +377,7 @@ void TstServiceLifetime::serviceNeedsNoServiceManager()
 // The bus.
 // ---------------------------------------------------------------------------------------------
 
-// What is pending is written all the same, and a bus at the same address has the service back.
+// What is pending is written nevertheless, and a bus at the same address has the service back.
 void TstServiceLifetime::lostBusEndsNothing()
 {
     const CommandLine trees;

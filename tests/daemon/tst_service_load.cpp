@@ -205,7 +205,7 @@ void TstServiceLoad::watcherThatNeverReadsSilencesNobody_data()
         QTest::newRow("small values") << 500000 << 0;
 }
 
-// A bus with the limits of the system's stops reading from whoever fills the queue of a client.
+// With the system bus's limits, a bus stops reading from a sender that fills a client's queue.
 void TstServiceLoad::watcherThatNeverReadsSilencesNobody()
 {
     QFETCH(const int, changes);

@@ -294,7 +294,7 @@ void TstServicePolicy::rightsFollowTheInterface()
     any = QDBusMessage::createMethodCall(any.service(), any.path(), QString(), any.member())
         << any.arguments();
     QCOMPARE(!BusClient::shown(client->connection().call(any)).startsWith(denied), mayAdminister);
-    // Nobody sets a property, and only who may do everything is told so by the service.
+    // Nobody can set a property; only root gets that answer from the service itself.
     QDBusMessage set = QDBusMessage::createMethodCall(
         any.service(), any.path(), QStringLiteral("org.freedesktop.DBus.Properties"),
         QStringLiteral("Set"));

@@ -36,7 +36,7 @@ private slots:
     void directoriesAreChecked_data();
     void directoriesAreChecked();
     void treeThatMayNotBeWrittenStopsTheStart();
-    void oddityIsToldAndServed();
+    void harmlessFindingIsLoggedAndServed();
     void directoryOfAnotherUserStopsTheStart();
     void hiddenFilesSurviveStartStopAndKill();
     void staleTemporaryFileIsReusedByTheNextWrite();
@@ -201,7 +201,7 @@ void TstServiceStart::treeThatMayNotBeWrittenStopsTheStart()
     QCOMPARE(result.exitCode, 7);
 }
 
-void TstServiceStart::oddityIsToldAndServed()
+void TstServiceStart::harmlessFindingIsLoggedAndServed()
 {
     const CommandLine trees;
     const PrivateBus bus;

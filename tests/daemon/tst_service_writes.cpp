@@ -75,7 +75,7 @@ private:
 
 } // namespace
 
-/// Writes that fail are told, and not forgotten.
+/// Writes that fail are reported, and made again.
 class TstServiceWrites : public QObject
 {
     Q_OBJECT
