@@ -298,6 +298,7 @@ void TstClientPrograms::documentShowsATestThatPasses()
 void TstClientPrograms::documentShowsWhatCompiles()
 {
     QByteArray text = "#include <tulo/remotesettings.h>\n"
+                      "#include <tulo/rowsmodel.h>\n"
                       "#include <tulo/setting.h>\n"
                       "#include <QDebug>\n"
                       "struct Program : QObject\n"
