@@ -156,7 +156,8 @@ BusConnection::BusConnection(const QString& bus, const QByteArray& predecessor, 
 {
     const int result = open(bus);
     if (result < 0)
-        close(State::Closed, QStringLiteral("no %1 bus: %2").arg(bus, errorText(result)));
+        close(State::Closed,
+              QStringLiteral("cannot connect to the bus '%1': %2").arg(bus, errorText(result)));
 }
 
 BusConnection::~BusConnection()
