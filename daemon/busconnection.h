@@ -89,8 +89,8 @@ public:
     void announce(const wire::Signal& signal, const QVariantList& arguments, qint64 bytes);
     void announceProperties();
 
-    /// Has the bus notice that the connection it calls `uniqueName`, from which it does not read, is
-    /// closed: it writes to it. Only then do those learn it who wait for answers from there.
+    /// Has the bus notice that the connection it calls `uniqueName`, from which it does not read,
+    /// is closed: it writes to it. Only then do callers that wait for its answers get an error.
     void announceClosed(const QByteArray& uniqueName);
 
     /// Gives the name back. isReleased() once the bus has answered, which it does after it has read

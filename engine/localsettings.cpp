@@ -418,8 +418,8 @@ Error checkRoles(const QString& path, const QVariantMap& given, TuloRoles* roles
                          .arg(shownPath(role.key()), shownPath(path),
                               settableRoles().join(QStringLiteral(", "))),
                      path };
-        } else if (role.key() == TuloRoles::Timestamp()
-                   && content.userType() == QMetaType::LongLong) {
+        }
+        if (role.key() == TuloRoles::Timestamp() && content.userType() == QMetaType::LongLong) {
             roles->setTimestamp(content.toLongLong());
         } else if (role.key() == TuloRoles::Id() && content.userType() == QMetaType::QString) {
             roles->setId(content.toString());

@@ -139,7 +139,7 @@ void TstServiceLoad::manyReadsAtOnceHoldNobodyUp()
                             .arg(usual.median())
                             .arg(during.worst()));
         // A flood that is over at once tells nothing.
-        isGood = during.count() > 10 && during.median() < 20 * usual.median()
+        isGood = during.count() > 10 && during.median() < slowness * 20 * usual.median()
             && during.worst() < slowness * 250000;
     }
 
