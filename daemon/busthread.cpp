@@ -13,6 +13,7 @@
 #include <utility>
 
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -58,7 +59,6 @@ BusThread::BusThread(const QString& bus)
     if (m_wake < 0)
         qFatal("no eventfd for the bus thread");
     qRegisterMetaType<BusCall>();
-    setObjectName(QStringLiteral("bus"));
 }
 
 BusThread::~BusThread()
@@ -131,6 +131,11 @@ void BusThread::refuseCalls()
     ::eventfd_write(m_wake, 1);
 }
 
+void BusThread::start()
+{
+    m_thread = std::thread([this] { run(); });
+}
+
 void BusThread::end()
 {
     {
@@ -139,7 +144,8 @@ void BusThread::end()
         m_isEnding = true;
     }
     ::eventfd_write(m_wake, 1);
-    wait();
+    if (m_thread.joinable())
+        m_thread.join();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -148,6 +154,7 @@ void BusThread::end()
 
 void BusThread::run()
 {
+    ::pthread_setname_np(::pthread_self(), "bus");
     m_connection = newConnection();
     while (true) {
         sendGiven();

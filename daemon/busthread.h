@@ -5,11 +5,12 @@
 
 #include <QMetaType>
 #include <QMutex>
-#include <QThread>
+#include <QObject>
 #include <QVariant>
 #include <QVector>
 
 #include <memory>
+#include <thread>
 #include <unordered_map>
 
 namespace tulo {
@@ -30,7 +31,7 @@ struct BusCall
 /// could not be sent then is lost together with the bus name's owner, which clients notice.
 ///
 /// Made, started and destroyed on one thread; the other functions are thread-safe.
-class BusThread : public QThread, private BusConnection::Handler
+class BusThread : public QObject, private BusConnection::Handler
 {
     Q_OBJECT
 
@@ -60,6 +61,8 @@ public:
 
     /// Hands out no more calls: those that wait, and those that come, fail with Unavailable.
     void refuseCalls();
+    /// Once.
+    void start();
     /// Sends what it was given, gives the name back and ends. Returns when it has, after
     /// releaseLimit at the latest.
     void end();
@@ -71,9 +74,6 @@ signals:
     void offered();
     /// The first connection failed, and the thread ends.
     void failed(const QString& reason);
-
-protected:
-    void run() override;
 
 private:
     using Clock = BusConnection::Clock;
@@ -99,6 +99,7 @@ private:
     void handleCall(const wire::Method& method, sd_bus_message* message) override;
     QVariant propertyValue(const char* name) override;
 
+    void run();
     void give(Outgoing outgoing, bool mayWait = false);
     void sendGiven();
     void answerCall(const Outgoing& outgoing);
@@ -114,6 +115,7 @@ private:
     void waitForBus();
 
     const QString m_bus;
+    std::thread m_thread;
     const int m_wake; ///< an eventfd: something was given, or the thread is to end
 
     QMutex m_mutex;
