@@ -1,6 +1,7 @@
 #include "engine/standardstreams.h"
 
 #include <cstdlib>
+#include <initializer_list>
 
 #include <fcntl.h>
 #include <unistd.h>
