@@ -383,7 +383,7 @@ qint64 BusConnection::unsentBytes()
     uint64_t queued = 0;
     if (m_unsent.empty() || sd_bus_get_n_queued_write(m_bus, &queued) < 0)
         return m_unsentBytes;
-    // sd-bus queues messages of its own among them, so this may be too many, but never for long.
+    // sd-bus also queues internal messages, so the count may be too high for a moment.
     while (m_unsent.size() > queued) {
         m_unsentBytes -= m_unsent.front();
         m_unsent.pop_front();

@@ -34,7 +34,7 @@ bool addPlainArray(sd_bus_message* message, char type, qint64* bytes)
     return true;
 }
 
-// What is left of the message or the container. False when there is no reason to go on.
+// Counts the remaining elements of the message or container. False when counting can stop.
 bool addElements(sd_bus_message* message, qint64 limit, qint64* bytes)
 {
     char type = '\0';

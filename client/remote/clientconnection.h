@@ -46,7 +46,7 @@ public:
     void close();
     bool isOpen() const { return m_bus != nullptr; }
 
-    /// A method call to be filled in and sent. Null when there is no memory.
+    /// A method call to be filled in and sent. Null when memory is exhausted.
     MessagePointer createCall(const char* destination, const char* path, const char* interface,
                               const char* member);
     /// False when it cannot be sent; the handler is not called then.

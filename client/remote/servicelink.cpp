@@ -191,7 +191,7 @@ void ServiceLink::call(const wire::Method& method, const QVariantList& arguments
                        const QString& path, Handler handler)
 {
     Call call = callOf(method, arguments, path, std::move(handler));
-    if (!accepts(call))
+    if (!prepare(call))
         return;
     m_waiting.push_back(std::move(call));
     sendCalls();
@@ -201,7 +201,7 @@ void ServiceLink::callNext(const wire::Method& method, const QVariantList& argum
                            const QString& path, Handler handler)
 {
     Call call = callOf(method, arguments, path, std::move(handler));
-    if (!accepts(call))
+    if (!prepare(call))
         return;
     m_waiting.push_front(std::move(call));
     sendCalls();
@@ -232,9 +232,9 @@ void ServiceLink::callBus(const wire::Method& method, const QString& argument, H
     }
 }
 
-// False for a call that is refused. One for which there is no bus starts the next attempt to
-// connect, unless the last one was just now.
-bool ServiceLink::accepts(const Call& call)
+// Fails a call that cannot be sent, and returns false then. Without a connection, starts the next
+// attempt to connect, unless the last one was just now.
+bool ServiceLink::prepare(const Call& call)
 {
     if (m_isAbandoned) {
         call.handler({ cancelledError(call.path), {} });

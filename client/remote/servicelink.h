@@ -32,8 +32,8 @@ inline constexpr wire::Method getProcessId { busDriver, "GetConnectionUnixProces
 /// sends calls in the order in which they were made, no more at a time than the bus and the service
 /// take.
 ///
-/// Calls that are made while there is no bus wait for the next attempt to connect, which they bring
-/// about, and fail with it.
+/// A call that is made without a connection starts an attempt to connect and waits for it; when the
+/// attempt fails, so does the call.
 class ServiceLink : public QObject
 {
     Q_OBJECT
@@ -106,7 +106,7 @@ private:
 
     Call callOf(const wire::Method& method, const QVariantList& arguments, const QString& path,
                 Handler handler) const;
-    bool accepts(const Call& call);
+    bool prepare(const Call& call);
     void sendCalls();
     bool mayBeSent(const Call& call) const;
     void send(Call call);

@@ -24,8 +24,8 @@ class RemoteSettingsPrivate;
 ///
 /// A request that is made before the connection is there waits for it, and starts the service where
 /// the bus can do that. get() calls of one turn of the event loop go to the service together. A
-/// request fails with Unavailable when there is no bus, no service or no permission, or when the
-/// service gives no answer within 90 seconds.
+/// request fails with Unavailable when the bus or the service cannot be reached, when the bus does
+/// not permit it, or when the service does not answer within 90 seconds.
 class TULO_SETTINGS_EXPORT RemoteSettings : public Settings
 {
     Q_OBJECT

@@ -24,7 +24,7 @@ namespace tulo::wire {
 /// {"error": "NAME: message"}.
 [[nodiscard]] QVariantMap errorEntry(const Error& error);
 /// The error of such an entry, about `path`; no error for other roles. Roles that were asked for
-/// never look like it: there is no role of that name.
+/// never look like it: no role has that name.
 [[nodiscard]] Error errorOf(const QVariantMap& entry, const QString& path);
 
 // ---------------------------------------------------------------------------------------------
