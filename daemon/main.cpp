@@ -69,6 +69,9 @@ std::unique_ptr<LocalSettings> openSettings(const DaemonOptions& options, int* e
                          failure.message);
         return nullptr;
     }
+    const QStringList notes = settings->notes();
+    for (const QString& note : notes)
+        LOG4CPLUS_WARN(daemonLogger(), note.toStdString());
     // As the tree's owner, but before anything is read or served.
     *exitCode = checkTrees(*settings);
     if (*exitCode != Done)

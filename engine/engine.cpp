@@ -1,6 +1,7 @@
 #include "engine/engine.h"
 
 #include "engine/loader.h"
+#include "trees/journal.h"
 #include "trees/separator.h"
 
 #include "api/core/language.h"
@@ -99,10 +100,15 @@ bool Engine::takeTree(EngineFailure* failure)
 {
     if (m_options.access == EngineOptions::Access::Read) {
         m_otherOwner = OwnerLock::holderOf(m_writePath);
+        m_readOnlyReason = m_otherOwner.value_or(0) == 0
+            ? QStringLiteral("The writable tree '%1' is open for reading only").arg(m_writePath)
+            : QStringLiteral("The writable tree '%1' is in use by process %2")
+                  .arg(m_writePath, QString::number(*m_otherOwner));
         return true;
     }
     switch (m_lock.acquire(m_writePath)) {
     case OwnerLock::Status::Owned:
+        finishJournal();
         return true;
     case OwnerLock::Status::InUse:
         failure->holder = m_lock.holder();
@@ -111,6 +117,17 @@ bool Engine::takeTree(EngineFailure* failure)
         break;
     }
     return fail(failure, EngineFailure::Kind::NoAccess, m_lock.message());
+}
+
+void Engine::finishJournal()
+{
+    const JournalResult result = redoJournal(m_lock.directory());
+    if (!result.message.isEmpty())
+        m_notes.append(QStringLiteral("'%1': %2").arg(m_writePath, result.message));
+    if (result.status == JournalResult::Status::Unfinished) {
+        m_readOnlyReason = QStringLiteral("The writable tree '%1' admits no change: %2")
+                               .arg(m_writePath, result.message);
+    }
 }
 
 bool Engine::createWorker(EngineFailure* failure)
@@ -138,15 +155,7 @@ bool Engine::createWorker(EngineFailure* failure)
     m_guard = std::make_unique<Guard>(m_worker.get(), m_defaultPath, m_writePath,
                                       m_options.productPostfix);
     m_router.setRowCheck([this](const CMPath& path) { return m_guard->checkFiles(path); });
-    if (m_options.access == EngineOptions::Access::Read) {
-        m_guard->setReadOnly(m_otherOwner.value_or(0) == 0
-                                 ? QStringLiteral("The writable tree '%1' is open for reading "
-                                                  "only")
-                                       .arg(m_writePath)
-                                 : QStringLiteral("The writable tree '%1' is in use by process "
-                                                  "%2")
-                                       .arg(m_writePath, QString::number(*m_otherOwner)));
-    }
+    m_guard->setReadOnly(m_readOnlyReason);
     m_dispatcher = std::make_unique<Dispatcher>(&m_router, m_guard.get());
     QObject::connect(m_dispatcher.get(), &Dispatcher::changeAccepted, m_writes.get(),
                      &WriteTracker::addPending);
@@ -228,7 +237,17 @@ QString Engine::writePath() const
 
 bool Engine::ownsTree() const
 {
-    return m_lock.isOwned();
+    return m_lock.isOwned() && m_readOnlyReason.isEmpty();
+}
+
+int Engine::treeDirectory() const
+{
+    return m_lock.directory();
+}
+
+QStringList Engine::notes() const
+{
+    return m_notes;
 }
 
 std::optional<qint64> Engine::otherOwner() const

@@ -54,6 +54,11 @@ struct EngineFailure
 /// Hosts the settings worker: loads it, stands guard, owns the writable tree, and stops in
 /// order.
 ///
+/// Opening for changes goes in this order: the tree's lock, what an interrupted change of several
+/// files left to finish (see trees/journal.h), the worker. When that cannot be finished, because
+/// the disk is full for example, settings can be read and changes are refused: the next opening
+/// would write older values over them.
+///
 /// The worker falls back silently to the device's own directories when one that it was given
 /// does not exist, so the engine checks both before, and again after the worker has chosen.
 ///
@@ -93,6 +98,11 @@ public:
 
     /// Tells whether changes are admitted.
     bool ownsTree() const;
+    /// A descriptor of the writable tree, as long as it is owned; otherwise -1.
+    int treeDirectory() const;
+    /// What was found and done when the tree was opened for changes, one line each, for the
+    /// operator. Empty as a rule.
+    QStringList notes() const;
     /// The process that owned the tree when the engine was opened for reading, 0 when it had not
     /// said its process id.
     std::optional<qint64> otherOwner() const;
@@ -110,6 +120,7 @@ private:
 
     bool chooseDirectories(EngineFailure* failure);
     bool takeTree(EngineFailure* failure);
+    void finishJournal();
     bool createWorker(EngineFailure* failure);
 
     const EngineOptions m_options;
@@ -117,6 +128,8 @@ private:
     QString m_writePath;
     OwnerLock m_lock;
     std::optional<qint64> m_otherOwner;
+    QStringList m_notes;
+    QString m_readOnlyReason; ///< why the tree admits no change
     int m_catalogueCount = 0;
 
     // In the order of construction; each uses those before it.

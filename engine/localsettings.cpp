@@ -141,6 +141,16 @@ int LocalSettings::catalogueCount() const
     return m_engine->catalogueCount();
 }
 
+QStringList LocalSettings::notes() const
+{
+    return m_engine->notes();
+}
+
+int LocalSettings::treeDirectory() const
+{
+    return m_engine->treeDirectory();
+}
+
 bool LocalSettings::hasUnwrittenChanges() const
 {
     return std::as_const(*m_engine).writes().needsFlush();

@@ -82,6 +82,8 @@ public:
     std::optional<qint64> otherOwner() const;
     /// Catalogues found for the language; 0 when texts stay as they are.
     int catalogueCount() const;
+    QStringList notes() const; ///< see Engine::notes()
+    int treeDirectory() const; ///< see Engine::treeDirectory()
     /// What status() answers, at once.
     Status currentStatus() const;
     /// Whether a flush has anything to do.

@@ -76,6 +76,9 @@ void printNotes(const Command& command, const LocalSettings& settings, const QSt
                                    "not be in it yet")
                         .arg(process));
     }
+    const QStringList notes = settings.notes();
+    for (const QString& note : notes)
+        output.note(note);
     if (!language.isEmpty() && settings.catalogueCount() == 0)
         output.note(QStringLiteral("no catalogue for '%1': texts stay as they are").arg(language));
 }

@@ -9,6 +9,7 @@
 #include "tests/support/replywaiter.h"
 #include "tests/support/temporarytree.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QSemaphore>
@@ -57,6 +58,24 @@ TuloValue number(int value)
     return TuloValue::of(TuloValue::Int(), value);
 }
 
+QVariant valueOf(Engine& engine)
+{
+    return engine.dispatcher().getData(volume, { TuloRoles::Value() }).value().value(0);
+}
+
+const QString journal = QStringLiteral("/.tulo-cm.journal");
+
+// A change of the volume to 7 that was decided, and interrupted.
+void writeJournal(const TemporaryTree& tree)
+{
+    const QByteArray body("{\"content\":\"{\\\"value\\\":{\\\"int\\\":7}}\","
+                          "\"path\":\"/audio/volume\"}\n");
+    tree.writeWritten(journal,
+                      "tulo-journal 1 "
+                          + QCryptographicHash::hash(body, QCryptographicHash::Sha256).toHex()
+                          + '\n' + body);
+}
+
 log4cplus::Logger workerLogger()
 {
     return log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("CMSettingsWorker"));
@@ -85,6 +104,10 @@ private slots:
     void readerTakesNoLock();
     void readerSaysWhoOwnsTheTree();
     void readerRefusesChanges();
+    void interruptedChangeIsFinishedBeforeAnythingIsRead();
+    void changeThatCannotBeFinishedLeavesTheTreeReadable();
+    void damagedJournalIsToldAndStopsNothing();
+    void readerLeavesAnInterruptedChangeAlone();
     void requestsPassTheGuard();
     void changesAreAnnounced();
 
@@ -388,6 +411,76 @@ void tst_engine::readerRefusesChanges()
                  .arg(m_tree->writePath()));
     QCOMPARE(engine->dispatcher().getData(volume, { TuloRoles::Value() }).value(),
              QList<QVariant>({ number(5).__variant() }));
+}
+
+void tst_engine::interruptedChangeIsFinishedBeforeAnythingIsRead()
+{
+    m_tree->writeWritten(QStringLiteral("/audio/volume"), R"({"value":{"int":6}})");
+    writeJournal(*m_tree);
+
+    const auto engine = openEngine();
+
+    QCOMPARE(engine->notes(),
+             QStringList(QStringLiteral("'%1': finished a change of 1 files that was interrupted")
+                             .arg(m_tree->writePath())));
+    QVERIFY(engine->ownsTree());
+    QCOMPARE(valueOf(*engine), number(7).__variant());
+    QVERIFY(m_tree->readWritten(journal).isNull());
+}
+
+// What is in its way is somebody's directory.
+void tst_engine::changeThatCannotBeFinishedLeavesTheTreeReadable()
+{
+    writeJournal(*m_tree);
+    m_tree->makeWriteDirectory(QStringLiteral("/audio/.volume"));
+    const QString reason =
+        QStringLiteral("a change of several files has begun and is finished when the tree is "
+                       "opened for changes the next time: A temporary file that is a link or not "
+                       "a regular file in the writable tree is in the way of 'audio/volume'");
+    {
+        const auto engine = openEngine();
+
+        QCOMPARE(engine->notes(),
+                 QStringList(QStringLiteral("'%1': %2").arg(m_tree->writePath(), reason)));
+        QVERIFY(!engine->ownsTree());
+        QCOMPARE(valueOf(*engine), number(5).__variant());
+        QCOMPARE(errorText(sendValue(engine->dispatcher(), volume, number(8))),
+                 QStringLiteral("Unavailable: The writable tree '%1' admits no change: %2")
+                     .arg(m_tree->writePath(), reason));
+        QVERIFY(engine->stop());
+    }
+    QVERIFY(QDir(m_tree->writePath()).rmdir(QStringLiteral("audio/.volume")));
+
+    const auto engine = openEngine();
+
+    QVERIFY(engine->ownsTree());
+    QCOMPARE(valueOf(*engine), number(7).__variant());
+}
+
+void tst_engine::damagedJournalIsToldAndStopsNothing()
+{
+    m_tree->writeWritten(journal, QByteArrayLiteral("my notes"));
+
+    const auto engine = openEngine();
+
+    QCOMPARE(engine->notes().size(), 1);
+    QVERIFY2(engine->notes().constFirst().contains(QLatin1String("was not written by this")),
+             qPrintable(engine->notes().constFirst()));
+    QVERIFY(engine->ownsTree());
+    QCOMPARE(errorText(sendValue(engine->dispatcher(), volume, number(8))), QString());
+    QVERIFY(engine->stop());
+    QCOMPARE(m_tree->readWritten(journal), QByteArrayLiteral("my notes"));
+}
+
+void tst_engine::readerLeavesAnInterruptedChangeAlone()
+{
+    writeJournal(*m_tree);
+
+    const auto engine = openEngine(Access::Read);
+
+    QCOMPARE(engine->notes(), QStringList());
+    QCOMPARE(valueOf(*engine), number(5).__variant());
+    QVERIFY(!m_tree->readWritten(journal).isNull());
 }
 
 void tst_engine::requestsPassTheGuard()
