@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <utility>
 #include <vector>
 
 #include <linux/sockios.h>
@@ -19,7 +20,7 @@ using namespace std::chrono_literals;
 constexpr const char* busService = "org.freedesktop.DBus";
 constexpr const char* busPath = "/org/freedesktop/DBus";
 
-// How often the bus is looked at while there is something that it has not read.
+// How often the bus is looked at while we send, and while there is something that it has not read.
 constexpr auto lookInterval = 1000ms;
 constexpr auto closeLookInterval = 200ms;
 
@@ -328,8 +329,10 @@ bool BusConnection::process()
 
 // ---------------------------------------------------------------------------------------------
 // Supervision. A bus whose queue for a client that does not read is full stops reading from us,
-// without a word. What it has not read is still in our socket, so as long as that empties it needs
-// no question.
+// without a word: what we send from then on stays in our socket. What it had read by then may be
+// stuck as well, so that an empty socket proves nothing. But it reads no further before it has
+// passed on what it read earlier: once it reads one more message, the probe, all is well. An answer
+// to that could prove no more, and would have to wait behind all that the bus has for us.
 // ---------------------------------------------------------------------------------------------
 
 void BusConnection::supervise(Clock::time_point now)
@@ -340,30 +343,33 @@ void BusConnection::supervise(Clock::time_point now)
     int unread = 0;
     const bool isKnown = sd_bus_get_n_queued_write(m_bus, &queued) >= 0
         && ::ioctl(sd_bus_get_fd(m_bus), SIOCOUTQ, &unread) == 0;
-    if (isKnown && queued == 0 && unread == 0 && !m_isAsked) {
-        m_hasSent = false;
-        return;
-    }
-    if (!m_isAsked) {
-        m_isAsked = succeed(sd_bus_call_method_async(m_bus, nullptr, busService, busPath,
-                                                     "org.freedesktop.DBus.Peer", "Ping", on_pong,
-                                                     this, ""));
-        m_lastProgress = now;
-    } else if (unread < m_unread || (unread == m_unread && m_sent - queued > m_handedOver)) {
-        m_lastProgress = now;
-    }
+    const bool isRead = isKnown && queued == 0 && unread == 0;
+    const bool isMoving =
+        unread < m_unread || (unread == m_unread && m_sent - queued > m_handedOver);
+    m_looksWithoutProgress = isRead || isMoving ? 0 : m_looksWithoutProgress + 1;
     m_unread = unread;
     m_handedOver = m_sent - queued;
     m_nextLook = now + closeLookInterval;
+    if (!isRead)
+        return;
+    if (m_sentBeforeProbe) {
+        m_hasSent = m_sent != *std::exchange(m_sentBeforeProbe, std::nullopt);
+        m_nextLook = now + lookInterval;
+    } else {
+        m_sentBeforeProbe = m_sent;
+        sendProbe();
+    }
 }
 
-int BusConnection::on_pong(sd_bus_message* /*reply*/, void* userdata, sd_bus_error* /*error*/)
+void BusConnection::sendProbe()
 {
-    // Or no answer in sd-bus's own time, which is far longer than ours: then it is asked again.
-    auto* const self = static_cast<BusConnection*>(userdata);
-    self->m_isAsked = false;
-    self->m_nextLook = Clock::now() + lookInterval;
-    return 1;
+    sd_bus_message* message = nullptr;
+    int result = sd_bus_message_new_method_call(m_bus, &message, busService, busPath,
+                                                "org.freedesktop.DBus.Peer", "Ping");
+    const MessagePointer owner(message);
+    if (result >= 0)
+        result = sd_bus_message_set_expect_reply(message, 0);
+    succeed(result < 0 ? result : sd_bus_send(m_bus, message, nullptr));
 }
 
 std::optional<BusConnection::Clock::time_point> BusConnection::supervisionTime() const
@@ -371,11 +377,6 @@ std::optional<BusConnection::Clock::time_point> BusConnection::supervisionTime()
     if (m_state != State::Serving || !m_hasSent)
         return std::nullopt;
     return m_nextLook;
-}
-
-bool BusConnection::isSilent(Clock::time_point now) const
-{
-    return m_isAsked && now - m_lastProgress >= silentAfter;
 }
 
 qint64 BusConnection::unsentBytes()

@@ -46,8 +46,6 @@ public:
         Closed ///< or never opened
     };
 
-    /// When it sends and the bus does not read, it is silent after so long.
-    static constexpr std::chrono::milliseconds silentAfter { 2000 };
     /// As much may wait for the bus to read it, before the connection counts as broken.
     static constexpr qint64 maximumUnsentBytes = qint64(64) * 1024 * 1024;
     static constexpr quint64 maximumUnsentMessages = 100000;
@@ -75,12 +73,13 @@ public:
 
     /// What was sent and is not in the hands of the system yet.
     qint64 unsentBytes();
-    /// Finds out whether the bus reads what we send, by asking it if need be. To be called as often
-    /// as supervisionTime() says.
+    /// Finds out whether the bus reads what we send, by sending a little more if need be. To be
+    /// called as often as supervisionTime() says.
     void supervise(Clock::time_point now);
     std::optional<Clock::time_point> supervisionTime() const;
-    /// The bus has not read anything for silentAfter, though there is something to read.
-    bool isSilent(Clock::time_point now) const;
+    /// There is something to read, and the bus has read nothing for about two seconds. Counted in
+    /// looks, as a machine on which we get no time to look gives the bus none either.
+    bool isSilent() const { return m_looksWithoutProgress >= 10; }
 
     /// Each takes arguments of about so many bytes.
     void answer(sd_bus_message* call, const wire::Method& method, const QVariantList& arguments,
@@ -107,7 +106,6 @@ private:
     static int on_owner_found(sd_bus_message* reply, void* userdata, sd_bus_error* error);
     static int on_name_requested(sd_bus_message* reply, void* userdata, sd_bus_error* error);
     static int on_name_released(sd_bus_message* reply, void* userdata, sd_bus_error* error);
-    static int on_pong(sd_bus_message* reply, void* userdata, sd_bus_error* error);
 
     struct VTables;
     static const VTables& vtables();
@@ -118,6 +116,7 @@ private:
     void close(State state, const QString& reason);
     void requestName(quint64 flags);
     void send(sd_bus_message* message, qint64 bytes);
+    void sendProbe();
 
     Handler* const m_handler;
     const QByteArray m_predecessor;
@@ -133,12 +132,12 @@ private:
     quint64 m_sent = 0;
 
     // Supervision of what was sent.
-    bool m_hasSent = false; ///< since the bus was last seen to have read everything
-    bool m_isAsked = false; ///< a ping is not answered
+    bool m_hasSent = false; ///< since the bus was last known to have passed on everything
+    std::optional<quint64> m_sentBeforeProbe; ///< messages; none when no probe is under way
+    int m_looksWithoutProgress = 0; ///< one after the other
     int m_unread = 0; ///< bytes in the socket
     quint64 m_handedOver = 0; ///< messages that had reached the socket
     Clock::time_point m_nextLook;
-    Clock::time_point m_lastProgress;
 };
 
 } // namespace tulo

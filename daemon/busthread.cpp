@@ -405,7 +405,7 @@ void BusThread::superviseBus()
 void BusThread::superviseSuccessor()
 {
     const Clock::time_point now = Clock::now();
-    const bool isSilent = m_connection->isSilent(now);
+    const bool isSilent = m_connection->isSilent();
     if (isSilent && !std::exchange(m_isSilent, isSilent))
         LOG4CPLUS_WARN(daemonLogger(), "the bus does not read what is sent; connecting again");
     m_isSilent = isSilent;
