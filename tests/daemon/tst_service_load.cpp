@@ -16,12 +16,6 @@
 
 namespace {
 
-#ifdef TULO_SANITIZED
-constexpr int slowness = 20;
-#else
-constexpr int slowness = 1;
-#endif
-
 const QString volume = QStringLiteral("/settings/audio/volume");
 const QString token = QStringLiteral("/settings/token");
 
@@ -55,6 +49,8 @@ public:
         time.start();
         const QString answer = client.value(volume);
         m_times.append(time.nsecsElapsed() / 1000);
+        if (answer != expected)
+            qWarning("after %lld us: %s", m_times.last(), qPrintable(answer));
         return answer == expected;
     }
     qint64 median()
@@ -112,15 +108,15 @@ void TstServiceLoad::manyReadsAtOnceHoldNobodyUp()
     for (int i = 0; i < reads; ++i)
         calls += readOfVolume();
 
-    // One of some has to be good, as this machine has other things to do.
+    // Served in the order in which they came, the client's reads would each wait for all of the
+    // flood. One round of some has to be good, as this machine has other things to do.
     QStringList measured;
     bool isGood = false;
     for (int round = 0; round < rounds && !isGood; ++round) {
-        Times usual;
-        for (int i = 0; i < 500; ++i)
-            QVERIFY(usual.measure(client, QStringLiteral("x 35")));
         const RawConnection flood(bus.address());
         std::atomic<bool> isAnswered { false };
+        QElapsedTimer time;
+        time.start();
         std::thread sender([&] { flood.send(calls); });
         std::thread reader([&] {
             flood.receiveAnswers(reads);
@@ -130,17 +126,16 @@ void TstServiceLoad::manyReadsAtOnceHoldNobodyUp()
         bool isRight = true;
         while (!isAnswered && isRight)
             isRight = during.measure(client, QStringLiteral("x 35"));
+        const qint64 duration = time.nsecsElapsed() / 1000;
         sender.join();
         reader.join();
         QVERIFY(isRight);
-        measured.append(QStringLiteral("%1 reads, median %2 us, usually %3 us, worst %4 us")
+        measured.append(QStringLiteral("%1 reads in %2 us, median %3 us, worst %4 us")
                             .arg(during.count())
+                            .arg(duration)
                             .arg(during.median())
-                            .arg(usual.median())
                             .arg(during.worst()));
-        // A flood that is over at once tells nothing.
-        isGood = during.count() > 10 && during.median() < slowness * 20 * usual.median()
-            && during.worst() < slowness * 250000;
+        isGood = during.count() > 10 && during.worst() < duration / 2;
     }
 
     qInfo("%s", qPrintable(measured.last()));
@@ -160,7 +155,10 @@ void TstServiceLoad::callsThatWantNoAnswerHoldNobodyUp()
         nodes.append({ QLatin1String("/settings") + name, { { QStringLiteral("value"), 1 } } });
     }
     tulo::registerBusTypes();
-    const PrivateBus bus;
+    // As a session bus has it. With less than the flood, the bus itself rejects calls of others
+    // until the service, which may be slow, has read a part.
+    const PrivateBus bus(PrivateBus::openPolicy()
+                         + R"(<limit name="max_outgoing_bytes">1000000000</limit>)");
     ServiceProcess service(trees, bus.address());
     service.replaceSync("exit 0");
     QVERIFY2(service.serve(), service.standardError());
@@ -185,7 +183,8 @@ void TstServiceLoad::callsThatWantNoAnswerHoldNobodyUp()
     isRight = during.measure(client, QStringLiteral("x 35"));
 
     QVERIFY(isRight);
-    QVERIFY2(during.worst() < 10000000, qPrintable(QString::number(during.worst())));
+    qInfo("%d reads, worst %lld us", during.count(), during.worst());
+    QVERIFY2(during.worst() < ChildProcess::waitMs * Q_INT64_C(500), "half of the time-out");
     // Too large for a value, every one of them.
     QCOMPARE(client.value(token), QStringLiteral("? "));
     QCOMPARE(client.call("Flush"), QStringLiteral("u 0"));
@@ -197,21 +196,26 @@ void TstServiceLoad::callsThatWantNoAnswerHoldNobodyUp()
 
 void TstServiceLoad::watcherThatNeverReadsSilencesNobody_data()
 {
+    QTest::addColumn<QByteArray>("limit");
     QTest::addColumn<int>("changes");
     QTest::addColumn<int>("size");
-    // Enough of either to fill what the bus keeps for one client.
-    QTest::newRow("large values") << 4000 << 48000;
+    // Enough of each to fill what the bus keeps of one sender: 127 MiB, or the limit.
+    QTest::newRow("large values") << QByteArray() << 4000 << 48000;
+    QTest::newRow("small values") << QByteArray(
+        R"(<limit name="max_incoming_bytes">500000</limit>)")
+                                  << 2000 << 0;
     if (repeats(0, 1) == 1)
-        QTest::newRow("small values") << 500000 << 0;
+        QTest::newRow("very many small values") << QByteArray() << 500000 << 0;
 }
 
 // With the system bus's limits, a bus stops reading from a sender that fills a client's queue.
 void TstServiceLoad::watcherThatNeverReadsSilencesNobody()
 {
+    QFETCH(const QByteArray, limit);
     QFETCH(const int, changes);
     QFETCH(const int, size);
     const CommandLine trees;
-    const PrivateBus bus;
+    const PrivateBus bus(PrivateBus::openPolicy() + limit);
     ServiceProcess service(trees, bus.address());
     service.replaceSync("exit 0");
     QVERIFY2(service.serve(), service.standardError());
@@ -237,7 +241,8 @@ void TstServiceLoad::watcherThatNeverReadsSilencesNobody()
             QFAIL(qPrintable(answer.left(200)));
     }
 
-    QVERIFY2(worst < slowness * 5000, qPrintable(QStringLiteral("%1 ms").arg(worst)));
+    // Far from the client's own time-out.
+    QVERIFY2(worst < ChildProcess::waitMs / 2, qPrintable(QStringLiteral("%1 ms").arg(worst)));
     // One for each time that the name was taken over.
     QVERIFY2(unanswered >= 1 && unanswered <= 3, qPrintable(QString::number(unanswered)));
     QVERIFY(service.waitForError("WARN  tulo-settingsd: the bus does not read what is sent; "
@@ -285,7 +290,7 @@ void TstServiceLoad::busThatStandsStillLosesNothing()
     QCOMPARE(service.finish().exitCode, 0);
 }
 
-// The call, its answer, and three signals.
+// The call, its answer, and three signals. A second later follows what shows that the bus reads.
 void TstServiceLoad::loneChangeTakesFiveMessages()
 {
     const CommandLine trees;
@@ -313,6 +318,8 @@ void TstServiceLoad::loneChangeTakesFiveMessages()
     const QByteArray lone = seen.left(seen.indexOf("member=Flush"));
     int messages = -1; // that of the flush
     for (const QByteArray& line : lone.split('\n')) {
+        if (line.endsWith("member=Ping"))
+            continue;
         for (const char* kind : { "method call ", "method return ", "signal ", "error " })
             messages += line.startsWith(kind) ? 1 : 0;
     }
