@@ -5,6 +5,44 @@
 namespace tulo {
 
 // ---------------------------------------------------------------------------------------------
+// Words.
+// ---------------------------------------------------------------------------------------------
+
+QString nameOf(RoleOrigin::State state)
+{
+    switch (state) {
+    case RoleOrigin::State::Effective:
+        return QStringLiteral("effective");
+    case RoleOrigin::State::Hidden:
+        return QStringLiteral("hidden");
+    case RoleOrigin::State::Ignored:
+        return QStringLiteral("ignored");
+    }
+    return QString();
+}
+
+QString nameOf(RoleOrigin::Layer layer)
+{
+    switch (layer) {
+    case RoleOrigin::Layer::BuiltIn:
+        return QStringLiteral("builtIn");
+    case RoleOrigin::Layer::Template:
+        return QStringLiteral("template");
+    case RoleOrigin::Layer::Default:
+        return QStringLiteral("default");
+    case RoleOrigin::Layer::Product:
+        return QStringLiteral("product");
+    case RoleOrigin::Layer::Written:
+        return QStringLiteral("written");
+    case RoleOrigin::Layer::Pending:
+        return QStringLiteral("pending");
+    case RoleOrigin::Layer::Cached:
+        return QStringLiteral("cached");
+    }
+    return QString();
+}
+
+// ---------------------------------------------------------------------------------------------
 // Watches: owned by the program, known to the settings as long as both live.
 // ---------------------------------------------------------------------------------------------
 

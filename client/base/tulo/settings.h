@@ -74,6 +74,39 @@ struct ChangeOptions
     bool isDryRun = false; ///< validate and answer, change nothing
 };
 
+/// One role of a setting or directory as one of its files has it, or as it came about otherwise:
+/// explain() tells them all.
+struct RoleOrigin
+{
+    enum class State {
+        Effective, ///< this is what get() answers
+        Hidden, ///< another layer takes its place
+        Ignored ///< has no effect where it stands
+    };
+    enum class Layer {
+        BuiltIn, ///< set on reading
+        Template, ///< ".meta" of the directory, for a setting without a default of its own
+        Default, ///< the default file; of a directory its ".meta"
+        Product, ///< the default file of the product variant
+        Written, ///< the file in the writable tree
+        Pending, ///< accepted, and not yet in the written file
+        Cached ///< read earlier; the files say something else by now
+    };
+
+    QString role; ///< empty when it is about a whole file
+    Layer layer = Layer::BuiltIn;
+    State state = State::Effective;
+    QVariant value; ///< invalid where there is none, or where it would show a secret
+    QString file; ///< with the tree's directory in front; empty when it is in no file
+    int line = 0; ///< where it stands in the file, from 1; 0 when not known
+    int column = 0; ///< in characters, from 1
+    QString reason; ///< why it is hidden or ignored, in one line
+};
+
+/// A word for programs, such as "hidden" or "template".
+TULO_SETTINGS_EXPORT QString nameOf(RoleOrigin::State state);
+TULO_SETTINGS_EXPORT QString nameOf(RoleOrigin::Layer layer);
+
 /// How the settings are doing.
 struct Status
 {
