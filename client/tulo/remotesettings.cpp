@@ -408,13 +408,6 @@ QVariant sendable(const QVariant& value)
     return wire::isCarried(value) ? value : QVariantMap();
 }
 
-QVariantMap sendableRoles(QVariantMap roles)
-{
-    for (QVariant& role : roles)
-        role = sendable(role);
-    return roles;
-}
-
 QVariantMap sendable(const ChangeOptions& options)
 {
     ChangeOptions sent = options;
@@ -522,7 +515,10 @@ Reply<Change> RemoteSettings::setRoles(const QString& path, const QVariantMap& r
     const Error error = requestError(path, roles.keys());
     if (error)
         return d->refuse<Change>(error);
-    return d->ask<Change>(wire::setRoles, { path, sendableRoles(roles), sendable(options) }, path,
+    QVariantMap sent = roles;
+    for (QVariant& value : sent)
+        value = sendable(value);
+    return d->ask<Change>(wire::setRoles, { path, sent, sendable(options) }, path,
                           wire::changeFromArguments);
 }
 
@@ -549,12 +545,10 @@ Reply<QVector<Change>> RemoteSettings::setMany(const QVector<Assignment>& assign
 {
     QVector<Assignment> sent = assignments;
     for (Assignment& assignment : sent) {
-        const Error error = requestError(assignment.path, assignment.roles.keys());
+        const Error error = pathError(assignment.path);
         if (error)
             return d->refuse<QVector<Change>>(error);
-        if (assignment.value.isValid() || assignment.roles.isEmpty())
-            assignment.value = sendable(assignment.value);
-        assignment.roles = sendableRoles(assignment.roles);
+        assignment.value = sendable(assignment.value);
     }
     return d->setMany(sent, sendable(options));
 }

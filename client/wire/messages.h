@@ -58,7 +58,7 @@ Error optionsFromMap(const QVariantMap& map, ChangeOptions* options);
 
 /// The first argument of SetMany.
 [[nodiscard]] QVariantList assignmentsToArgument(const QVector<Assignment>& assignments);
-/// Refused for an entry without roles.
+/// Refused for an entry with another role than "value", or without it.
 Error assignmentsFromArgument(const QVariantList& argument, QVector<Assignment>* assignments);
 
 // ---------------------------------------------------------------------------------------------

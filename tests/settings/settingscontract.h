@@ -79,7 +79,6 @@ private slots:
     void manyChangesAreAllOrNone_data();
     void manyChangesAreAllOrNone();
     void manyChangesOnATrial();
-    void manyChangesTakeRoles();
     void manyChangesHaveNoConditions();
     void newSettingsOfOneRequestCount();
 

@@ -63,8 +63,7 @@ struct Change
 struct Assignment
 {
     QString path;
-    QVariant value; ///< may be invalid where there are roles
-    QVariantMap roles = {}; ///< those of setRoles() that change with it, beside the value
+    QVariant value;
 };
 
 /// Conditions and manner of a change.

@@ -1,0 +1,97 @@
+#include "tulo-cm/command.h"
+
+#include "trees/texts.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QSaveFile>
+
+namespace tulo {
+namespace {
+
+const Option checkOption { "check", "",
+                           "Change nothing; exit code 8 when a text is not translated" };
+
+bool hasContent(const QString& fileName, const QByteArray& content)
+{
+    QFile file(fileName);
+    return file.open(QIODevice::ReadOnly) && file.readAll() == content;
+}
+
+int update(const QString& fileName, const QByteArray& content, Output& output)
+{
+    if (hasContent(fileName, content))
+        return Done;
+    QSaveFile file(fileName);
+    if (file.open(QIODevice::WriteOnly) && file.write(content) == content.size() && file.commit())
+        return Done;
+    return output.report(Failed, "Failed",
+                         QStringLiteral("cannot write '%1': %2").arg(fileName, file.errorString()),
+                         QString());
+}
+
+void print(const QString& fileName, const CatalogueState& state, Output& output)
+{
+    if (output.isJson()) {
+        output.object({ { QStringLiteral("catalogue"), fileName },
+                        { QStringLiteral("finished"), state.finished },
+                        { QStringLiteral("unfinished"), state.unfinished },
+                        { QStringLiteral("vanished"), state.vanished } });
+    } else {
+        output.line(QStringLiteral("%1: %2 finished, %3 unfinished, %4 vanished")
+                        .arg(fileName, QString::number(state.finished),
+                             QString::number(state.unfinished), QString::number(state.vanished)));
+    }
+}
+
+int run(Context& context, const Arguments& arguments)
+{
+    const QString tree = arguments.positional.first();
+    if (!QFileInfo(tree).isDir()) {
+        return context.output.reportUsage(
+            QStringLiteral("the directory '%1' does not exist").arg(tree));
+    }
+    const QVector<TreeText> texts = textsOf(tree);
+    int code = Done;
+    for (const QString& fileName : arguments.positional.mid(1)) {
+        const CatalogueState state = updatedCatalogue(fileName, tree, texts);
+        if (!state.error.isEmpty()) {
+            code =
+                firstFailure(code, context.output.report(Failed, "Failed", state.error, QString()));
+            continue;
+        }
+        print(fileName, state, context.output);
+        if (!arguments.isSet(checkOption))
+            code = firstFailure(code, update(fileName, state.content, context.output));
+        else if (state.unfinished > 0)
+            code = firstFailure(code, Findings);
+    }
+    return code;
+}
+
+} // namespace
+
+namespace commands {
+
+Command texts()
+{
+    return {
+        "texts",
+        "",
+        { { "TREE" }, { "CATALOGUE", Argument::Count::OneOrMore } },
+        { checkOption },
+        "Brings Qt Linguist catalogues (*.ts) up to date with the texts of a default tree: new "
+        "texts\nare added, vanished ones marked, translations kept. A catalogue that does not "
+        "exist is made,\nfor the language that its name ends in (settings_fi.ts). Needs lupdate, "
+        "of the package\nqttools5-dev-tools; lrelease makes what --catalogues reads.",
+        "texts settings-default translations/settings_de.ts",
+        Command::Where::CommandLine,
+        Command::Needs::Nothing,
+        Command::Runs::ToItsEnd,
+        run
+    };
+}
+
+} // namespace commands
+
+} // namespace tulo
