@@ -5,6 +5,7 @@
 #include "trees/nodenames.h"
 #include "trees/settingvalue.h"
 #include "trees/treeowner.h"
+#include "trees/treestamp.h"
 
 #include "api/core/model/cmedit.h"
 #include "api/core/tulojson.h"
@@ -313,6 +314,8 @@ public:
 private:
     void inspect(const Entry& entry) override
     {
+        if (entry.depth == 1 && entry.name == stampName().latin1())
+            return;
         if (entry.isHidden() && !entry.isMeta()) {
             add(entry, Kind::NotListed, Effect::Wrong,
                 QStringLiteral("no listing shows this name"));
