@@ -95,6 +95,7 @@ void BusAdaptor::on_bus_called(const BusCall& call)
         { wire::getData, &BusAdaptor::getData },
         { wire::getMany, &BusAdaptor::getMany },
         { wire::getRows, &BusAdaptor::getRows },
+        { wire::getTreeDigest, &BusAdaptor::getTreeDigest },
         { wire::setValue, &BusAdaptor::setValue },
         { wire::setRoles, &BusAdaptor::setRoles },
         { wire::apply, &BusAdaptor::apply },
@@ -188,6 +189,12 @@ void BusAdaptor::getRows(quint64 call, const Arguments& arguments)
             fitIntoPage(&rows.rows, QStringLiteral("row"), [](const Row& row) { return row.name; });
             finish(call, {}, wire::rowsToArguments(rows));
         });
+}
+
+void BusAdaptor::getTreeDigest(quint64 call, const Arguments& /*arguments*/)
+{
+    answer(call, m_settings.treeDigest(),
+           [](const QString& digest) { return Arguments { digest }; });
 }
 
 void BusAdaptor::setValue(quint64 call, const Arguments& arguments)

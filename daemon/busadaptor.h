@@ -56,6 +56,7 @@ private:
     void setValue(quint64 call, const Arguments& arguments);
     void setRoles(quint64 call, const Arguments& arguments);
     void apply(quint64 call, const Arguments& arguments);
+    void getTreeDigest(quint64 call, const Arguments& arguments);
     void setMany(quint64 call, const Arguments& arguments);
     void flush(quint64 call, const Arguments& arguments);
     void dropCache(quint64 call, const Arguments& arguments);

@@ -4,6 +4,7 @@
 #include "trees/plainroles.h"
 #include "trees/separator.h"
 #include "trees/settingvalue.h"
+#include "trees/treestamp.h"
 
 #include "api/core/model/cmoperation.h"
 #include "api/core/tulo.h"
@@ -702,6 +703,7 @@ Reply<bool> LocalSettings::dropCache()
 {
     return enqueue<bool>([this](const Promise<bool>& promise) {
         m_keptValues.clear();
+        m_treeDigest.clear();
         const CMSetDataRequest::Reply reply = m_engine->dispatcher().dropCache();
         answer(promise, errorOf(reply.error(), QString()), true);
     });
@@ -727,6 +729,19 @@ Reply<Status> LocalSettings::status()
 {
     return enqueue<Status>(
         [this](const Promise<Status>& promise) { answer(promise, Error(), currentStatus()); });
+}
+
+// Reads every file of the default tree, which is as it was until the caches are dropped.
+Reply<QString> LocalSettings::treeDigest()
+{
+    return enqueue<QString>([this](const Promise<QString>& promise) {
+        QString reason;
+        if (m_treeDigest.isEmpty())
+            m_treeDigest = QString::fromLatin1(tulo::treeDigest(defaultPath(), &reason));
+        const Error error { reason.isEmpty() ? ErrorCode::None : ErrorCode::Unavailable, reason,
+                            QString() };
+        answer(promise, error, m_treeDigest);
+    });
 }
 
 Reply<QStringList> LocalSettings::unsavedPaths(int maximum)

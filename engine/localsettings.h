@@ -67,6 +67,7 @@ public:
     Reply<int> flush() override;
     Reply<bool> dropCache() override;
     Reply<Status> status() override;
+    Reply<QString> treeDigest() override;
     Reply<QStringList> unsavedPaths(int maximum) override;
 
     /// Flushes if anything accepted may not be on disk, destroys the worker and gives the tree
@@ -143,6 +144,7 @@ private:
     std::deque<Request> m_requests;
     bool m_isPosted = false; ///< the event that carries the next request out
     std::deque<Event> m_events; ///< announced and not yet delivered
+    QString m_treeDigest; ///< empty: not known yet
     QCache<QString, QVariant> m_keptValues { maximumKeptValues }; ///< by path
     const AdmittedChange* m_carriedOut = nullptr; ///< while the worker makes it
     std::atomic<int> m_unsavedRevision { 0 }; ///< that unsavedChanged() is emitted for

@@ -575,6 +575,13 @@ Reply<Status> RemoteSettings::status()
     return d->status();
 }
 
+Reply<QString> RemoteSettings::treeDigest()
+{
+    return d->ask<QString>(wire::getTreeDigest, {}, QString(), [](const QVariantList& arguments) {
+        return std::optional<QString>(arguments.value(0).toString());
+    });
+}
+
 Reply<QStringList> RemoteSettings::unsavedPaths(int maximum)
 {
     return d->ask<QStringList>(wire::getUnsaved, { uint(std::max(maximum, 0)) }, QString(),

@@ -57,6 +57,7 @@ public:
     Reply<int> flush() override;
     Reply<bool> dropCache() override;
     Reply<Status> status() override;
+    Reply<QString> treeDigest() override;
     Reply<QStringList> unsavedPaths(int maximum) override;
 
 protected:

@@ -54,21 +54,23 @@ inline constexpr Method getRows {
     readInterface, "GetRows", "siias", "uia{sv}a(sa{sv})",
     "path\0first\0last\0roles\0rowsCount\0rowsVersion\0directoryRoles\0rows\0"
 };
+inline constexpr Method getTreeDigest { readInterface, "GetTreeDigest", "", "s", "digest\0" };
 inline constexpr Method setValue { changeInterface, "SetValue", "sva{sv}", "a{sv}a{sv}",
                                    "path\0value\0options\0stored\0outcome\0" };
 inline constexpr Method setRoles { changeInterface, "SetRoles", "sa{sv}a{sv}", "a{sv}a{sv}",
                                    "path\0roles\0options\0stored\0outcome\0" };
 inline constexpr Method apply { changeInterface, "Apply", "ssava{sv}", "a{sv}a{sv}",
                                 "path\0verb\0operand\0options\0stored\0outcome\0" };
-/// Each assignment is a path and the roles to set, of which there is one: "value".
+/// Each assignment is a path and the roles to set.
 inline constexpr Method setMany { changeInterface, "SetMany", "a(sa{sv})a{sv}", "a(a{sv}a{sv})",
                                   "assignments\0options\0changes\0" };
 inline constexpr Method flush { changeInterface, "Flush", "", "u", "failed\0" };
 inline constexpr Method dropCache { adminInterface, "DropCache", "", "", "" };
 inline constexpr Method getUnsaved { adminInterface, "GetUnsaved", "u", "as", "maximum\0paths\0" };
 
-inline constexpr std::array methodTable { getData, getMany, getRows, setValue,  setRoles,
-                                          apply,   setMany, flush,   dropCache, getUnsaved };
+inline constexpr std::array methodTable { getData,  getMany,   getRows,   getTreeDigest,
+                                          setValue, setRoles,  apply,     setMany,
+                                          flush,    dropCache, getUnsaved };
 
 struct Signal
 {

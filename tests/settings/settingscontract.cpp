@@ -1,5 +1,7 @@
 #include "tests/settings/settingscontract.h"
 
+#include "trees/treestamp.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QEventLoop>
@@ -117,6 +119,11 @@ QString shown(const Rows& rows)
     return QStringLiteral("%1 rows, version %2, %3: %4")
         .arg(QString::number(rows.count), QString::number(rows.version), shown(rows.directory),
              shown(rows.rows));
+}
+
+QString shown(const QString& text)
+{
+    return text;
 }
 
 QString shown(int number)
@@ -1395,6 +1402,21 @@ void SettingsContract::replacedTreeIsNotSaved()
     const Reply<Status> status = settings().status();
     QVERIFY(status.wait());
     QCOMPARE(status.value().lastWriteError, flush.error().message);
+}
+
+void SettingsContract::treeDigestTellsDefaultTreesApart()
+{
+    QString error;
+    const QString before = QString::fromLatin1(treeDigest(tree().defaultPath(), &error));
+    QCOMPARE(answerOf(settings().treeDigest()), before);
+
+    tree().writeDefault(QStringLiteral("/audio/new"), QByteArrayLiteral("{}"));
+    QCOMPARE(answerOf(settings().treeDigest()), before);
+    QVERIFY(settings().dropCache().wait());
+    const QString after = QString::fromLatin1(treeDigest(tree().defaultPath(), &error));
+
+    QVERIFY(after != before);
+    QCOMPARE(answerOf(settings().treeDigest()), after);
 }
 
 void SettingsContract::dropCacheReadsTheFilesAgain()

@@ -104,6 +104,7 @@ private slots:
     void changeIsOnDiskAfterAFlush();
     void replacedTreeIsNotSaved();
     void dropCacheReadsTheFilesAgain();
+    void treeDigestTellsDefaultTreesApart();
     void statusTells();
 
 private:

@@ -255,6 +255,8 @@ public:
     /// Discards cached values: settings are read from their files again. Answers true.
     virtual Reply<bool> dropCache() = 0;
     virtual Reply<Status> status() = 0;
+    /// The SHA-256, in hexadecimal digits, of the default tree: tells one image from another.
+    virtual Reply<QString> treeDigest() = 0;
     /// Paths of settings whose last write failed or was not confirmed, at most so many.
     virtual Reply<QStringList> unsavedPaths(int maximum) = 0;
 
