@@ -66,7 +66,7 @@ DirectoryRows Dispatcher::rowsOf(const TuloRowsRoles& answer, const QStringList&
     for (const QVariant& entry : answered) {
         // Behind the roles that were asked for: path and type.
         QList<QVariant> values = entry.toList();
-        TULO_ASSERT(values.size() == roles.size() + 2);
+        TULO_ASSERT(values.size() == roles.size() + Guard::addedRowRoles);
         DirectoryRow row;
         row.isDirectory = values.takeLast().toInt() == TuloRolesType::Directory;
         row.path = CMPath::fromVariant(values.takeLast());

@@ -57,6 +57,7 @@ public:
 
     static constexpr int maximumRows = Settings::maximumRows; ///< answered by one request
     static constexpr int maximumRoles = 64; ///< named by one request
+    static constexpr int addedRowRoles = 2; ///< that the dispatcher names beside those of a listing
     static constexpr int maximumDepth = 8; ///< of lists and objects inside a value
     static constexpr int maximumValueBytes = 48 * 1024; ///< of a value, as JSON
     static constexpr int maximumCreated = 10000; ///< settings without a default file in a tree
