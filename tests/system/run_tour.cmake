@@ -1,6 +1,6 @@
 # ./run alone, not on a terminal, shows a few commands and what they print.
 #
-#   cmake -D SOURCE_DIR=... -P run_tour.cmake
+#   cmake -D SOURCE_DIR=... -D WORK_DIR=... -P run_tour.cmake
 execute_process(COMMAND ${SOURCE_DIR}/run
     INPUT_FILE /dev/null
     RESULT_VARIABLE result OUTPUT_VARIABLE text ERROR_VARIABLE errors)
@@ -15,10 +15,13 @@ if(given LESS 3 OR NOT answered EQUAL given)
     message(FATAL_ERROR "./run: ${given} commands with ${answered} answers:\n${text}")
 endif()
 
-# Arguments and the exit code pass through: no such setting, one directory alone.
+# Arguments and the exit code pass through, also through a link: no such setting, one directory
+# alone.
+file(MAKE_DIRECTORY ${WORK_DIR})
+file(CREATE_LINK ${SOURCE_DIR}/run ${WORK_DIR}/link SYMBOLIC)
 foreach(case IN ITEMS "3;get;/settings/no/such/setting" "2;--write-path;/tmp;get;/settings/x")
     list(POP_FRONT case expected)
-    execute_process(COMMAND ${SOURCE_DIR}/run ${case}
+    execute_process(COMMAND ${WORK_DIR}/link ${case}
         INPUT_FILE /dev/null
         RESULT_VARIABLE result OUTPUT_VARIABLE text ERROR_VARIABLE errors)
     if(NOT result EQUAL expected OR errors STREQUAL "")
