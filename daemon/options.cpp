@@ -1,5 +1,6 @@
 #include "daemon/options.h"
 
+#include "client/base/checks.h"
 #include "engine/engine.h"
 #include "trees/nodenames.h"
 
@@ -32,10 +33,13 @@ QString check(const DaemonOptions& options)
     }
     if (!options.language.isEmpty() && options.catalogues.isEmpty())
         return QStringLiteral("'--language' needs '--catalogues'");
+    QString reason = checkBus(options.bus);
+    if (!reason.isEmpty())
+        return reason;
     const QStringList directories =
         QStringList { options.defaultPath, options.writePath } + options.catalogues;
     for (const QString& directory : directories) {
-        QString reason = checkDirectory(directory);
+        reason = checkDirectory(directory);
         if (!reason.isEmpty())
             return reason;
     }

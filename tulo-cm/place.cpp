@@ -2,6 +2,7 @@
 
 #include "tulo-cm/commandline.h"
 
+#include "client/base/checks.h"
 #include "trees/nodenames.h"
 
 #include <tulo/remotesettings.h>
@@ -46,15 +47,7 @@ QString validateService(const Arguments& arguments)
     }
     if (arguments.isSet(general::bus) && arguments.isSet(general::host))
         return excludes(general::bus, general::host);
-    const QString bus = arguments.value(general::bus);
-    // An address begins with the kind of transport and ':'.
-    if (arguments.isSet(general::bus) && bus != QLatin1String("system")
-        && bus != QLatin1String("session") && !bus.contains(QLatin1Char(':'))) {
-        return QStringLiteral("'%1' is not a bus, which is system, session or an address such as "
-                              "unix:path=/run/dbus/system_bus_socket")
-            .arg(bus);
-    }
-    return QString();
+    return arguments.isSet(general::bus) ? checkBus(arguments.value(general::bus)) : QString();
 }
 
 QString validateDirectory(const QString& path)

@@ -43,6 +43,17 @@ QString shownPath(const QString& path)
                                           : text.left(shownPathLength) + QLatin1String("...");
 }
 
+QString checkBus(const QString& bus)
+{
+    // An address begins with the kind of transport and ':'.
+    if (bus == QLatin1String("system") || bus == QLatin1String("session")
+        || bus.contains(QLatin1Char(':')))
+        return QString();
+    return QStringLiteral("'%1' is not a bus, which is system, session or an address such as "
+                          "unix:path=/run/dbus/system_bus_socket")
+        .arg(bus);
+}
+
 Error checkPath(const QString& path)
 {
     if (path.isEmpty())

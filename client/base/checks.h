@@ -19,6 +19,10 @@ inline constexpr int maximumLevels = 16;
 inline constexpr int maximumNameBytes = 200; ///< of a component, in UTF-8
 inline constexpr int maximumPathBytes = 1000; ///< of a whole path, in UTF-8
 
+/// What is wrong with a text that names a bus: "system", "session" or an address. Empty when
+/// nothing is.
+TULO_SETTINGS_EXPORT QString checkBus(const QString& bus);
+
 /// What is wrong with a path by itself.
 TULO_SETTINGS_EXPORT Error checkPath(const QString& path);
 

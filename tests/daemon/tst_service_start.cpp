@@ -35,6 +35,7 @@ private slots:
     void findingStopsTheStart();
     void directoriesAreChecked_data();
     void directoriesAreChecked();
+    void busWhoseNameIsMistypedIsWrongUsage();
     void treeThatMayNotBeWrittenStopsTheStart();
     void harmlessFindingIsLoggedAndServed();
     void directoryOfAnotherUserStopsTheStart();
@@ -179,6 +180,20 @@ void TstServiceStart::directoriesAreChecked()
 
     QCOMPARE(result.standardError.split('\n').first(),
              "ERROR tulo-settingsd: " + line.replace("%T", base.toUtf8()));
+    QCOMPARE(result.exitCode, 2);
+}
+
+void TstServiceStart::busWhoseNameIsMistypedIsWrongUsage()
+{
+    const CommandLine trees;
+
+    ServiceProcess service(trees, QStringLiteral("sesion"));
+    QVERIFY(service.start());
+    const ChildResult result = service.finish();
+
+    QCOMPARE(result.standardError,
+             QByteArray("ERROR tulo-settingsd: 'sesion' is not a bus, which is system, session or "
+                        "an address such as unix:path=/run/dbus/system_bus_socket\n"));
     QCOMPARE(result.exitCode, 2);
 }
 
