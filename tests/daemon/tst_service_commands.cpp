@@ -331,12 +331,17 @@ void TstServiceCommands::unsavedSettingsAreCountedForWhoMayNotNameThem()
     QCOMPARE(runOn(bus, "set /settings/audio/volume 40").exitCode, 0);
     const ChildResult flush = runOn(bus, "flush");
     const ChildResult status = runOn(bus, "--json status");
+    const ChildResult shownStatus = runOn(bus, "status");
 
     QVERIFY2(flush.standardError.startsWith(message), flush.standardError);
     QCOMPARE(flush.exitCode, 6);
     QVERIFY2(status.standardOutput.contains(R"("unsavedCount":1)"), status.standardOutput);
     QVERIFY2(status.standardOutput.contains(paths), status.standardOutput);
     QCOMPARE(status.exitCode, 0);
+    QVERIFY2(shownStatus.standardOutput.simplified().contains(" failed writes 1 last error "),
+             shownStatus.standardOutput);
+    QCOMPARE(shownStatus.standardOutput.contains("\nlast write failed  /settings/audio/volume\n"),
+             denied.isEmpty());
 }
 
 // ---------------------------------------------------------------------------------------------

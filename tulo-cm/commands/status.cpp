@@ -86,13 +86,13 @@ void printTable(Output& output, const Status& status, const QStringList& unsaved
         { QStringLiteral("writable"),
           status.isWritable ? QStringLiteral("yes") : QStringLiteral("no") },
         { QStringLiteral("pending writes"), QString::number(status.pendingWrites) },
-        { QStringLiteral("unsaved settings"), QString::number(status.unsavedCount) },
+        { QStringLiteral("failed writes"), QString::number(status.unsavedCount) },
         { QStringLiteral("last error"), orNone(status.lastWriteError) },
         { QStringLiteral("uptime"), QStringLiteral("%1 s").arg(figures.uptimeSeconds) },
         { QStringLiteral("memory"), QStringLiteral("%1 KiB").arg(figures.memoryBytes / 1024) },
     };
     for (const QString& path : unsavedPaths)
-        lines.append({ QStringLiteral("unsaved"), path });
+        lines.append({ QStringLiteral("last write failed"), path });
     output.table({}, lines);
 }
 
@@ -124,8 +124,8 @@ Command status()
              "",
              {},
              {},
-             "Shows the status of the service: its version and process, its directories, and "
-             "changes that\nare not on disk.",
+             "Shows the status of the service: its version and process, its directories, "
+             "pending\nwrites, and the settings whose last write failed.",
              "status",
              Command::Where::ServiceOrShell,
              Command::Needs::Settings,
