@@ -7,6 +7,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <csignal>
 #include <memory>
 #include <vector>
 
@@ -88,6 +89,7 @@ private slots:
     void exampleRejectsWhatIsNotANumber_data();
     void exampleRejectsWhatIsNotANumber();
     void exampleInPythonSaysThatThereIsNoService();
+    void exampleInPythonEndsQuietlyOnCtrlC();
     void readmeShowsAProgramThatRuns();
     void documentShowsTheProgramOfTheReadme();
     void documentShowsATestThatPasses();
@@ -241,6 +243,24 @@ void TstClientPrograms::exampleInPythonSaysThatThereIsNoService()
     QCOMPARE(result.exitCode, 1);
     QVERIFY2(result.standardError.startsWith("no volume: "), result.standardError.constData());
     QCOMPARE(result.standardError.count('\n'), 1);
+}
+
+void TstClientPrograms::exampleInPythonEndsQuietlyOnCtrlC()
+{
+    TestSettings test;
+    test.writeDefault(volumePath, R"({"value":{"int":35}})");
+    QVERIFY2(test.start(), qPrintable(test.error()));
+    const QStringList words = example(QString());
+    ChildProcess program(words.first(), words.mid(1));
+    program.setVariable(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), test.busAddress());
+    QVERIFY(program.start());
+    QVERIFY2(program.waitForOutput("volume 35\n"), program.standardError().constData());
+
+    program.sendSignal(SIGINT);
+    const ChildResult result = program.finish();
+
+    QCOMPARE(result.standardError, QByteArray());
+    QCOMPARE(result.exitCode, 130);
 }
 
 void TstClientPrograms::readmeShowsAProgramThatRuns()
