@@ -190,10 +190,7 @@ int Output::report(const Error& error)
 
 int Output::reportUsage(const QString& message)
 {
-    const bool hasNumber = m_inputLine > 0 && !isJson();
-    return report(Usage, "Usage",
-                  hasNumber ? QStringLiteral("line %1: %2").arg(m_inputLine).arg(message) : message,
-                  QString());
+    return report(Usage, "Usage", message, QString());
 }
 
 int Output::report(int exitCode, const char* name, const QString& message, const QString& path)
@@ -207,7 +204,9 @@ int Output::report(int exitCode, const char* name, const QString& message, const
     }
     // A message that names the path needs no second time.
     const bool needsPath = !path.isEmpty() && !message.contains(path);
-    note(needsPath ? path + QLatin1String(": ") + message : message);
+    const QString place =
+        m_inputLine > 0 ? QStringLiteral("line %1: ").arg(m_inputLine) : QString();
+    note(place + (needsPath ? path + QLatin1String(": ") + message : message));
     return exitCode;
 }
 

@@ -48,7 +48,7 @@ public:
     /// that drives the shell finds them in their place.
     void setErrorsInPlace() { m_errorsInPlace = true; }
 
-    /// From now on a message about wrong usage names this line of the input; none for 0.
+    /// From now on what is reported for people names this line of the input; none for 0.
     void setInputLine(int line) { m_inputLine = line; }
 
     /// One line of text for people.

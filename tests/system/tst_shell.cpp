@@ -150,6 +150,9 @@ void TstShell::lines_data()
         << QByteArray(
                "tulo-cm: line 3: unknown command 'gte'; commands are: get, ls, tree, set, op, watch, unwatch, flush, drop-cache, check, status, wait, help, quit\n")
         << 2;
+    QTest::newRow("error of the second line")
+        << QByteArray("\nset /settings/audio 1") << QByteArray()
+        << QByteArray("tulo-cm: line 2: Path '/settings/audio' is a directory\n") << 4;
     QTest::newRow("option of the program")
         << QByteArray("get --json /settings/audio/volume") << QByteArray()
         << QByteArray(
@@ -171,10 +174,15 @@ void TstShell::lines_data()
     QTest::newRow("flush") << QByteArray("flush") << QByteArray() << QByteArray() << 0;
     QTest::newRow("watch nothing there")
         << QByteArray("watch /settings/audio/volum") << QByteArray()
-        << QByteArray("tulo-cm: Invalid path '/settings/audio/volum'\n") << 3;
+        << QByteArray("tulo-cm: line 1: Invalid path '/settings/audio/volum'\n") << 3;
     QTest::newRow("initial value")
         << QByteArray("watch --initial /settings/audio/volume")
         << QByteArray("value /settings/audio/volume 35\n") << QByteArray() << 0;
+    QTest::newRow("count is without the initial value")
+        << QByteArray("watch --initial --count 1 /settings/audio/volume\n"
+                      "set /settings/audio/volume 40\nset /settings/audio/volume 45")
+        << QByteArray("value /settings/audio/volume 35\nvalue /settings/audio/volume 40\n40\n45\n")
+        << QByteArray() << 0;
     QTest::newRow("paths without and with a slash too many")
         << QByteArray("watch settings/audio/volume/\nset /settings/audio/volume 40\n"
                       "unwatch settings/audio/volume\nset /settings/audio/volume 45")

@@ -126,6 +126,8 @@ int run(Context& context, const Arguments&)
             output.setInputLine(lineNumber);
         if (!isComment(line))
             exitCode = firstFailure(exitCode, runLine(context, line));
+        // What comes between two lines belongs to neither.
+        output.setInputLine(0);
         output.flush();
     }
     return exitCode;

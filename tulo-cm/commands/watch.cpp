@@ -6,7 +6,8 @@ namespace tulo {
 namespace {
 
 constexpr Option recursiveOption { "recursive", "", "everything at and below the paths", "r" };
-constexpr Option countOption { "count", "N", "stop after N events" };
+constexpr Option countOption { "count", "N",
+                               "stop after N events; what --initial prints is not one" };
 constexpr Option initialOption { "initial", "", "begin with what is there now" };
 
 int run(Context& context, const Arguments& arguments)
