@@ -100,13 +100,16 @@ void BusAdaptor::on_bus_called(const BusCall& call)
         { wire::setRoles, &BusAdaptor::setRoles },
         { wire::apply, &BusAdaptor::apply },
         { wire::setMany, &BusAdaptor::setMany },
+        { wire::reset, &BusAdaptor::reset },
+        { wire::resetBelow, &BusAdaptor::resetBelow },
         { wire::flush, &BusAdaptor::flush },
         { wire::dropCache, &BusAdaptor::dropCache },
         { wire::getUnsaved, &BusAdaptor::getUnsaved },
     } };
     const auto* const entry =
         std::find_if(entries.begin(), entries.end(), [&call](const Entry& one) {
-            return std::strcmp(one.method.member, call.method->member) == 0;
+            return std::strcmp(one.method.interface, call.method->interface) == 0
+                && std::strcmp(one.method.member, call.method->member) == 0;
         });
     Q_ASSERT(entry != entries.end());
     ++m_unanswered;
@@ -244,6 +247,25 @@ void BusAdaptor::setMany(quint64 call, const Arguments& arguments)
         std::transform(changes.begin(), changes.end(), changes.begin(), carried);
         return wire::changesToArguments(changes);
     });
+}
+
+void BusAdaptor::reset(quint64 call, const Arguments& arguments)
+{
+    ResetOptions options;
+    if (fail(call, wire::resetOptionsFromMap(arguments.at(1).toMap(), &options)))
+        return;
+    answer(call, m_settings.reset(arguments.at(0).toStringList(), options),
+           [](const QStringList& settings) { return Arguments { settings }; });
+}
+
+void BusAdaptor::resetBelow(quint64 call, const Arguments& arguments)
+{
+    ResetOptions options;
+    if (fail(call, wire::resetOptionsFromMap(arguments.at(1).toMap(), &options)))
+        return;
+    options.isRecursive = true;
+    answer(call, m_settings.reset(arguments.at(0).toStringList(), options),
+           [](const QStringList& settings) { return Arguments { settings }; });
 }
 
 void BusAdaptor::flush(quint64 call, const Arguments& /*arguments*/)

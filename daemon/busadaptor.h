@@ -58,6 +58,8 @@ private:
     void apply(quint64 call, const Arguments& arguments);
     void getTreeDigest(quint64 call, const Arguments& arguments);
     void setMany(quint64 call, const Arguments& arguments);
+    void reset(quint64 call, const Arguments& arguments);
+    void resetBelow(quint64 call, const Arguments& arguments);
     void flush(quint64 call, const Arguments& arguments);
     void dropCache(quint64 call, const Arguments& arguments);
     void getUnsaved(quint64 call, const Arguments& arguments);

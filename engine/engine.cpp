@@ -1,12 +1,25 @@
 #include "engine/engine.h"
 
+#include "client/base/checks.h"
+#include "engine/errors.h"
 #include "engine/loader.h"
 #include "trees/journal.h"
 #include "trees/separator.h"
+#include "trees/writtenfiles.h"
 
 #include "api/core/language.h"
+#include "api/core/tulo.h"
 
+#include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
+#include <QSet>
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include <unistd.h>
 
 namespace tulo {
 
@@ -124,31 +137,43 @@ void Engine::finishJournal()
     const JournalResult result = redoJournal(m_lock.directory());
     if (!result.message.isEmpty())
         m_notes.append(QStringLiteral("'%1': %2").arg(m_writePath, result.message));
-    if (result.status == JournalResult::Status::Unfinished) {
-        m_readOnlyReason = QStringLiteral("The writable tree '%1' admits no change: %2")
-                               .arg(m_writePath, result.message);
-    }
+    if (result.status == JournalResult::Status::Unfinished)
+        m_readOnlyReason = noChangeReason(result.message);
 }
 
-bool Engine::createWorker(EngineFailure* failure)
+QString Engine::noChangeReason(const QString& reason) const
+{
+    return QStringLiteral("The writable tree '%1' admits no change: %2").arg(m_writePath, reason);
+}
+
+std::unique_ptr<CMWorker> Engine::newWorker(EngineFailure* failure) const
 {
     QVariantHash configuration { { QStringLiteral("default_path"), m_defaultPath },
                                  { QStringLiteral("write_path"), m_writePath } };
     if (!m_options.productPostfix.isNull())
         configuration.insert(QStringLiteral("product_postfix"), m_options.productPostfix);
     LoadResult loaded = loadWorker(m_options.pluginFile, configuration);
-    if (!loaded.worker)
-        return fail(failure, EngineFailure::Kind::NoPlugin, loaded.message);
+    if (!loaded.worker) {
+        fail(failure, EngineFailure::Kind::NoPlugin, loaded.message);
+        return nullptr;
+    }
 
     // Had one gone since it was looked at, the worker would now be on the device's own tree.
     for (const QString& path : { m_defaultPath, m_writePath }) {
         if (QFileInfo(path).canonicalFilePath() != path) {
-            return fail(failure, EngineFailure::Kind::NoAccess,
-                        QStringLiteral("Directory '%1' has gone").arg(path));
+            fail(failure, EngineFailure::Kind::NoAccess,
+                 QStringLiteral("Directory '%1' has gone").arg(path));
+            return nullptr;
         }
     }
+    return std::move(loaded.worker);
+}
 
-    m_worker = std::move(loaded.worker);
+bool Engine::createWorker(EngineFailure* failure)
+{
+    m_worker = newWorker(failure);
+    if (!m_worker)
+        return false;
     m_writes = std::make_unique<WriteTracker>(m_writePath, m_worker->prefixPath());
     m_writes->attach();
     m_router.addWorker(m_worker.get());
@@ -166,6 +191,196 @@ bool Engine::createWorker(EngineFailure* failure)
             Language::instance()->setLocale(m_options.language, m_options.catalogues);
     }
     return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Reset: the written layer of settings is taken away.
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+Error notReset(ErrorCode code, const QString& reason)
+{
+    return { code, QStringLiteral("Nothing was reset: ") + reason, QString() };
+}
+
+/// What a recursive reset leaves as it is.
+class KeptPaths
+{
+public:
+    Error add(const QString& glob)
+    {
+        QString text = glob;
+        while (text.endsWith(separator))
+            text.chop(1);
+        const QRegularExpression pattern(QRegularExpression::wildcardToRegularExpression(text));
+        if (!text.startsWith(separator) || !pattern.isValid()) {
+            return { ErrorCode::Refused,
+                     QStringLiteral("'%1' is not a path to keep: it begins with '/', and '*' and "
+                                    "'?' stand for any characters of a name")
+                         .arg(shownPath(glob)),
+                     QString() };
+        }
+        m_patterns.append(pattern);
+        return {};
+    }
+
+    /// Tells whether a path or a directory that it is in is kept.
+    bool contains(const QString& path) const
+    {
+        for (QString above = path; !above.isEmpty(); above.truncate(above.lastIndexOf(separator))) {
+            const auto matches = [&above](const QRegularExpression& pattern) {
+                return pattern.match(above).hasMatch();
+            };
+            if (std::any_of(m_patterns.cbegin(), m_patterns.cend(), matches))
+                return true;
+        }
+        return false;
+    }
+
+private:
+    QVector<QRegularExpression> m_patterns;
+};
+
+Error checkResetRequest(const QStringList& paths, const ResetOptions& options, KeptPaths* kept)
+{
+    if (paths.size() > Settings::maximumChanges || options.keep.size() > Settings::maximumPaths) {
+        return { ErrorCode::Limits,
+                 QStringLiteral("A request resets more than %1 paths or keeps more than %2")
+                     .arg(Settings::maximumChanges)
+                     .arg(Settings::maximumPaths),
+                 QString() };
+    }
+    if (!options.isRecursive && !options.keep.isEmpty()) {
+        return { ErrorCode::Refused, QStringLiteral("Only a recursive reset keeps paths"),
+                 QString() };
+    }
+    Error error;
+    for (auto glob = options.keep.cbegin(); glob != options.keep.cend() && !error; ++glob)
+        error = kept->add(*glob);
+    return error;
+}
+
+} // namespace
+
+Error Engine::planReset(const QStringList& paths, const ResetOptions& options, Reset* reset)
+{
+    KeptPaths kept;
+    Error error = checkResetRequest(paths, options, &kept);
+    for (auto path = paths.cbegin(); path != paths.cend() && !error; ++path)
+        error = errorOf(m_guard->checkReset(CMPath(*path), options.isRecursive), *path);
+    if (error)
+        return error;
+    const QString problem = m_flusher->writePending();
+    if (!problem.isEmpty())
+        return notReset(ErrorCode::NotSaved, problem);
+    if (m_writes->unsavedCount() > 0)
+        return notReset(ErrorCode::NotSaved, m_writes->lastError());
+
+    const WrittenFiles files(m_defaultPath, m_writePath, m_options.productPostfix);
+    QSet<QString> settings;
+    QSet<QString> directories;
+    const auto add = [this, &kept](const QStringList& settingPaths, QSet<QString>* nodes) {
+        for (const QString& settingPath : settingPaths) {
+            const QString node = m_worker->addPrefix(settingPath).text();
+            if (!kept.contains(node))
+                nodes->insert(node);
+        }
+    };
+    for (const QString& path : paths) {
+        const QString settingPath = Guard::settingPathOf(CMPath(path));
+        if (options.isRecursive) {
+            add(files.settingsBelow(settingPath), &settings);
+            add(files.strayDirectoriesBelow(settingPath), &directories);
+        } else if (files.isWritten(settingPath)) {
+            add({ settingPath }, &settings);
+            add(files.strayDirectoriesAbove(settingPath), &directories);
+        } else if (!files.hasDefault(settingPath)) {
+            return { ErrorCode::Refused,
+                     QStringLiteral("The file of '%1' in the writable tree holds more than a "
+                                    "setting does; remove it by hand if nothing needs it")
+                         .arg(shownPath(path)),
+                     path };
+        }
+    }
+    reset->settings = QStringList(settings.cbegin(), settings.cend());
+    reset->settings.sort();
+    reset->directories = QStringList(directories.cbegin(), directories.cend());
+    // What is inside of a directory has the longer path.
+    std::sort(reset->directories.begin(), reset->directories.end(),
+              [](const QString& left, const QString& right) {
+                  return left.size() != right.size() ? left.size() > right.size() : left < right;
+              });
+    return {};
+}
+
+Error Engine::carryOut(Reset* reset)
+{
+    if (reset->settings.isEmpty() && reset->directories.isEmpty())
+        return {};
+    const WrittenFiles files(m_defaultPath, m_writePath, m_options.productPostfix);
+    QStringList settingPaths;
+    for (const QString& path : qAsConst(reset->settings))
+        settingPaths.append(Guard::settingPathOf(CMPath(path)));
+    const bool isAnyGone =
+        !std::all_of(settingPaths.cbegin(), settingPaths.cend(),
+                     [&files](const QString& setting) { return files.hasDefault(setting); });
+    // Before anything is removed: it may fail.
+    std::unique_ptr<CMWorker> successor;
+    EngineFailure failure;
+    if (isAnyGone || !reset->directories.isEmpty()) {
+        successor = newWorker(&failure);
+        if (!successor)
+            return notReset(ErrorCode::Unavailable, failure.message);
+    }
+
+    QVector<FileChange> removals;
+    for (const QString& settingPath : qAsConst(settingPaths))
+        removals.append({ settingPath, std::nullopt });
+    const JournalResult result = commitChanges(m_lock.directory(), removals);
+    if (result.status == JournalResult::Status::Refused)
+        return notReset(ErrorCode::NotSaved, result.message);
+    reset->directories = removeEmpty(reset->directories);
+
+    m_writes->forget(reset->settings);
+    for (const QString& settingPath : qAsConst(settingPaths))
+        m_guard->forgetCreated(settingPath);
+    if (isAnyGone || !reset->directories.isEmpty())
+        replaceWorker(std::move(successor));
+    // The guard's as well.
+    const CMError error = m_dispatcher->dropCache().error();
+    TULO_ASSERT(errorCode(error) == ErrorCode::None);
+    if (result.status == JournalResult::Status::Done)
+        return {};
+    // The next opening of the tree finishes it; what is written before could be undone by that.
+    m_guard->setReadOnly(noChangeReason(result.message));
+    return { ErrorCode::NotSaved,
+             QStringLiteral("The reset is finished by the next start: ") + result.message,
+             QString() };
+}
+
+QStringList Engine::removeEmpty(const QStringList& directories) const
+{
+    QStringList removed;
+    for (const QString& path : directories) {
+        const QString fileName = m_writePath + Guard::settingPathOf(CMPath(path));
+        if (::rmdir(QFile::encodeName(fileName).constData()) == 0)
+            removed.append(path);
+    }
+    return removed;
+}
+
+void Engine::replaceWorker(std::unique_ptr<CMWorker> successor)
+{
+    m_router.removeWorker(m_worker.get());
+    m_router.addWorker(successor.get());
+    m_guard->setWorker(successor.get());
+    m_flusher->setWorker(successor.get());
+    for (CMSubscriber* const observer : qAsConst(m_observers)) {
+        m_worker->subscribe()->unsubscribe(observer);
+        successor->subscribe()->addObserver(observer);
+    }
+    m_worker = std::move(successor);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -208,6 +423,18 @@ Guard& Engine::guard()
 CMSubscribe* Engine::registry() const
 {
     return m_worker ? m_worker->subscribe() : nullptr;
+}
+
+void Engine::addObserver(CMSubscriber* observer)
+{
+    m_observers.append(observer);
+    registry()->addObserver(observer);
+}
+
+void Engine::removeObserver(CMSubscriber* observer)
+{
+    m_observers.removeAll(observer);
+    registry()->unsubscribe(observer);
 }
 
 void Engine::flush(const Flusher::Done& done)

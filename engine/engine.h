@@ -7,10 +7,13 @@
 #include "engine/writetracker.h"
 #include "trees/ownerlock.h"
 
+#include <tulo/settings.h>
+
 #include "api/core/model/cmsubscribe.h"
 
 #include <QString>
 #include <QStringList>
+#include <QVector>
 
 #include <memory>
 #include <optional>
@@ -82,15 +85,33 @@ public:
     Dispatcher& dispatcher();
     /// Valid until stop().
     Guard& guard();
-    /// Where changes are announced: add an observer, and unsubscribe it before stop(). It keeps
-    /// every path that is subscribed to. Null after stop().
+    /// Where changes are announced until the worker is renewed: see addObserver(). It keeps every
+    /// path that is subscribed to. Null after stop().
     CMSubscribe* registry() const;
+    /// Hears everything that workers of this engine announce, until removeObserver(), which comes
+    /// before stop().
+    void addObserver(CMSubscriber* observer);
+    void removeObserver(CMSubscriber* observer);
     const WriteTracker& writes() const;
     WriteTracker& writes();
 
     /// Gets everything accepted onto the disk: see Flusher. `done` is called once, on this
     /// thread, at the latest by stop().
     void flush(const Flusher::Done& done);
+
+    /// What is to be reset, by path.
+    struct Reset
+    {
+        QStringList settings; ///< to remove the written files of, sorted
+        QStringList directories; ///< to remove if they are empty then, deepest first
+    };
+    /// Has what is pending written, and finds which of `paths` and, in a recursive reset, of
+    /// everything below them have written files.
+    Error planReset(const QStringList& paths, const ResetOptions& options, Reset* reset);
+    /// Removes the written files, all or none, and drops caches. The worker never forgets a name
+    /// that it listed, so it is renewed when one is gone. The directories become those that were
+    /// removed.
+    Error carryOut(Reset* reset);
 
     // Canonical.
     QString defaultPath() const;
@@ -121,7 +142,11 @@ private:
     bool chooseDirectories(EngineFailure* failure);
     bool takeTree(EngineFailure* failure);
     void finishJournal();
+    QString noChangeReason(const QString& reason) const;
     bool createWorker(EngineFailure* failure);
+    std::unique_ptr<CMWorker> newWorker(EngineFailure* failure) const;
+    void replaceWorker(std::unique_ptr<CMWorker> successor);
+    QStringList removeEmpty(const QStringList& directories) const;
 
     const EngineOptions m_options;
     QString m_defaultPath;
@@ -136,6 +161,7 @@ private:
     std::unique_ptr<WriteTracker> m_writes;
     Router m_router;
     std::unique_ptr<CMWorker> m_worker;
+    QVector<CMSubscriber*> m_observers;
     std::unique_ptr<Guard> m_guard;
     std::unique_ptr<Dispatcher> m_dispatcher;
     std::unique_ptr<Flusher> m_flusher;

@@ -52,6 +52,11 @@ Flusher::~Flusher()
 // A flush: write, sync, answer.
 // ---------------------------------------------------------------------------------------------
 
+void Flusher::setWorker(CMWorker* worker)
+{
+    m_worker = worker;
+}
+
 void Flusher::flush(const Done& done)
 {
     m_waiting.append(done);
@@ -110,7 +115,6 @@ void Flusher::begin()
     m_deadline.start();
 }
 
-// Empty, or the reason why nothing can be written.
 QString Flusher::writePending()
 {
     const QVector<WriteTracker::Change> unsaved = m_writes->unsavedChanges();

@@ -60,6 +60,12 @@ public:
     ~Flusher() override;
     Q_DISABLE_COPY(Flusher)
 
+    /// From now on this worker is asked to write.
+    void setWorker(CMWorker* worker);
+
+    /// Has the worker write what is pending, and again what it could not write before. Returns the
+    /// reason when nothing can be written; what became of each write is in the WriteTracker.
+    [[nodiscard]] QString writePending();
     /// Calls `done` on this thread, later, once; from the event loop or from flushNow().
     void flush(const Done& done);
     /// Waits for its end, without the event loop; answers everybody else who waits.
@@ -76,12 +82,11 @@ private slots:
 
 private:
     void begin();
-    QString writePending();
     void startSync();
     void fail(const QString& error);
     void answer(const QString& error);
 
-    CMWorker* const m_worker;
+    CMWorker* m_worker;
     Dispatcher* const m_dispatcher;
     const OwnerLock* const m_lock;
     WriteTracker* const m_writes;

@@ -4,6 +4,7 @@
 #include "trees/nodenames.h"
 #include "trees/separator.h"
 #include "trees/settingvalue.h"
+#include "trees/writtenfiles.h"
 
 #include "api/core/model/cmsubscribe.h"
 #include "api/core/model/tulosettingsactions.h"
@@ -47,13 +48,6 @@ CMError overLimit(const QString& reason, const CMPath& path, int limit)
 bool isRefused(const CMError& error)
 {
     return errorCode(error) != ErrorCode::None;
-}
-
-// The path inside the trees; begins with "/".
-QString settingPathOf(const CMPath& path)
-{
-    const QString& base = path.base();
-    return base.startsWith(separator) ? base : separator + base;
 }
 
 QString parentOf(const QString& settingPath)
@@ -194,6 +188,17 @@ Guard::Guard(CMWorker* worker, const QString& defaultPath, const QString& writeP
 {
 }
 
+QString Guard::settingPathOf(const CMPath& path)
+{
+    const QString& base = path.base();
+    return base.startsWith(separator) ? base : separator + base;
+}
+
+void Guard::setWorker(CMWorker* worker)
+{
+    m_worker = worker;
+}
+
 void Guard::setReadOnly(const QString& message)
 {
     m_readOnlyMessage = message;
@@ -327,11 +332,8 @@ CMRequest Guard::admitChange(const Target& target, const CMSetDataRequest& reque
 
 void Guard::retract(const Target& target)
 {
-    if (!target.isNew)
-        return;
-    const QString settingPath = settingPathOf(target.path);
-    if (m_created[parentOf(settingPath)].remove(nameOf(settingPath)))
-        --m_createdCount;
+    if (target.isNew)
+        forgetCreated(settingPathOf(target.path));
 }
 
 CMError Guard::checkStoringAgain(const CMPath& path)
@@ -443,6 +445,41 @@ CMError Guard::checkTarget(const CMPath& path, Target* target)
     return CMError();
 }
 
+CMError Guard::checkReset(const CMPath& path, bool isRecursive)
+{
+    const Error ofPath = checkPath(path.text());
+    if (ofPath)
+        return engineError(ofPath.code, ofPath.message);
+    if (!isServed(path))
+        return CMAbstractWorker::createErrorInvalidPath(path);
+    if (!m_readOnlyMessage.isEmpty())
+        return engineError(ErrorCode::Unavailable, m_readOnlyMessage);
+    const QString settingPath = settingPathOf(path);
+    if (isAction(m_worker->addPrefix(settingPath)))
+        return refusal(QStringLiteral("Path '%1' is an action"), path);
+    if (isRecursive && isDirectory(settingPath))
+        return checkWritableTree(path, settingPath);
+    if (isDirectory(settingPath)) {
+        return refusal(QStringLiteral("Path '%1' is a directory; only a recursive reset goes to "
+                                      "directories"),
+                       path);
+    }
+    CMError error = checkPlace(path, settingPath);
+    if (isRefused(error))
+        return error;
+    const std::optional<TuloRoles> roles = rolesOf(settingPath);
+    if (!roles)
+        return CMAbstractWorker::createErrorInvalidPath(path);
+    const WrittenFiles files(m_defaultPath, m_writePath, m_productPostfix);
+    // One that the image does not have takes the flag from its directory.
+    if (!roles->modifiable() && !isRecursive && files.hasDefault(settingPath)) {
+        return refusal(QStringLiteral("Setting '%1' is not modifiable; only a recursive reset "
+                                      "discards what is stored for it"),
+                       path, ErrorCode::NotModifiable);
+    }
+    return CMError();
+}
+
 // Whether the setting's files can be read and written, whatever the setting is.
 CMError Guard::checkPlace(const CMPath& path, const QString& settingPath)
 {
@@ -529,6 +566,13 @@ void Guard::countCreated(const QString& settingPath)
     const int before = names.size();
     names.insert(nameOf(settingPath));
     m_createdCount += names.size() - before;
+}
+
+void Guard::forgetCreated(const QString& settingPath)
+{
+    const auto names = m_created.find(parentOf(settingPath));
+    if (names != m_created.end() && names->remove(nameOf(settingPath)))
+        --m_createdCount;
 }
 
 void Guard::findCreated()

@@ -63,11 +63,16 @@ public:
     static constexpr int maximumCreated = 10000; ///< settings without a default file in a tree
     static constexpr int maximumCreatedInDirectory = 1000;
 
+    /// The path inside the trees; begins with "/".
+    static QString settingPathOf(const CMPath& path);
+
     /// `worker` serves the directories `defaultPath` and `writePath`, with the product variants
     /// of `productPostfix` unless that is null, and outlives the guard.
     Guard(CMWorker* worker, const QString& defaultPath, const QString& writePath,
           const QString& productPostfix = QString());
 
+    /// From now on it stands in front of this worker, which serves the same directories.
+    void setWorker(CMWorker* worker);
     /// From now on every change is refused with the code Unavailable and this message; an empty one
     /// admits changes again. The two actions stay admitted.
     void setReadOnly(const QString& message);
@@ -97,6 +102,12 @@ public:
     /// The admitted change to a new setting is not made.
     void retract(const Target& target);
 
+    /// What keeps a setting, or with `isRecursive` a setting or directory, from being reset; an
+    /// empty error when nothing does.
+    CMError checkReset(const CMPath& path, bool isRecursive);
+    /// A setting that was made at run time is gone.
+    void forgetCreated(const QString& settingPath);
+
     /// What keeps the files of a setting or directory from being read; an empty error when
     /// nothing does.
     CMError checkFiles(const CMPath& path);
@@ -108,6 +119,9 @@ public:
     /// The names that listings of a directory show, sorted, as far as files and the settings
     /// made through this guard tell.
     QStringList listedNames(const CMPath& directory) const;
+
+    /// Tells whether there is such a directory in a tree, or for an accepted change.
+    bool isDirectory(const QString& settingPath) const;
 
 private:
     CMError checkRows(const CMGetRowsRequest& request);
@@ -125,13 +139,11 @@ private:
 
     /// Tells whether `path` is the worker's, in either form.
     bool isServed(const CMPath& path) const;
-    /// Tells whether there is such a directory in a tree, or for an accepted change.
-    bool isDirectory(const QString& settingPath) const;
     /// What the worker knows of a setting or directory that tells what it may hold; nothing when
     /// the node does not exist.
     std::optional<TuloRoles> rolesOf(const QString& settingPath) const;
 
-    CMWorker* const m_worker;
+    CMWorker* m_worker;
     const QString m_defaultPath;
     const QString m_writePath;
     const QString m_productPostfix;

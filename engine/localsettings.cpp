@@ -6,6 +6,8 @@
 #include "trees/settingvalue.h"
 #include "trees/treestamp.h"
 
+#include <tulo/setting.h>
+
 #include "api/core/model/cmoperation.h"
 #include "api/core/tulo.h"
 #include "api/core/tulojson.h"
@@ -17,6 +19,8 @@
 #include <QSet>
 #include <QThread>
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace tulo {
@@ -82,7 +86,7 @@ LocalSettings::LocalSettings(const EngineOptions& options, std::unique_ptr<Engin
     : m_product(options.productPostfix)
     , m_engine(std::move(engine))
 {
-    m_engine->registry()->addObserver(this);
+    m_engine->addObserver(this);
     // Inside a log call of the worker, so it only looks: with each change, too, an event would be
     // too much.
     connect(
@@ -110,7 +114,7 @@ bool LocalSettings::stop()
     if (m_isStopped)
         return m_engine->stop();
     m_isStopped = true;
-    m_engine->registry()->unsubscribe(this);
+    m_engine->removeObserver(this);
     const bool isSaved = m_engine->stop();
     if (!m_isDestroyed)
         emit stateChanged(State::Away);
@@ -327,7 +331,7 @@ Error LocalSettings::readRows(const QString& path, int first, int last, const QS
     if (error)
         return error;
     rows->count = answer.count;
-    rows->version = answer.version;
+    rows->version = m_rowsVersions.value(absolute(path));
     rows->directory = plainRoles(answer.directory.__variant().toHash());
     for (const DirectoryRow& served : answer.rows) {
         Row row;
@@ -678,6 +682,124 @@ Reply<QVector<Change>> LocalSettings::setMany(const QVector<Assignment>& assignm
 }
 
 // ---------------------------------------------------------------------------------------------
+// Reset: the engine removes the written files, and what reads differently then is announced.
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+QString parentOf(const QString& path)
+{
+    return path.left(path.lastIndexOf(separator));
+}
+
+// The index of a name in a sorted listing; -1 when it is not there.
+int indexOf(const QStringList& names, const QString& name)
+{
+    const auto place = std::lower_bound(names.cbegin(), names.cend(), name);
+    const bool isThere = place != names.cend() && *place == name;
+    return isThere ? int(std::distance(names.cbegin(), place)) : -1;
+}
+
+} // namespace
+
+// The names that listings of a directory show. Where they are not those that the worker lists,
+// because files have come or gone since, indexes cannot tell what changes. Then a version is left
+// out, so that clients list the directory again.
+QStringList LocalSettings::listedNames(const CMPath& directory)
+{
+    CMError failure;
+    const int count = m_engine->dispatcher().rows(directory, 1, 0, {}, &failure).count;
+    const QStringList names = m_engine->guard().listedNames(directory);
+    if (errorCode(failure) != ErrorCode::None || count != names.size())
+        ++m_rowsVersions[directory.text()];
+    return names;
+}
+
+// Announces that a setting reads differently now; returns whether it does.
+bool LocalSettings::announceDifference(const QString& path, const QVariantMap& before)
+{
+    QVariantMap after;
+    const Error error = read(path, {}, &after);
+    if (!error && detail::isSameValue(before, after))
+        return false;
+    Event event;
+    event.kind = Event::Kind::Value;
+    event.path = path;
+    event.value = after.value(TuloRoles::Value());
+    const bool isEncrypted = before.value(TuloRoles::Encrypted()).toBool()
+        || after.value(TuloRoles::Encrypted()).toBool();
+    if (event.value.isValid() && !isEncrypted
+        && !detail::isSameValue(before.value(TuloRoles::Value()), event.value))
+        append(event);
+    dataChanged(CMPath(path));
+    return true;
+}
+
+void LocalSettings::announceReset(const Engine::Reset& reset,
+                                  const QHash<QString, QVariantMap>& before,
+                                  const QMap<QString, QStringList>& namesBefore)
+{
+    QMap<QString, QSet<QString>> names;
+    for (auto entry = namesBefore.cbegin(); entry != namesBefore.cend(); ++entry) {
+        const QStringList present = m_engine->guard().listedNames(CMPath(entry.key()));
+        names.insert(entry.key(), QSet<QString>(present.cbegin(), present.cend()));
+    }
+    // The rows that stay come first, as long as the indexes of before hold.
+    for (const QString& path : reset.settings) {
+        const QString directory = parentOf(path);
+        const QString name = nameOf(path);
+        const int row = indexOf(namesBefore.value(directory), name);
+        if (announceDifference(path, before.value(path)) && row >= 0
+            && names.value(directory).contains(name))
+            rowsChanged(CMPath(directory), QString::number(row), 0);
+    }
+    for (const QString& directory : reset.directories)
+        dataChanged(CMPath(directory));
+    for (auto entry = namesBefore.cbegin(); entry != namesBefore.cend(); ++entry) {
+        for (int row = entry->size() - 1; row >= 0; --row) {
+            if (!names.value(entry.key()).contains(entry->at(row)))
+                rowsChanged(CMPath(entry.key()), QStringLiteral("-%1").arg(row), 0);
+        }
+    }
+}
+
+Error LocalSettings::carryOutReset(const QStringList& paths, const ResetOptions& options,
+                                   QStringList* settings)
+{
+    Engine::Reset reset;
+    Error error = m_engine->planReset(paths, options, &reset);
+    if (error)
+        return error;
+    QHash<QString, QVariantMap> before;
+    for (const QString& path : qAsConst(reset.settings)) {
+        // One that cannot be read reads differently afterwards.
+        if (read(path, {}, &before[path]))
+            before.remove(path);
+    }
+    QMap<QString, QStringList> namesBefore;
+    for (const QString& path : reset.settings + reset.directories) {
+        const QString directory = parentOf(path);
+        if (!namesBefore.contains(directory))
+            namesBefore.insert(directory, listedNames(CMPath(directory)));
+    }
+    error = m_engine->carryOut(&reset);
+    m_keptValues.clear();
+    // After an error, too: one that was interrupted has removed some.
+    announceReset(reset, before, namesBefore);
+    *settings = reset.settings;
+    return error;
+}
+
+Reply<QStringList> LocalSettings::reset(const QStringList& paths, const ResetOptions& options)
+{
+    return enqueue<QStringList>([this, paths, options](const Promise<QStringList>& promise) {
+        QStringList settings;
+        const Error error = carryOutReset(paths, options, &settings);
+        answer(promise, error, settings);
+    });
+}
+
+// ---------------------------------------------------------------------------------------------
 // Disk, caches and status.
 // ---------------------------------------------------------------------------------------------
 
@@ -804,13 +926,14 @@ void LocalSettings::dataChanged(const CMPath& path)
     append(event);
 }
 
-void LocalSettings::rowsChanged(const CMPath& path, const QString& command, int version)
+// Versions are counted here: those of a worker begin again with it.
+void LocalSettings::rowsChanged(const CMPath& path, const QString& command, int)
 {
     Event event;
     event.kind = Event::Kind::Rows;
     event.path = path.text();
     event.command = command;
-    event.version = version;
+    event.version = ++m_rowsVersions[path.text()];
     append(event);
 }
 

@@ -8,6 +8,8 @@
 #include "api/core/model/cmsubscribe.h"
 
 #include <QCache>
+#include <QHash>
+#include <QMap>
 #include <QString>
 #include <QVector>
 
@@ -64,6 +66,7 @@ public:
                         const ChangeOptions& options = {}) override;
     Reply<QVector<Change>> setMany(const QVector<Assignment>& assignments,
                                    const ChangeOptions& options = {}) override;
+    Reply<QStringList> reset(const QStringList& paths, const ResetOptions& options = {}) override;
     Reply<int> flush() override;
     Reply<bool> dropCache() override;
     Reply<Status> status() override;
@@ -134,6 +137,13 @@ private:
     Error admitAll(const QVector<Assignment>& assignments, QVector<AdmittedChange>* admitted);
     Error carryOut(const AdmittedChange& admitted, bool isDryRun, Change* change);
 
+    Error carryOutReset(const QStringList& paths, const ResetOptions& options,
+                        QStringList* settings);
+    QStringList listedNames(const CMPath& directory);
+    void announceReset(const Engine::Reset& reset, const QHash<QString, QVariantMap>& before,
+                       const QMap<QString, QStringList>& namesBefore);
+    bool announceDifference(const QString& path, const QVariantMap& before);
+
     void valueChanged(const CMPath& path, const QVariant& value) override;
     void dataChanged(const CMPath& path) override;
     void rowsChanged(const CMPath& path, const QString& command, int version) override;
@@ -145,6 +155,7 @@ private:
     bool m_isPosted = false; ///< the event that carries the next request out
     std::deque<Event> m_events; ///< announced and not yet delivered
     QString m_treeDigest; ///< empty: not known yet
+    QHash<QString, int> m_rowsVersions; ///< by path; those of a worker begin again with it
     QCache<QString, QVariant> m_keptValues { maximumKeptValues }; ///< by path
     const AdmittedChange* m_carriedOut = nullptr; ///< while the worker makes it
     std::atomic<int> m_unsavedRevision { 0 }; ///< that unsavedChanged() is emitted for

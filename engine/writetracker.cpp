@@ -140,6 +140,22 @@ void WriteTracker::addPending(const CMPath& path, const TuloRoles& roles)
     emit changed();
 }
 
+void WriteTracker::forget(const QStringList& paths)
+{
+    QMutexLocker locker(&m_mutex);
+    for (const QString& path : paths) {
+        const auto change = m_changes.find(path);
+        if (change == m_changes.end())
+            continue;
+        setPending(&*change, false);
+        setUnsaved(&*change, false);
+        setUnconfirmed(&*change, 0);
+        m_changes.erase(change);
+    }
+    locker.unlock();
+    emit changed();
+}
+
 void WriteTracker::setPending(State* state, bool isPending)
 {
     m_pendingCount += int(isPending) - int(state->isPending);

@@ -55,6 +55,9 @@ public:
     /// not confirmed of earlier changes to the same setting.
     void addPending(const CMPath& path, const TuloRoles& roles);
 
+    /// These settings have been reset: what was changed is not to be stored again.
+    void forget(const QStringList& paths);
+
     /// Begins a sync that covers everything written until now; returns its number, for
     /// endSync(), which may come in any order and late.
     int beginSync();

@@ -70,6 +70,7 @@ public:
     Reply<QVector<Node>> getMany(const QStringList& paths, const QStringList& roles);
     Reply<QVector<Change>> setMany(const QVector<Assignment>& assignments,
                                    const QVariantMap& options);
+    Reply<QStringList> reset(const QStringList& paths, const ResetOptions& options);
     Reply<Status> status();
 
     /// Sends what this turn of the event loop has gathered.
@@ -303,11 +304,11 @@ void RemoteSettingsPrivate::on_nodes_answered(const std::shared_ptr<PathsToRead>
 namespace {
 
 // An error has no place for the path on the bus, and names it in its message.
-QString pathNamedIn(const QString& message, const QVector<Assignment>& assignments)
+QString pathNamedIn(const QString& message, const QStringList& paths)
 {
-    for (const Assignment& assignment : assignments) {
-        if (message.contains(QStringLiteral("'%1'").arg(shownPath(assignment.path))))
-            return assignment.path;
+    for (const QString& path : paths) {
+        if (message.contains(QStringLiteral("'%1'").arg(shownPath(path))))
+            return path;
     }
     return QString();
 }
@@ -319,20 +320,41 @@ Reply<QVector<Change>> RemoteSettingsPrivate::setMany(const QVector<Assignment>&
 {
     sendGathered();
     const Promise<QVector<Change>> promise;
-    const auto answered = [promise, assignments](const ServiceLink::Answer& answer) {
+    QStringList paths;
+    for (const Assignment& assignment : assignments)
+        paths.append(assignment.path);
+    const auto answered = [promise, paths](const ServiceLink::Answer& answer) {
         if (answer.error) {
             promise.fail({ answer.error.code, answer.error.message,
-                           pathNamedIn(answer.error.message, assignments) });
+                           pathNamedIn(answer.error.message, paths) });
             return;
         }
         const auto changes = wire::changesFromArguments(answer.arguments);
-        if (changes && changes->size() == assignments.size())
+        if (changes && changes->size() == paths.size())
             promise.finish(*changes);
         else
             promise.fail(ServiceLink::malformedAnswer(QString()));
     };
     link.call(wire::setMany, { QVariant(wire::assignmentsToArgument(assignments)), options },
               QString(), answered);
+    return promise.reply();
+}
+
+Reply<QStringList> RemoteSettingsPrivate::reset(const QStringList& paths,
+                                                const ResetOptions& options)
+{
+    sendGathered();
+    const Promise<QStringList> promise;
+    const auto answered = [promise, paths](const ServiceLink::Answer& answer) {
+        if (answer.error) {
+            promise.fail({ answer.error.code, answer.error.message,
+                           pathNamedIn(answer.error.message, paths) });
+        } else {
+            promise.finish(answer.arguments.value(0).toStringList());
+        }
+    };
+    link.call(options.isRecursive ? wire::resetBelow : wire::reset,
+              { paths, wire::resetOptionsToMap(options) }, QString(), answered);
     return promise.reply();
 }
 
@@ -551,6 +573,16 @@ Reply<QVector<Change>> RemoteSettings::setMany(const QVector<Assignment>& assign
         assignment.value = sendable(assignment.value);
     }
     return d->setMany(sent, sendable(options));
+}
+
+Reply<QStringList> RemoteSettings::reset(const QStringList& paths, const ResetOptions& options)
+{
+    for (const QString& path : paths + options.keep) {
+        const Error error = pathError(path);
+        if (error)
+            return d->refuse<QStringList>(error);
+    }
+    return d->reset(paths, options);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -54,6 +54,7 @@ public:
                         const ChangeOptions& options = {}) override;
     Reply<QVector<Change>> setMany(const QVector<Assignment>& assignments,
                                    const ChangeOptions& options = {}) override;
+    Reply<QStringList> reset(const QStringList& paths, const ResetOptions& options = {}) override;
     Reply<int> flush() override;
     Reply<bool> dropCache() override;
     Reply<Status> status() override;

@@ -2,6 +2,7 @@
 
 #include <QMetaType>
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -15,6 +16,7 @@ const QLatin1String typeKey("type");
 const QLatin1String ifValueKey("if-value");
 const QLatin1String ifTimestampKey("if-timestamp");
 const QLatin1String dryRunKey("dry-run");
+const QLatin1String keepKey("keep");
 const QLatin1String adjustedKey("adjusted");
 const QLatin1String askedKey("asked");
 const QLatin1String reasonKey("reason");
@@ -151,6 +153,36 @@ Error optionsFromMap(const QVariantMap& map, ChangeOptions* options)
         }
     }
     *options = read;
+    return {};
+}
+
+QVariantMap resetOptionsToMap(const ResetOptions& options)
+{
+    if (options.keep.isEmpty())
+        return {};
+    QVariantList keep;
+    for (const QString& path : options.keep)
+        keep.append(path);
+    return { { keepKey, keep } };
+}
+
+Error resetOptionsFromMap(const QVariantMap& map, ResetOptions* options)
+{
+    QStringList keep;
+    for (auto entry = map.cbegin(); entry != map.cend(); ++entry) {
+        const QVariantList paths = entry->toList();
+        const bool areTexts = std::all_of(paths.cbegin(), paths.cend(), [](const QVariant& path) {
+            return hasType(path, QMetaType::QString);
+        });
+        if (entry.key() != keepKey || !hasType(*entry, QMetaType::QVariantList) || !areTexts) {
+            return { ErrorCode::Refused,
+                     QStringLiteral("no option '%1' with such a value").arg(entry.key()),
+                     QString() };
+        }
+        for (const QVariant& path : paths)
+            keep.append(path.toString());
+    }
+    options->keep = keep;
     return {};
 }
 

@@ -48,6 +48,11 @@ namespace tulo::wire {
 /// Refused for an option that there is not, or with a value of another type.
 Error optionsFromMap(const QVariantMap& map, ChangeOptions* options);
 
+/// The options of a reset, those of one that is not recursive are none.
+[[nodiscard]] QVariantMap resetOptionsToMap(const ResetOptions& options);
+/// Refused for an option that there is not, or with a value of another type.
+Error resetOptionsFromMap(const QVariantMap& map, ResetOptions* options);
+
 /// The answer of SetValue, SetRoles and Apply: stored and outcome.
 [[nodiscard]] QVariantList changeToArguments(const Change& change);
 [[nodiscard]] std::optional<Change> changeFromArguments(const QVariantList& arguments);

@@ -64,13 +64,18 @@ inline constexpr Method apply { changeInterface, "Apply", "ssava{sv}", "a{sv}a{s
 /// Each assignment is a path and the roles to set.
 inline constexpr Method setMany { changeInterface, "SetMany", "a(sa{sv})a{sv}", "a(a{sv}a{sv})",
                                   "assignments\0options\0changes\0" };
+inline constexpr Method reset { changeInterface, "Reset", "asa{sv}", "as",
+                                "paths\0options\0settings\0" };
+/// The same with everything below, for which an option "keep" names paths that stay.
+inline constexpr Method resetBelow { adminInterface, "Reset", "asa{sv}", "as",
+                                     "paths\0options\0settings\0" };
 inline constexpr Method flush { changeInterface, "Flush", "", "u", "failed\0" };
 inline constexpr Method dropCache { adminInterface, "DropCache", "", "", "" };
 inline constexpr Method getUnsaved { adminInterface, "GetUnsaved", "u", "as", "maximum\0paths\0" };
 
-inline constexpr std::array methodTable { getData,  getMany,   getRows,   getTreeDigest,
-                                          setValue, setRoles,  apply,     setMany,
-                                          flush,    dropCache, getUnsaved };
+inline constexpr std::array methodTable { getData,   getMany,    getRows,   getTreeDigest, setValue,
+                                          setRoles,  apply,      setMany,   reset,         flush,
+                                          dropCache, getUnsaved, resetBelow };
 
 struct Signal
 {

@@ -90,7 +90,7 @@ QVariantList ScriptedService::emptyAnswer(const wire::Method& method, const QVar
         return wire::rowsToArguments({});
     if (member == "GetAll")
         return { wire::statusToProperties({}) };
-    if (member == "GetUnsaved")
+    if (member == "GetUnsaved" || member == "Reset")
         return { QStringList() };
     if (member == "Flush")
         return { 0U };

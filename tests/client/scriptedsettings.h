@@ -112,6 +112,10 @@ public:
     {
         return none<QVector<tulo::Change>>();
     }
+    tulo::Reply<QStringList> reset(const QStringList&, const tulo::ResetOptions&) override
+    {
+        return none<QStringList>();
+    }
     tulo::Reply<int> flush() override { return none<int>(); }
     tulo::Reply<bool> dropCache() override { return none<bool>(); }
     tulo::Reply<tulo::Status> status() override { return none<tulo::Status>(); }

@@ -194,6 +194,7 @@ private slots:
     void changesPassTheBus();
     void malformedOutcomesAreRejected();
     void optionsPassTheBus();
+    void resetOptionsPassTheBus();
     void unknownOptionsAreRefused_data();
     void unknownOptionsAreRefused();
     void assignmentsPassTheBus();
@@ -599,8 +600,11 @@ void tst_WireCodec::tableOfMessagesHoldsTogether()
         QVERIFY(sd_bus_interface_name_is_valid(method.interface) > 0);
         QVERIFY(sd_bus_member_name_is_valid(method.member) > 0);
         QCOMPARE(namesIn(method.names), completeTypes(method.in) + completeTypes(method.out));
-        QVERIFY(members.insert(method.member).second);
+        // A call that names no interface goes to the first of two.
+        const bool isNew = members.insert(method.member).second;
+        QVERIFY(isNew || &method == &wire::methodTable.back());
     }
+    QCOMPARE(wire::methodTable.back().member, wire::reset.member);
     for (const wire::Signal& signal : wire::signalTable) {
         QCOMPARE(namesIn(signal.names), completeTypes(signal.signature));
         QVERIFY(members.insert(signal.member).second);
@@ -775,6 +779,30 @@ void tst_WireCodec::malformedOutcomesAreRejected()
     QVERIFY(!change({ { adjusted, true } }));
     QVERIFY(!wire::changesFromArguments({ QVariant(QVariantList {
         QVariant(QVariantList { QVariantMap(), QVariantMap { { adjusted, true } } }) }) }));
+}
+
+void tst_WireCodec::resetOptionsPassTheBus()
+{
+    ResetOptions options;
+    QCOMPARE(wire::resetOptionsToMap(options), QVariantMap());
+    options.keep = QStringList({ QStringLiteral("/settings/a"), QStringLiteral("/settings/b*") });
+    const auto arguments = m_messages.passed("a{sv}", { wire::resetOptionsToMap(options) });
+    QVERIFY(arguments);
+
+    ResetOptions passed;
+    QVERIFY(!wire::resetOptionsFromMap(arguments->at(0).toMap(), &passed));
+    QCOMPARE(passed.keep, options.keep);
+    QVERIFY(!passed.isRecursive);
+
+    const QString keep = QStringLiteral("keep");
+    for (const QVariantMap& map : { QVariantMap { { keep, QStringLiteral("/settings/a") } },
+                                    QVariantMap { { keep, QVariantList { 5 } } },
+                                    QVariantMap { { QStringLiteral("dry-run"), true } } }) {
+        const Error error = wire::resetOptionsFromMap(map, &passed);
+        QCOMPARE(error.code, ErrorCode::Refused);
+        QVERIFY2(error.message.contains(map.firstKey()), qPrintable(error.message));
+        QCOMPARE(passed.keep, options.keep);
+    }
 }
 
 void tst_WireCodec::optionsPassTheBus()

@@ -82,6 +82,21 @@ private slots:
     void manyChangesHaveNoConditions();
     void newSettingsOfOneRequestCount();
 
+    void settingIsReset();
+    void unchangedSettingIsNotReset();
+    void resetIsRefused_data();
+    void resetIsRefused();
+    void pendingChangesAreResetAndOthersWritten();
+    void damagedFileIsReset();
+    void recursiveReset_data();
+    void recursiveReset();
+    void readOnlySettingIsResetRecursively();
+    void resetRemovesSettingsMadeAtRunTime();
+    void resetRemovesWhatOlderImagesLeft();
+    void resetLeavesOtherFilesAlone();
+    void resetAnnouncesWhatReadsDifferently();
+    void changesAroundAResetKeepTheirOrder();
+
     void eventsComeInOrderBeforeTheAnswer();
     void sameValueIsAnnouncedAsData();
     void newSettingIsAnnouncedAsARow();

@@ -58,7 +58,8 @@ protected:
     }
     void expectRecord(const QString& message) override
     {
-        const bool isError = message.startsWith(QLatin1String("Loaded path is invalid"));
+        const bool isError = message.startsWith(QLatin1String("Loaded path is invalid"))
+            || message.startsWith(QLatin1String("Settings: Unable to parse"));
         m_log->expect(isError ? log4cplus::ERROR_LOG_LEVEL : log4cplus::WARN_LOG_LEVEL, message);
     }
 

@@ -340,7 +340,7 @@ void TstCommandline::commandLineErrors_data()
     const auto row = [](const char* name, const QStringList& arguments, const char* error) {
         QTest::newRow(name) << arguments << QByteArray(error);
     };
-    const char* const commands = "get, ls, tree, set, op, watch, flush, drop-cache, check, "
+    const char* const commands = "get, ls, tree, set, op, reset, watch, flush, drop-cache, check, "
                                  "status, shell, help";
     row("no command", {}, (QByteArray("no command; commands are: ") + commands).constData());
     row("unknown command", words("gte"),
@@ -898,7 +898,7 @@ void TstCommandline::fullDiskUnderTheResult()
 namespace {
 
 const QStringList commandNames =
-    words("get ls tree set op watch flush drop-cache check status shell help");
+    words("get ls tree set op reset watch flush drop-cache check status shell help");
 
 QJsonObject jsonOf(const ChildResult& result)
 {

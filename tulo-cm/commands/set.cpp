@@ -6,7 +6,7 @@ namespace tulo {
 namespace {
 
 constexpr Option rolesOption { "roles", "JSON", "send these roles, an object" };
-constexpr Option defaultOption { "default", "", "go back to the default value" };
+constexpr Option defaultOption { "default", "", "store today's default value" };
 
 QString validate(const Arguments& arguments)
 {
@@ -73,7 +73,8 @@ Command set()
              { stringOption, rolesOption, defaultOption, flushOption },
              "Changes a setting and prints the value that is stored now. VALUE is read as JSON, "
              "else\nas a text; \"-\" reads it from standard input, except in the shell. In place "
-             "of VALUE:\n--roles or --default.",
+             "of VALUE:\n--roles, or --default, which stores today's default, so that the default "
+             "of a later image\ndoes not show: see 'reset'.",
              "set /settings/audio/volume 40",
              Command::Where::Anywhere,
              Command::Needs::Changes,

@@ -107,6 +107,15 @@ struct RoleOrigin
 TULO_SETTINGS_EXPORT QString nameOf(RoleOrigin::State state);
 TULO_SETTINGS_EXPORT QString nameOf(RoleOrigin::Layer layer);
 
+/// What a reset goes to.
+struct ResetOptions
+{
+    bool isRecursive = false; ///< directories with everything below, read-only settings included
+    /// Of a recursive reset: what is not reset. Each is a path, in which "*" and "?" stand for any
+    /// characters of a name; everything below one that matches is kept as well.
+    QStringList keep;
+};
+
 /// How the settings are doing.
 struct Status
 {
@@ -248,6 +257,14 @@ public:
     /// part.
     virtual Reply<QVector<Change>> setMany(const QVector<Assignment>& assignments,
                                            const ChangeOptions& options = {}) = 0;
+
+    /// Discards what was changed, so that the image's defaults show, also those of a later image.
+    /// Answers with the paths of the settings that were reset, sorted: those of `paths`, and below
+    /// them, that were changed. A setting without a default, such as one that was made from a
+    /// template, is gone then. All or none, whatever interrupts it, and on disk when it is
+    /// answered. NotSaved when a change that was accepted before cannot be written first.
+    virtual Reply<QStringList> reset(const QStringList& paths,
+                                     const ResetOptions& options = {}) = 0;
 
     /// Writes all pending changes and has the disk confirm them. Answers with the number of
     /// settings whose last write failed: 0 when everything accepted is on disk.

@@ -1,0 +1,135 @@
+#include "trees/writtenfiles.h"
+
+#include "client/base/checks.h"
+#include "trees/fileprobe.h"
+#include "trees/nodenames.h"
+#include "trees/separator.h"
+
+#include "api/core/tulojson.h"
+#include "api/core/tuloroles.h"
+
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QVariant>
+
+#include <algorithm>
+
+#include <sys/stat.h>
+
+namespace tulo {
+
+namespace {
+
+// In front of a file name of the tree; "/" stands for the tree itself.
+QString below(const QString& tree, const QString& settingPath)
+{
+    return settingPath == separator ? tree : tree + settingPath;
+}
+
+bool hasServedPath(const QString& settingPath)
+{
+    return !checkPath(QStringLiteral("/settings") + settingPath);
+}
+
+// Whether a file holds what the worker writes for a setting.
+bool holdsRoles(const QString& fileName)
+{
+    QFile file(fileName);
+    if (!file.open(QIODevice::ReadOnly) || file.size() > FileProbe::maximumFileBytes)
+        return false;
+    TuloError error { QVariantHash() };
+    const QVariant content = TuloJson::parse(file.readAll(), error, nullptr);
+    if (!error.isEmpty() || content.userType() != QMetaType::QVariantHash)
+        return false;
+    const QStringList names = content.toHash().keys();
+    const QStringList known = TuloRoles::keys();
+    return !names.isEmpty()
+        && std::all_of(names.cbegin(), names.cend(),
+                       [&known](const QString& name) { return known.contains(name); });
+}
+
+} // namespace
+
+WrittenFiles::WrittenFiles(const QString& defaultPath, const QString& writePath,
+                           const QString& productPostfix)
+    : m_defaultPath(defaultPath)
+    , m_writePath(writePath)
+    , m_productPostfix(productPostfix)
+{
+}
+
+bool WrittenFiles::hasDefault(const QString& settingPath) const
+{
+    const QString fileName = m_defaultPath + settingPath;
+    // A null postfix leaves the underscore, with the worker as well.
+    return QFileInfo(fileName + QLatin1Char('_') + m_productPostfix).isFile()
+        || QFileInfo(fileName).isFile();
+}
+
+bool WrittenFiles::isReachedDirectly(const QString& settingPath) const
+{
+    const QString directory = m_writePath + settingPath.left(settingPath.lastIndexOf(separator));
+    return QFileInfo(directory).canonicalFilePath() == directory;
+}
+
+bool WrittenFiles::isWritten(const QString& settingPath) const
+{
+    const QString fileName = m_writePath + settingPath;
+    struct stat file = {};
+    return ::lstat(QFile::encodeName(fileName).constData(), &file) == 0 && S_ISREG(file.st_mode)
+        && isReachedDirectly(settingPath) && (hasDefault(settingPath) || holdsRoles(fileName));
+}
+
+QStringList WrittenFiles::settingsBelow(const QString& directory) const
+{
+    QStringList settings;
+    if (directory != separator && isWritten(directory))
+        settings.append(directory);
+    QDirIterator files(below(m_writePath, directory), QDir::Files | QDir::NoSymLinks,
+                       QDirIterator::Subdirectories);
+    while (files.hasNext()) {
+        const QString settingPath = files.next().mid(m_writePath.size());
+        if (hasServedPath(settingPath) && isWritten(settingPath))
+            settings.append(settingPath);
+    }
+    settings.sort();
+    return settings;
+}
+
+bool WrittenFiles::isStrayDirectory(const QString& directory) const
+{
+    const QFileInfo written(m_writePath + directory);
+    return directory != separator && !directory.isEmpty() && isListable(nameOf(directory))
+        && written.isDir() && written.canonicalFilePath() == written.filePath()
+        && !QFileInfo(m_defaultPath + directory).isDir();
+}
+
+QStringList WrittenFiles::strayDirectoriesAbove(const QString& settingPath) const
+{
+    QStringList stray;
+    QString directory = settingPath.left(settingPath.lastIndexOf(separator));
+    while (isStrayDirectory(directory)) {
+        stray.append(directory);
+        directory.truncate(directory.lastIndexOf(separator));
+    }
+    return stray;
+}
+
+QStringList WrittenFiles::strayDirectoriesBelow(const QString& directory) const
+{
+    QStringList stray = strayDirectoriesAbove(directory);
+    if (isStrayDirectory(directory))
+        stray.append(directory);
+    QDirIterator directories(below(m_writePath, directory),
+                             QDir::Dirs | QDir::NoSymLinks | QDir::NoDotAndDotDot,
+                             QDirIterator::Subdirectories);
+    while (directories.hasNext()) {
+        const QString settingPath = directories.next().mid(m_writePath.size());
+        if (isStrayDirectory(settingPath))
+            stray.append(settingPath);
+    }
+    return stray;
+}
+
+} // namespace tulo
