@@ -341,7 +341,7 @@ void TstCommandline::commandLineErrors_data()
         QTest::newRow(name) << arguments << QByteArray(error);
     };
     const char* const commands = "get, ls, tree, set, op, reset, watch, flush, drop-cache, check, "
-                                 "status, shell, help";
+                                 "texts, status, shell, help";
     row("no command", {}, (QByteArray("no command; commands are: ") + commands).constData());
     row("unknown command", words("gte"),
         (QByteArray("unknown command 'gte'; commands are: ") + commands).constData());
@@ -898,7 +898,7 @@ void TstCommandline::fullDiskUnderTheResult()
 namespace {
 
 const QStringList commandNames =
-    words("get ls tree set op reset watch flush drop-cache check status shell help");
+    words("get ls tree set op reset watch flush drop-cache check texts status shell help");
 
 QJsonObject jsonOf(const ChildResult& result)
 {
