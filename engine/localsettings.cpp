@@ -577,6 +577,12 @@ Reply<Change> LocalSettings::change(const Order& order)
     });
 }
 
+LocalSettings::Order LocalSettings::rolesOrder(const QString& path, const QVariantMap& roles,
+                                               const ChangeOptions& options)
+{
+    return { path, TuloRoles::SetRoles(), roles.value(TuloRoles::Value()), roles, {}, options };
+}
+
 Reply<Change> LocalSettings::set(const QString& path, const QVariant& value,
                                  const ChangeOptions& options)
 {
@@ -586,8 +592,7 @@ Reply<Change> LocalSettings::set(const QString& path, const QVariant& value,
 Reply<Change> LocalSettings::setRoles(const QString& path, const QVariantMap& roles,
                                       const ChangeOptions& options)
 {
-    return change(
-        { path, TuloRoles::SetRoles(), roles.value(TuloRoles::Value()), roles, {}, options });
+    return change(rolesOrder(path, roles, options));
 }
 
 Reply<Change> LocalSettings::apply(const QString& path, const QString& verb,
@@ -614,7 +619,8 @@ Error checkSize(const QVector<Assignment>& assignments)
     int bytes = 0;
     for (const Assignment& assignment : assignments) {
         bytes += assignment.path.toUtf8().size()
-            + TuloJson::serialize(contentOf(assignment.value)).size();
+            + TuloJson::serialize(contentOf(assignment.value)).size()
+            + TuloJson::serialize(contentOf(assignment.roles)).size();
         if (bytes > LocalSettings::maximumChangesBytes) {
             return { ErrorCode::Limits,
                      QStringLiteral("The changes of a request take more than %1 bytes")
@@ -642,6 +648,16 @@ Error checkUnique(const QVector<Assignment>& assignments)
 
 } // namespace
 
+LocalSettings::Order LocalSettings::orderFor(const Assignment& assignment)
+{
+    if (assignment.roles.isEmpty())
+        return { assignment.path, TuloRoles::Value(), assignment.value, {}, {}, {} };
+    QVariantMap roles = assignment.roles;
+    if (assignment.value.isValid())
+        roles.insert(TuloRoles::Value(), assignment.value);
+    return rolesOrder(assignment.path, roles, {});
+}
+
 Error LocalSettings::admitAll(const QVector<Assignment>& assignments,
                               QVector<AdmittedChange>* admitted)
 {
@@ -651,8 +667,7 @@ Error LocalSettings::admitAll(const QVector<Assignment>& assignments,
     for (auto assignment = assignments.cbegin(); assignment != assignments.cend() && !error;
          ++assignment) {
         AdmittedChange next;
-        error =
-            admit({ assignment->path, TuloRoles::Value(), assignment->value, {}, {}, {} }, &next);
+        error = admit(orderFor(*assignment), &next);
         if (!error)
             admitted->append(next);
     }

@@ -129,6 +129,9 @@ private:
     bool readKept(const QString& path, const QStringList& roles, QVariantMap* values);
     void keep(const QString& path, const QStringList& roles, const QVariantMap& values);
     Error readRows(const QString& path, int first, int last, const QStringList& roles, Rows* rows);
+    static Order rolesOrder(const QString& path, const QVariantMap& roles,
+                            const ChangeOptions& options);
+    static Order orderFor(const Assignment& assignment);
     Reply<Change> change(const Order& order);
     static Error check(const Order& order, TuloRoles* roles);
     static QVariant contentFor(const Order& order, TuloRoles roles, const TuloRoles& setting,

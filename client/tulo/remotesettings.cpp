@@ -430,6 +430,13 @@ QVariant sendable(const QVariant& value)
     return wire::isCarried(value) ? value : QVariantMap();
 }
 
+QVariantMap sendableRoles(QVariantMap roles)
+{
+    for (QVariant& role : roles)
+        role = sendable(role);
+    return roles;
+}
+
 QVariantMap sendable(const ChangeOptions& options)
 {
     ChangeOptions sent = options;
@@ -537,10 +544,7 @@ Reply<Change> RemoteSettings::setRoles(const QString& path, const QVariantMap& r
     const Error error = requestError(path, roles.keys());
     if (error)
         return d->refuse<Change>(error);
-    QVariantMap sent = roles;
-    for (QVariant& value : sent)
-        value = sendable(value);
-    return d->ask<Change>(wire::setRoles, { path, sent, sendable(options) }, path,
+    return d->ask<Change>(wire::setRoles, { path, sendableRoles(roles), sendable(options) }, path,
                           wire::changeFromArguments);
 }
 
@@ -567,10 +571,12 @@ Reply<QVector<Change>> RemoteSettings::setMany(const QVector<Assignment>& assign
 {
     QVector<Assignment> sent = assignments;
     for (Assignment& assignment : sent) {
-        const Error error = pathError(assignment.path);
+        const Error error = requestError(assignment.path, assignment.roles.keys());
         if (error)
             return d->refuse<QVector<Change>>(error);
-        assignment.value = sendable(assignment.value);
+        if (assignment.value.isValid() || assignment.roles.isEmpty())
+            assignment.value = sendable(assignment.value);
+        assignment.roles = sendableRoles(assignment.roles);
     }
     return d->setMany(sent, sendable(options));
 }

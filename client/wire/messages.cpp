@@ -247,8 +247,10 @@ QVariantList assignmentsToArgument(const QVector<Assignment>& assignments)
 {
     QVariantList list;
     for (const Assignment& assignment : assignments) {
-        list.append(QVariant(
-            QVariantList { assignment.path, QVariantMap { { valueKey, assignment.value } } }));
+        QVariantMap roles = assignment.roles;
+        if (assignment.value.isValid() || roles.isEmpty())
+            roles.insert(valueKey, assignment.value);
+        list.append(QVariant(QVariantList { assignment.path, roles }));
     }
     return list;
 }
@@ -260,13 +262,13 @@ Error assignmentsFromArgument(const QVariantList& argument, QVector<Assignment>*
     for (const QVariant& entry : argument) {
         const QVariantList members = entry.toList();
         const QString path = members.value(0).toString();
-        const QVariantMap roles = members.value(1).toMap();
-        if (roles.size() != 1 || !roles.contains(valueKey)) {
+        QVariantMap roles = members.value(1).toMap();
+        if (roles.isEmpty()) {
             return { ErrorCode::Refused,
-                     QStringLiteral("an assignment has the one role 'value'; path:'%1'").arg(path),
-                     path };
+                     QStringLiteral("an assignment has no roles; path:'%1'").arg(path), path };
         }
-        read.append({ path, roles.first() });
+        const QVariant value = roles.take(valueKey);
+        read.append({ path, value, roles });
     }
     *assignments = read;
     return {};

@@ -63,7 +63,7 @@ Error resetOptionsFromMap(const QVariantMap& map, ResetOptions* options);
 
 /// The first argument of SetMany.
 [[nodiscard]] QVariantList assignmentsToArgument(const QVector<Assignment>& assignments);
-/// Refused for an entry with another role than "value", or without it.
+/// Refused for an entry without roles.
 Error assignmentsFromArgument(const QVariantList& argument, QVector<Assignment>* assignments);
 
 // ---------------------------------------------------------------------------------------------

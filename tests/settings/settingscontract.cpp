@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 Q_DECLARE_METATYPE(tulo::Assignment)
 
@@ -1082,6 +1083,28 @@ void SettingsContract::manyChangesOnATrial()
 
     QCOMPARE(answerOf(settings().get(volume, valueRole)), QStringLiteral("{value: x 35}"));
     QCOMPARE(log.texts, QStringList());
+}
+
+void SettingsContract::manyChangesTakeRoles()
+{
+    const QString timestamp = QStringLiteral("timestamp");
+    const Reply<QVector<Change>> changes =
+        settings().setMany({ { volume, 40, { { timestamp, qlonglong(7) } } },
+                             { gain, {}, { { timestamp, qlonglong(8) } } } });
+    QCOMPARE(answerOf(changes),
+             storedAs(QStringLiteral("x 40")) + QStringLiteral("; ")
+                 + storedAs(QStringLiteral("d 0.5")));
+    for (const auto& [path, time] : { std::pair(volume, 7), std::pair(gain, 8) }) {
+        const Reply<QVariantMap> roles = settings().get(path, { timestamp });
+        QVERIFY(roles.wait());
+        QCOMPARE(roles.value(), QVariantMap({ { timestamp, qlonglong(time) } }));
+    }
+
+    QCOMPARE(answerOf(settings().setMany(
+                 { { volume, 50 }, { gain, 0.25, { { QStringLiteral("title"), true } } } })),
+             QStringLiteral("Refused: The role 'title' of '/settings/audio/gain' cannot be set; "
+                            "those that can are value, timestamp, id, disabled"));
+    QCOMPARE(answerOf(settings().get(volume, valueRole)), QStringLiteral("{value: x 40}"));
 }
 
 void SettingsContract::manyChangesHaveNoConditions()

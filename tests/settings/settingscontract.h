@@ -79,6 +79,7 @@ private slots:
     void manyChangesAreAllOrNone_data();
     void manyChangesAreAllOrNone();
     void manyChangesOnATrial();
+    void manyChangesTakeRoles();
     void manyChangesHaveNoConditions();
     void newSettingsOfOneRequestCount();
 

@@ -63,7 +63,8 @@ struct Change
 struct Assignment
 {
     QString path;
-    QVariant value;
+    QVariant value; ///< may be invalid where there are roles
+    QVariantMap roles = {}; ///< those of setRoles() that change with it, beside the value
 };
 
 /// Conditions and manner of a change.
