@@ -96,6 +96,7 @@ void BusAdaptor::on_bus_called(const BusCall& call)
         { wire::getMany, &BusAdaptor::getMany },
         { wire::getRows, &BusAdaptor::getRows },
         { wire::getTreeDigest, &BusAdaptor::getTreeDigest },
+        { wire::explain, &BusAdaptor::explain },
         { wire::setValue, &BusAdaptor::setValue },
         { wire::setRoles, &BusAdaptor::setRoles },
         { wire::apply, &BusAdaptor::apply },
@@ -198,6 +199,22 @@ void BusAdaptor::getTreeDigest(quint64 call, const Arguments& /*arguments*/)
 {
     answer(call, m_settings.treeDigest(),
            [](const QString& digest) { return Arguments { digest }; });
+}
+
+void BusAdaptor::explain(quint64 call, const Arguments& arguments)
+{
+    const QString path = arguments.at(0).toString();
+    m_settings.explain(path).then(
+        this, [this, call, path](const Reply<QVector<RoleOrigin>>& reply) {
+            if (fail(call, reply.error()))
+                return;
+            const Arguments origins = wire::originsToArguments(reply.value());
+            if (wire::busSize(origins) > maximumRolesBytes)
+                fail(call,
+                     tooLarge(QStringLiteral("setting '%1'").arg(path), maximumRolesBytes, path));
+            else
+                finish(call, {}, origins);
+        });
 }
 
 void BusAdaptor::setValue(quint64 call, const Arguments& arguments)

@@ -53,6 +53,7 @@ private:
     void getData(quint64 call, const Arguments& arguments);
     void getMany(quint64 call, const Arguments& arguments);
     void getRows(quint64 call, const Arguments& arguments);
+    void explain(quint64 call, const Arguments& arguments);
     void setValue(quint64 call, const Arguments& arguments);
     void setRoles(quint64 call, const Arguments& arguments);
     void apply(quint64 call, const Arguments& arguments);

@@ -1,14 +1,17 @@
 #include "engine/localsettings.h"
 
 #include "client/base/checks.h"
+#include "trees/plainjson.h"
 #include "trees/plainroles.h"
 #include "trees/separator.h"
 #include "trees/settingvalue.h"
 #include "trees/treestamp.h"
+#include "trees/treereader.h"
 
 #include <tulo/setting.h>
 
 #include "api/core/model/cmoperation.h"
+#include "api/core/model/tulosettingsactions.h"
 #include "api/core/tulo.h"
 #include "api/core/tulojson.h"
 
@@ -354,6 +357,122 @@ Reply<Rows> LocalSettings::rows(const QString& path, int first, int last, const 
         Rows rows;
         const Error error = readRows(path, first, last, roles, &rows);
         answer(promise, error, rows);
+    });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Explaining: what the files say, held to what the worker answers. The worker knows changes that
+// are not yet written, and keeps what it has read.
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+bool isSecretRole(const QString& role)
+{
+    return role == TuloRoles::Value() || role == TuloRoles::DefaultValue()
+        || role == TuloRoles::EncryptedValue();
+}
+
+// Those that a write puts into the file.
+bool isWrittenRole(const QString& role)
+{
+    return role == TuloRoles::Value() || role == TuloRoles::Timestamp() || role == TuloRoles::Id();
+}
+
+// Roles that are not among the known ones, as the files name them.
+QStringList otherRoles(const QVector<RoleOrigin>& origins)
+{
+    QStringList roles;
+    for (const RoleOrigin& origin : origins) {
+        if (origin.state == RoleOrigin::State::Effective
+            && !TuloRoles::keys().contains(origin.role))
+            roles.append(origin.role);
+    }
+    return roles;
+}
+
+bool isIdentical(const QVariant& one, const QVariant& other)
+{
+    return one.userType() == other.userType() && jsonOf(one) == jsonOf(other);
+}
+
+// `served` are all roles; `memory` is the layer of those that the files do not have so.
+QVector<RoleOrigin> reconciled(const QVector<RoleOrigin>& origins, QVariantMap served,
+                               RoleOrigin::Layer memory)
+{
+    const bool isPending = memory == RoleOrigin::Layer::Pending;
+    const bool isEncrypted = served.value(TuloRoles::Encrypted()).toBool();
+    const QString reason = isPending
+        ? QStringLiteral("a change that is not yet written takes its place")
+        : QStringLiteral("what was read earlier is kept until the caches are dropped");
+    QVector<RoleOrigin> effective;
+    QVector<RoleOrigin> others;
+    for (RoleOrigin origin : origins) {
+        const bool isFromFile = origin.state == RoleOrigin::State::Effective
+            && isIdentical(origin.value, served.value(origin.role))
+            && !(isPending && isWrittenRole(origin.role));
+        if (isFromFile) {
+            served.remove(origin.role);
+            effective.append(origin);
+            continue;
+        }
+        if (origin.state == RoleOrigin::State::Effective) {
+            origin.state = RoleOrigin::State::Hidden;
+            origin.reason = reason;
+            if (isEncrypted && isSecretRole(origin.role))
+                origin.value = QVariant();
+        }
+        others.append(origin);
+    }
+    for (auto role = served.cbegin(); role != served.cend(); ++role) {
+        RoleOrigin origin;
+        origin.role = role.key();
+        origin.layer = memory;
+        origin.value = role.value();
+        effective.append(origin);
+    }
+    const auto rank = [](const RoleOrigin& origin) {
+        const int index = TuloRoles::keys().indexOf(origin.role);
+        return index < 0 ? TuloRoles::keys().size() : index;
+    };
+    std::stable_sort(effective.begin(), effective.end(),
+                     [&rank](const RoleOrigin& left, const RoleOrigin& right) {
+                         return rank(left) < rank(right);
+                     });
+    return effective + others;
+}
+
+} // namespace
+
+Error LocalSettings::explain(const QString& path, QVector<RoleOrigin>* origins)
+{
+    QVariantMap served;
+    Error error = read(path, {}, &served);
+    if (error)
+        return error;
+    const CMPath full(absolute(path));
+    const TreeReader trees(defaultPath(), writePath(), m_product);
+    const bool isPending = std::as_const(*m_engine).writes().pendingPaths().contains(full.text());
+    // Without files, a template is not about this path.
+    if (isPending || trees.exists(full.base()))
+        *origins = trees.explain(full.base());
+    const QStringList others = otherRoles(*origins);
+    for (int first = 0; first < others.size() && !error; first += Guard::maximumRoles)
+        error = read(path, others.mid(first, Guard::maximumRoles), &served);
+    const bool isAction = full == TuloSettingsActionsFlush();
+    *origins = reconciled(*origins, served,
+                          isPending      ? RoleOrigin::Layer::Pending
+                              : isAction ? RoleOrigin::Layer::BuiltIn
+                                         : RoleOrigin::Layer::Cached);
+    return error;
+}
+
+Reply<QVector<RoleOrigin>> LocalSettings::explain(const QString& path)
+{
+    return enqueue<QVector<RoleOrigin>>([this, path](const Promise<QVector<RoleOrigin>>& promise) {
+        QVector<RoleOrigin> origins;
+        const Error error = explain(path, &origins);
+        answer(promise, error, origins);
     });
 }
 

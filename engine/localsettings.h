@@ -58,6 +58,7 @@ public:
     Reply<QVariantMap> get(const QString& path, const QStringList& roles) override;
     Reply<QVector<Node>> getMany(const QStringList& paths, const QStringList& roles) override;
     Reply<Rows> rows(const QString& path, int first, int last, const QStringList& roles) override;
+    Reply<QVector<RoleOrigin>> explain(const QString& path) override;
     Reply<Change> set(const QString& path, const QVariant& value,
                       const ChangeOptions& options = {}) override;
     Reply<Change> setRoles(const QString& path, const QVariantMap& roles,
@@ -132,6 +133,7 @@ private:
     static Order rolesOrder(const QString& path, const QVariantMap& roles,
                             const ChangeOptions& options);
     static Order orderFor(const Assignment& assignment);
+    Error explain(const QString& path, QVector<RoleOrigin>* origins);
     Reply<Change> change(const Order& order);
     static Error check(const Order& order, TuloRoles* roles);
     static QVariant contentFor(const Order& order, TuloRoles roles, const TuloRoles& setting,

@@ -2,44 +2,75 @@
 
 #include <QPointer>
 
+#include <algorithm>
+#include <iterator>
+
 namespace tulo {
 
 // ---------------------------------------------------------------------------------------------
 // Words.
 // ---------------------------------------------------------------------------------------------
 
+namespace {
+
+template<typename Word>
+struct Named
+{
+    Word word;
+    const char* name;
+};
+
+constexpr Named<RoleOrigin::State> stateNames[] {
+    { RoleOrigin::State::Effective, "effective" },
+    { RoleOrigin::State::Hidden, "hidden" },
+    { RoleOrigin::State::Ignored, "ignored" },
+};
+
+constexpr Named<RoleOrigin::Layer> layerNames[] {
+    { RoleOrigin::Layer::BuiltIn, "builtIn" }, { RoleOrigin::Layer::Template, "template" },
+    { RoleOrigin::Layer::Default, "default" }, { RoleOrigin::Layer::Product, "product" },
+    { RoleOrigin::Layer::Written, "written" }, { RoleOrigin::Layer::Pending, "pending" },
+    { RoleOrigin::Layer::Cached, "cached" },
+};
+
+template<typename Names, typename Word>
+QString nameIn(const Names& names, Word word)
+{
+    const auto found = std::find_if(std::begin(names), std::end(names),
+                                    [word](const auto& named) { return named.word == word; });
+    return found == std::end(names) ? QString() : QString::fromLatin1(found->name);
+}
+
+template<typename Word, typename Names>
+std::optional<Word> wordIn(const Names& names, const QString& name)
+{
+    for (const auto& named : names) {
+        if (name == QLatin1String(named.name))
+            return named.word;
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
 QString nameOf(RoleOrigin::State state)
 {
-    switch (state) {
-    case RoleOrigin::State::Effective:
-        return QStringLiteral("effective");
-    case RoleOrigin::State::Hidden:
-        return QStringLiteral("hidden");
-    case RoleOrigin::State::Ignored:
-        return QStringLiteral("ignored");
-    }
-    return QString();
+    return nameIn(stateNames, state);
 }
 
 QString nameOf(RoleOrigin::Layer layer)
 {
-    switch (layer) {
-    case RoleOrigin::Layer::BuiltIn:
-        return QStringLiteral("builtIn");
-    case RoleOrigin::Layer::Template:
-        return QStringLiteral("template");
-    case RoleOrigin::Layer::Default:
-        return QStringLiteral("default");
-    case RoleOrigin::Layer::Product:
-        return QStringLiteral("product");
-    case RoleOrigin::Layer::Written:
-        return QStringLiteral("written");
-    case RoleOrigin::Layer::Pending:
-        return QStringLiteral("pending");
-    case RoleOrigin::Layer::Cached:
-        return QStringLiteral("cached");
-    }
-    return QString();
+    return nameIn(layerNames, layer);
+}
+
+std::optional<RoleOrigin::State> stateNamed(const QString& name)
+{
+    return wordIn<RoleOrigin::State>(stateNames, name);
+}
+
+std::optional<RoleOrigin::Layer> layerNamed(const QString& name)
+{
+    return wordIn<RoleOrigin::Layer>(layerNames, name);
 }
 
 // ---------------------------------------------------------------------------------------------

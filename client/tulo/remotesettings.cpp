@@ -524,6 +524,14 @@ Reply<Rows> RemoteSettings::rows(const QString& path, int first, int last, const
                         });
 }
 
+Reply<QVector<RoleOrigin>> RemoteSettings::explain(const QString& path)
+{
+    const Error error = pathError(path);
+    if (error)
+        return d->refuse<QVector<RoleOrigin>>(error);
+    return d->ask<QVector<RoleOrigin>>(wire::explain, { path }, path, wire::originsFromArguments);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Changes.
 // ---------------------------------------------------------------------------------------------

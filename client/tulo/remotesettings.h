@@ -46,6 +46,7 @@ public:
     Reply<QVariantMap> get(const QString& path, const QStringList& roles) override;
     Reply<QVector<Node>> getMany(const QStringList& paths, const QStringList& roles) override;
     Reply<Rows> rows(const QString& path, int first, int last, const QStringList& roles) override;
+    Reply<QVector<RoleOrigin>> explain(const QString& path) override;
     Reply<Change> set(const QString& path, const QVariant& value,
                       const ChangeOptions& options = {}) override;
     Reply<Change> setRoles(const QString& path, const QVariantMap& roles,

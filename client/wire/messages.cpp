@@ -1,5 +1,7 @@
 #include "wire/messages.h"
 
+#include "wire/codec.h"
+
 #include <QMetaType>
 
 #include <algorithm>
@@ -20,6 +22,11 @@ const QLatin1String keepKey("keep");
 const QLatin1String adjustedKey("adjusted");
 const QLatin1String askedKey("asked");
 const QLatin1String reasonKey("reason");
+const QLatin1String layerKey("layer");
+const QLatin1String stateKey("state");
+const QLatin1String fileKey("file");
+const QLatin1String lineKey("line");
+const QLatin1String columnKey("column");
 
 // The value of the role "type" of a directory.
 constexpr int directoryType = 1;
@@ -118,6 +125,60 @@ std::optional<Rows> rowsFromArguments(const QString& path, const QVariantList& a
         rows.rows.append(row);
     }
     return rows;
+}
+
+namespace {
+
+QVariantMap particularsOf(const RoleOrigin& origin)
+{
+    QVariantMap map { { layerKey, nameOf(origin.layer) }, { stateKey, nameOf(origin.state) } };
+    if (isCarried(origin.value))
+        map.insert(valueKey, origin.value);
+    if (!origin.file.isEmpty())
+        map.insert(fileKey, origin.file);
+    if (origin.line > 0) {
+        map.insert(lineKey, origin.line);
+        map.insert(columnKey, origin.column);
+    }
+    if (!origin.reason.isEmpty())
+        map.insert(reasonKey, origin.reason);
+    return map;
+}
+
+} // namespace
+
+QVariantList originsToArguments(const QVector<RoleOrigin>& origins)
+{
+    QVariantList list;
+    for (const RoleOrigin& origin : origins)
+        list.append(QVariant(QVariantList { origin.role, particularsOf(origin) }));
+    return { QVariant(list) };
+}
+
+std::optional<QVector<RoleOrigin>> originsFromArguments(const QVariantList& arguments)
+{
+    QVector<RoleOrigin> origins;
+    const QVariantList list = arguments.value(0).toList();
+    origins.reserve(list.size());
+    for (const QVariant& entry : list) {
+        const QVariantList members = entry.toList();
+        const QVariantMap map = members.value(1).toMap();
+        const auto layer = layerNamed(map.value(layerKey).toString());
+        const auto state = stateNamed(map.value(stateKey).toString());
+        if (!layer || !state)
+            return std::nullopt;
+        RoleOrigin origin;
+        origin.role = members.value(0).toString();
+        origin.layer = *layer;
+        origin.state = *state;
+        origin.value = map.value(valueKey);
+        origin.file = map.value(fileKey).toString();
+        origin.line = map.value(lineKey).toInt();
+        origin.column = map.value(columnKey).toInt();
+        origin.reason = map.value(reasonKey).toString();
+        origins.append(origin);
+    }
+    return origins;
 }
 
 // ---------------------------------------------------------------------------------------------

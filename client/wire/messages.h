@@ -40,6 +40,11 @@ namespace tulo::wire {
 [[nodiscard]] std::optional<Rows> rowsFromArguments(const QString& path,
                                                     const QVariantList& arguments);
 
+/// The answer of Explain. A value that cannot be carried is left out.
+[[nodiscard]] QVariantList originsToArguments(const QVector<RoleOrigin>& origins);
+[[nodiscard]] std::optional<QVector<RoleOrigin>> originsFromArguments(
+    const QVariantList& arguments);
+
 // ---------------------------------------------------------------------------------------------
 // Changes.
 // ---------------------------------------------------------------------------------------------

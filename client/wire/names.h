@@ -55,6 +55,8 @@ inline constexpr Method getRows {
     "path\0first\0last\0roles\0rowsCount\0rowsVersion\0directoryRoles\0rows\0"
 };
 inline constexpr Method getTreeDigest { readInterface, "GetTreeDigest", "", "s", "digest\0" };
+/// Each origin is a role and its particulars: layer, state, value, file, line, column, reason.
+inline constexpr Method explain { readInterface, "Explain", "s", "a(sa{sv})", "path\0origins\0" };
 inline constexpr Method setValue { changeInterface, "SetValue", "sva{sv}", "a{sv}a{sv}",
                                    "path\0value\0options\0stored\0outcome\0" };
 inline constexpr Method setRoles { changeInterface, "SetRoles", "sa{sv}a{sv}", "a{sv}a{sv}",
@@ -73,9 +75,10 @@ inline constexpr Method flush { changeInterface, "Flush", "", "u", "failed\0" };
 inline constexpr Method dropCache { adminInterface, "DropCache", "", "", "" };
 inline constexpr Method getUnsaved { adminInterface, "GetUnsaved", "u", "as", "maximum\0paths\0" };
 
-inline constexpr std::array methodTable { getData,   getMany,    getRows,   getTreeDigest, setValue,
-                                          setRoles,  apply,      setMany,   reset,         flush,
-                                          dropCache, getUnsaved, resetBelow };
+inline constexpr std::array methodTable { getData,    getMany,  getRows,   getTreeDigest,
+                                          setValue,   setRoles, apply,     setMany,
+                                          reset,      flush,    dropCache, getUnsaved,
+                                          resetBelow, explain };
 
 struct Signal
 {

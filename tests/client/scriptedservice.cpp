@@ -88,6 +88,8 @@ QVariantList ScriptedService::emptyAnswer(const wire::Method& method, const QVar
     }
     if (member == "GetRows")
         return wire::rowsToArguments({});
+    if (member == "Explain")
+        return wire::originsToArguments({});
     if (member == "GetAll")
         return { wire::statusToProperties({}) };
     if (member == "GetUnsaved" || member == "Reset")

@@ -89,6 +89,10 @@ public:
         listings.append({ first, last, {} });
         return listings.last().promise.reply();
     }
+    tulo::Reply<QVector<tulo::RoleOrigin>> explain(const QString&) override
+    {
+        return none<QVector<tulo::RoleOrigin>>();
+    }
     tulo::Reply<tulo::Change> set(const QString& path, const QVariant& value,
                                   const tulo::ChangeOptions& options) override
     {

@@ -546,6 +546,7 @@ void tst_RemoteSettings::requestsReachTheService()
 
     const auto many = settings.getMany({ path }, valueRole);
     const auto rows = settings.rows(path, 1, 2, valueRole);
+    const auto explained = settings.explain(path);
     const auto changed = settings.set(path, 0.5, options);
     const auto roles = settings.setRoles(path, valueRoles(3));
     const auto applied = settings.apply(path, QStringLiteral("add"), 2);
@@ -560,6 +561,7 @@ void tst_RemoteSettings::requestsReachTheService()
     const QStringList expected {
         QStringLiteral("GetMany as [%1] as [value]").arg(path),
         QStringLiteral("GetRows %1 i 1 i 2 as [value, type]").arg(p),
+        QStringLiteral("Explain %1").arg(p),
         QStringLiteral("SetValue %1 d 0.5 {dry-run: b true, if-timestamp: x 2, if-value: x 1}")
             .arg(p),
         QStringLiteral("SetRoles %1 {value: x 3} {}").arg(p),
@@ -698,6 +700,9 @@ const Request getTogether = [](RemoteSettings& settings) {
 const Request getRows = [](RemoteSettings& settings) {
     return errorOf(settings.rows(path, 0, 1, {}));
 };
+const Request explain = [](RemoteSettings& settings) {
+    return errorOf(settings.explain(path));
+};
 const Request setValue = [](RemoteSettings& settings) {
     return errorOf(settings.set(path, true));
 };
@@ -746,6 +751,13 @@ void tst_RemoteSettings::malformedAnswersAreErrors_data()
     row("more rows than counted", getRows, wire::getRows.out,
         { 0U, 0, none, QVariant(QVariantList { node(QStringLiteral("a")) }) });
     row("rows of another type", getRows, "i", { 5 });
+    row("origins of another type", explain, "as", { QStringList(path) });
+    row("origin without a layer", explain, wire::explain.out, nodes({ node(path) }));
+    row("origin of another layer", explain, wire::explain.out,
+        nodes({ QVariant(QVariantList {
+            path,
+            QVariantMap { { QStringLiteral("layer"), QStringLiteral("attic") },
+                          { QStringLiteral("state"), QStringLiteral("hidden") } } }) }));
     row("outcome of another type", setValue, wire::setValue.out,
         { none, QVariantMap { { QStringLiteral("adjusted"), QStringLiteral("yes") } } });
     row("no outcome", setValue, "a{sv}", { none });
@@ -916,6 +928,7 @@ void tst_RemoteSettings::requestsThatCannotBeCarriedAreErrors()
     QCOMPARE(errorOf(settings.get(path, { bad })).code, ErrorCode::Refused);
     QCOMPARE(errorOf(settings.getMany({ path, bad }, valueRole)).code, ErrorCode::Refused);
     QCOMPARE(errorOf(settings.rows(bad, 0, 1, {})).code, ErrorCode::Refused);
+    QCOMPARE(errorOf(settings.explain(bad)).code, ErrorCode::Refused);
     QCOMPARE(errorOf(settings.set(bad, true)).code, ErrorCode::Refused);
     QCOMPARE(errorOf(settings.setRoles(path, { { bad, true } })).code, ErrorCode::Refused);
     QCOMPARE(errorOf(settings.apply(path, bad, 1)).code, ErrorCode::Refused);

@@ -189,6 +189,7 @@ private slots:
     void errorsHaveNamesOnTheBus();
     void errorEntriesReturnTheError();
     void nodesPassTheBus();
+    void originsPassTheBus();
     void rowsPassTheBus();
     void moreRowsThanCountedAreMalformed();
     void changesPassTheBus();
@@ -690,6 +691,44 @@ void tst_WireCodec::nodesPassTheBus()
         QCOMPARE(passed.at(i).path, nodes.at(i).path);
         QCOMPARE(passed.at(i).roles, nodes.at(i).roles);
         QCOMPARE(passed.at(i).error, nodes.at(i).error);
+    }
+}
+
+void tst_WireCodec::originsPassTheBus()
+{
+    QVector<RoleOrigin> origins(3);
+    origins[0].role = QStringLiteral("value");
+    origins[0].layer = RoleOrigin::Layer::Written;
+    origins[0].value = QVariantList { 1LL };
+    origins[0].file = QStringLiteral("/settings/a");
+    origins[0].line = 3;
+    origins[0].column = 7;
+    origins[1].role = QStringLiteral("title");
+    origins[1].layer = RoleOrigin::Layer::Template;
+    origins[1].state = RoleOrigin::State::Hidden;
+    origins[1].value = QVariant::fromValue(QString(QChar(0)));
+    origins[1].reason = QStringLiteral("because");
+    origins[2].layer = RoleOrigin::Layer::Cached;
+    origins[2].state = RoleOrigin::State::Ignored;
+
+    const auto arguments = m_messages.passed(wire::explain.out, wire::originsToArguments(origins));
+
+    QVERIFY(arguments);
+    const auto passed = wire::originsFromArguments(*arguments);
+    QVERIFY(passed);
+    QCOMPARE(passed->size(), 3);
+    // What the bus cannot carry is left out.
+    origins[1].value = QVariant();
+    for (int i = 0; i < 3; ++i) {
+        const RoleOrigin& origin = passed->at(i);
+        QCOMPARE(origin.role, origins.at(i).role);
+        QCOMPARE(origin.layer, origins.at(i).layer);
+        QCOMPARE(origin.state, origins.at(i).state);
+        QCOMPARE(origin.value, origins.at(i).value);
+        QCOMPARE(origin.file, origins.at(i).file);
+        QCOMPARE(origin.line, origins.at(i).line);
+        QCOMPARE(origin.column, origins.at(i).column);
+        QCOMPARE(origin.reason, origins.at(i).reason);
     }
 }
 

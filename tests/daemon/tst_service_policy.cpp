@@ -274,6 +274,7 @@ void TstServicePolicy::rightsFollowTheInterface()
     QCOMPARE(isAllowed("GetMany", { QStringList { volume }, roles }), mayRead);
     QCOMPARE(isAllowed("GetRows", { settings, 0, 5, roles }), mayRead);
     QCOMPARE(isAllowed("GetTreeDigest"), mayRead);
+    QCOMPARE(isAllowed("Explain", { volume }), mayRead);
     QCOMPARE(!client->property("PendingWrites").startsWith(denied), mayRead);
     QCOMPARE(isAllowed("SetValue", { volume, variantOf(40) }), mayChange);
     QCOMPARE(isAllowed("SetRoles", { volume, QVariantMap() }), mayChange);

@@ -107,6 +107,26 @@ QString shown(const Row& row)
         + (row.error ? shown(row.error) : shown(row.roles));
 }
 
+/// "STATE LAYER ROLE VALUE NAME:LINE:COLUMN: REASON", without what there is not.
+QString shown(const RoleOrigin& origin)
+{
+    QString text = nameOf(origin.state) + QLatin1Char(' ') + nameOf(origin.layer);
+    if (!origin.role.isEmpty())
+        text += QLatin1Char(' ') + origin.role;
+    if (origin.value.isValid()) {
+        text += QLatin1Char(' ')
+            + (origin.role == QLatin1String("timestamp") ? QStringLiteral("*")
+                                                         : shown(origin.value));
+    }
+    if (!origin.file.isEmpty()) {
+        text += QStringLiteral(" %1:%2:%3")
+                    .arg(origin.file.section(QLatin1Char('/'), -2))
+                    .arg(origin.line)
+                    .arg(origin.column);
+    }
+    return origin.reason.isEmpty() ? text : text + QStringLiteral(": ") + origin.reason;
+}
+
 template<typename Entry>
 QString shown(const QVector<Entry>& entries)
 {
@@ -522,6 +542,202 @@ void SettingsContract::rowThatCannotBeServedKeepsItsPlace()
 // ---------------------------------------------------------------------------------------------
 // Values.
 // ---------------------------------------------------------------------------------------------
+
+// ---------------------------------------------------------------------------------------------
+// Explaining.
+// ---------------------------------------------------------------------------------------------
+
+void SettingsContract::explaining_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QByteArray>("written");
+    QTest::addColumn<QString>("answer");
+    const auto row = [](const char* name, const QString& path, const QByteArray& written,
+                        const QStringList& entries) {
+        QTest::newRow(name) << path << written << entries.join(QStringLiteral("; "));
+    };
+    const QString notChanged = QStringLiteral(": a written file cannot change this role");
+    row("default file", loudness, {},
+        { QStringLiteral("effective default value b true audio/loudness:1:21"),
+          QStringLiteral("effective default defaultValue b true audio/loudness:1:21"),
+          QStringLiteral("effective default title s \"Loudness\" audio/loudness:1:2"),
+          QStringLiteral("effective builtIn type x 101"),
+          QStringLiteral("effective builtIn path s \"/settings/audio/loudness\""),
+          QStringLiteral("effective default edit {kind: s \"bool\"} audio/loudness:1:43"),
+          QStringLiteral("hidden template title s \"Audio\" audio/.meta:1:2: a template is for "
+                         "settings without a default file"),
+          QStringLiteral("hidden template modifiable b false audio/.meta:1:18: a template is for "
+                         "settings without a default file") });
+    row("written file", token, R"({"timestamp":5,"value":{"int":7},"title":"Mine","x":1})",
+        { QStringLiteral("effective written value x 7 write/token:1:16"),
+          QStringLiteral("effective default title s \"Token\" default/token:1:2"),
+          QStringLiteral("effective builtIn type x 101"),
+          QStringLiteral("effective builtIn path s \"/settings/token\""),
+          QStringLiteral("effective written timestamp * write/token:1:2"),
+          QStringLiteral("ignored written title s \"Mine\" write/token:1:34") + notChanged,
+          QStringLiteral("ignored written x x 1 write/token:1:49") + notChanged,
+          QStringLiteral("hidden template title s \"Settings\" default/.meta:1:2: a template is "
+                         "for settings without a default file"),
+          QStringLiteral("hidden template modifiable b false default/.meta:1:21: a template is "
+                         "for settings without a default file") });
+    row("template", QStringLiteral("/settings/presets/one"), {},
+        { QStringLiteral("effective template defaultValue s \"fm:87.5\" presets/.meta:1:19"),
+          QStringLiteral("effective template title s \"Preset\" presets/.meta:1:2"),
+          QStringLiteral("effective builtIn type x 101"),
+          QStringLiteral("effective builtIn path s \"/settings/presets/one\"") });
+    row("directory", audio, {},
+        { QStringLiteral("effective default title s \"Audio\" audio/.meta:1:2"),
+          QStringLiteral("effective builtIn type x 1"),
+          QStringLiteral("effective builtIn path s \"/settings/audio\""),
+          QStringLiteral("effective default modifiable b false audio/.meta:1:18") });
+    row("directory without roles", QStringLiteral("/settings/made"), {},
+        { QStringLiteral("effective builtIn title s \"made\""),
+          QStringLiteral("effective builtIn type x 1"),
+          QStringLiteral("effective builtIn path s \"/settings/made\"") });
+    row("no such path", QStringLiteral("/settings/nothing"), {},
+        { QStringLiteral("InvalidPath: Invalid path '/settings/nothing'") });
+    row("no such path beside a template", secondPreset, {},
+        { QStringLiteral("InvalidPath: Invalid path '/settings/presets/two'") });
+    row("another mount", QStringLiteral("/other/audio"), {},
+        { QStringLiteral("InvalidPath: Invalid path '/other/audio'") });
+    row("empty path", QString(), {}, { QStringLiteral("Refused: The path is empty") });
+    row("parent", QStringLiteral("/settings/../audio"), {},
+        { QStringLiteral(
+            "Refused: Path '/settings/../audio' has a component that begins with '.'") });
+    row("an action", QStringLiteral("/settings/actions/flush"), {},
+        { QStringLiteral("effective builtIn permission s \"readWrite\"") });
+}
+
+void SettingsContract::explaining()
+{
+    QFETCH(const QString, path);
+    QFETCH(const QByteArray, written);
+    QFETCH(const QString, answer);
+    if (!written.isNull())
+        tree().writeWritten(path.mid(int(qstrlen("/settings"))), written);
+    if (path.endsWith(QLatin1String("/made")))
+        tree().makeWriteDirectory(QStringLiteral("/made"));
+
+    QCOMPARE(answerOf(settings().explain(path)), answer);
+}
+
+void SettingsContract::explanationIsWhatReadingAnswers_data()
+{
+    QTest::addColumn<QString>("path");
+    for (const QString& path :
+         { volume, gain, loudness, mode, sources, serial, secret, token, audio,
+           QStringLiteral("/settings"), QStringLiteral("/settings/presets/one"),
+           QStringLiteral("/settings/whole") })
+        QTest::newRow(qPrintable(path)) << path;
+}
+
+void SettingsContract::explanationIsWhatReadingAnswers()
+{
+    QFETCH(const QString, path);
+
+    const Reply<QVariantMap> read = settings().get(path, {});
+    const Reply<QVector<RoleOrigin>> explained = settings().explain(path);
+
+    QVERIFY(read.wait() && explained.wait());
+    QVariantMap effective;
+    for (const RoleOrigin& origin : explained.value()) {
+        if (origin.state == RoleOrigin::State::Effective)
+            effective.insert(origin.role, origin.value);
+    }
+    QCOMPARE(shown(effective), shown(read.value()));
+}
+
+void SettingsContract::explanationTellsOfAChangeThatIsNotWritten()
+{
+    tree().writeWritten(QStringLiteral("/audio/volume"), R"({"timestamp":5,"value":{"int":10}})");
+    const QString reason = QStringLiteral(": a change that is not yet written takes its place");
+    const QString expected =
+        QStringList {
+            QStringLiteral("effective pending value x 15"),
+            QStringLiteral("effective default defaultValue x 35 audio/volume:1:19"),
+            QStringLiteral("effective default title s \"Volume\" audio/volume:1:2"),
+            QStringLiteral("effective default valueUnit s \"%\" audio/volume:1:38"),
+            QStringLiteral("effective builtIn type x 101"),
+            QStringLiteral("effective builtIn path s \"/settings/audio/volume\""),
+            QStringLiteral("effective default edit {kind: s \"int\", max: x 100, min: x 0, step: "
+                           "x 5} audio/volume:1:54"),
+            QStringLiteral("effective pending timestamp *"),
+            QStringLiteral("hidden written value x 10 audio/volume:1:16") + reason,
+            QStringLiteral("hidden written timestamp * audio/volume:1:2") + reason,
+            QStringLiteral("hidden default value x 35 audio/volume:1:19: the written file has one"),
+            QStringLiteral("hidden template title s \"Audio\" audio/.meta:1:2: a template is for "
+                           "settings without a default file"),
+            QStringLiteral("hidden template modifiable b false audio/.meta:1:18: a template is "
+                           "for settings without a default file"),
+        }
+            .join(QStringLiteral("; "));
+
+    // The write may come between the two requests.
+    QString answer;
+    for (int attempt = 0; attempt < 20 && answer != expected; ++attempt) {
+        tree().writeWritten(QStringLiteral("/audio/volume"),
+                            R"({"timestamp":5,"value":{"int":10}})");
+        const Reply<Change> changed = settings().set(volume, 15);
+        answer = answerOf(settings().explain(volume));
+        QCOMPARE(answerOf(settings().flush()), QStringLiteral("0"));
+    }
+
+    QCOMPARE(answer, expected);
+}
+
+void SettingsContract::explanationTellsOfAChangeThatIsWritten()
+{
+    QVERIFY(settings().set(secondPreset, QStringLiteral("dab:5A")).wait());
+    QCOMPARE(answerOf(settings().flush()), QStringLiteral("0"));
+
+    QCOMPARE(answerOf(settings().explain(secondPreset)),
+             QStringList({
+                             QStringLiteral("effective written value s \"dab:5A\" "
+                                            "presets/two:1:28"),
+                             QStringLiteral("effective template defaultValue s \"fm:87.5\" "
+                                            "presets/.meta:1:19"),
+                             QStringLiteral("effective template title s \"Preset\" "
+                                            "presets/.meta:1:2"),
+                             QStringLiteral("effective builtIn type x 101"),
+                             QStringLiteral("effective builtIn path s \"/settings/presets/two\""),
+                             QStringLiteral("effective written timestamp * presets/two:1:2"),
+                         })
+                 .join(QStringLiteral("; ")));
+}
+
+void SettingsContract::explanationTellsWhatIsKeptFromEarlier()
+{
+    QCOMPARE(answerOf(settings().get(token, valueRole)), QStringLiteral("{}"));
+    tree().writeWritten(QStringLiteral("/token"), R"({"value":{"int":7}})");
+
+    const QString before = answerOf(settings().explain(token));
+    QVERIFY(settings().dropCache().wait());
+    const QString after = answerOf(settings().explain(token));
+
+    const QString hidden = QStringLiteral("hidden written value x 7 write/token:1:2: what was read "
+                                          "earlier is kept until the caches are dropped");
+    QVERIFY2(before.contains(hidden), qPrintable(before));
+    QVERIFY2(after.startsWith(QLatin1String("effective written value x 7 write/token:1:2; ")),
+             qPrintable(after));
+}
+
+void SettingsContract::explanationLeavesHiddenSecretsOut()
+{
+    QVERIFY(settings().set(secret, QStringLiteral("new")).wait());
+    const QString pending = answerOf(settings().explain(secret));
+    QCOMPARE(answerOf(settings().flush()), QStringLiteral("0"));
+    const QString written = answerOf(settings().explain(secret));
+
+    // What reading answers is shown: the value and the default value.
+    for (const QString& answer : { pending, written }) {
+        QCOMPARE(answer.count(QLatin1String("\"new\"")), 1);
+        QCOMPARE(answer.count(QLatin1String("\"old\"")), 1);
+        QVERIFY2(answer.contains(QLatin1String("effective default defaultValue s \"old\"")),
+                 qPrintable(answer));
+        QVERIFY2(answer.contains(QLatin1String("hidden default value default/secret:1:19: ")),
+                 qPrintable(answer));
+    }
+}
 
 void SettingsContract::setTakesEveryNumberType_data()
 {

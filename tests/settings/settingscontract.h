@@ -54,6 +54,15 @@ private slots:
     void rowsComeInPages();
     void rowThatCannotBeServedKeepsItsPlace();
 
+    void explaining_data();
+    void explaining();
+    void explanationIsWhatReadingAnswers_data();
+    void explanationIsWhatReadingAnswers();
+    void explanationTellsOfAChangeThatIsNotWritten();
+    void explanationTellsOfAChangeThatIsWritten();
+    void explanationTellsWhatIsKeptFromEarlier();
+    void explanationLeavesHiddenSecretsOut();
+
     void setTakesEveryNumberType_data();
     void setTakesEveryNumberType();
     void setStores_data();

@@ -107,6 +107,9 @@ struct RoleOrigin
 /// A word for programs, such as "hidden" or "template".
 TULO_SETTINGS_EXPORT QString nameOf(RoleOrigin::State state);
 TULO_SETTINGS_EXPORT QString nameOf(RoleOrigin::Layer layer);
+/// None for another word.
+TULO_SETTINGS_EXPORT std::optional<RoleOrigin::State> stateNamed(const QString& name);
+TULO_SETTINGS_EXPORT std::optional<RoleOrigin::Layer> layerNamed(const QString& name);
 
 /// What a reset goes to.
 struct ResetOptions
@@ -238,6 +241,10 @@ public:
     /// one, at most maximumRows. `last` below `first` asks for the directory only.
     virtual Reply<Rows> rows(const QString& path, int first, int last,
                              const QStringList& roles) = 0;
+
+    /// Where each role of a setting or directory comes from: the effective ones, which are those
+    /// that get() answers, and then what is hidden or ignored in its files.
+    virtual Reply<QVector<RoleOrigin>> explain(const QString& path) = 0;
 
     // Changes. A value of another type that the setting's kind can hold without loss is taken: any
     // number type, and a number or truth value where a text is wanted, as its text. A QVariantMap
