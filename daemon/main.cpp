@@ -38,13 +38,12 @@ int checkTrees(const LocalSettings& settings)
     const QVector<TreeFinding> findings =
         inspectTrees(settings.defaultPath(), settings.writePath());
     for (const TreeFinding& finding : findings) {
-        const QString text = finding.file + QStringLiteral(": ") + finding.message;
-        if (finding.effect != TreeFinding::Effect::StopsStart) {
+        const QString text = placeOf(finding) + QStringLiteral(": ") + finding.message;
+        if (!finding.stopsStart) {
             LOG4CPLUS_WARN(daemonLogger(), text.toStdString());
             continue;
         }
-        const bool isContent = finding.kind == TreeFinding::Kind::Unparsable
-            || finding.kind == TreeFinding::Kind::NoObject;
+        const bool isContent = qstrcmp(ruleOf(finding.rule).group, "json") == 0;
         const int failure = fail(isContent ? Findings : NotAvailable, text);
         if (exitCode == Done)
             exitCode = failure;

@@ -1,15 +1,18 @@
 #include "trees/treecheck.h"
 
 #include "client/base/checks.h"
+#include "trees/documentcheck.h"
 #include "trees/fileprobe.h"
 #include "trees/nodenames.h"
-#include "trees/settingvalue.h"
+#include "trees/separator.h"
+#include "trees/treedocuments.h"
+#include "trees/treelint.h"
 #include "trees/treeowner.h"
 #include "trees/treestamp.h"
 
-#include "api/core/model/cmedit.h"
 #include "api/core/tulojson.h"
 #include "api/core/tuloroles.h"
+#include "api/core/tulovalue.h"
 
 #include <QByteArray>
 #include <QDir>
@@ -20,6 +23,7 @@
 #include <cerrno>
 #include <optional>
 #include <set>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -32,18 +36,12 @@ namespace tulo {
 
 namespace {
 
-using Kind = TreeFinding::Kind;
-using Effect = TreeFinding::Effect;
+/// What a finding means for the service.
+enum class Effect { None, StopsStart };
 
 // Of what a path can name; the mount is its first component.
 constexpr int maximumDepth = maximumLevels - 1;
 constexpr char metaName[] = ".meta";
-
-QString shown(const QVariant& content)
-{
-    const QByteArray text = TuloJson::serialize(content);
-    return text.isNull() ? QStringLiteral("?") : QString::fromUtf8(text);
-}
 
 bool isRegular(const QByteArray& fileName)
 {
@@ -135,57 +133,69 @@ struct Entry
     }
 };
 
+/// How much is looked at.
+enum class Extent {
+    Start, ///< what the service has to know before it starts
+    All ///< everything, for which the documents are kept
+};
+
 class Inspection
 {
 public:
-    Inspection(const QString& root, User user)
+    Inspection(const QString& root, User user, Extent extent)
         : m_root(QFile::encodeName(QDir::cleanPath(root)))
         , m_user(user)
+        , m_extent(extent)
     {
     }
     virtual ~Inspection() = default;
     Q_DISABLE_COPY(Inspection)
 
-    QVector<TreeFinding> run()
+    TreeContents run()
     {
         Entry root;
         root.fileName = m_root;
         if (::stat(m_root.constData(), &root.file) != 0) {
-            add(root, Kind::Unreadable, Effect::StopsStart, qt_error_string(errno));
-            return m_findings;
+            add(root, RuleId::Unreadable, Effect::StopsStart, qt_error_string(errno));
+            return std::move(m_contents);
         }
         inspectDirectory(root);
         for (std::size_t i = 0; i < m_directories.size(); ++i)
             inspectEntries(i);
-        // A directory's entries follow it, before what has a longer name.
-        const auto key = [](const TreeFinding& finding) {
-            return QString(finding.file).replace(QLatin1Char('/'), QChar(1));
-        };
-        std::stable_sort(
-            m_findings.begin(), m_findings.end(),
-            [&key](const auto& one, const auto& other) { return key(one) < key(other); });
-        return m_findings;
+        sortFindings(&m_contents.findings);
+        return std::move(m_contents);
     }
 
 protected:
     virtual void inspect(const Entry& entry) = 0;
     virtual void inspectDirectory(const Entry& entry) = 0;
 
-    void add(const Entry& entry, Kind kind, Effect effect, const QString& message)
+    bool isWhole() const { return m_extent == Extent::All; }
+
+    void add(const Entry& entry, RuleId rule, Effect effect, const QString& message,
+             TextPosition position = {})
     {
-        m_findings.append({ kind, effect, QFile::decodeName(entry.fileName), message });
+        TreeFinding finding;
+        finding.rule = rule;
+        finding.stopsStart = effect == Effect::StopsStart;
+        finding.file = QFile::decodeName(entry.fileName);
+        finding.name = QFile::decodeName(entry.below);
+        finding.settingPath = settingPathOf(finding.name);
+        finding.position = position;
+        finding.message = message;
+        m_contents.findings.append(finding);
     }
 
     void addSpecial(const Entry& entry)
     {
-        add(entry, Kind::Special, Effect::StopsStart,
+        add(entry, RuleId::SpecialFile, Effect::StopsStart,
             QStringLiteral("is neither a regular file nor a directory"));
     }
 
     void addIfTooDeep(const Entry& entry)
     {
         if (entry.depth > maximumDepth) {
-            add(entry, Kind::TooDeep, Effect::Wrong,
+            add(entry, RuleId::PathTooDeep, Effect::None,
                 QStringLiteral("is below level %1, so no path reaches it").arg(maximumLevels));
         }
     }
@@ -198,6 +208,9 @@ protected:
     /// Has the entries of a directory inspected, unless they have been.
     void enter(const Entry& entry)
     {
+        const QString name = QFile::decodeName(entry.below);
+        m_contents.directories.insert(name);
+        m_contents.directoryNames.insert(name, QFile::decodeName(entry.fileName));
         if (m_seen.emplace(entry.file.st_dev, entry.file.st_ino).second)
             m_directories.push_back(entry);
     }
@@ -213,14 +226,14 @@ protected:
         }
     }
 
-    /// The document in a regular file; nothing, and a finding, if there is none.
-    std::optional<QVariant> parse(const Entry& entry, Effect unparsable)
+    /// The text of a regular file; nothing, and a finding, if it cannot be read.
+    std::optional<QByteArray> read(const Entry& entry)
     {
         // Not blocking, in case it is a pipe by now.
         const int descriptor =
             ::open(entry.fileName.constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
         if (descriptor < 0) {
-            add(entry, Kind::Unreadable, Effect::Wrong, qt_error_string(errno));
+            add(entry, RuleId::Unreadable, Effect::None, qt_error_string(errno));
             return std::nullopt;
         }
         QFile file;
@@ -233,20 +246,15 @@ protected:
         // One that grows meanwhile is read no further.
         const QByteArray text = file.read(FileProbe::maximumFileBytes + 1);
         if (text.size() > FileProbe::maximumFileBytes) {
-            add(entry, Kind::TooLarge, Effect::StopsStart, QStringLiteral("is larger than 1 MiB"));
+            add(entry, RuleId::TooLarge, Effect::StopsStart,
+                QStringLiteral("is larger than 1 MiB"));
             return std::nullopt;
         }
         if (file.error() != QFileDevice::NoError) {
-            add(entry, Kind::Unreadable, Effect::Wrong, file.errorString());
+            add(entry, RuleId::Unreadable, Effect::None, file.errorString());
             return std::nullopt;
         }
-        TuloError error;
-        const QVariant content = TuloJson::parse(text, error, nullptr);
-        if (!error.isEmpty()) {
-            add(entry, Kind::Unparsable, unparsable, error.message());
-            return std::nullopt;
-        }
-        return content;
+        return text;
     }
 
     /// The message for a document that is not an object.
@@ -256,13 +264,30 @@ protected:
             .arg(content.isValid() ? TuloValue::ofContent(content).kind() : QStringLiteral("null"));
     }
 
+    /// Keeps a document for what is found in several files together.
+    void keep(const Entry& entry, const QVariantHash& roles, const LocatedJson& located)
+    {
+        TreeDocument document;
+        document.file = QFile::decodeName(entry.fileName);
+        document.name = QFile::decodeName(entry.below);
+        document.roles = roles;
+        for (auto at = located.positions.cbegin(); at != located.positions.cend(); ++at) {
+            constexpr int levels = 2;
+            if (at.key().count(separator) <= levels)
+                document.positions.insert(at.key(), *at);
+        }
+        m_contents.documents.insert(document.name, document);
+    }
+
+    void noteFile(const Entry& entry) { m_contents.files.insert(QFile::decodeName(entry.below)); }
+
 private:
     void inspectEntries(std::size_t index)
     {
         const Entry directory = m_directories[index];
         DIR* const stream = ::opendir(directory.fileName.constData());
         if (stream == nullptr) {
-            add(directory, Kind::Unreadable, Effect::Wrong, qt_error_string(errno));
+            add(directory, RuleId::Unreadable, Effect::None, qt_error_string(errno));
             return;
         }
         std::vector<QByteArray> names;
@@ -297,9 +322,10 @@ private:
 
     const QByteArray m_root;
     const User m_user;
+    const Extent m_extent;
     std::vector<Entry> m_directories; ///< that are or will be visited
     std::set<std::pair<dev_t, ino_t>> m_seen;
-    QVector<TreeFinding> m_findings;
+    TreeContents m_contents;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -317,12 +343,12 @@ private:
         if (entry.depth == 1 && entry.name == stampName().latin1())
             return;
         if (entry.isHidden() && !entry.isMeta()) {
-            add(entry, Kind::NotListed, Effect::Wrong,
+            add(entry, RuleId::NotListed, Effect::None,
                 QStringLiteral("no listing shows this name"));
         } else if (entry.isSpecial()) {
             addSpecial(entry);
         } else if (!entry.isMeta() && !entry.isListed()) {
-            add(entry, Kind::NotListed, Effect::Wrong,
+            add(entry, RuleId::NotListed, Effect::None,
                 QStringLiteral("no listing shows this name"));
         } else if (entry.error != 0) {
             inspectMissing(entry);
@@ -330,6 +356,7 @@ private:
             inspectMeta(entry);
         } else {
             addIfTooDeep(entry);
+            addIfTooLong(entry);
             if (entry.isDirectory())
                 inspectDirectory(entry);
             else
@@ -337,21 +364,36 @@ private:
         }
     }
 
+    void addIfTooLong(const Entry& entry)
+    {
+        if (!isWhole())
+            return;
+        constexpr char mount[] = "/settings/";
+        if (entry.name.size() > maximumNameBytes) {
+            add(entry, RuleId::NameTooLong, Effect::None,
+                QStringLiteral("the name has %1 bytes, of which a path takes %2")
+                    .arg(entry.name.size())
+                    .arg(maximumNameBytes));
+        } else if (qstrlen(mount) + uint(entry.below.size()) > uint(maximumPathBytes)) {
+            add(entry, RuleId::NameTooLong, Effect::None,
+                QStringLiteral("the path has more than %1 bytes").arg(maximumPathBytes));
+        }
+    }
+
     void inspectMissing(const Entry& entry)
     {
         if (entry.isLink
             && (entry.error == ENOENT || entry.error == ENOTDIR || entry.error == ELOOP))
-            add(entry, Kind::NotListed, Effect::Wrong,
-                QStringLiteral("is a link that leads nowhere"));
+            add(entry, RuleId::Link, Effect::None, QStringLiteral("is a link that leads nowhere"));
         else
-            add(entry, Kind::Unreadable, Effect::Wrong, qt_error_string(entry.error));
+            add(entry, RuleId::Unreadable, Effect::None, qt_error_string(entry.error));
     }
 
     void inspectMeta(const Entry& entry)
     {
         // To the worker a file that holds nothing.
         if (entry.isDirectory())
-            add(entry, Kind::Unparsable, Effect::StopsStart, QStringLiteral("is a directory"));
+            add(entry, RuleId::NoObject, Effect::StopsStart, QStringLiteral("is a directory"));
         else
             inspectFile(entry);
     }
@@ -360,9 +402,9 @@ private:
     {
         const QString denied = denial(entry, R_OK | X_OK);
         if (!denied.isEmpty())
-            add(entry, Kind::Unreadable, Effect::Wrong, denied);
+            add(entry, RuleId::Unreadable, Effect::None, denied);
         else if (entry.isLink && liesInItself(entry))
-            add(entry, Kind::NotListed, Effect::Wrong,
+            add(entry, RuleId::Link, Effect::None,
                 QStringLiteral("is a link to a directory that it lies in"));
         else
             enter(entry);
@@ -372,55 +414,71 @@ private:
     {
         const QString denied = denial(entry, R_OK);
         if (!denied.isEmpty()) {
-            add(entry, Kind::Unreadable, Effect::Wrong, denied);
+            add(entry, RuleId::Unreadable, Effect::None, denied);
             return;
         }
-        const std::optional<QVariant> content = parse(entry, Effect::StopsStart);
-        if (!content)
+        noteFile(entry);
+        const std::optional<QByteArray> text = read(entry);
+        if (!text)
             return;
-        if (content->userType() != QMetaType::QVariantHash) {
+        TuloError error;
+        const QVariant content = TuloJson::parse(*text, error, nullptr);
+        if (!error.isEmpty()) {
+            inspectSyntax(entry, *text);
+        } else if (content.userType() != QMetaType::QVariantHash) {
             // The worker takes null for a missing file that a listing shows.
-            add(entry, Kind::NoObject, content->isValid() ? Effect::Wrong : Effect::StopsStart,
-                noObject(*content));
-            return;
+            add(entry, RuleId::NoObject, content.isValid() ? Effect::None : Effect::StopsStart,
+                noObject(content), parseLocated(*text).position(QString()));
+        } else {
+            inspectRoles(entry, *text, content.toHash());
         }
-        const TuloRoles roles { TuloHash(content->toHash()) };
-        if (!hasUsableEdit(entry, roles))
-            return;
-        inspectValue(entry, TuloRoles::Value(), roles);
-        inspectValue(entry, TuloRoles::DefaultValue(), roles);
     }
 
-    bool hasUsableEdit(const Entry& entry, const TuloRoles& roles)
+    void inspectSyntax(const Entry& entry, const QByteArray& text)
     {
-        const QVariant edit = roles.__hashAttribute(TuloRoles::Edit());
-        if (!roles.__contains(TuloRoles::Edit()) || edit.userType() == QMetaType::QVariantHash)
-            return true;
-        add(entry, Kind::BadEdit, Effect::Wrong,
-            QStringLiteral("edit: %1 is not an object").arg(shown(edit)));
-        return false;
+        const LocatedJson located = parseLocated(text);
+        RuleId rule = RuleId::Syntax;
+        if (text.startsWith("\xEF\xBB\xBF"))
+            rule = RuleId::ByteOrderMark;
+        else if (located.error == QLatin1String("Nested too deeply."))
+            rule = RuleId::NestedTooDeep;
+        add(entry, rule, Effect::StopsStart,
+            rule == RuleId::ByteOrderMark ? QStringLiteral("begins with a byte order mark")
+                                          : located.error,
+            located.errorPosition);
     }
 
-    void inspectValue(const Entry& entry, const QString& role, const TuloRoles& roles)
+    void inspectRoles(const Entry& entry, const QByteArray& text, const QVariantHash& roles)
     {
-        if (!roles.__contains(role))
+        const QVector<DocumentFinding> found =
+            isWhole() ? checkDocument(roles, useOf(entry, roles)) : checkValues(roles);
+        // Places cost a second reading.
+        if (!isWhole() && found.isEmpty())
             return;
-        const QVariant written = roles.__hashAttribute(role);
-        const TuloValue value { TuloHash(written.toHash()) };
-        if (written.userType() == QMetaType::QVariantHash && value.isEmpty())
-            return;
-        if (value.convertedTo(value.kind()).isEmpty()) {
-            add(entry, Kind::NoKind, Effect::Wrong,
-                QStringLiteral("%1: %2 is not a value of a known kind, such as {\"int\":5}")
-                    .arg(role, shown(written)));
-            return;
+        const LocatedJson located = parseLocated(text);
+        for (const DocumentFinding& finding : found) {
+            add(entry, finding.rule, Effect::None, finding.message,
+                located.position(finding.pointer));
         }
-        const QString reason = CMEdit::judge(value, value, roles.edit()).reason;
-        if (!reason.isEmpty()) {
-            add(entry, Kind::OutsideConstraints, Effect::Wrong,
-                QStringLiteral("%1: %2: %3")
-                    .arg(role, shown(value.content()), withLimits(reason, roles.edit())));
+        if (!isWhole())
+            return;
+        for (const auto& duplicate : located.duplicates) {
+            add(entry, RuleId::DuplicateKey, Effect::None,
+                QStringLiteral("'%1' is there twice; the last one counts")
+                    .arg(nameOf(duplicate.first)),
+                duplicate.second);
         }
+        keep(entry, roles, located);
+    }
+
+    // Clients make no children at the top, and none where the .meta forbids changes.
+    static DocumentUse useOf(const Entry& entry, const QVariantHash& roles)
+    {
+        if (!entry.isMeta())
+            return DocumentUse::Setting;
+        const bool isTop = entry.below == entry.name;
+        return isTop || !TuloRoles(TuloHash(roles)).modifiable() ? DocumentUse::Directory
+                                                                 : DocumentUse::Template;
     }
 };
 
@@ -431,8 +489,9 @@ private:
 class WritableInspection : public Inspection
 {
 public:
-    WritableInspection(const QString& root, const QString& defaultRoot, const User& user)
-        : Inspection(root, user)
+    WritableInspection(const QString& root, const QString& defaultRoot, const User& user,
+                       Extent extent)
+        : Inspection(root, user, extent)
         , m_defaultRoot(QFile::encodeName(QDir::cleanPath(defaultRoot)))
     {
     }
@@ -451,7 +510,7 @@ private:
         if (!entry.isListed())
             return;
         if (entry.isLink) {
-            add(entry, Kind::Link, Effect::Wrong,
+            add(entry, RuleId::Link, Effect::None,
                 QStringLiteral("is a link; no change is written through it"));
         }
         // Gone since it was listed, or a link that leads nowhere: nothing is served from it.
@@ -471,7 +530,7 @@ private:
         if (::stat(otherName.constData(), &other) != 0
             || S_ISDIR(other.st_mode) == entry.isDirectory())
             return false;
-        add(entry, Kind::Clash, Effect::Wrong,
+        add(entry, RuleId::FileDirectoryClash, Effect::None,
             entry.isDirectory()
                 ? QStringLiteral("is a directory, but a setting in the default tree")
                 : QStringLiteral("is a file, but a directory in the default tree"));
@@ -484,19 +543,30 @@ private:
         if (denied.isEmpty())
             enter(entry);
         else
-            add(entry, Kind::Unusable, Effect::StopsStart, denied);
+            add(entry, RuleId::Unusable, Effect::StopsStart, denied);
     }
 
     void inspectFile(const Entry& entry)
     {
         const QString denied = denial(entry, R_OK);
         if (!denied.isEmpty()) {
-            add(entry, Kind::Unusable, Effect::StopsStart, denied);
+            add(entry, RuleId::Unusable, Effect::StopsStart, denied);
             return;
         }
-        const std::optional<QVariant> content = parse(entry, Effect::Wrong);
-        if (content && content->userType() != QMetaType::QVariantHash)
-            add(entry, Kind::NoObject, Effect::Wrong, noObject(*content));
+        noteFile(entry);
+        const std::optional<QByteArray> text = read(entry);
+        if (!text)
+            return;
+        const LocatedJson located = parseLocated(*text);
+        if (!located.isValid()) {
+            add(entry, RuleId::WrittenUnparsable, Effect::None, located.error,
+                located.errorPosition);
+        } else if (located.value.userType() != QMetaType::QVariantHash) {
+            add(entry, RuleId::WrittenUnparsable, Effect::None, noObject(located.value),
+                located.position(QString()));
+        } else if (isWhole()) {
+            keep(entry, located.value.toHash(), located);
+        }
     }
 
     /// A hidden entry, which matters only where the temporary file of a setting belongs.
@@ -514,22 +584,22 @@ private:
 
         const QString setting = QFile::decodeName(name);
         if (entry.isLink) {
-            add(entry, Kind::Link, Effect::Wrong,
+            add(entry, RuleId::Link, Effect::None,
                 QStringLiteral("is a link, so no change of '%1' is written").arg(setting));
         } else if (entry.isSpecial()) {
             addSpecial(entry);
         } else if (entry.isDirectory()) {
-            add(entry, Kind::Clash, Effect::Wrong,
+            add(entry, RuleId::FileDirectoryClash, Effect::None,
                 QStringLiteral("is a directory, so no change of '%1' can be written").arg(setting));
         } else if (entry.file.st_nlink > 1) {
-            add(entry, Kind::HardLink, Effect::Wrong,
+            add(entry, RuleId::HardLink, Effect::None,
                 QStringLiteral("has a second name, whose content the next write of '%1' would "
                                "overwrite")
                     .arg(setting));
         } else if (const QString denied = denial(entry, W_OK); !denied.isEmpty()) {
-            add(entry, Kind::Unusable, hasSetting ? Effect::StopsStart : Effect::Wrong, denied);
+            add(entry, RuleId::Unusable, hasSetting ? Effect::StopsStart : Effect::None, denied);
         } else {
-            add(entry, Kind::StaleTemporary, Effect::Harmless,
+            add(entry, RuleId::StaleTemporary, Effect::None,
                 QStringLiteral("may be left from an interrupted write of '%1', whose next write "
                                "reuses it")
                     .arg(setting));
@@ -541,49 +611,110 @@ private:
 
 } // namespace
 
-QString findingName(TreeFinding::Kind kind)
+// ---------------------------------------------------------------------------------------------
+// Both trees.
+// ---------------------------------------------------------------------------------------------
+
+TextPosition TreeDocument::position(const QString& pointer) const
 {
-    switch (kind) {
-    case Kind::Special:
-        return QStringLiteral("special");
-    case Kind::TooLarge:
-        return QStringLiteral("tooLarge");
-    case Kind::TooDeep:
-        return QStringLiteral("tooDeep");
-    case Kind::Unreadable:
-        return QStringLiteral("unreadable");
-    case Kind::Unusable:
-        return QStringLiteral("unusable");
-    case Kind::Unparsable:
-        return QStringLiteral("unparsable");
-    case Kind::NoObject:
-        return QStringLiteral("noObject");
-    case Kind::NoKind:
-        return QStringLiteral("noKind");
-    case Kind::BadEdit:
-        return QStringLiteral("badEdit");
-    case Kind::OutsideConstraints:
-        return QStringLiteral("outsideConstraints");
-    case Kind::NotListed:
-        return QStringLiteral("notListed");
-    case Kind::Link:
-        return QStringLiteral("link");
-    case Kind::HardLink:
-        return QStringLiteral("hardLink");
-    case Kind::Clash:
-        return QStringLiteral("clash");
-    case Kind::StaleTemporary:
-        return QStringLiteral("staleTemporary");
+    for (QString at = pointer; !at.isEmpty(); at.truncate(at.lastIndexOf(separator))) {
+        const auto known = positions.constFind(at);
+        if (known != positions.cend())
+            return *known;
     }
-    return QString();
+    return positions.value(QString());
+}
+
+QString kindPointer(const TreeDocument& document)
+{
+    const QString edit = pointerTo(QString(), TuloRoles::Edit());
+    if (document.roles.value(TuloRoles::Edit()).toHash().contains(TuloEdit::Kind()))
+        return pointerTo(edit, TuloEdit::Kind());
+    const QString value = pointerTo(QString(), TuloRoles::Value());
+    return document.roles.contains(TuloRoles::Value()) ? value : edit;
+}
+
+QString settingPathOf(const QString& name)
+{
+    if (name.isEmpty())
+        return QString();
+    const QString path = separator + name;
+    const QString last = nameOf(path);
+    const QString directory = path.chopped(last.size());
+    if (last == QLatin1String(metaName))
+        return directory.chopped(1);
+    // A temporary file is named after its setting.
+    return last.startsWith(QLatin1Char('.')) ? directory + last.mid(1) : path;
+}
+
+QString placeOf(const TreeFinding& finding)
+{
+    if (!finding.position.isKnown())
+        return finding.file;
+    return QStringLiteral("%1:%2:%3")
+        .arg(finding.file, QString::number(finding.position.line),
+             QString::number(finding.position.column));
+}
+
+TreeFinding findingIn(const TreeDocument& document, RuleId rule, const QString& pointer,
+                      const QString& message)
+{
+    TreeFinding finding;
+    finding.rule = rule;
+    finding.file = document.file;
+    finding.name = document.name;
+    finding.settingPath = settingPathOf(document.name);
+    finding.position = document.position(pointer);
+    finding.message = message;
+    return finding;
+}
+
+void sortFindings(QVector<TreeFinding>* findings)
+{
+    // A directory's entries follow it, before what has a longer name.
+    const auto key = [](const TreeFinding& finding) {
+        return std::make_tuple(QString(finding.file).replace(separator, QChar(1)),
+                               finding.position.line, finding.position.column, finding.rule,
+                               finding.message);
+    };
+    std::stable_sort(findings->begin(), findings->end(),
+                     [&key](const auto& one, const auto& other) { return key(one) < key(other); });
+    const auto isSame = [&key](const TreeFinding& one, const TreeFinding& other) {
+        return key(one) == key(other);
+    };
+    findings->erase(std::unique(findings->begin(), findings->end(), isSame), findings->end());
+}
+
+TreeContents readDefaultTree(const QString& defaultPath, const QString& writePath)
+{
+    return DefaultInspection(defaultPath, User(writePath), Extent::All).run();
+}
+
+TreeContents readWritableTree(const QString& writePath, const QString& defaultPath)
+{
+    return WritableInspection(writePath, defaultPath, User(writePath), Extent::All).run();
 }
 
 QVector<TreeFinding> inspectTrees(const QString& defaultPath, const QString& writePath)
 {
     const User user(writePath);
-    QVector<TreeFinding> findings = DefaultInspection(defaultPath, user).run();
-    findings += WritableInspection(writePath, defaultPath, user).run();
+    QVector<TreeFinding> findings =
+        DefaultInspection(defaultPath, user, Extent::Start).run().findings;
+    findings += WritableInspection(writePath, defaultPath, user, Extent::Start).run().findings;
     return findings;
+}
+
+QVector<TreeFinding> checkTrees(const TreesToCheck& trees)
+{
+    const TreeContents defaults = readDefaultTree(trees.defaultPath, trees.writePath);
+    QVector<TreeFinding> findings = defaults.findings + lintDefaults(defaults, trees);
+    sortFindings(&findings);
+    if (trees.writePath.isEmpty())
+        return findings;
+    const TreeContents written = readWritableTree(trees.writePath, trees.defaultPath);
+    QVector<TreeFinding> others = written.findings + lintWritten(written, defaults, trees);
+    sortFindings(&others);
+    return findings + others;
 }
 
 } // namespace tulo

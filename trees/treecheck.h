@@ -1,47 +1,34 @@
 #pragma once
 
+#include "trees/locatedjson.h"
+#include "trees/rules.h"
+
 #include <QString>
+#include <QStringList>
 #include <QVector>
+
+#include <optional>
 
 namespace tulo {
 
 /// Something in one of the two trees that is wrong or deserves a look.
 struct TreeFinding
 {
-    enum class Kind {
-        Special, ///< neither a regular file nor a directory nor a link to one: reading could block
-        TooLarge, ///< too many bytes for a setting
-        TooDeep, ///< below the last level that a path can name
-        Unreadable, ///< in the default tree: counts as missing
-        Unusable, ///< in the writable tree: the user who serves it cannot read or write it
-        Unparsable, ///< a default file ends the process when it is read, a written one is ignored
-        NoObject, ///< holds a JSON document of another type: no roles
-        NoKind, ///< a value that names no known kind, or whose content is not of that kind
-        BadEdit, ///< constraints that are not an object: no value satisfies them
-        OutsideConstraints, ///< a value that its own constraints would not accept as it is
-        NotListed, ///< in the default tree: a name that no listing shows
-        Link, ///< in the writable tree: no change is written through it
-        HardLink, ///< a temporary file with a second name: a write would overwrite that file
-        Clash, ///< a file where the other tree has a directory, or the reverse
-        StaleTemporary ///< what an interrupted write may have left; the next one reuses it
-    };
-    enum class Effect {
-        Harmless, ///< nothing has to be done
-        Wrong, ///< can be served, but something will not work as it looks
-        StopsStart ///< cannot be served
-    };
-
-    Kind kind = Kind::Unparsable;
-    Effect effect = Effect::Wrong;
-    QString file; ///< with the tree's directory in front
+    RuleId rule = RuleId::Syntax;
+    bool stopsStart = false; ///< the service does not start on such trees
+    bool isCovered = false; ///< a migration takes care of it
+    QString file; ///< with the tree's directory in front, as it was given
+    QString name; ///< below the tree, such as "audio/volume_sport"; empty for the tree itself
+    QString settingPath; ///< what it is about, such as "/audio/volume"; empty when that is nothing
+    TextPosition position; ///< none when it is not about the content
     QString message; ///< one line, without the file
 };
 
-/// The kind as a word for programs, such as "unparsable".
-QString findingName(TreeFinding::Kind kind);
+/// "FILE:LINE:COLUMN", or the file alone, as compilers name places and editors find them.
+QString placeOf(const TreeFinding& finding);
 
-/// Looks at both trees, product variants included, and returns what is wrong: first the default
-/// tree, then the writable one, each in listing order.
+/// Looks at both trees, product variants included, for what the service cannot serve and for what
+/// it would serve wrongly: first the default tree, then the writable one, each in listing order.
 ///
 /// Follows links as the worker does, visits each directory once, and goes as deep as paths do.
 /// Opens nothing but regular files of at most 1 MiB, takes no lock, writes nothing. In the
@@ -53,5 +40,20 @@ QString findingName(TreeFinding::Kind kind);
 /// groups and access control lists do not count then.
 [[nodiscard]] QVector<TreeFinding> inspectTrees(const QString& defaultPath,
                                                 const QString& writePath);
+
+/// What checkTrees() looks at.
+struct TreesToCheck
+{
+    QString defaultPath;
+    QString writePath; ///< empty: the default tree alone
+    /// The product postfix; none: every one that the names in the tree tell of.
+    std::optional<QString> product;
+    /// The product postfix that the written files belong to; none: as `product`.
+    std::optional<QString> writtenBy;
+    QStringList catalogues; ///< *.qm files that ought to have every text
+};
+
+/// The same with every rule, those about an older tree excepted.
+[[nodiscard]] QVector<TreeFinding> checkTrees(const TreesToCheck& trees);
 
 } // namespace tulo

@@ -25,7 +25,11 @@ struct Option
 /// One argument behind the name of a command.
 struct Argument
 {
-    enum class Kind { Path, Other };
+    enum class Kind {
+        Path,
+        Tree, ///< a default tree, as the option names one
+        Other
+    };
     enum class Count { One, Optional, OneOrMore, Any };
 
     const char* name;
@@ -70,6 +74,8 @@ struct Command
     /// Prints results and errors and returns an exit code: that of the first failure where there
     /// are several.
     int (*run)(Context& context, const Arguments& arguments);
+    /// With this option it needs nothing. Null for most.
+    const Option* standalone = nullptr;
 };
 
 /// A parsed command line, or line of the shell.
@@ -114,6 +120,8 @@ struct Context
 
 /// All commands, in the order in which help lists them: see CMakeLists.txt.
 const QVector<Command>& commandTable();
+/// What the command needs with these arguments.
+Command::Needs neededBy(const Arguments& arguments);
 /// Null when no command has that name or alias.
 const Command* findCommand(const QString& name);
 /// Tells whether the shell, or the command line, takes the command.

@@ -34,6 +34,13 @@ const Command* findCommand(const QString& name)
     return found == table.cend() ? nullptr : found;
 }
 
+Command::Needs neededBy(const Arguments& arguments)
+{
+    const Command& command = *arguments.command;
+    const bool isAlone = command.standalone != nullptr && arguments.isSet(*command.standalone);
+    return isAlone ? Command::Needs::Nothing : command.needs;
+}
+
 bool isTaken(const Command& command, bool inShell)
 {
     return command.where != (inShell ? Command::Where::CommandLine : Command::Where::Shell);

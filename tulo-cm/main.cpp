@@ -167,7 +167,7 @@ int runOnService(const Arguments& arguments, const Place& place, Output& output)
 int prepare(const Arguments& arguments, Output& output, Place* place)
 {
     const Command& command = *arguments.command;
-    if (command.needs != Command::Needs::Nothing) {
+    if (neededBy(arguments) != Command::Needs::Nothing) {
         QString error;
         const std::optional<Place> chosen = placeOf(arguments, &error);
         if (!chosen)
@@ -200,8 +200,8 @@ int runCommand(const Arguments& arguments, Output& output)
     if (exitCode != Done)
         return exitCode;
     const bool isOwn = place.kind == Place::Kind::OwnProcess;
-    if (command.needs == Command::Needs::Nothing
-        || (isOwn && command.needs == Command::Needs::Trees)) {
+    const Command::Needs needs = neededBy(arguments);
+    if (needs == Command::Needs::Nothing || (isOwn && needs == Command::Needs::Trees)) {
         Context context { output, place };
         return command.run(context, arguments);
     }

@@ -19,20 +19,32 @@ namespace {
 // when it is empty.
 // ---------------------------------------------------------------------------------------------
 
-QString excludes(const Option& left, const Option& right)
+QString excludes(const QString& left, const QString& right)
 {
-    return QStringLiteral("'%1' and '%2' exclude each other").arg(spelled(left), spelled(right));
+    return QStringLiteral("'%1' and '%2' exclude each other").arg(left, right);
+}
+
+// The default tree that the command's argument names. Null for none.
+QString treeArgument(const Arguments& arguments)
+{
+    const QVector<Argument>& known = arguments.command->arguments;
+    const bool takesTree = !known.isEmpty() && known.first().kind == Argument::Kind::Tree;
+    return takesTree ? arguments.positional.value(0) : QString();
 }
 
 QString validateOwnProcess(const Arguments& arguments)
 {
-    const Option& chosen =
-        arguments.isSet(general::defaultPath) ? general::defaultPath : general::inProcess;
+    const QString tree = treeArgument(arguments);
+    const QString chosen = !tree.isNull()       ? tree
+        : arguments.isSet(general::defaultPath) ? spelled(general::defaultPath)
+                                                : spelled(general::inProcess);
     for (const Option& option : { general::bus, general::host }) {
         if (arguments.isSet(option))
-            return excludes(option, chosen);
+            return excludes(spelled(option), chosen);
     }
-    return QString();
+    return !tree.isNull() && arguments.isSet(general::defaultPath)
+        ? excludes(spelled(general::defaultPath), tree)
+        : QString();
 }
 
 QString validateService(const Arguments& arguments)
@@ -46,7 +58,7 @@ QString validateService(const Arguments& arguments)
         }
     }
     if (arguments.isSet(general::bus) && arguments.isSet(general::host))
-        return excludes(general::bus, general::host);
+        return excludes(spelled(general::bus), spelled(general::host));
     return arguments.isSet(general::bus) ? checkBus(arguments.value(general::bus)) : QString();
 }
 
@@ -106,13 +118,20 @@ QString pluginFile(const Arguments& arguments)
                            + QStringLiteral(TULO_DEFAULT_PLUGIN));
 }
 
+// By the command's argument, or by the option. Null for none.
+QString defaultTree(const Arguments& arguments)
+{
+    const QString tree = treeArgument(arguments);
+    return tree.isNull() ? arguments.value(general::defaultPath) : tree;
+}
+
+// Without a writable tree where the command can do without: its name is empty then.
 EngineOptions engineOptions(const Arguments& arguments)
 {
-    const bool isBuiltIn = !arguments.isSet(general::defaultPath);
+    const bool isBuiltIn = defaultTree(arguments).isNull();
     EngineOptions options;
     options.pluginFile = pluginFile(arguments);
-    options.defaultPath =
-        isBuiltIn ? Engine::builtInDefaultPath() : arguments.value(general::defaultPath);
+    options.defaultPath = isBuiltIn ? Engine::builtInDefaultPath() : defaultTree(arguments);
     options.writePath =
         isBuiltIn ? Engine::builtInWritePath() : arguments.value(general::writePath);
     options.productPostfix = arguments.value(general::product);
@@ -124,7 +143,7 @@ EngineOptions engineOptions(const Arguments& arguments)
 QString validateEngine(const Arguments& arguments, const EngineOptions& options)
 {
     for (const QString& directory : { options.defaultPath, options.writePath }) {
-        QString error = validateDirectory(directory);
+        QString error = directory.isNull() ? QString() : validateDirectory(directory);
         if (!error.isEmpty())
             return error;
     }
@@ -136,8 +155,10 @@ QString validateEngine(const Arguments& arguments, const EngineOptions& options)
 std::optional<Place> placeOf(const Arguments& arguments, QString* error)
 {
     Place place;
-    const bool hasDefault = arguments.isSet(general::defaultPath);
-    if (hasDefault != arguments.isSet(general::writePath)) {
+    const bool hasDefault = !defaultTree(arguments).isNull();
+    const bool hasWritten = arguments.isSet(general::writePath);
+    const bool mayLackWritten = arguments.command->needs == Command::Needs::Trees;
+    if (hasDefault != hasWritten && !(hasDefault && mayLackWritten)) {
         *error = QStringLiteral("'%1' needs '%2'")
                      .arg(spelled(hasDefault ? general::defaultPath : general::writePath),
                           spelled(hasDefault ? general::writePath : general::defaultPath));

@@ -58,7 +58,7 @@ void TstServiceStart::findingStopsTheStart_data()
         [](const TemporaryTree& tree) {
             tree.writeDefault(QStringLiteral("/audio/volume"), QByteArrayLiteral("{broken"));
         },
-        "ERROR tulo-settingsd: %T/default/audio/volume: line 1, column 2: Missing a name for object member.\n",
+        "ERROR tulo-settingsd: %T/default/audio/volume:1:2: Missing a name for object member.\n",
         8);
     row(
         "several",
@@ -66,9 +66,9 @@ void TstServiceStart::findingStopsTheStart_data()
             tree.writeDefault(QStringLiteral("/audio/.meta"), QByteArrayLiteral("[1"));
             tree.writeDefault(QStringLiteral("/serial"), QByteArray());
         },
-        "ERROR tulo-settingsd: %T/default/audio/.meta: line 1, column 3: Missing a comma or ']' after an array "
+        "ERROR tulo-settingsd: %T/default/audio/.meta:1:3: Missing a comma or ']' after an array "
         "element.\n"
-        "ERROR tulo-settingsd: %T/default/serial: line 1, column 1: The document is empty.\n",
+        "ERROR tulo-settingsd: %T/default/serial:1:1: The document is empty.\n",
         8);
     row(
         "pipe in the default tree",
@@ -114,7 +114,7 @@ void TstServiceStart::findingStopsTheStart_data()
         [](const TemporaryTree& tree) {
             tree.writeDefault(QStringLiteral("/serial"), QByteArrayLiteral("null"));
         },
-        "ERROR tulo-settingsd: %T/default/serial: holds null instead of an object\n", 8);
+        "ERROR tulo-settingsd: %T/default/serial:1:1: holds null instead of an object\n", 8);
     row(
         "link in the place of the lock",
         [](const TemporaryTree& tree) {
@@ -234,7 +234,7 @@ void TstServiceStart::harmlessFindingIsLoggedAndServed()
     QCOMPARE(
         ServiceProcess::complaints(result),
         "WARN  tulo-settingsd: " + trees.tree.defaultPath().toUtf8()
-            + "/plain: value: 5 is not a value of a known kind, such as {\"int\":5}\nWARN  tulo-settingsd: "
+            + "/plain:1:2: value: 5 is not a value of a known kind, such as {\"int\":5}\nWARN  tulo-settingsd: "
             + link.toUtf8() + ": is a link; no change is written through it\n");
 }
 
@@ -337,7 +337,7 @@ void TstServiceStart::defaultFileThatBreaksLaterIsNamedAtTheNextStart()
     ServiceProcess next(trees, bus.address());
     QVERIFY(next.start());
     const ChildResult result = next.finish();
-    QVERIFY2(result.standardError.contains("/default/audio/volume: line 1"), result.standardError);
+    QVERIFY2(result.standardError.contains("/default/audio/volume:1:2: "), result.standardError);
     QCOMPARE(result.exitCode, 8);
 }
 

@@ -67,20 +67,7 @@ void makeLarge(const TemporaryTree& tree, const char* name, qint64 size)
         qFatal("cannot make a large file");
 }
 
-QString effectName(TreeFinding::Effect effect)
-{
-    switch (effect) {
-    case TreeFinding::Effect::Harmless:
-        return QStringLiteral("harmless");
-    case TreeFinding::Effect::Wrong:
-        return QStringLiteral("wrong");
-    case TreeFinding::Effect::StopsStart:
-        return QStringLiteral("stops");
-    }
-    return QString();
-}
-
-// "EFFECT KIND FILE: MESSAGE", the file from the folder that holds both trees.
+// "stops RULE PLACE: MESSAGE" or "finds ...", the place from the folder that holds both trees.
 QStringList inspect(const TemporaryTree& tree)
 {
     QStringList lines;
@@ -89,8 +76,9 @@ QStringList inspect(const TemporaryTree& tree)
         if (!finding.file.startsWith(tree.path()))
             qFatal("a finding outside the trees");
         lines.append(QStringLiteral("%1 %2 %3: %4")
-                         .arg(effectName(finding.effect), findingName(finding.kind),
-                              finding.file.mid(tree.path().size() + 1), finding.message));
+                         .arg(QLatin1String(finding.stopsStart ? "stops" : "finds"),
+                              QLatin1String(ruleOf(finding.rule).name),
+                              placeOf(finding).mid(tree.path().size() + 1), finding.message));
     }
     return lines;
 }
@@ -163,48 +151,48 @@ void tst_treecheck::findings_data()
 
     // Either tree: what could block or exhaust the process.
     row("pipe", [](const TemporaryTree& tree) { makePipe(tree, "default/audio/pipe"); },
-        { "stops special default/audio/pipe: is neither a regular file nor a directory" });
+        { "stops special-file default/audio/pipe: is neither a regular file nor a directory" });
     row("pipe that no listing shows",
         [](const TemporaryTree& tree) { makePipe(tree, "default/audio/a.b"); },
-        { "stops special default/audio/a.b: is neither a regular file nor a directory" });
+        { "stops special-file default/audio/a.b: is neither a regular file nor a directory" });
     row("pipe in the place of a directory's roles",
         [](const TemporaryTree& tree) { makePipe(tree, "default/.meta"); },
-        { "stops special default/.meta: is neither a regular file nor a directory" });
+        { "stops special-file default/.meta: is neither a regular file nor a directory" });
     row("socket", [](const TemporaryTree& tree) { makeSocket(tree, "write/socket"); },
-        { "stops special write/socket: is neither a regular file nor a directory" });
+        { "stops special-file write/socket: is neither a regular file nor a directory" });
     row("link to a device",
         [](const TemporaryTree& tree) { makeLink(tree, "/dev/zero", "default/zero"); },
-        { "stops special default/zero: is neither a regular file nor a directory" });
+        { "stops special-file default/zero: is neither a regular file nor a directory" });
     row("written link to a device",
         [](const TemporaryTree& tree) { makeLink(tree, "/dev/zero", "write/zero"); },
-        { "stops special write/zero: is neither a regular file nor a directory" });
+        { "stops special-file write/zero: is neither a regular file nor a directory" });
     row("pipe behind a link to a directory",
         [](const TemporaryTree& tree) {
             require(::mkdir(nameIn(tree, "real").constData(), 0755));
             makePipe(tree, "real/pipe");
             makeLink(tree, "../real", "default/linked");
         },
-        { "stops special default/linked/pipe: is neither a regular file nor a directory" });
+        { "stops special-file default/linked/pipe: is neither a regular file nor a directory" });
     row("pipe behind a written link to a directory",
         [](const TemporaryTree& tree) {
             require(::mkdir(nameIn(tree, "real").constData(), 0755));
             makePipe(tree, "real/pipe");
             makeLink(tree, "../real", "write/linked");
         },
-        { "wrong link write/linked: is a link; no change is written through it",
-          "stops special write/linked/pipe: is neither a regular file nor a directory" });
+        { "finds link write/linked: is a link; no change is written through it",
+          "stops special-file write/linked/pipe: is neither a regular file nor a directory" });
     row("large file",
         [](const TemporaryTree& tree) { makeLarge(tree, "default/x", maximumFileBytes + 1); },
-        { "stops tooLarge default/x: is larger than 1 MiB" });
+        { "stops too-large default/x: is larger than 1 MiB" });
     row("large written file",
         [](const TemporaryTree& tree) { makeLarge(tree, "write/x", qint64(3) << 30); },
-        { "stops tooLarge write/x: is larger than 1 MiB" });
+        { "stops too-large write/x: is larger than 1 MiB" });
     row("large file behind a link",
         [](const TemporaryTree& tree) {
             makeLarge(tree, "large", maximumFileBytes + 1);
             makeLink(tree, "../large", "default/x");
         },
-        { "stops tooLarge default/x: is larger than 1 MiB" });
+        { "stops too-large default/x: is larger than 1 MiB" });
     row("largest file",
         [](const TemporaryTree& tree) {
             tree.writeDefault(QStringLiteral("/x"), "{}" + QByteArray(maximumFileBytes - 2, ' '));
@@ -213,68 +201,68 @@ void tst_treecheck::findings_data()
 
     // The default tree.
     row("broken default file", defaultFile("/x", "{broken"),
-        { "stops unparsable default/x: line 1, column 2: Missing a name for object member." });
+        { "stops syntax default/x:1:2: Missing a name for object member." });
     row("default file that holds null", defaultFile("/x", "null"),
-        { "stops noObject default/x: holds null instead of an object" });
+        { "stops no-object default/x:1:1: holds null instead of an object" });
     row("default file that holds a number", defaultFile("/x", "5"),
-        { "wrong noObject default/x: holds int instead of an object" });
+        { "finds no-object default/x:1:1: holds int instead of an object" });
     row("directory in the place of a directory's roles",
         [](const TemporaryTree& tree) { tree.makeDefaultDirectory(QStringLiteral("/a/.meta")); },
-        { "stops unparsable default/a/.meta: is a directory" });
+        { "stops no-object default/a/.meta: is a directory" });
     row("value of no kind", defaultFile("/x", R"({"value":5})"),
-        { "wrong noKind default/x: value: 5 is not a value of a known kind, such as {\"int\":5}" });
+        { "finds no-kind default/x:1:2: value: 5 is not a value of a known kind, such as {\"int\":5}" });
     row("value outside its constraints",
         defaultFile("/x", R"({"value":{"int":5},"edit":{"max":4}})"),
-        { "wrong outsideConstraints default/x: value: 5: it is above 'max' (4)" });
+        { "finds default-outside-constraints default/x:1:2: value: 5: it is above 'max' (4)" });
     row("constraints in a text", defaultFile("/x", R"({"value":{"int":5},"edit":"0..100"})"),
-        { "wrong badEdit default/x: edit: \"0..100\" is not an object" });
+        { "finds constraint-malformed default/x:1:20: edit: \"0..100\" is not an object" });
     row("constraints in a list", defaultFile("/a/.meta", R"({"edit":[0,100]})"),
-        { "wrong badEdit default/a/.meta: edit: [0,100] is not an object" });
+        { "finds constraint-malformed default/a/.meta:1:2: edit: [0,100] is not an object" });
     row("no constraints", defaultFile("/x", R"({"value":{"int":5},"edit":{}})"), {});
     row("name that no listing shows", defaultFile("/README.md", "# Settings"),
-        { "wrong notListed default/README.md: no listing shows this name" });
+        { "finds not-listed default/README.md: no listing shows this name" });
     row("hidden file", defaultFile("/a/.x", "{}"),
-        { "wrong notListed default/a/.x: no listing shows this name" });
+        { "finds not-listed default/a/.x: no listing shows this name" });
     row("link that leads nowhere",
         [](const TemporaryTree& tree) { makeLink(tree, "none", "default/x"); },
-        { "wrong notListed default/x: is a link that leads nowhere" });
+        { "finds link default/x: is a link that leads nowhere" });
     row("link to itself", [](const TemporaryTree& tree) { makeLink(tree, "x", "default/x"); },
-        { "wrong notListed default/x: is a link that leads nowhere" });
+        { "finds link default/x: is a link that leads nowhere" });
     row("link to a directory that holds it",
         [](const TemporaryTree& tree) {
             tree.makeDefaultDirectory(QStringLiteral("/a/b"));
             makeLink(tree, "../..", "default/a/b/loop");
         },
-        { "wrong notListed default/a/b/loop: is a link to a directory that it lies in" });
+        { "finds link default/a/b/loop: is a link to a directory that it lies in" });
 
     // The writable tree.
     row("broken written file", writtenFile("/x", "{broken"),
-        { "wrong unparsable write/x: line 1, column 2: Missing a name for object member." });
+        { "finds written-unparsable write/x:1:2: Missing a name for object member." });
     row("empty written file", writtenFile("/x", ""),
-        { "wrong unparsable write/x: line 1, column 1: The document is empty." });
+        { "finds written-unparsable write/x:1:1: The document is empty." });
     row("written file that holds null", writtenFile("/x", "null"),
-        { "wrong noObject write/x: holds null instead of an object" });
+        { "finds written-unparsable write/x:1:1: holds null instead of an object" });
     row("link",
         [](const TemporaryTree& tree) {
             tree.writeDefault(QStringLiteral("/x"), "{}");
             makeLink(tree, "../default/x", "write/x");
         },
-        { "wrong link write/x: is a link; no change is written through it" });
+        { "finds link write/x: is a link; no change is written through it" });
     row("written link that leads nowhere",
         [](const TemporaryTree& tree) { makeLink(tree, "none", "write/x"); },
-        { "wrong link write/x: is a link; no change is written through it" });
+        { "finds link write/x: is a link; no change is written through it" });
     row("directory over a setting",
         [](const TemporaryTree& tree) {
             tree.writeDefault(QStringLiteral("/x"), "{}");
             tree.writeWritten(QStringLiteral("/x/y"), "broken");
         },
-        { "wrong clash write/x: is a directory, but a setting in the default tree" });
+        { "finds file-directory-clash write/x: is a directory, but a setting in the default tree" });
     row("file over a directory",
         [](const TemporaryTree& tree) {
             tree.makeDefaultDirectory(QStringLiteral("/x"));
             tree.writeWritten(QStringLiteral("/x"), "{}");
         },
-        { "wrong clash write/x: is a file, but a directory in the default tree" });
+        { "finds file-directory-clash write/x: is a file, but a directory in the default tree" });
 
     // Beside a setting of the default tree, of the writable tree, and where one can be made.
     const auto temporary = [](const Arrange& arrange) {
@@ -284,7 +272,7 @@ void tst_treecheck::findings_data()
             arrange(tree);
         };
     };
-    const char* const stale = "harmless staleTemporary write/audio/.volume: may be left from an "
+    const char* const stale = "finds stale-temporary write/audio/.volume: may be left from an "
                               "interrupted write of 'volume', whose next write reuses it";
     row("stale temporary file", temporary(writtenFile("/audio/.volume", "{\"val")), { stale });
     row("stale temporary file of a written setting",
@@ -304,20 +292,20 @@ void tst_treecheck::findings_data()
             require(::link(nameIn(tree, "write/audio/other").constData(),
                            nameIn(tree, "write/audio/.volume").constData()));
         }),
-        { "wrong hardLink write/audio/.volume: has a second name, whose content the next write of "
+        { "finds hard-link write/audio/.volume: has a second name, whose content the next write of "
           "'volume' would overwrite" });
     row("link in the place of a temporary file", temporary([](const TemporaryTree& tree) {
             makeLink(tree, "other", "write/audio/.volume");
         }),
-        { "wrong link write/audio/.volume: is a link, so no change of 'volume' is written" });
+        { "finds link write/audio/.volume: is a link, so no change of 'volume' is written" });
     row("directory in the place of a temporary file", temporary([](const TemporaryTree& tree) {
             tree.makeWriteDirectory(QStringLiteral("/audio/.volume"));
         }),
-        { "wrong clash write/audio/.volume: is a directory, so no change of 'volume' can be "
+        { "finds file-directory-clash write/audio/.volume: is a directory, so no change of 'volume' can be "
           "written" });
     row("pipe in the place of a temporary file",
         temporary([](const TemporaryTree& tree) { makePipe(tree, "write/audio/.volume"); }),
-        { "stops special write/audio/.volume: is neither a regular file nor a directory" });
+        { "stops special-file write/audio/.volume: is neither a regular file nor a directory" });
 }
 
 void tst_treecheck::findings()
@@ -355,8 +343,10 @@ void tst_treecheck::findingsComeInListingOrder()
     QStringList expected;
     for (const char* root : { "default", "write" }) {
         for (const char* name : { "a/Y", "a/c/d", "a/z", "a-b", "b" }) {
-            expected.append(QStringLiteral("wrong noObject %1/%2: holds int instead of an object")
-                                .arg(QLatin1String(root), QLatin1String(name)));
+            expected.append(
+                QStringLiteral("finds %1 %2/%3:1:1: holds int instead of an object")
+                    .arg(QLatin1String(*root == 'd' ? "no-object" : "written-unparsable"),
+                         QLatin1String(root), QLatin1String(name)));
         }
     }
     QCOMPARE(inspect(tree), expected);
@@ -441,7 +431,7 @@ void tst_treecheck::directoryIsVisitedWhereItLiesHighest()
 
     QCOMPARE(inspect(tree),
              QStringList(QStringLiteral(
-                 "wrong noObject default/z/d1/d2/d3/x: holds int instead of an object")));
+                 "finds no-object default/z/d1/d2/d3/x:1:1: holds int instead of an object")));
 }
 
 void tst_treecheck::deepTreeIsVisitedAsFarAsPathsReach()
@@ -457,15 +447,14 @@ void tst_treecheck::deepTreeIsVisitedAsFarAsPathsReach()
     const QString base = QLatin1String("default") + levels(14);
     const QString tooDeep = QStringLiteral("is below level 16, so no path reaches it");
     const QString noObject = QStringLiteral("holds int instead of an object");
-    QCOMPARE(
-        inspect(tree),
-        QStringList({ QStringLiteral("wrong tooDeep %1/d15/d16: %2").arg(base, tooDeep),
-                      QStringLiteral("stops unparsable %1/d15/d16/.meta: line 1, column 1: Invalid "
-                                     "value.")
-                          .arg(base),
-                      QStringLiteral("wrong tooDeep %1/d15/x: %2").arg(base, tooDeep),
-                      QStringLiteral("wrong noObject %1/d15/x: %2").arg(base, noObject),
-                      QStringLiteral("wrong noObject %1/x: %2").arg(base, noObject) }));
+    QCOMPARE(inspect(tree),
+             QStringList({ QStringLiteral("finds path-too-deep %1/d15/d16: %2").arg(base, tooDeep),
+                           QStringLiteral("stops syntax %1/d15/d16/.meta:1:1: Invalid "
+                                          "value.")
+                               .arg(base),
+                           QStringLiteral("finds path-too-deep %1/d15/x: %2").arg(base, tooDeep),
+                           QStringLiteral("finds no-object %1/d15/x:1:1: %2").arg(base, noObject),
+                           QStringLiteral("finds no-object %1/x:1:1: %2").arg(base, noObject) }));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -501,10 +490,10 @@ void tst_treecheck::whatThisUserCannotUseIsFound()
                          qPrintable(lines.at(index)));
             };
             expect(0,
-                   "wrong unreadable default/closed: user '.+' cannot read it; change its mode "
+                   "finds unreadable default/closed: user '.+' cannot read it; change its mode "
                    "\\(chmod u\\+r\\)");
             expect(1,
-                   "wrong unreadable default/locked: user '.+' cannot read it; change its mode "
+                   "finds unreadable default/locked: user '.+' cannot read it; change its mode "
                    "\\(chmod u\\+rwx\\)");
             expect(2,
                    "stops unusable write/audio/\\.volume: user '.+' cannot write it; change its "
@@ -539,7 +528,7 @@ void tst_treecheck::whatTheOwnerCannotUseIsFoundByRoot()
     require(::chmod(nameIn(tree, "default/x").constData(), 0600));
 
     QCOMPARE(inspect(tree),
-             QStringList({ QStringLiteral("wrong unreadable default/x: user 'nobody' cannot read "
+             QStringList({ QStringLiteral("finds unreadable default/x: user 'nobody' cannot read "
                                           "it; change its owner (chown nobody) or its mode"),
                            QStringLiteral("stops unusable write/audio/x: user 'nobody' cannot "
                                           "read it; change its owner (chown nobody) or its mode"),

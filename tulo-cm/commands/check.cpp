@@ -2,36 +2,142 @@
 #include "tulo-cm/place.h"
 #include "tulo-cm/waiting.h"
 
+#include "trees/ruleexceptions.h"
+#include "trees/rules.h"
 #include "trees/treecheck.h"
+#include "trees/treecompare.h"
 
 #include <tulo/settings.h>
 
+#include <QDir>
 #include <QFileInfo>
 
 #include <algorithm>
+#include <array>
+#include <optional>
 
 namespace tulo {
 namespace {
 
-struct Directories
+constexpr Option ruleOption { "rule", "ID=SEVERITY",
+                              "report a rule as off, info, warning or error; may be repeated" };
+constexpr Option exceptionsOption { "exceptions", "FILE",
+                                    "allowed findings, instead of those in TREE.exceptions" };
+constexpr Option strictOption { "strict", "", "exit with 8 from warnings, too" };
+constexpr Option formatOption { "format", "FORMAT", "text (the default), or json as --json" };
+constexpr Option catalogueOption { "catalogue", "FILE",
+                                   "a *.qm file that ought to have every text; may be repeated" };
+constexpr Option againstOption { "against", "TREE",
+                                 "find what users of this older image would lose, too" };
+constexpr Option explainOption { "explain", "RULE", "tell about a rule, and check nothing" };
+
+// ---------------------------------------------------------------------------------------------
+// What was asked for.
+// ---------------------------------------------------------------------------------------------
+
+/// How findings are reported.
+struct Report
 {
-    QString defaultPath;
-    QString writePath;
+    std::array<Severity, ruleCount> severities {};
+    std::optional<RuleExceptions> exceptions;
+    bool isStrict = false;
+    bool isJson = false;
+
+    Severity severityOf(const TreeFinding& finding) const
+    {
+        if (finding.stopsStart)
+            return Severity::Error;
+        const Severity severity = severities.at(std::size_t(finding.rule));
+        return finding.isCovered ? std::min(severity, Severity::Info) : severity;
+    }
 };
 
-// Where the trees are, for a process that may not find them there.
-Error findDirectories(const Context& context, Directories* directories)
+QString unknownRule(const QString& name)
+{
+    return QStringLiteral("unknown rule '%1'%2").arg(name, suggestion(name, ruleNames()));
+}
+
+// Returns what is wrong with "ID=SEVERITY".
+QString setSeverity(const QString& text, Report* report)
+{
+    const QString name = text.section(QLatin1Char('='), 0, 0);
+    const Rule* const rule = findRule(name);
+    const std::optional<Severity> severity =
+        severityNamed(text.mid(std::min(name.size() + 1, text.size())));
+    if (rule == nullptr)
+        return unknownRule(name);
+    if (!severity) {
+        return QStringLiteral("'--rule' needs a rule and off, info, warning or error, such as "
+                              "%1=warning")
+            .arg(name);
+    }
+    report->severities.at(std::size_t(rule->id)) = *severity;
+    return QString();
+}
+
+QString readExceptions(const Arguments& arguments, const QString& defaultPath, Report* report)
+{
+    QString name = arguments.value(exceptionsOption);
+    if (!arguments.isSet(exceptionsOption)) {
+        name = QDir::cleanPath(QFileInfo(defaultPath).absoluteFilePath())
+            + QLatin1String(".exceptions");
+        if (!QFileInfo(name).isFile())
+            return QString();
+    }
+    QString error;
+    report->exceptions = RuleExceptions::read(name, &error);
+    return error;
+}
+
+// Returns what is wrong with the options.
+QString readOptions(const Arguments& arguments, const QString& defaultPath, Report* report)
+{
+    for (const Rule& rule : allRules())
+        report->severities.at(std::size_t(rule.id)) = rule.severity;
+    for (const QString& text : arguments.values(ruleOption)) {
+        QString error = setSeverity(text, report);
+        if (!error.isEmpty())
+            return error;
+    }
+    const QString format = arguments.value(formatOption);
+    if (arguments.isSet(formatOption) && format != QLatin1String("text")
+        && format != QLatin1String("json"))
+        return QStringLiteral("'--format' needs text or json, not '%1'").arg(format);
+    report->isStrict = arguments.isSet(strictOption);
+    report->isJson = report->isJson || format == QLatin1String("json");
+    for (const QString& name : arguments.values(catalogueOption)) {
+        if (!QFileInfo(name).isReadable())
+            return QStringLiteral("cannot read '%1'").arg(name);
+    }
+    return readExceptions(arguments, defaultPath, report);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Where the trees are.
+// ---------------------------------------------------------------------------------------------
+
+// For a process that may not find them there.
+Error findTrees(const Context& context, const Arguments& arguments, TreesToCheck* trees)
 {
     const EngineOptions& engine = context.place.engine;
-    *directories = { engine.defaultPath, engine.writePath };
+    if (!engine.productPostfix.isEmpty())
+        trees->product = engine.productPostfix;
+    if (context.inShell && !arguments.positional.isEmpty()) {
+        trees->defaultPath = arguments.positional.first();
+        return {};
+    }
+    trees->defaultPath = engine.defaultPath;
+    trees->writePath = engine.writePath;
     if (context.settings == nullptr)
         return {};
     const auto status = finished(context.settings->status());
     if (status.error())
         return status.error();
-    *directories = { status.value().defaultPath, status.value().writePath };
+    trees->defaultPath = status.value().defaultPath;
+    trees->writePath = status.value().writePath;
+    trees->writtenBy = status.value().product;
     // An empty name would stand for the current folder.
-    if (!directories->defaultPath.isEmpty() && !directories->writePath.isEmpty())
+    if (!trees->defaultPath.isEmpty() && !trees->writePath.isEmpty())
         return {};
     return { ErrorCode::Internal,
              QStringLiteral("the service does not say where its directories are"), QString() };
@@ -46,45 +152,151 @@ Error validateDirectory(const QString& path)
              QString() };
 }
 
-void print(const TreeFinding& finding, Output& output)
+// ---------------------------------------------------------------------------------------------
+// Results.
+// ---------------------------------------------------------------------------------------------
+
+// In the current folder without "./", as one would type it.
+QString shortened(QString file)
 {
-    if (output.isJson()) {
-        output.object({ { QStringLiteral("file"), finding.file },
-                        { QStringLiteral("finding"), findingName(finding.kind) },
-                        { QStringLiteral("message"), finding.message } });
-    } else {
-        output.line(finding.file + QStringLiteral(": ") + finding.message);
-    }
+    if (file.startsWith(QLatin1String("./")))
+        file.remove(0, 2);
+    return file;
 }
 
-int check(const Directories& directories, Output& output)
+void print(TreeFinding finding, const Report& report, Output& output)
 {
-    const QVector<TreeFinding> findings =
-        inspectTrees(directories.defaultPath, directories.writePath);
-    for (const TreeFinding& finding : findings)
-        print(finding, output);
-    const auto harmless =
-        std::count_if(findings.cbegin(), findings.cend(), [](const TreeFinding& finding) {
-            return finding.effect == TreeFinding::Effect::Harmless;
+    finding.file = shortened(finding.file);
+    const QString severity = severityName(report.severityOf(finding));
+    const QString rule = QLatin1String(ruleOf(finding.rule).name);
+    if (!report.isJson) {
+        output.line(QStringLiteral("%1: %2: %3: ").arg(placeOf(finding), severity, rule)
+                    + finding.message);
+        return;
+    }
+    output.object(
+        { { QStringLiteral("file"), finding.file },
+          { QStringLiteral("line"), finding.position.line },
+          { QStringLiteral("column"), finding.position.column },
+          { QStringLiteral("rule"), rule },
+          { QStringLiteral("severity"), severity },
+          { QStringLiteral("message"), finding.message },
+          { QStringLiteral("path"),
+            finding.settingPath.isNull() ? QString() : topPath() + finding.settingPath } });
+}
+
+QString counted(int count, const char* one, const char* many)
+{
+    return QStringLiteral("%1 %2").arg(count).arg(QLatin1String(count == 1 ? one : many));
+}
+
+struct Counts
+{
+    int errors = 0;
+    int warnings = 0;
+    int notes = 0;
+    int allowed = 0;
+};
+
+QString summary(const TreesToCheck& trees, const Counts& counts)
+{
+    const QString what = trees.writePath.isEmpty()
+        ? QStringLiteral("'%1'").arg(trees.defaultPath)
+        : QStringLiteral("'%1' and '%2'").arg(trees.defaultPath, trees.writePath);
+    QString text = QStringLiteral("checked %1: %2, %3, %4")
+                       .arg(what, counted(counts.errors, "error", "errors"),
+                            counted(counts.warnings, "warning", "warnings"),
+                            counted(counts.notes, "note", "notes"));
+    if (counts.allowed > 0)
+        text += QStringLiteral(", %1 allowed by exceptions").arg(counts.allowed);
+    return text;
+}
+
+// An exception for what was not looked at is not unused.
+bool isChecked(RuleId rule, const TreesToCheck& trees, const QString& oldTree)
+{
+    const char* const group = ruleOf(rule).group;
+    return !trees.product && (qstrcmp(group, "written") != 0 || !trees.writePath.isEmpty())
+        && (qstrcmp(group, "against") != 0 || !oldTree.isNull())
+        && (rule != RuleId::TextUntranslated || !trees.catalogues.isEmpty());
+}
+
+// `oldTree` is null where none is named.
+int check(const TreesToCheck& trees, const QString& oldTree, Report& report, Output& output)
+{
+    QVector<TreeFinding> findings = checkTrees(trees);
+    if (!oldTree.isNull()) {
+        findings += compareTrees(oldTree, trees, [](const ImageChange&) { return false; });
+    }
+    const auto isOff = [&report](const TreeFinding& finding) {
+        return report.severityOf(finding) == Severity::Off;
+    };
+    findings.erase(std::remove_if(findings.begin(), findings.end(), isOff), findings.end());
+    Counts counts;
+    if (report.exceptions) {
+        counts.allowed = report.exceptions->apply(&findings);
+        findings += report.exceptions->unused([&trees, &oldTree, &report](RuleId rule) {
+            return report.severities.at(std::size_t(rule)) != Severity::Off
+                && isChecked(rule, trees, oldTree);
         });
-    if (!output.isJson()) {
-        output.note(QStringLiteral("checked '%1' and '%2'; findings: %3, harmless: %4")
-                        .arg(directories.defaultPath, directories.writePath,
-                             QString::number(findings.size() - harmless),
-                             QString::number(harmless)));
+        findings.erase(std::remove_if(findings.begin(), findings.end(), isOff), findings.end());
     }
-    return findings.size() == harmless ? Done : Findings;
+    for (const TreeFinding& finding : findings) {
+        print(finding, report, output);
+        const Severity severity = report.severityOf(finding);
+        ++(severity == Severity::Error         ? counts.errors
+               : severity == Severity::Warning ? counts.warnings
+                                               : counts.notes);
+    }
+    if (!report.isJson)
+        output.note(summary(trees, counts));
+    const bool hasFailed = counts.errors > 0 || (report.isStrict && counts.warnings > 0);
+    return hasFailed ? Findings : Done;
 }
 
-int run(Context& context, const Arguments&)
+int explain(const QString& name, Output& output)
 {
-    Directories directories;
-    Error error = findDirectories(context, &directories);
-    for (const QString& path : { directories.defaultPath, directories.writePath }) {
-        if (!error)
+    const Rule* const rule = findRule(name);
+    if (rule == nullptr)
+        return output.reportUsage(unknownRule(name));
+    const QString severity = severityName(rule->severity);
+    if (output.isJson()) {
+        output.object({ { QStringLiteral("rule"), name },
+                        { QStringLiteral("group"), QLatin1String(rule->group) },
+                        { QStringLiteral("severity"), severity },
+                        { QStringLiteral("sentence"), QString::fromUtf8(rule->sentence) },
+                        { QStringLiteral("why"), QString::fromUtf8(rule->why) },
+                        { QStringLiteral("example"), QString::fromUtf8(rule->example) },
+                        { QStringLiteral("remedy"), QString::fromUtf8(rule->remedy) } });
+        return Done;
+    }
+    output.line(
+        QStringLiteral("%1 (%2): %3").arg(name, severity, QString::fromUtf8(rule->sentence)));
+    output.line(QStringLiteral("Why:     %1").arg(QString::fromUtf8(rule->why)));
+    output.line(QStringLiteral("Example: %1").arg(QString::fromUtf8(rule->example)));
+    output.line(QStringLiteral("Remedy:  %1").arg(QString::fromUtf8(rule->remedy)));
+    return Done;
+}
+
+int run(Context& context, const Arguments& arguments)
+{
+    Output& output = context.output;
+    if (arguments.isSet(explainOption))
+        return explain(arguments.value(explainOption), output);
+    TreesToCheck trees;
+    trees.catalogues = arguments.values(catalogueOption);
+    Error error = findTrees(context, arguments, &trees);
+    const QString oldTree = arguments.value(againstOption);
+    for (const QString& path : { trees.defaultPath, trees.writePath, oldTree }) {
+        if (!error && !path.isNull())
             error = validateDirectory(path);
     }
-    return error ? context.output.report(error) : check(directories, context.output);
+    if (error)
+        return output.report(error);
+    Report report;
+    report.isJson = output.isJson();
+    const QString reason = readOptions(arguments, trees.defaultPath, &report);
+    return reason.isEmpty() ? check(trees, oldTree, report, output) : output.reportUsage(reason);
 }
 
 } // namespace
@@ -93,22 +305,26 @@ namespace commands {
 
 Command check()
 {
-    return { "check",
-             "",
-             {},
-             {},
-             "Prints what is wrong in the two trees. In the default tree: files that do not parse "
-             "or\nare not an object, values without a kind or outside their constraints, names "
-             "that no\nlisting shows. In the writable tree: files that do not parse or are not an "
-             "object, links,\ntemporary files of interrupted writes (harmless). In both: special "
-             "files, files of more\nthan 1 MiB, what is too deep, and what cannot be read or "
-             "written: by this user, or, run\nby root, by the owner of the writable tree as far "
-             "as owner, group and mode tell.",
-             "check",
-             Command::Where::Anywhere,
-             Command::Needs::Trees,
-             Command::Runs::ToItsEnd,
-             run };
+    Command command {
+        "check",
+        "",
+        { { "TREE", Argument::Count::Optional, Argument::Kind::Tree } },
+        { ruleOption, exceptionsOption, strictOption, formatOption, catalogueOption, againstOption,
+          explainOption },
+        "Prints what is wrong in a default tree, and with --write-path in the changed "
+        "values on it.\nA line is FILE:LINE:COLUMN: SEVERITY: RULE: what is wrong; "
+        "'check --explain RULE' tells more,\ndocs/rules.md lists the rules. Every "
+        "product variant is looked at, or that of --product.\nWithout TREE and "
+        "--default-path it checks both trees of the service. Findings are allowed\n"
+        "by lines 'RULE GLOB REASON' in TREE.exceptions. Exits with 8 from errors.",
+        "check settings-default --strict",
+        Command::Where::Anywhere,
+        Command::Needs::Trees,
+        Command::Runs::ToItsEnd,
+        run
+    };
+    command.standalone = &explainOption;
+    return command;
 }
 
 } // namespace commands
