@@ -73,24 +73,33 @@ bool WrittenFiles::isReachedDirectly(const QString& settingPath) const
     return QFileInfo(directory).canonicalFilePath() == directory;
 }
 
-bool WrittenFiles::isWritten(const QString& settingPath) const
+// The file itself, however it is reached.
+bool WrittenFiles::belongsToSetting(const QString& settingPath) const
 {
     const QString fileName = m_writePath + settingPath;
     struct stat file = {};
     return ::lstat(QFile::encodeName(fileName).constData(), &file) == 0 && S_ISREG(file.st_mode)
-        && isReachedDirectly(settingPath) && (hasDefault(settingPath) || holdsRoles(fileName));
+        && (hasDefault(settingPath) || holdsRoles(fileName));
+}
+
+bool WrittenFiles::isWritten(const QString& settingPath) const
+{
+    return belongsToSetting(settingPath) && isReachedDirectly(settingPath);
 }
 
 QStringList WrittenFiles::settingsBelow(const QString& directory) const
 {
     QStringList settings;
-    if (directory != separator && isWritten(directory))
+    if (directory != separator && !isReachedDirectly(directory))
+        return settings;
+    if (directory != separator && belongsToSetting(directory))
         settings.append(directory);
+    // It follows no link.
     QDirIterator files(below(m_writePath, directory), QDir::Files | QDir::NoSymLinks,
                        QDirIterator::Subdirectories);
     while (files.hasNext()) {
         const QString settingPath = files.next().mid(m_writePath.size());
-        if (hasServedPath(settingPath) && isWritten(settingPath))
+        if (hasServedPath(settingPath) && belongsToSetting(settingPath))
             settings.append(settingPath);
     }
     settings.sort();

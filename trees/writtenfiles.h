@@ -36,6 +36,7 @@ public:
 private:
     bool isStrayDirectory(const QString& directory) const;
     bool isReachedDirectly(const QString& settingPath) const;
+    bool belongsToSetting(const QString& settingPath) const;
 
     const QString m_defaultPath;
     const QString m_writePath;

@@ -4,7 +4,9 @@
 #include "tests/support/childprocess.h"
 #include "tests/support/logcapture.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QSignalSpy>
 #include <QTest>
 #include <QTimer>
@@ -15,7 +17,12 @@
 #include <memory>
 #include <thread>
 
+#include <malloc.h>
 #include <unistd.h>
+
+#ifdef TULO_ADDRESS_SANITIZER
+#include <sanitizer/allocator_interface.h>
+#endif
 
 // In the place of the system's, which would wait for the disk: the error that it returns. Called on
 // a thread beside the test's.
@@ -77,6 +84,12 @@ private slots:
     void requestFromAnotherThreadAborts();
     void timersHaveTheirTurnBetweenRequests();
     void eventsStayInOrderWhenAHandlerWaits();
+
+    void resetIsRefusedWhileAChangeIsNotSaved();
+    void resetSettingIsNotStoredAgain();
+    void resetThatTheDiskRefusesChangesNothing();
+    void resetTellsOfFilesThatCameUnseen();
+    void resetsLeaveNoMemoryBehind();
 
     void stopWritesAndThenRefuses();
     void stopFailsWhatWaits();
@@ -341,6 +354,160 @@ void tst_LocalSettings::eventsStayInOrderWhenAHandlerWaits()
     QCOMPARE(log,
              QStringList({ volume, QStringLiteral("1"), gain, QLatin1Char('/') + gain,
                            QStringLiteral("2"), QLatin1Char('/') + volume }));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Reset.
+// ---------------------------------------------------------------------------------------------
+
+void tst_LocalSettings::resetIsRefusedWhileAChangeIsNotSaved()
+{
+    const QString gain = QStringLiteral("/settings/audio/gain");
+    tree().writeWritten(QStringLiteral("/audio/gain"), R"({"value":{"double":0.25}})");
+    // In the way of the write.
+    tree().makeWriteDirectory(QStringLiteral("/audio/.volume"));
+    const QString failure = QStringLiteral("Settings: path '%1/audio/.volume' open file failed")
+                                .arg(tree().writePath());
+    m_log->expect(log4cplus::ERROR_LOG_LEVEL, failure);
+    m_log->expect(log4cplus::ERROR_LOG_LEVEL, failure);
+    QVERIFY(settings().set(volume, 40).wait());
+
+    for (const QString& path : { gain, volume }) {
+        const Reply<QStringList> reset = settings().reset({ path });
+        QVERIFY(!reset.wait());
+        QCOMPARE(reset.error(),
+                 Error({ ErrorCode::NotSaved, QStringLiteral("Nothing was reset: ") + failure,
+                         QString() }));
+    }
+    QVERIFY(!tree().readWritten(QStringLiteral("/audio/gain")).isNull());
+    const Reply<QVariantMap> value = settings().get(volume, valueRole);
+    QVERIFY(value.wait());
+    QCOMPARE(value.value().value(QStringLiteral("value")), QVariant(40LL));
+
+    QVERIFY(QDir(tree().writePath()).rmdir(QStringLiteral("audio/.volume")));
+    const Reply<QStringList> both = settings().reset({ gain, volume });
+    QVERIFY(both.wait());
+    QCOMPARE(both.value(), QStringList({ gain, volume }));
+    QCOMPARE(tree().writtenEntries().filter(QStringLiteral("/audio/")),
+             QStringList(QStringLiteral("/audio/")));
+}
+
+// Were it known as written and not yet confirmed, a sync that fails would have it written again.
+void tst_LocalSettings::resetSettingIsNotStoredAgain()
+{
+    QVERIFY(settings().set(volume, 40).wait());
+    QVERIFY(settings().reset({ volume }).wait());
+    syncError = EIO;
+    QVERIFY(!settings().flush().wait());
+    syncError = 0;
+
+    QVERIFY(settings().flush().wait());
+
+    QVERIFY(tree().readWritten(QStringLiteral("/audio/volume")).isNull());
+    QVERIFY(local().notSavedPaths().isEmpty());
+    QVERIFY(!local().hasUnwrittenChanges());
+}
+
+void tst_LocalSettings::resetThatTheDiskRefusesChangesNothing()
+{
+    const QString preset = QStringLiteral("/settings/presets/two");
+    QVERIFY(settings().set(volume, 40).wait());
+    QVERIFY(settings().set(preset, QStringLiteral("fm:99")).wait());
+    QVERIFY(settings().flush().wait());
+    // The place of the journal is taken.
+    tree().makeWriteDirectory(QStringLiteral("/.tulo-cm.journal"));
+    const QStringList written = tree().writtenEntries();
+    QStringList events;
+    const auto watch = settings().watchTree(QStringLiteral("/settings"));
+    connect(watch.get(), &Watch::changed, this,
+            [&events](const Event& event) { events.append(event.path); });
+
+    const Reply<QStringList> reset = settings().reset({ volume, preset });
+
+    QVERIFY(!reset.wait());
+    QCOMPARE(reset.error().code, ErrorCode::NotSaved);
+    QVERIFY2(reset.error().message.startsWith(QLatin1String("Nothing was reset: ")),
+             qPrintable(reset.error().message));
+    QCOMPARE(tree().writtenEntries(), written);
+    QCOMPARE(events, QStringList());
+    QVERIFY(settings().set(preset, QStringLiteral("fm:100")).wait());
+}
+
+// The worker's listing is older, so that the index of a row could be another one. A version that
+// is left out has clients list the directory again.
+void tst_LocalSettings::resetTellsOfFilesThatCameUnseen()
+{
+    const QString presets = QStringLiteral("/settings/presets");
+    const QString third = QStringLiteral("/settings/presets/three");
+    QVERIFY(settings().set(third, QStringLiteral("fm:99")).wait());
+    tree().writeWritten(QStringLiteral("/presets/alpha"), R"({"value":{"string":"fm:1"}})");
+    QVector<int> versions;
+    const auto watch = settings().watch(presets);
+    connect(watch.get(), &Watch::changed, this,
+            [&versions](const Event& event) { versions.append(event.version); });
+
+    QVERIFY(settings().reset({ third }).wait());
+
+    QCOMPARE(versions, QVector<int>({ 3 }));
+    const Reply<Rows> rows = settings().rows(presets, 0, 9, {});
+    QVERIFY(rows.wait());
+    QCOMPARE(rows.value().version, 3);
+    QCOMPARE(rows.value().rows.first().name, QStringLiteral("alpha"));
+    QCOMPARE(rows.value().count, 2);
+}
+
+namespace {
+
+qint64 allocatedBytes()
+{
+#ifdef TULO_ADDRESS_SANITIZER
+    return qint64(__sanitizer_get_current_allocated_bytes());
+#else
+    const struct mallinfo2 info = ::mallinfo2();
+    return qint64(info.uordblks + info.hblkhd);
+#endif
+}
+
+} // namespace
+
+void tst_LocalSettings::resetsLeaveNoMemoryBehind()
+{
+    constexpr int resets = 1000;
+    constexpr qint64 allowedBytes = qint64(200) * 1024;
+    const QString preset = QStringLiteral("/settings/presets/two");
+    // In memory: each waits for the disk.
+    const QByteArray place = qgetenv("TMPDIR");
+    if (QFileInfo(QStringLiteral("/dev/shm")).isWritable())
+        qputenv("TMPDIR", "/dev/shm");
+    const TemporaryTree tree;
+    if (place.isNull())
+        qunsetenv("TMPDIR");
+    else
+        qputenv("TMPDIR", place);
+    tree.writeDefault(QStringLiteral("/audio/volume"), R"({"value":{"int":35}})");
+    tree.writeDefault(QStringLiteral("/presets/.meta"), R"({"defaultValue":{"string":"fm:87.5"}})");
+    const auto opened = openLocal(tree, EngineOptions::Access::Own);
+    QVERIFY(opened);
+    const auto resetOnce = [&] {
+        const Reply<Change> change = opened->set(preset, QStringLiteral("fm:99"));
+        const Reply<Change> other = opened->set(volume, 40);
+        const Reply<QStringList> reset = opened->reset({ preset, volume });
+        m_log->take();
+        return reset.wait() && reset.value().size() == 2;
+    };
+    // What grows once.
+    for (int i = 0; i < 50; ++i)
+        QVERIFY(resetOnce());
+    m_log->take();
+    const qint64 before = allocatedBytes();
+
+    for (int i = 0; i < resets; ++i)
+        QVERIFY(resetOnce());
+
+    m_log->take();
+    const qint64 grown = allocatedBytes() - before;
+    qInfo("%d resets: %lld bytes", resets, grown);
+    QVERIFY2(grown < allowedBytes, qPrintable(QString::number(grown)));
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -163,6 +163,8 @@ private slots:
     void modelFollowsNewRows();
     void modelPagesThroughLongDirectories();
     void modelKeepsRowsThatChangedWhileItWasLoading();
+
+    void objectsFollowAReset();
 };
 
 void TstObjects::initTestCase_data()
@@ -415,6 +417,55 @@ void TstObjects::modelKeepsRowsThatChangedWhileItWasLoading()
         }
         return true;
     }));
+}
+
+void TstObjects::objectsFollowAReset()
+{
+    const auto served = serve();
+    const QString presets = QStringLiteral("/settings/presets");
+    const QString third = QStringLiteral("/settings/presets/three");
+    const QString secret = QStringLiteral("/settings/secret");
+    const QString value = QStringLiteral("fm:99");
+    for (const QString& path : { third, presets + QStringLiteral("/alpha") })
+        QVERIFY(served->settings().set(path, value).wait());
+    QVERIFY(served->settings().set(volumePath, 40).wait());
+    QVERIFY(served->settings().set(secret, QStringLiteral("new")).wait());
+    Setting<qint64> volume(&served->settings(), volumePath);
+    Setting<QString> preset(&served->settings(), third);
+    Setting<QString> hidden(&served->settings(), secret);
+    RowsModel audioRows(&served->settings(), audio, { QStringLiteral("value") });
+    RowsModel presetRows(&served->settings(), presets, { QStringLiteral("value") });
+    const QAbstractItemModelTester tester(&presetRows);
+    QVERIFY(becomesReady(volume) && becomesReady(preset) && becomesReady(hidden));
+    QVERIFY(becomesLoaded(audioRows) && becomesLoaded(presetRows));
+    QCOMPARE(names(presetRows).join(QLatin1Char(' ')), QStringLiteral("alpha one three two"));
+    const QPersistentModelIndex last = presetRows.index(3, 0);
+    QSignalSpy removed(&presetRows, &QAbstractItemModel::rowsRemoved);
+    QSignalSpy resets(&presetRows, &QAbstractItemModel::modelReset);
+
+    QVERIFY(served->settings()
+                .reset({ volumePath, third, presets + QStringLiteral("/alpha"), secret })
+                .wait());
+
+    QVERIFY(waitUntil([&] { return preset.error().code == ErrorCode::InvalidPath; }));
+    QVERIFY(waitUntil([&] { return hidden.value() == QLatin1String("old"); }));
+    QCOMPARE(volume.value(), qint64(35));
+    QCOMPARE(preset.value(), value);
+    QVERIFY(waitUntil([&] { return audioRows.index(1, 1).data() == QVariant(35LL); }));
+    QCOMPARE(names(presetRows).join(QLatin1Char(' ')), QStringLiteral("one two"));
+    QCOMPARE(removed.count(), 2);
+    QCOMPARE(resets.count(), 0);
+    QCOMPARE(last.row(), 1);
+
+    // And go on following.
+    QVERIFY(preset.set(QStringLiteral("fm:100")).wait());
+    QVERIFY(waitUntil([&] { return preset.value() == QLatin1String("fm:100"); }));
+    QVERIFY(!preset.error());
+    QVERIFY(waitUntil([&] {
+        return names(presetRows).join(QLatin1Char(' ')) == QLatin1String("one three two");
+    }));
+    QVERIFY(volume.set(45).wait());
+    QVERIFY(waitUntil([&] { return audioRows.index(1, 1).data() == QVariant(45LL); }));
 }
 
 QTEST_GUILESS_MAIN(TstObjects)

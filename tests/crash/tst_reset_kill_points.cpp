@@ -1,0 +1,387 @@
+#include "engine/localsettings.h"
+#include "tests/daemon/servicefixture.h"
+
+#include "tests/support/childprocess.h"
+#include "tests/support/logcapture.h"
+#include "tests/support/repeats.h"
+#include "tests/support/temporarytree.h"
+
+#include <tulo/remotesettings.h>
+
+#include <QFile>
+#include <QFileInfo>
+#include <QMap>
+#include <QRegularExpression>
+#include <QTest>
+
+#include <algorithm>
+#include <csignal>
+#include <functional>
+#include <iterator>
+#include <limits>
+#include <memory>
+#include <vector>
+
+using namespace tulo;
+
+namespace {
+
+/// One system call of the first thread, by its name and how often it was called up to then.
+struct KillPoint
+{
+    QString call;
+    int count = 0;
+    bool isInChange = false; ///< while there is a journal, and some calls later
+};
+
+const QString journal = QStringLiteral("/.tulo-cm.journal");
+// One that stays, and three that are reset: two with a default, one without.
+const QString other = QStringLiteral("/audio/balance");
+const QStringList resetSettings { QStringLiteral("/audio/fader"), QStringLiteral("/audio/volume"),
+                                  QStringLiteral("/presets/mine") };
+const QByteArray content = R"({"timestamp":5,"value":{"int":5}})";
+
+void prepare(const TemporaryTree& tree)
+{
+    for (const char* setting : { "/audio/balance", "/audio/fader", "/audio/volume" })
+        tree.writeDefault(QLatin1String(setting), QByteArrayLiteral(R"({"value":{"int":0}})"));
+    tree.writeDefault(QStringLiteral("/presets/.meta"),
+                      QByteArrayLiteral(R"({"defaultValue":{"int":1}})"));
+    for (const QString& setting : resetSettings + QStringList(other))
+        tree.writeWritten(setting, content);
+}
+
+QStringList fullPaths()
+{
+    QStringList paths;
+    for (const QString& setting : resetSettings)
+        paths.append(QStringLiteral("/settings") + setting);
+    return paths;
+}
+
+QStringList optionsOf(const TemporaryTree& tree)
+{
+    return { QStringLiteral("--default-path"), tree.defaultPath(), QStringLiteral("--write-path"),
+             tree.writePath() };
+}
+
+/// A program under strace, which is told what to do by `options`.
+std::unique_ptr<ChildProcess> traced(const QStringList& command, const QStringList& options)
+{
+    auto child = std::make_unique<ChildProcess>(
+        QStringLiteral("strace"), QStringList { QStringLiteral("-f") } + options + command);
+    // The leak checker cannot work in a process that is traced already.
+    child->setVariable(QStringLiteral("ASAN_OPTIONS"), QStringLiteral("detect_leaks=0"));
+    // The same order of files in every run.
+    child->setVariable(QStringLiteral("QT_HASH_SEED"), QStringLiteral("0"));
+    return child;
+}
+
+QStringList killing(const KillPoint& point)
+{
+    return { QStringLiteral("-o"),
+             QStringLiteral("/dev/null"),
+             QStringLiteral("-e"),
+             QStringLiteral("trace=") + point.call,
+             QStringLiteral("-e"),
+             QStringLiteral("inject=%1:signal=KILL:when=%2").arg(point.call).arg(point.count) };
+}
+
+/// The system calls of a trace from the first that names the owner's lock. The event loop waits
+/// and the heap grows differently in each run.
+std::vector<KillPoint> killPoints(const QString& traceFile)
+{
+    static const QStringList ignored { QStringLiteral("futex"),  QStringLiteral("poll"),
+                                       QStringLiteral("ppoll"),  QStringLiteral("brk"),
+                                       QStringLiteral("mmap"),   QStringLiteral("munmap"),
+                                       QStringLiteral("madvise") };
+    const QRegularExpression line(QStringLiteral("^(\\d+) +(\\w+)\\("));
+    QFile trace(traceFile);
+    if (!trace.open(QIODevice::ReadOnly))
+        return {};
+    QString firstThread;
+    QMap<QString, int> counts;
+    std::vector<KillPoint> points;
+    int callsInChange = 0;
+    const QList<QByteArray> lines = trace.readAll().split('\n');
+    for (const QByteArray& text : lines) {
+        const QRegularExpressionMatch match = line.match(QString::fromUtf8(text));
+        if (!match.hasMatch())
+            continue;
+        if (firstThread.isEmpty())
+            firstThread = match.captured(1);
+        if (match.captured(1) != firstThread)
+            continue;
+        const QString call = match.captured(2);
+        const int count = ++counts[call];
+        const bool isOfJournal = text.contains("\".tulo-cm.journal") && !text.contains("ENOENT");
+        if (isOfJournal)
+            callsInChange =
+                call == QLatin1String("unlinkat") ? 10 : std::numeric_limits<int>::max();
+        const bool isAfterStart = !points.empty() || text.contains(".tulo-cm.lock");
+        if (isAfterStart && !ignored.contains(call))
+            points.push_back({ call, count, callsInChange > 0 });
+        callsInChange = std::max(callsInChange - 1, 0);
+    }
+    return points;
+}
+
+/// Of those outside of the change only some, unless in full.
+std::vector<KillPoint> chosen(const std::vector<KillPoint>& points)
+{
+    const int stride = repeats(10, 1);
+    std::vector<KillPoint> chosen;
+    for (int i = 0; i < int(points.size()); ++i) {
+        const KillPoint& point = points[std::size_t(i)];
+        if (point.isInChange || i % stride == 0)
+            chosen.push_back(point);
+    }
+    return chosen;
+}
+
+} // namespace
+
+/// Processes that are killed while they reset settings: all are reset, or none.
+class tst_ResetKillPoints : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init() { m_log = std::make_unique<LogCapture>(); }
+    void cleanup()
+    {
+        m_log->verifyNothingUnexpected();
+        m_log.reset();
+    }
+
+    void resetKilledAtAnySystemCallIsWholeOrNotMade();
+    void recoveryKilledAtAnySystemCallIsFinishedLater();
+    void serviceKilledInAResetResetsAllOrNone();
+
+private:
+    void killAtEach(const std::vector<KillPoint>& points,
+                    const std::function<void(const TemporaryTree&)>& prepareTree,
+                    const std::function<QStringList(const TemporaryTree&)>& command,
+                    const std::function<void(const TemporaryTree&, bool isKilled)>& verify);
+    void verifyAllOrNone(const TemporaryTree& tree, bool mayBeUnchanged);
+
+    std::unique_ptr<LogCapture> m_log;
+    bool m_canTrace = false;
+};
+
+void tst_ResetKillPoints::initTestCase()
+{
+    m_canTrace =
+        ChildProcess::run(QStringLiteral("strace"), { QStringLiteral("true") }).exitCode == 0;
+    // In memory: a kill does not ask what the disk has.
+    if (QFileInfo(QStringLiteral("/dev/shm")).isWritable())
+        qputenv("TMPDIR", "/dev/shm");
+}
+
+// The next owner of the tree finds all of the settings reset, or none, and can change them.
+void tst_ResetKillPoints::verifyAllOrNone(const TemporaryTree& tree, bool mayBeUnchanged)
+{
+    EngineOptions options;
+    options.pluginFile = QStringLiteral(TULO_PLUGIN_FILE);
+    options.defaultPath = tree.defaultPath();
+    options.writePath = tree.writePath();
+    options.access = EngineOptions::Access::Own;
+    EngineFailure failure;
+    const auto settings = LocalSettings::open(options, &failure);
+    QVERIFY2(settings, qPrintable(failure.message));
+
+    QStringList left;
+    for (const QString& setting : resetSettings) {
+        const QByteArray bytes = tree.readWritten(setting);
+        if (!bytes.isNull())
+            left.append(setting);
+        QVERIFY2(bytes.isNull() || bytes == content, bytes);
+    }
+    QVERIFY2(left.isEmpty() || (left == resetSettings && mayBeUnchanged),
+             qPrintable(left.join(QLatin1Char(' '))));
+    QCOMPARE(tree.readWritten(other), content);
+    QVERIFY(!tree.writtenEntries().contains(journal));
+
+    QStringList changed { QStringLiteral("/settings") + other };
+    if (!left.isEmpty())
+        changed += fullPaths();
+    ResetOptions everything;
+    everything.isRecursive = true;
+    const Reply<QStringList> reset = settings->reset({ QStringLiteral("/settings") }, everything);
+    QVERIFY2(reset.wait(), qPrintable(reset.error().message));
+    QCOMPARE(reset.value(), changed);
+}
+
+void tst_ResetKillPoints::killAtEach(
+    const std::vector<KillPoint>& points,
+    const std::function<void(const TemporaryTree&)>& prepareTree,
+    const std::function<QStringList(const TemporaryTree&)>& command,
+    const std::function<void(const TemporaryTree&, bool isKilled)>& verify)
+{
+    struct Victim
+    {
+        KillPoint point;
+        std::unique_ptr<TemporaryTree> tree;
+        std::unique_ptr<ChildProcess> child;
+    };
+    int killed = 0;
+    const auto finish = [&](const Victim& victim) {
+        const ChildResult result = victim.child->finish();
+        const QByteArray place =
+            victim.point.call.toUtf8() + ' ' + QByteArray::number(victim.point.count);
+        const bool isKilled = result.signal == SIGKILL;
+        killed += int(isKilled);
+        QVERIFY2(isKilled || result.exitCode == 0, place + ": " + result.standardError);
+        verify(*victim.tree, isKilled);
+        if (QTest::currentTestFailed())
+            qWarning("killed at %s", place.constData());
+    };
+    // Two at a time.
+    std::unique_ptr<Victim> running;
+    for (const KillPoint& point : points) {
+        auto victim = std::make_unique<Victim>();
+        victim->point = point;
+        victim->tree = std::make_unique<TemporaryTree>();
+        prepareTree(*victim->tree);
+        victim->child = traced(command(*victim->tree), killing(point));
+        QVERIFY(victim->child->start());
+        if (running)
+            finish(*running);
+        if (QTest::currentTestFailed())
+            return;
+        running = std::move(victim);
+    }
+    if (running)
+        finish(*running);
+    qInfo("killed at %d of %d system calls", killed, int(points.size()));
+    // A call of the event loop that does not come again in the next run is not a place to kill at.
+    QVERIFY(killed > 0 && killed >= int(points.size()) * 9 / 10);
+}
+
+void tst_ResetKillPoints::resetKilledAtAnySystemCallIsWholeOrNotMade()
+{
+    if (!m_canTrace)
+        QSKIP("needs strace and the right to trace a process");
+    const auto command = [](const TemporaryTree& tree) {
+        return QStringList(QStringLiteral(TULO_CM_PROGRAM)) + optionsOf(tree)
+            + QStringList(QStringLiteral("reset")) + fullPaths();
+    };
+    const TemporaryTree reference;
+    prepare(reference);
+    const QString traceFile = reference.path() + QLatin1String("/trace");
+    const auto whole = traced(command(reference), { QStringLiteral("-o"), traceFile });
+    QVERIFY(whole->start());
+    QCOMPARE(whole->finish().exitCode, 0);
+    verifyAllOrNone(reference, false);
+
+    killAtEach(
+        chosen(killPoints(traceFile)), prepare, command,
+        [this](const TemporaryTree& tree, bool isKilled) { verifyAllOrNone(tree, isKilled); });
+}
+
+void tst_ResetKillPoints::recoveryKilledAtAnySystemCallIsFinishedLater()
+{
+    if (!m_canTrace)
+        QSKIP("needs strace and the right to trace a process");
+    const auto reset = [](const TemporaryTree& tree) {
+        return QStringList(QStringLiteral(TULO_CM_PROGRAM)) + optionsOf(tree)
+            + QStringList(QStringLiteral("reset")) + fullPaths();
+    };
+    // Decided, and interrupted after the first of the files was removed.
+    const auto interrupt = [&reset](const TemporaryTree& tree) {
+        prepare(tree);
+        const auto child = traced(reset(tree), killing({ QStringLiteral("unlinkat"), 2, true }));
+        QVERIFY(child->start());
+        QCOMPARE(child->finish().signal, SIGKILL);
+        QVERIFY(tree.writtenEntries().contains(journal));
+    };
+    const auto recover = [](const TemporaryTree& tree) {
+        return QStringList(QStringLiteral(TULO_CM_PROGRAM)) + optionsOf(tree)
+            + QStringList({ QStringLiteral("reset"), fullPaths().first() });
+    };
+    const TemporaryTree reference;
+    interrupt(reference);
+    const QString traceFile = reference.path() + QLatin1String("/trace");
+    const auto whole = traced(recover(reference), { QStringLiteral("-o"), traceFile });
+    QVERIFY(whole->start());
+    QCOMPARE(whole->finish().exitCode, 0);
+
+    killAtEach(chosen(killPoints(traceFile)), interrupt, recover,
+               [this](const TemporaryTree& tree, bool) { verifyAllOrNone(tree, false); });
+}
+
+void tst_ResetKillPoints::serviceKilledInAResetResetsAllOrNone()
+{
+    if (!m_canTrace)
+        QSKIP("needs strace and the right to trace a process");
+    // What changes the tree: the loop of the service makes these for nothing else.
+    static const QStringList changing { QStringLiteral("renameat"), QStringLiteral("rename"),
+                                        QStringLiteral("fsync"),    QStringLiteral("unlinkat"),
+                                        QStringLiteral("unlink"),   QStringLiteral("rmdir"),
+                                        QStringLiteral("ftruncate") };
+    const PrivateBus bus;
+    const auto resetByClient = [&bus](const TemporaryTree& tree, const QStringList& options,
+                                      ChildResult* result) {
+        const auto service =
+            traced(QStringList(QStringLiteral(TULO_SETTINGSD_PROGRAM)) + optionsOf(tree)
+                       + QStringList({ QStringLiteral("--bus"), bus.address() }),
+                   options);
+        service->setVariable(QStringLiteral("LD_PRELOAD"), QStringLiteral(TULO_SCRIPTED_SYNC));
+        service->setVariable(QStringLiteral("TULO_TEST_SYNC"), QStringLiteral("true"));
+        QVERIFY(service->start());
+        // Some are at its start.
+        if (!service->waitForError("serving '")) {
+            *result = service->finish();
+            QCOMPARE(result->signal, SIGKILL);
+            return;
+        }
+        RemoteSettings settings(bus.address());
+        const Reply<Status> status = settings.status();
+        QVERIFY(status.wait());
+        // Something pending, too, that is written first.
+        const Reply<Change> change = settings.set(fullPaths().first(), 7);
+        const Reply<QStringList> reset = settings.reset(fullPaths());
+        if (!reset.wait())
+            QCOMPARE(reset.error().code, ErrorCode::Unavailable);
+        else
+            QCOMPARE(reset.value(), fullPaths());
+        ::kill(pid_t(status.value().processId), SIGTERM);
+        *result = service->finish();
+        QVERIFY(result->signal == SIGKILL || result->exitCode == 0);
+    };
+    const TemporaryTree reference;
+    prepare(reference);
+    const QString traceFile = reference.path() + QLatin1String("/trace");
+    ChildResult result;
+    resetByClient(reference, { QStringLiteral("-o"), traceFile }, &result);
+    std::vector<KillPoint> points;
+    const std::vector<KillPoint> all = killPoints(traceFile);
+    std::copy_if(all.cbegin(), all.cend(), std::back_inserter(points),
+                 [](const KillPoint& point) { return changing.contains(point.call); });
+    QVERIFY(points.size() > 10);
+
+    int killed = 0;
+    for (const KillPoint& point : points) {
+        const TemporaryTree tree;
+        prepare(tree);
+        resetByClient(tree, killing(point), &result);
+        killed += int(result.signal == SIGKILL);
+        // The first one may have the value that was pending.
+        const QByteArray first = tree.readWritten(resetSettings.first());
+        if (!first.isNull() && first != content) {
+            QVERIFY2(first.contains("\"value\":{\"int\":7}"), first);
+            tree.writeWritten(resetSettings.first(), content);
+        }
+        verifyAllOrNone(tree, true);
+        if (QTest::currentTestFailed()) {
+            qWarning("killed at %s %d", qPrintable(point.call), point.count);
+            return;
+        }
+    }
+    qInfo("killed at %d of %d system calls", killed, int(points.size()));
+    QVERIFY(killed > 10);
+}
+
+QTEST_GUILESS_MAIN(tst_ResetKillPoints)
+#include "tst_reset_kill_points.moc"
