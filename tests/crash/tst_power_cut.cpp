@@ -1,12 +1,11 @@
 // Cuts the power at every step of a save: the writable tree lies on a file system of its own
-// inside an image file, and a copy of the image, taken while a call is about to be made, is what
-// a machine would find on its disk. Mounting the copy replays the journal as a start would.
+// inside an image file, a copy of which is taken while a call is about to be made.
 //
 // The calls of the save are met by replacing them in this program, for Qt's calls as well.
 
 #include "cm_settings.h"
 
-#include "tests/support/childprocess.h"
+#include "tests/crash/mountedimage.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/replywaiter.h"
 #include "tests/support/temporarytree.h"
@@ -14,7 +13,6 @@
 #include "api/core/model/tulosettingsactions.h"
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QFile>
 #include <QTest>
 
@@ -28,6 +26,8 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+using namespace tulo;
 
 // -------------------------------------------------------------------------------------------
 // The calls that a save is made of. Each tells the test of itself before it is made.
@@ -94,62 +94,11 @@ int rename(const char* from, const char* to) noexcept
 }
 }
 
-// -------------------------------------------------------------------------------------------
-// File systems in files.
-// -------------------------------------------------------------------------------------------
-
 namespace {
-
-ChildResult run(const QString& program, const QStringList& arguments)
-{
-    return ChildProcess::run(program, arguments);
-}
-
-/// An image file, mounted as long as the object lives.
-class Mount
-{
-public:
-    Mount(const QString& image, const QString& directory, const QString& options)
-        : m_directory(directory)
-    {
-        QDir().mkpath(directory);
-        const ChildResult mounted =
-            run(QStringLiteral("mount"),
-                { QStringLiteral("-o"), QStringLiteral("loop") + options, image, directory });
-        m_error = mounted.standardError;
-        m_isMounted = mounted.exitCode == 0;
-    }
-    ~Mount()
-    {
-        if (m_isMounted)
-            run(QStringLiteral("umount"), { m_directory });
-    }
-    Q_DISABLE_COPY(Mount)
-
-    bool isMounted() const { return m_isMounted; }
-    QByteArray error() const { return m_error; }
-
-private:
-    const QString m_directory;
-    QByteArray m_error;
-    bool m_isMounted = false;
-};
 
 // Nothing but the calls of a test writes to the image: the journal is committed by a sync only,
 // and a rename does not bring the data along by itself.
 const QString mountOptions = QStringLiteral(",noauto_da_alloc,commit=300");
-
-bool makeImage(const QString& image)
-{
-    QFile file(image);
-    constexpr qint64 size = 8 << 20;
-    return file.open(QIODevice::WriteOnly) && file.resize(size)
-        && run(QStringLiteral("mkfs.ext4"),
-               { QStringLiteral("-q"), QStringLiteral("-F"), QStringLiteral("-m"),
-                 QStringLiteral("0"), image })
-               .exitCode
-        == 0;
-}
 
 const QString volume = QStringLiteral("/audio/volume");
 constexpr qlonglong oldNumber = 1;
@@ -172,7 +121,7 @@ public:
     {
         m_tree.writeDefault(volume, QByteArrayLiteral("{\"value\":{\"int\":0}}"));
         if (makeImage(image()))
-            m_mount = std::make_unique<Mount>(image(), directory(), mountOptions);
+            m_mount = std::make_unique<MountedImage>(image(), directory(), mountOptions);
     }
     Q_DISABLE_COPY(Disk)
 
@@ -202,11 +151,8 @@ public:
     {
         const QString copy = m_tree.path() + QLatin1String("/copy.img");
         const QString place = m_tree.path() + QLatin1String("/copy");
-        QFile::remove(copy);
-        if (run(QStringLiteral("cp"), { QStringLiteral("--sparse=always"), image(), copy }).exitCode
-            != 0)
-            qFatal("cannot copy the image");
-        const Mount mounted(copy, place, QString());
+        copyImage(image(), copy);
+        const MountedImage mounted(copy, place, QString());
         if (!mounted.isMounted())
             qFatal("cannot mount the copy: %s", mounted.error().constData());
         QFile file(place + volume);
@@ -223,7 +169,7 @@ private:
 
     const TemporaryTree m_tree;
     mutable NoOpEncryptionHandler m_handler;
-    std::unique_ptr<Mount> m_mount;
+    std::unique_ptr<MountedImage> m_mount;
 };
 
 void set(CMSettingsWorker* worker, qlonglong number)
