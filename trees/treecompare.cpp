@@ -188,12 +188,12 @@ class Comparison
 {
 public:
     Comparison(const TreeContents& before, const TreeContents& now,
-               const std::optional<QString>& product, const Coverage& isCovered)
+               const std::optional<QString>& product, const QVector<Migration>& migrations)
         : m_oldContents(before)
         , m_newContents(now)
         , m_before(before, product)
         , m_now(now, product)
-        , m_isCovered(isCovered)
+        , m_migrations(migrations)
     {
     }
 
@@ -208,14 +208,54 @@ public:
     }
 
 private:
+    /// About `names`, the setting in both images; the new one is null for a setting that is gone.
+    struct Names
+    {
+        QString before;
+        QString now;
+        QString id; ///< in the old image
+    };
+
     void add(const TreeDocument& document, RuleId rule, const QString& pointer,
-             const QString& message, const QString& oldName, const QString& newName)
+             const QString& message, const Names& names)
     {
         TreeFinding finding = findingIn(document, rule, pointer, message);
-        finding.settingPath = separator + (newName.isNull() ? oldName : newName);
-        finding.isCovered = m_isCovered(
-            { rule, separator + oldName, newName.isNull() ? QString() : separator + newName });
+        finding.settingPath = separator + (names.now.isNull() ? names.before : names.now);
+        finding.isCovered = isCovered(rule, names);
+        if (finding.isCovered)
+            finding.message += QStringLiteral("; a migration covers it");
         m_findings.append(finding);
+    }
+
+    bool isCovered(RuleId rule, const Names& names) const
+    {
+        using Kind = ImageChange::Kind;
+        ImageChange change;
+        switch (rule) {
+        case RuleId::Removed:
+            change.kind = Kind::Removed;
+            break;
+        case RuleId::Narrowed:
+            change.kind = Kind::Narrowed;
+            break;
+        case RuleId::KindChanged:
+            change.kind = Kind::KindChanged;
+            break;
+        case RuleId::MadeReadOnly:
+            change.kind = Kind::MadeReadOnly;
+            break;
+        default:
+            // Nothing is lost by the others.
+            return false;
+        }
+        // A rule may move it to where nothing is.
+        if (rule == RuleId::Removed
+            && renamed(separator + names.before, names.id) != separator + names.before)
+            return false;
+        change.path = separator + names.before;
+        change.newPath = separator + (names.now.isNull() ? names.before : names.now);
+        change.id = names.id;
+        return covers(m_migrations, change);
     }
 
     void compareProduct(const QString& product)
@@ -239,32 +279,60 @@ private:
         const QString id = before.roles.id();
         const auto samePath = m_now.setting(name, product);
         const bool isSame = samePath && samePath->roles.id() == id;
-        const QString newName = isSame ? name : byId.value(id, samePath ? name : QString());
+        QString newName = isSame ? name : byId.value(id, samePath ? name : QString());
         const bool isVariant = before.file->name != name;
         const QString remark = isVariant ? forProduct(product) : QString();
         if (newName.isNull()) {
-            // One that cannot be understood is there.
-            if (!m_newContents.files.contains(name)) {
-                add(*before.file, RuleId::Removed, QString(),
-                    (id.isEmpty() ? QStringLiteral("'%1' is gone, and had no id to find it by")
-                                        .arg(separator + name)
-                                  : QStringLiteral("'%1' is gone, with its id '%2'")
-                                        .arg(separator + name, id))
-                        + remark,
-                    name, QString());
+            const QString target = renamed(separator + name, id);
+            if (!m_now.setting(target.mid(1), product)) {
+                addRemoved(name, id, *before.file, target, remark);
+                return;
             }
-            return;
+            newName = target.mid(1);
         }
         const auto now = m_now.setting(newName, product);
         if (newName != name) {
             add(*now->source, RuleId::Moved, rolePointer(TuloRoles::Id()),
                 QStringLiteral("'%1' is now '%2'").arg(separator + name, separator + newName)
                     + remark,
-                name, newName);
+                { name, newName, id });
         }
         const bool isNowVariant = now->file->name != newName;
         compareRoles({ name, newName, before.roles, now->roles, now->source,
                        isVariant || isNowVariant ? forProduct(product) : QString() });
+    }
+
+    /// Where rules of the migrations carry a setting.
+    QString renamed(QString path, const QString& id) const
+    {
+        for (const Migration& migration : m_migrations) {
+            for (const MigrationStep& step : migration.steps) {
+                if (step.kind != MigrationStep::Kind::Rename)
+                    continue;
+                if (path == step.target || path.startsWith(step.target + separator))
+                    path = step.to + path.mid(step.target.size());
+                else if (!id.isEmpty() && id == step.target)
+                    path = step.to;
+            }
+        }
+        return path;
+    }
+
+    void addRemoved(const QString& name, const QString& id, const TreeDocument& document,
+                    const QString& target, const QString& remark)
+    {
+        // One that cannot be understood is there.
+        if (m_newContents.files.contains(name))
+            return;
+        QString message = QStringLiteral("'%1' is gone").arg(separator + name);
+        if (target != separator + name)
+            message +=
+                QStringLiteral("; a migration moves it to '%1', which is not there").arg(target);
+        else if (id.isEmpty())
+            message += QStringLiteral(", and had no id to find it by");
+        else
+            message += QStringLiteral(", with its id '%1'").arg(id);
+        add(document, RuleId::Removed, QString(), message + remark, { name, QString(), id });
     }
 
     static QString forProduct(const QString& product)
@@ -294,7 +362,7 @@ private:
             add(document, RuleId::Removed, QString(),
                 QStringLiteral("settings that clients made in '%1' have no template any more")
                     .arg(separator + directory),
-                directory, QString());
+                { directory, QString(), QString() });
         }
     }
 
@@ -339,25 +407,26 @@ private:
 
     void addTo(const Pair& pair, RuleId rule, const QString& pointer, const QString& message)
     {
-        add(*pair.file, rule, pointer, message + pair.remark, pair.oldName, pair.newName);
+        add(*pair.file, rule, pointer, message + pair.remark,
+            { pair.oldName, pair.newName, pair.before.id() });
     }
 
     const TreeContents& m_oldContents;
     const TreeContents& m_newContents;
     const ProductTree m_before;
     const ProductTree m_now;
-    const Coverage& m_isCovered;
+    const QVector<Migration>& m_migrations;
     QVector<TreeFinding> m_findings;
 };
 
 } // namespace
 
 QVector<TreeFinding> compareTrees(const QString& oldPath, const TreesToCheck& trees,
-                                  const Coverage& isCovered)
+                                  const QVector<Migration>& migrations)
 {
     const TreeContents before = readDefaultTree(oldPath, QString());
     const TreeContents now = readDefaultTree(trees.defaultPath, QString());
-    return Comparison(before, now, trees.product, isCovered).run();
+    return Comparison(before, now, trees.product, migrations).run();
 }
 
 } // namespace tulo

@@ -47,7 +47,7 @@ QByteArray contentOf(const QString& name)
     return file.readAll();
 }
 
-const char* const volume = R"({
+const char* const soundVolume = R"({
   "id": "AUD-1",
   "title": "Volume",
   "value": {"int": 35},
@@ -63,8 +63,8 @@ void putSoundTree(const QString& tree)
 {
     put(tree + QStringLiteral("/.meta"), R"({"title": "Settings", "modifiable": false})");
     put(tree + QStringLiteral("/audio/.meta"), R"({"title": "Audio", "modifiable": false})");
-    put(tree + QStringLiteral("/audio/volume"), volume);
-    put(tree + QStringLiteral("/audio/volume_sport"), QByteArray(volume).replace("35", "45"));
+    put(tree + QStringLiteral("/audio/volume"), soundVolume);
+    put(tree + QStringLiteral("/audio/volume_sport"), QByteArray(soundVolume).replace("35", "45"));
     put(tree + QStringLiteral("/audio/mode"),
         R"({"title": "Mode", "value": {"string": "mid"}, "edit": {"values": ["low", "mid"]}})");
     put(tree + QStringLiteral("/presets/.meta"),
@@ -205,6 +205,7 @@ private slots:
     void whatStopsTheServiceCannotBeAllowed();
     void productRestrictsTheVariants();
     void writtenValueThatFitsAProductIsFine();
+    void migrationCoversADifference();
     void sameImageHasNoDifference();
     void usageErrors_data();
     void usageErrors();
@@ -944,6 +945,39 @@ void TstCheck::writtenValueThatFitsAProductIsFine()
                         "above 'max' (100)\n"));
 }
 
+// The rules lie beside the tree, or where an option says.
+void TstCheck::migrationCoversADifference()
+{
+    const TemporaryTree tree;
+    putSoundTree(tree.defaultPath());
+    putSoundTree(tree.path() + QStringLiteral("/old"));
+    changed("default/audio/volume", "100", "80")(tree.path());
+    changed("default/audio/volume_sport", "100", "80")(tree.path());
+    const QByteArray rules = R"([{"clamp": "/audio/volume"}])";
+    put(tree.path() + QStringLiteral("/rules/0001-volume.json"), rules);
+
+    const ChildResult without = check(tree.path(), words("default --against old"));
+    const ChildResult named =
+        check(tree.path(), words("default --against old --migrations rules --strict"));
+    put(tree.path() + QStringLiteral("/settings-migrations/0001-volume.json"), rules);
+    const ChildResult found = check(tree.path(), words("default --against old"));
+    const ChildResult inside = check(tree.defaultPath(), words(". --against ../old"));
+    put(tree.path() + QStringLiteral("/settings-migrations/0001-volume.json"), "{");
+    const ChildResult broken = check(tree.path(), words("default --against old"));
+
+    QCOMPARE(without.exitCode, 8);
+    const QByteArray covered =
+        "default/audio/volume:8:5: info: narrowed: 'max' was 100 and is 80; a migration covers it\n"
+        "default/audio/volume_sport:8:5: info: narrowed: 'max' was 100 and is 80 (product 'sport'); "
+        "a migration covers it\n";
+    QCOMPARE(named.standardOutput, covered);
+    QCOMPARE(named.exitCode, 0);
+    QCOMPARE(found.standardOutput, covered);
+    QCOMPARE(inside.standardOutput, QByteArray(covered).replace("default/", ""));
+    QVERIFY2(broken.standardError.contains("0001-volume.json:1:2: "), broken.standardError);
+    QCOMPARE(broken.exitCode, 2);
+}
+
 void TstCheck::sameImageHasNoDifference()
 {
     const QStringList line { QStringLiteral(TULO_EXAMPLE_TREE), QStringLiteral("--against"),
@@ -987,6 +1021,7 @@ void TstCheck::usageErrors_data()
     row("unknown-rule", "'unknown-rule' is not a directory");
     row("default --default-path old", "'--default-path' and 'default' exclude each other");
     row("default --against none", "directory 'none' cannot be read", 7);
+    row("default --migrations none", "'none' is not a directory");
     row("default --bus session", "'--bus' and 'default' exclude each other");
 }
 

@@ -25,14 +25,12 @@ struct Images
     }
 
     // "RULE PLACE: MESSAGE", "covered " in front where a migration takes care.
-    QStringList differences(const Coverage& isCovered = [](const ImageChange&) {
-        return false;
-    }) const
+    QStringList differences(const QVector<Migration>& migrations = {}) const
     {
         TreesToCheck trees;
         trees.defaultPath = newTree.defaultPath();
         QStringList lines;
-        for (const TreeFinding& finding : compareTrees(oldTree.defaultPath(), trees, isCovered)) {
+        for (const TreeFinding& finding : compareTrees(oldTree.defaultPath(), trees, migrations)) {
             QString place = tulo::placeOf(finding);
             place.replace(oldTree.defaultPath(), QStringLiteral("old"));
             place.replace(newTree.defaultPath(), QStringLiteral("new"));
@@ -64,6 +62,7 @@ private slots:
     void newProductIsNotCompared();
     void templateThatHasGoneIsReported();
     void coveredChangesAreMarked();
+    void settingMovedByARuleIsComparedThere();
     void fileThatCannotBeUnderstoodIsNotGone();
 };
 
@@ -234,23 +233,37 @@ void tst_treecompare::coveredChangesAreMarked()
 {
     const Images images(R"({"value":{"int":5},"edit":{"max":10}})",
                         R"({"value":{"int":5},"edit":{"max":8}, "modifiable":false})");
-    QStringList asked;
+    Migration migration;
+    const QString error = parseMigration(QStringLiteral("0001-volume.json"),
+                                         R"([{"clamp": "/audio/x"}])", &migration);
+    QCOMPARE(error, QString());
 
-    const QStringList lines = images.differences([&asked](const ImageChange& change) {
-        asked.append(
-            QStringLiteral("%1 %2 %3")
-                .arg(QLatin1String(ruleOf(change.rule).name), change.oldPath, change.newPath));
-        return change.rule == RuleId::Narrowed;
-    });
-
-    QCOMPARE(asked,
-             QStringList({ QStringLiteral("narrowed /audio/x /audio/x"),
-                           QStringLiteral("made-read-only /audio/x /audio/x") }));
     QCOMPARE(
-        lines,
-        QStringList({ QStringLiteral("covered narrowed new/audio/x:1:28: 'max' was 10 and is 8"),
+        images.differences({ migration }),
+        QStringList({ QStringLiteral("covered narrowed new/audio/x:1:28: 'max' was 10 and is "
+                                     "8; a migration covers it"),
                       QStringLiteral("made-read-only new/audio/x:1:38: could be changed and is "
                                      "read-only") }));
+}
+
+// Moved by a rule, as it has no id.
+void tst_treecompare::settingMovedByARuleIsComparedThere()
+{
+    const Images images(R"({"value":{"int":5},"edit":{"max":10}})", QByteArray());
+    Migration migration;
+    const QString error = parseMigration(QStringLiteral("0001-sound.json"),
+                                         R"([{"rename": "/audio", "to": "/sound"}])", &migration);
+    QCOMPARE(error, QString());
+
+    QCOMPARE(images.differences({ migration }),
+             QStringList(QStringLiteral("removed old/audio/x:1:1: '/audio/x' is gone; a migration "
+                                        "moves it to '/sound/x', which is not there")));
+
+    images.newTree.writeDefault(QStringLiteral("/sound/x"),
+                                R"({"value":{"int":5},"edit":{"max":8}})");
+    QCOMPARE(images.differences({ migration }),
+             QStringList({ QStringLiteral("moved new/sound/x:1:1: '/audio/x' is now '/sound/x'"),
+                           QStringLiteral("narrowed new/sound/x:1:28: 'max' was 10 and is 8") }));
 }
 
 void tst_treecompare::fileThatCannotBeUnderstoodIsNotGone()

@@ -2,6 +2,7 @@
 #include "tulo-cm/place.h"
 #include "tulo-cm/waiting.h"
 
+#include "trees/migrationrules.h"
 #include "trees/ruleexceptions.h"
 #include "trees/rules.h"
 #include "trees/treecheck.h"
@@ -29,6 +30,11 @@ constexpr Option catalogueOption { "catalogue", "FILE",
                                    "a *.qm file that ought to have every text; may be repeated" };
 constexpr Option againstOption { "against", "TREE",
                                  "find what users of this older image would lose, too" };
+constexpr Option migrationsOption {
+    "migrations", "DIR",
+    "rules for changed values, which cover what has changed, instead of settings-migrations "
+    "beside TREE"
+};
 constexpr Option explainOption { "explain", "RULE", "tell about a rule, and check nothing" };
 
 // ---------------------------------------------------------------------------------------------
@@ -73,6 +79,26 @@ QString setSeverity(const QString& text, Report* report)
     }
     report->severities.at(std::size_t(rule->id)) = *severity;
     return QString();
+}
+
+/// What leads from an older image to the one that is checked.
+struct Update
+{
+    QString oldTree; ///< null where none is named
+    QVector<Migration> migrations;
+};
+
+// Returns what is wrong with them.
+QString readMigrationsOf(const Arguments& arguments, const QString& defaultPath, Update* update)
+{
+    if (!arguments.isSet(migrationsOption)) {
+        // Not of the name as it is: "." has nothing beside it.
+        return readMigrations(migrationsBeside(QFileInfo(defaultPath).absoluteFilePath()),
+                              &update->migrations);
+    }
+    const QString directory = arguments.value(migrationsOption);
+    return QFileInfo(directory).isDir() ? readMigrations(directory, &update->migrations)
+                                        : QStringLiteral("'%1' is not a directory").arg(directory);
 }
 
 QString readExceptions(const Arguments& arguments, const QString& defaultPath, Report* report)
@@ -213,21 +239,19 @@ QString summary(const TreesToCheck& trees, const Counts& counts)
 }
 
 // An exception for what was not looked at is not unused.
-bool isChecked(RuleId rule, const TreesToCheck& trees, const QString& oldTree)
+bool isChecked(RuleId rule, const TreesToCheck& trees, const Update& update)
 {
     const char* const group = ruleOf(rule).group;
     return !trees.product && (qstrcmp(group, "written") != 0 || !trees.writePath.isEmpty())
-        && (qstrcmp(group, "against") != 0 || !oldTree.isNull())
+        && (qstrcmp(group, "against") != 0 || !update.oldTree.isNull())
         && (rule != RuleId::TextUntranslated || !trees.catalogues.isEmpty());
 }
 
-// `oldTree` is null where none is named.
-int check(const TreesToCheck& trees, const QString& oldTree, Report& report, Output& output)
+int check(const TreesToCheck& trees, const Update& update, Report& report, Output& output)
 {
     QVector<TreeFinding> findings = checkTrees(trees);
-    if (!oldTree.isNull()) {
-        findings += compareTrees(oldTree, trees, [](const ImageChange&) { return false; });
-    }
+    if (!update.oldTree.isNull())
+        findings += compareTrees(update.oldTree, trees, update.migrations);
     const auto isOff = [&report](const TreeFinding& finding) {
         return report.severityOf(finding) == Severity::Off;
     };
@@ -235,9 +259,9 @@ int check(const TreesToCheck& trees, const QString& oldTree, Report& report, Out
     Counts counts;
     if (report.exceptions) {
         counts.allowed = report.exceptions->apply(&findings);
-        findings += report.exceptions->unused([&trees, &oldTree, &report](RuleId rule) {
+        findings += report.exceptions->unused([&trees, &update, &report](RuleId rule) {
             return report.severities.at(std::size_t(rule)) != Severity::Off
-                && isChecked(rule, trees, oldTree);
+                && isChecked(rule, trees, update);
         });
         findings.erase(std::remove_if(findings.begin(), findings.end(), isOff), findings.end());
     }
@@ -295,8 +319,12 @@ int run(Context& context, const Arguments& arguments)
         return output.report(error);
     Report report;
     report.isJson = output.isJson();
-    const QString reason = readOptions(arguments, trees.defaultPath, &report);
-    return reason.isEmpty() ? check(trees, oldTree, report, output) : output.reportUsage(reason);
+    QString reason = readOptions(arguments, trees.defaultPath, &report);
+    Update update;
+    update.oldTree = oldTree;
+    if (reason.isEmpty())
+        reason = readMigrationsOf(arguments, trees.defaultPath, &update);
+    return reason.isEmpty() ? check(trees, update, report, output) : output.reportUsage(reason);
 }
 
 } // namespace
@@ -310,7 +338,7 @@ Command check()
         "",
         { { "TREE", Argument::Count::Optional, Argument::Kind::Tree } },
         { ruleOption, exceptionsOption, strictOption, formatOption, catalogueOption, againstOption,
-          explainOption },
+          migrationsOption, explainOption },
         "Prints what is wrong in a default tree, and with --write-path in the changed "
         "values on it.\nA line is FILE:LINE:COLUMN: SEVERITY: RULE: what is wrong; "
         "'check --explain RULE' tells more,\ndocs/rules.md lists the rules. Every "
