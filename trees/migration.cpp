@@ -755,12 +755,34 @@ private:
                             isSame ? m_input.written.value(entry.origin)
                                    : TuloJson::serialize(entry.roles.__variant()));
         }
+        for (PlannedMigration& value : plan.values)
+            hideSecret(&value);
         for (auto content = contents.cbegin(); content != contents.cend(); ++content)
             plan.changes.append({ content.key(), *content });
         plan.record = m_record;
         if (!hasChanged(m_input.record, m_record))
             plan.record.run = m_input.record.run;
         return plan;
+    }
+
+    bool isSecret(const QString& path) const
+    {
+        const std::optional<TuloRoles> place = m_input.image.place(path);
+        return place && place->encrypted();
+    }
+
+    void hideSecret(PlannedMigration* value) const
+    {
+        // They are sorted, as they come from a map.
+        const auto entry = std::lower_bound(
+            m_written.cbegin(), m_written.cend(), value->from,
+            [](const Entry& one, const QString& path) { return one.origin < path; });
+        const bool isEncrypted =
+            entry != m_written.cend() && entry->origin == value->from && entry->roles.encrypted();
+        if (!isEncrypted && !isSecret(value->from) && !isSecret(value->to))
+            return;
+        value->before = TuloValue();
+        value->after = TuloValue();
     }
 
     static bool hasChanged(MigrationRecord before, const MigrationRecord& after)

@@ -53,7 +53,7 @@ struct PlannedMigration
 {
     QString from; ///< empty: it comes back out of the record
     QString to; ///< empty: it is taken away
-    TuloValue before; ///< empty for a value that is stored encrypted
+    TuloValue before; ///< both empty for an encrypted setting
     TuloValue after;
     /// Why: "id 'VEH-0602'", "0001-drive-mode", "undo 0001-drive-mode".
     QStringList causes;

@@ -1,0 +1,355 @@
+#include "trees/migrator.h"
+
+#include "tests/support/temporarytree.h"
+#include "trees/ownerlock.h"
+#include "trees/treecheck.h"
+#include "trees/treestamp.h"
+
+#include "api/core/tulojson.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTest>
+
+#include <memory>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+using namespace tulo;
+
+namespace {
+
+using Outcome = MigrationResult::Status;
+
+QString path(const char* text)
+{
+    return QString::fromLatin1(text);
+}
+
+const char eco[] = R"({"id":"VEH","timestamp":5,"value":{"string":"eco"}})";
+
+} // namespace
+
+/// Migrations in real trees.
+class tst_migrator : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void valueIsMovedInTheTree();
+    void emptiedDirectoriesAreRemoved();
+    void directoryWithSomethingElseStays();
+    void nothingToDoWritesNothing();
+    void productDecidesWhichDefaultCounts();
+    void childrenOfTemplatesStay();
+    void templateThatIsReadOnlyKeepsNoChildren();
+    void loopOfLinksEnds();
+    void stampedTreeThatIsUnchangedIsNotReadAgain();
+    void stampIsOfNoUseWithOtherRules();
+    void otherProductIsLookedAtAgain();
+    void brokenInputChangesNothing_data();
+    void brokenInputChangesNothing();
+    void linkInTheWayIsAnObstacle();
+    void linksInTheWritableTreeAreLeftAlone();
+    void recordIsForItsOwnerOnly();
+    void recordIsNoFinding();
+    void planIsMadeWithoutTheLock();
+    void undoTakesTheLastRunBack();
+
+private:
+    void putRule(const char* name, const char* text) const;
+    MigrationPlace place() const;
+    MigrationResult run(MigrationRun kind = MigrationRun::Migrate) const;
+    QByteArray record() const { return m_tree->readWritten(path("/.tulo-cm.migrations")); }
+    QStringList written() const;
+
+    std::unique_ptr<TemporaryTree> m_tree;
+};
+
+void tst_migrator::init()
+{
+    m_tree = std::make_unique<TemporaryTree>();
+    m_tree->writeDefault(
+        path("/driving/mode"),
+        R"({"id":"VEH","value":{"string":"normal"},"edit":{"values":["eco","normal"]}})");
+}
+
+void tst_migrator::cleanup()
+{
+    m_tree.reset();
+}
+
+void tst_migrator::putRule(const char* name, const char* text) const
+{
+    const QString directory = m_tree->path() + path("/settings-migrations/");
+    QVERIFY(QDir().mkpath(directory));
+    QFile file(directory + path(name));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QCOMPARE(file.write(text), qint64(qstrlen(text)));
+}
+
+MigrationPlace tst_migrator::place() const
+{
+    return { m_tree->defaultPath(), m_tree->writePath(), QString(), QString() };
+}
+
+MigrationResult tst_migrator::run(MigrationRun kind) const
+{
+    OwnerLock lock;
+    if (lock.acquire(m_tree->writePath()) != OwnerLock::Status::Owned)
+        qFatal("%s", qPrintable(lock.message()));
+    return migrate(lock.directory(), place(), kind);
+}
+
+// Without our own files.
+QStringList tst_migrator::written() const
+{
+    return m_tree->writtenEntries().filter(QRegularExpression(path("^/[^.]")));
+}
+
+void tst_migrator::valueIsMovedInTheTree()
+{
+    m_tree->writeWritten(path("/vehicle/drive-mode"), eco);
+
+    const MigrationResult result = run();
+
+    QCOMPARE(result.status, Outcome::Done);
+    QCOMPARE(result.values.size(), 1);
+    QCOMPARE(describe(result.values.first()),
+             path("/vehicle/drive-mode -> /driving/mode (id 'VEH')"));
+    QCOMPARE(m_tree->readWritten(path("/driving/mode")), QByteArray(eco));
+    QCOMPARE(written(), (QStringList { path("/driving/"), path("/driving/mode") }));
+}
+
+void tst_migrator::emptiedDirectoriesAreRemoved()
+{
+    m_tree->writeWritten(path("/a/b/c/drive-mode"), eco);
+    m_tree->writeWritten(path("/a/keep"), R"({"value":{"int":1}})");
+
+    QCOMPARE(run().status, Outcome::Done);
+
+    QCOMPARE(
+        written(),
+        (QStringList { path("/a/"), path("/a/keep"), path("/driving/"), path("/driving/mode") }));
+}
+
+void tst_migrator::directoryWithSomethingElseStays()
+{
+    m_tree->writeWritten(path("/a/drive-mode"), eco);
+    m_tree->writeWritten(path("/a/.drive-mode"), "stale");
+
+    QCOMPARE(run().status, Outcome::Done);
+
+    QCOMPARE(m_tree->readWritten(path("/a/.drive-mode")), QByteArray("stale"));
+}
+
+void tst_migrator::nothingToDoWritesNothing()
+{
+    m_tree->writeWritten(path("/driving/mode"), eco);
+
+    QCOMPARE(run().status, Outcome::Done);
+
+    QVERIFY(record().isNull());
+}
+
+void tst_migrator::productDecidesWhichDefaultCounts()
+{
+    m_tree->writeDefault(path("/driving/mode_sport"),
+                         R"({"id":"VEH","value":{"string":"sport"},"edit":{"values":["sport"]}})");
+    m_tree->writeWritten(path("/vehicle/drive-mode"), eco);
+    MigrationPlace sport = place();
+    sport.productPostfix = path("sport");
+
+    QCOMPARE(planMigrationOf(place(), MigrationRun::Migrate).values.first().obstacle, QString());
+    QCOMPARE(planMigrationOf(sport, MigrationRun::Migrate).values.first().obstacle,
+             path(R"(it is not one of the 'values' (["sport"]))"));
+}
+
+void tst_migrator::childrenOfTemplatesStay()
+{
+    m_tree->writeDefault(path("/presets/.meta"), "{}");
+    m_tree->writeWritten(path("/presets/drive-mode"), eco);
+
+    QVERIFY(run().values.isEmpty());
+}
+
+void tst_migrator::templateThatIsReadOnlyKeepsNoChildren()
+{
+    m_tree->writeDefault(path("/vehicle/.meta"), R"({"modifiable":false})");
+    m_tree->writeWritten(path("/vehicle/drive-mode"), eco);
+
+    QCOMPARE(run().values.size(), 1);
+}
+
+void tst_migrator::loopOfLinksEnds()
+{
+    QVERIFY(QFile::link(m_tree->defaultPath(), m_tree->defaultPath() + path("/driving/loop")));
+    QVERIFY(QFile::link(m_tree->defaultPath(), m_tree->defaultPath() + path("/driving/loop2")));
+    m_tree->writeWritten(path("/vehicle/drive-mode"), eco);
+
+    QCOMPARE(run().values.size(), 1);
+}
+
+void tst_migrator::stampedTreeThatIsUnchangedIsNotReadAgain()
+{
+    QCOMPARE(writeStamp(m_tree->defaultPath()), QString());
+    m_tree->writeWritten(path("/vehicle/drive-mode"), eco);
+    QCOMPARE(run().values.size(), 1);
+    // Would be found, and is a fault, if a file were read.
+    m_tree->writeDefault(path("/broken"), "{");
+
+    QCOMPARE(run().status, Outcome::Done);
+
+    QVERIFY(QFile::remove(stampFile(m_tree->defaultPath())));
+    QCOMPARE(run().status, Outcome::BrokenImage);
+}
+
+void tst_migrator::stampIsOfNoUseWithOtherRules()
+{
+    QCOMPARE(writeStamp(m_tree->defaultPath()), QString());
+    QCOMPARE(run().status, Outcome::Done);
+    m_tree->writeDefault(path("/broken"), "{");
+    OwnerLock lock;
+    QCOMPARE(lock.acquire(m_tree->writePath()), OwnerLock::Status::Owned);
+    MigrationPlace other = place();
+    other.migrationsPath = m_tree->path() + path("/rules");
+
+    QCOMPARE(migrate(lock.directory(), other, MigrationRun::Migrate).status, Outcome::BrokenImage);
+}
+
+void tst_migrator::otherProductIsLookedAtAgain()
+{
+    QCOMPARE(writeStamp(m_tree->defaultPath()), QString());
+    QCOMPARE(run().status, Outcome::Done);
+    m_tree->writeDefault(path("/broken"), "{");
+    OwnerLock lock;
+    QCOMPARE(lock.acquire(m_tree->writePath()), OwnerLock::Status::Owned);
+    MigrationPlace sport = place();
+    sport.productPostfix = path("sport");
+
+    QCOMPARE(migrate(lock.directory(), sport, MigrationRun::Migrate).status, Outcome::BrokenImage);
+}
+
+void tst_migrator::brokenInputChangesNothing_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QString>("reason");
+    QTest::addColumn<bool>("isImage");
+    QTest::newRow("rule") << path("settings-migrations/0002-b.json") << QByteArray("[{}]")
+                          << path("/settings-migrations/0002-b.json:1:2: a step is an object")
+                          << false;
+    QTest::newRow("default file") << path("default/audio/volume") << QByteArray("{")
+                                  << path("/audio/volume") << true;
+    QTest::newRow("record of another format")
+        << path("write/.tulo-cm.migrations") << QByteArray(R"({"format":2})")
+        << path("has the format 2, and this program knows 1; move it elsewhere") << false;
+    QTest::newRow("damaged record") << path("write/.tulo-cm.migrations") << QByteArray("{")
+                                    << path("move it elsewhere") << false;
+    QTest::newRow("empty record") << path("write/.tulo-cm.migrations") << QByteArray("")
+                                  << path("is empty; move it elsewhere") << false;
+}
+
+void tst_migrator::brokenInputChangesNothing()
+{
+    QFETCH(const QString, file);
+    QFETCH(const QByteArray, content);
+    QFETCH(const QString, reason);
+    QFETCH(const bool, isImage);
+    putRule("0001-a.json", R"([{"remove":"/driving"}])");
+    m_tree->writeWritten(path("/vehicle/drive-mode"), eco);
+    const QString name = QString(file)
+                             .replace(QRegularExpression(path("^default")), m_tree->defaultPath())
+                             .replace(QRegularExpression(path("^write")), m_tree->writePath());
+    QFile broken(QDir(m_tree->path()).absoluteFilePath(name));
+    QVERIFY(QDir().mkpath(QFileInfo(broken).path()));
+    QVERIFY(broken.open(QIODevice::WriteOnly));
+    QCOMPARE(broken.write(content), qint64(content.size()));
+    broken.close();
+
+    const MigrationResult result = run();
+
+    QCOMPARE(result.status, isImage ? Outcome::BrokenImage : Outcome::Faulty);
+    QVERIFY2(result.message.contains(reason), qPrintable(result.message));
+    QCOMPARE(m_tree->readWritten(path("/vehicle/drive-mode")), QByteArray(eco));
+    QCOMPARE(written(), (QStringList { path("/vehicle/"), path("/vehicle/drive-mode") }));
+}
+
+void tst_migrator::linkInTheWayIsAnObstacle()
+{
+    m_tree->writeWritten(path("/vehicle/drive-mode"), eco);
+    QVERIFY(QFile::link(path("nowhere"), m_tree->writePath() + path("/driving")));
+    QCOMPARE(run().values.first().obstacle, path("'/driving' is a written file"));
+
+    QCOMPARE(written(),
+             (QStringList { path("/driving"), path("/vehicle/"), path("/vehicle/drive-mode") }));
+}
+
+void tst_migrator::linksInTheWritableTreeAreLeftAlone()
+{
+    m_tree->writeWritten(path("/elsewhere/drive-mode"), eco);
+    QVERIFY(QFile::rename(m_tree->writePath() + path("/elsewhere"),
+                          m_tree->path() + path("/elsewhere")));
+    QVERIFY(
+        QFile::link(m_tree->path() + path("/elsewhere"), m_tree->writePath() + path("/vehicle")));
+
+    QVERIFY(run().values.isEmpty());
+
+    QVERIFY(QFile::exists(m_tree->path() + path("/elsewhere/drive-mode")));
+}
+
+void tst_migrator::recordIsForItsOwnerOnly()
+{
+    m_tree->writeWritten(path("/vehicle/drive-mode"), eco);
+    QCOMPARE(run().status, Outcome::Done);
+
+    struct stat status = {};
+    QCOMPARE(::stat(QFile::encodeName(m_tree->writePath() + path("/.tulo-cm.migrations")), &status),
+             0);
+    QCOMPARE(int(status.st_mode & 0777), 0600);
+}
+
+void tst_migrator::recordIsNoFinding()
+{
+    m_tree->writeWritten(path("/vehicle/drive-mode"), eco);
+    QCOMPARE(run().status, Outcome::Done);
+
+    QCOMPARE(inspectTrees(m_tree->defaultPath(), m_tree->writePath()).size(), 0);
+}
+
+void tst_migrator::planIsMadeWithoutTheLock()
+{
+    m_tree->writeWritten(path("/vehicle/drive-mode"), eco);
+    const QStringList before = m_tree->writtenEntries();
+    OwnerLock lock;
+    QCOMPARE(lock.acquire(m_tree->writePath()), OwnerLock::Status::Owned);
+
+    const MigrationResult result = planMigrationOf(place(), MigrationRun::Migrate);
+
+    QCOMPARE(result.status, Outcome::Done);
+    QCOMPARE(result.values.size(), 1);
+    lock.release();
+    QVERIFY(QFile::remove(OwnerLock::fileName(m_tree->writePath())));
+    QCOMPARE(m_tree->writtenEntries(), before);
+}
+
+void tst_migrator::undoTakesTheLastRunBack()
+{
+    putRule("0001-a.json", R"([{"map":"/driving/mode","values":[["eco","normal"]]}])");
+    m_tree->writeWritten(path("/vehicle/drive-mode"), eco);
+    QCOMPARE(run().status, Outcome::Done);
+    QVERIFY(m_tree->readWritten(path("/driving/mode")).contains("normal"));
+
+    QCOMPARE(run(MigrationRun::Undo).status, Outcome::Done);
+
+    QCOMPARE(m_tree->readWritten(path("/vehicle/drive-mode")), QByteArray(eco));
+    QCOMPARE(written(), (QStringList { path("/vehicle/"), path("/vehicle/drive-mode") }));
+}
+
+QTEST_APPLESS_MAIN(tst_migrator)
+
+#include "tst_migrator.moc"
