@@ -58,6 +58,7 @@ std::unique_ptr<LocalSettings> openSettings(const DaemonOptions& options, int* e
     engineOptions.defaultPath = options.defaultPath;
     engineOptions.writePath = options.writePath;
     engineOptions.productPostfix = options.product.isEmpty() ? QString() : options.product;
+    engineOptions.migrationsPath = options.migrations;
     engineOptions.language = options.language;
     engineOptions.catalogues = options.catalogues;
     engineOptions.access = EngineOptions::Access::Own;

@@ -36,8 +36,10 @@ QString check(const DaemonOptions& options)
     QString reason = checkBus(options.bus);
     if (!reason.isEmpty())
         return reason;
-    const QStringList directories =
+    QStringList directories =
         QStringList { options.defaultPath, options.writePath } + options.catalogues;
+    if (!options.migrations.isEmpty())
+        directories.append(options.migrations);
     for (const QString& directory : directories) {
         reason = checkDirectory(directory);
         if (!reason.isEmpty())
@@ -70,6 +72,11 @@ std::optional<DaemonOptions> parseOptions(const QStringList& words, QString* rea
         QStringLiteral("product"),
         QStringLiteral("Prefer files with this postfix. Empty: no product variant."),
         QStringLiteral("POSTFIX"));
+    const QCommandLineOption migrations(
+        QStringLiteral("migrations"),
+        QStringLiteral("Directory of the rules for written values, 'settings-migrations' beside "
+                       "the default tree if not given."),
+        QStringLiteral("DIR"));
     const QCommandLineOption language(
         QStringLiteral("language"),
         QStringLiteral("Language of titles and descriptions, such as 'de'. Empty: as they are "
@@ -101,8 +108,8 @@ std::optional<DaemonOptions> parseOptions(const QStringList& words, QString* rea
         QStringLiteral("Serves the settings of a device on D-Bus, until SIGTERM or SIGINT.\n"
                        "Ends with 0, or with 2: wrong usage, 6: not everything could be saved,\n"
                        "7: no bus, or the trees cannot be used, 8: a file in them is wrong."));
-    parser.addOptions({ defaultPath, writePath, product, language, catalogues, bus, plugin,
-                        logLevel, logConfig });
+    parser.addOptions({ defaultPath, writePath, product, migrations, language, catalogues, bus,
+                        plugin, logLevel, logConfig });
     parser.addHelpOption();
     parser.addVersionOption();
     if (!parser.parse(words)) {
@@ -128,6 +135,7 @@ std::optional<DaemonOptions> parseOptions(const QStringList& words, QString* rea
     options.defaultPath = isBuiltIn ? Engine::builtInDefaultPath() : parser.value(defaultPath);
     options.writePath = isBuiltIn ? Engine::builtInWritePath() : parser.value(writePath);
     options.product = parser.value(product);
+    options.migrations = parser.value(migrations);
     options.language = parser.value(language);
     options.catalogues = parser.values(catalogues);
     // As from a variable that is not set, in a unit.

@@ -13,6 +13,7 @@ struct DaemonOptions
     QString defaultPath;
     QString writePath;
     QString product;
+    QString migrations; ///< empty: beside the default tree
     QString language;
     QStringList catalogues;
     QString bus;

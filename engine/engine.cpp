@@ -4,6 +4,7 @@
 #include "engine/errors.h"
 #include "engine/loader.h"
 #include "trees/journal.h"
+#include "trees/migrator.h"
 #include "trees/separator.h"
 #include "trees/writtenfiles.h"
 
@@ -122,6 +123,8 @@ bool Engine::takeTree(EngineFailure* failure)
     switch (m_lock.acquire(m_writePath)) {
     case OwnerLock::Status::Owned:
         finishJournal();
+        if (m_readOnlyReason.isEmpty())
+            migrateTree();
         return true;
     case OwnerLock::Status::InUse:
         failure->holder = m_lock.holder();
@@ -138,6 +141,22 @@ void Engine::finishJournal()
     if (!result.message.isEmpty())
         m_notes.append(QStringLiteral("'%1': %2").arg(m_writePath, result.message));
     if (result.status == JournalResult::Status::Unfinished)
+        m_readOnlyReason = noChangeReason(result.message);
+}
+
+// What it changed is in the tree before the worker reads it. When it fails, the values are served
+// as they are.
+void Engine::migrateTree()
+{
+    const MigrationPlace place { m_defaultPath, m_writePath, m_options.productPostfix,
+                                 m_options.migrationsPath };
+    const MigrationResult result = migrate(m_lock.directory(), place, MigrationRun::Migrate);
+    for (const PlannedMigration& value : result.values)
+        m_notes.append(QStringLiteral("Migrated: ") + describe(value));
+    // A broken default file stops the service, or the worker that reads it, with its own message.
+    if (!result.message.isEmpty() && result.status != MigrationResult::Status::BrokenImage)
+        m_notes.append(QStringLiteral("Migration failed: ") + result.message);
+    if (result.status == MigrationResult::Status::Unfinished)
         m_readOnlyReason = noChangeReason(result.message);
 }
 

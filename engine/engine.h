@@ -33,6 +33,7 @@ struct EngineOptions
     QString defaultPath;
     QString writePath;
     QString productPostfix; ///< null: no product variant
+    QString migrationsPath; ///< of rules; empty: "settings-migrations" beside the default tree
     QString language; ///< a locale such as "de"; empty: the source texts
     QStringList catalogues; ///< directories to look for the language's catalogues in
     Access access = Access::Read;
@@ -142,6 +143,7 @@ private:
     bool chooseDirectories(EngineFailure* failure);
     bool takeTree(EngineFailure* failure);
     void finishJournal();
+    void migrateTree();
     QString noChangeReason(const QString& reason) const;
     bool createWorker(EngineFailure* failure);
     std::unique_ptr<CMWorker> newWorker(EngineFailure* failure) const;

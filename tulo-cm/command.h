@@ -55,6 +55,7 @@ struct Command
     enum class Needs {
         Nothing,
         Trees, ///< the directories
+        OwnedTrees, ///< the directories, to change files in them
         Settings, ///< the settings, to read them
         Changes, ///< the settings, to change them
         ChangesOrSettings ///< the same where that is possible, else to read them

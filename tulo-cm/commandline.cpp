@@ -11,10 +11,10 @@ namespace tulo {
 const QVector<Option>& generalOptions()
 {
     static const QVector<Option> options {
-        general::defaultPath, general::writePath, general::inProcess, general::bus,
-        general::host,        general::product,   general::plugin,    general::language,
-        general::catalogues,  general::json,      general::logLevel,  general::logConfig,
-        general::help,        general::version,
+        general::defaultPath, general::writePath,  general::inProcess,  general::bus,
+        general::host,        general::product,    general::migrations, general::plugin,
+        general::language,    general::catalogues, general::json,       general::logLevel,
+        general::logConfig,   general::help,       general::version,
     };
     return options;
 }

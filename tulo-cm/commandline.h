@@ -22,6 +22,9 @@ inline constexpr Option bus { "bus", "BUS", "system (the default), session or an
 inline constexpr Option host { "host", "USER@HOST", "the service of another device, through ssh" };
 inline constexpr Option product { "product", "POSTFIX",
                                   "use the defaults of this product variant" };
+inline constexpr Option migrations { "migrations", "DIR",
+                                     "rules for written values, instead of those beside the "
+                                     "default tree" };
 inline constexpr Option plugin { "plugin", "FILE",
                                  "the settings worker, instead of the installed one" };
 inline constexpr Option language { "language", "LOCALE",

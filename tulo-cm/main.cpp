@@ -182,8 +182,10 @@ int prepare(const Arguments& arguments, Output& output, Place* place)
                                    QString() });
         }
         // Before logging, so that log files belong to the same user, too.
+        const bool changesFiles =
+            changesSettings(command) || command.needs == Command::Needs::OwnedTrees;
         const QString reason =
-            isOwn && changesSettings(command) ? becomeOwner(place->engine.writePath) : QString();
+            isOwn && changesFiles ? becomeOwner(place->engine.writePath) : QString();
         if (!reason.isEmpty())
             return output.report({ ErrorCode::Unavailable, reason, QString() });
     }
@@ -201,7 +203,8 @@ int runCommand(const Arguments& arguments, Output& output)
         return exitCode;
     const bool isOwn = place.kind == Place::Kind::OwnProcess;
     const Command::Needs needs = neededBy(arguments);
-    if (needs == Command::Needs::Nothing || (isOwn && needs == Command::Needs::Trees)) {
+    const bool isForTrees = needs == Command::Needs::Trees || needs == Command::Needs::OwnedTrees;
+    if (needs == Command::Needs::Nothing || (isOwn && isForTrees)) {
         Context context { output, place };
         return command.run(context, arguments);
     }

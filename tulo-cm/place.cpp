@@ -49,8 +49,8 @@ QString validateOwnProcess(const Arguments& arguments)
 
 QString validateService(const Arguments& arguments)
 {
-    for (const Option& option :
-         { general::product, general::plugin, general::language, general::catalogues }) {
+    for (const Option& option : { general::product, general::migrations, general::plugin,
+                                  general::language, general::catalogues }) {
         if (arguments.isSet(option)) {
             return QStringLiteral("'%1' needs '--default-path' and '--write-path', or "
                                   "'--in-process'")
@@ -80,6 +80,11 @@ QString validateWorker(const Arguments& arguments)
         return QStringLiteral("'%1' is not a product postfix, which has only letters, digits, '_' "
                               "and '-'")
             .arg(product);
+    }
+    if (arguments.isSet(general::migrations)) {
+        QString error = validateDirectory(arguments.value(general::migrations));
+        if (!error.isEmpty())
+            return error;
     }
     if (arguments.isSet(general::language) && !arguments.isSet(general::catalogues))
         return QStringLiteral("'--language' needs '--catalogues'");
@@ -135,6 +140,7 @@ EngineOptions engineOptions(const Arguments& arguments)
     options.writePath =
         isBuiltIn ? Engine::builtInWritePath() : arguments.value(general::writePath);
     options.productPostfix = arguments.value(general::product);
+    options.migrationsPath = arguments.value(general::migrations);
     options.language = arguments.value(general::language);
     options.catalogues = arguments.values(general::catalogues);
     return options;
