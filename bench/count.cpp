@@ -91,6 +91,12 @@ const std::map<std::string, Factory>& operations()
     // No larger than first loads need, so that counting takes a minute or two.
     constexpr Shape manyDirectories { 400, 20 };
     constexpr Shape oneDirectory { 400, 400 };
+    static constexpr Shape thousand { 1000, 20 };
+    const auto reset = [](int count) {
+        return onStore(thousand, [count](const std::string& store, const Shape& shape) {
+            return resetSettings(store, shape, count);
+        });
+    };
     static const std::map<std::string, Factory> all {
         { "get", onStore(manyDirectories, warmGet) },
         { "get_floor", alone(getFloor) },
@@ -104,6 +110,10 @@ const std::map<std::string, Factory>& operations()
         { "accept_directory", onStore(oneDirectory, acceptChange) },
         { "durable", onStore(manyDirectories, durableChange) },
         { "changes_1000", onStore(manyDirectories, thousandChanges) },
+        { "reset_1", reset(1) },
+        { "reset_100", reset(100) },
+        { "reset_1000", reset(1000) },
+        { "reset_made", onStore(thousand, resetMade) },
         { "unsaved", alone([] { return failedChange(0); }) },
         { "unsaved_8000", alone([] { return failedChange(8000); }) },
         { "json_parse", alone(parseJson) },

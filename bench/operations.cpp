@@ -10,6 +10,8 @@
 #include <QCache>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <numeric>
 #include <random>
@@ -19,6 +21,7 @@
 
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
+#include <unistd.h>
 
 using namespace tulo;
 
@@ -173,6 +176,60 @@ Operation thousandChanges(const std::string& store, const Shape& shape)
             tulo->sync();
         },
         1);
+}
+
+namespace {
+
+// `names` are paths inside the trees.
+Operation resetOf(const std::string& store, const std::vector<std::string>& names)
+{
+    const std::string written = store + "/file-to-reset";
+    std::ofstream(written) << writtenFileText(sampleSetting);
+    std::vector<std::string> files;
+    QStringList paths;
+    for (const std::string& name : names) {
+        files.push_back(writableTree(store) + name);
+        std::filesystem::remove(files.back());
+        paths.append(QStringLiteral("/settings") + QString::fromStdString(name));
+    }
+    paths.sort();
+    const std::shared_ptr<Settings> settings = openSettings(store);
+    return done(
+        [=](int) {
+            for (const std::string& file : files) {
+                if (::link(written.c_str(), file.c_str()) != 0)
+                    throw std::runtime_error("cannot link " + file);
+            }
+            const Reply<QStringList> reset = settings->reset(paths);
+            if (!reset.wait() || reset.value() != paths)
+                throw std::runtime_error("not all was reset");
+        },
+        2);
+}
+
+} // namespace
+
+Operation resetSettings(const std::string& store, const Shape& shape, int count)
+{
+    std::vector<std::string> names;
+    for (int setting = 0; setting < count; ++setting)
+        names.push_back("/" + shape.directory(setting) + "/" + shape.name(setting));
+    return resetOf(store, names);
+}
+
+Operation resetMade(const std::string& store, const Shape& shape)
+{
+    const QString path =
+        QStringLiteral("/settings/") + QString::fromStdString(shape.directory(0) + "/made");
+    const std::shared_ptr<Settings> settings = openSettings(store);
+    return done(
+        [=](int i) {
+            const Reply<Change> change = settings->set(path, i);
+            const Reply<QStringList> reset = settings->reset({ path });
+            if (!reset.wait() || reset.value() != QStringList(path))
+                throw std::runtime_error("nothing was reset");
+        },
+        2);
 }
 
 Operation failedChange(int unsaved)

@@ -34,6 +34,11 @@ Operation acceptChange(const std::string& store, const Shape& shape);
 Operation durableChange(const std::string& store, const Shape& shape);
 /// 1,000 changes of one setting, the last one safely on disk.
 Operation thousandChanges(const std::string& store, const Shape& shape);
+/// A reset of so many settings in directories of the usual size, by the settings of a process; with
+/// the files that it removes, which are linked into their places before.
+Operation resetSettings(const std::string& store, const Shape& shape, int count);
+/// A setting that is made and reset, so that the worker is renewed.
+Operation resetMade(const std::string& store, const Shape& shape);
 /// What the engine notes of a change whose write fails, besides `unsaved` others like it.
 Operation failedChange(int unsaved);
 /// A default file's text into a hash, and such a hash into a text.

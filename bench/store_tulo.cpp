@@ -1,6 +1,7 @@
 #include "store_tulo.h"
 
 #include "engine/loader.h"
+#include "engine/localsettings.h"
 
 #include "api/core/model/tulosettingsactions.h"
 
@@ -80,6 +81,21 @@ std::string version()
 } // namespace
 
 const StoreKind tuloStore { "tulo", version, fill, open };
+
+std::unique_ptr<Settings> openSettings(const std::string& directory)
+{
+    configureLog();
+    EngineOptions options;
+    options.pluginFile = QStringLiteral(TULO_PLUGIN_FILE);
+    options.defaultPath = QString::fromStdString(defaultTree(directory));
+    options.writePath = QString::fromStdString(writableTree(directory));
+    options.access = EngineOptions::Access::Own;
+    EngineFailure failure;
+    std::unique_ptr<Settings> settings = LocalSettings::open(options, &failure);
+    if (!settings)
+        throw std::runtime_error(failure.message.toStdString());
+    return settings;
+}
 
 std::string defaultTree(const std::string& directory)
 {

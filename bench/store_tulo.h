@@ -2,6 +2,8 @@
 
 #include "store.h"
 
+#include <tulo/settings.h>
+
 #include "api/core/model/cmworker.h"
 
 #include <QList>
@@ -39,6 +41,9 @@ private:
     std::unique_ptr<CMWorker> m_worker;
     std::vector<CMPath> m_paths;
 };
+
+/// The settings of a process on a store's directory.
+std::unique_ptr<tulo::Settings> openSettings(const std::string& directory);
 
 /// The directories of the two layers inside a store's directory.
 std::string defaultTree(const std::string& directory);
