@@ -5,6 +5,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -37,6 +38,7 @@ private slots:
     void usage();
     void places_data();
     void places();
+    void resetTakesTheWrittenLayerAway();
     void valueFromStandardInput();
     void valueThatIsNotUtf8();
     void keyOfTheTreesOwnIsARole();
@@ -558,6 +560,49 @@ void TstCommandline::places()
 // ---------------------------------------------------------------------------------------------
 // Values from standard input.
 // ---------------------------------------------------------------------------------------------
+
+void TstCommandline::resetTakesTheWrittenLayerAway()
+{
+    const CommandLine cli;
+    QCOMPARE(cli.run("set /settings/audio/volume --default").exitCode, 0);
+    QCOMPARE(cli.run("set /settings/audio/gain 1").exitCode, 0);
+    QCOMPARE(cli.run("set /settings/presets/two fm:99").exitCode, 0);
+    QCOMPARE(cli.run("set settings/token 5").exitCode, 0);
+    // The next image.
+    cli.tree.writeDefault(QStringLiteral("/audio/volume"), R"({"value":{"int":25}})");
+    QCOMPARE(cli.run("get settings/audio/volume").standardOutput, QByteArray("35\n"));
+    const auto check = [&cli](const char* line, const QByteArray& output, const QByteArray& error,
+                              int exitCode) {
+        const ChildResult result = cli.run(line);
+        QCOMPARE(result.standardOutput, output);
+        QCOMPARE(result.standardError, error);
+        QCOMPARE(result.exitCode, exitCode);
+    };
+
+    check("reset settings/audio/volume /settings/audio/mode", "/settings/audio/volume\n", "", 0);
+    check("get settings/audio/volume", "25\n", "", 0);
+    check("reset settings/audio/volume", "", "", 0);
+    check("reset settings/audio", "",
+          "tulo-cm: Path '/settings/audio' is a directory; only a recursive reset goes to "
+          "directories (option '-r')\n",
+          4);
+    check("reset settings/serial", "",
+          "tulo-cm: Setting '/settings/serial' is not modifiable; only a recursive reset discards "
+          "what is stored for it (option '-r')\n",
+          4);
+    check("reset", "", "tulo-cm: 'reset' needs one of PATH and '--all'\n", 2);
+    check("reset --all /settings/audio", "", "tulo-cm: 'reset' needs one of PATH and '--all'\n", 2);
+    check("reset settings/token --keep /settings/audio", "",
+          "tulo-cm: '--keep' needs '-r' or '--all'\n", 2);
+    check("reset settings/none", "", "tulo-cm: Invalid path '/settings/none'\n", 3);
+    check("reset --json --all --keep settings/token --keep settings/audio/",
+          "{\"done\":true,\"path\":\"/settings/presets/two\"}\n", "", 0);
+    check("reset -r settings/audio", "/settings/audio/gain\n", "", 0);
+    check("reset --all", "/settings/token\n", "", 0);
+    check("reset --all", "", "", 0);
+    QCOMPARE(cli.tree.writtenEntries().filter(QRegularExpression(QStringLiteral("[a-z]$"))),
+             QStringList(QStringLiteral("/.tulo-cm.lock")));
+}
 
 void TstCommandline::valueFromStandardInput()
 {
