@@ -39,7 +39,7 @@ class Collection
 {
 public:
     explicit Collection(const QString& defaultPath)
-        : m_tree(QDir(defaultPath).path())
+        : m_tree(QDir(defaultPath).absolutePath())
         , m_reader(m_tree, QString(), QString())
     {
     }
@@ -152,7 +152,7 @@ bool writeMirror(const QString& folder, const QString& tree, const QVector<TreeT
         QByteArray& content = files[text.file];
         content += QByteArray(text.line - 1 - content.count('\n'), '\n');
         content += comment(text) + "QT_TRANSLATE_NOOP(" + literal(text.context) + ", "
-            + literal(text.text) + ") ";
+            + literal(text.text) + "); ";
     }
     QByteArray list;
     for (const auto& [file, content] : files) {

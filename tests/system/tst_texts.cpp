@@ -56,6 +56,7 @@ class TstTexts : public QObject
     Q_OBJECT
 
 private slots:
+    void textHasItsContextAndItsPlace_data();
     void textHasItsContextAndItsPlace();
     void translationSurvives();
     void vanishedTextIsMarked();
@@ -71,26 +72,52 @@ private slots:
     void ownLinkIsNotFollowedForEver();
 };
 
+void TstTexts::textHasItsContextAndItsPlace_data()
+{
+    QTest::addColumn<bool>("isRelative");
+    QTest::newRow("absolute names") << false;
+    QTest::newRow("relative names") << true;
+}
+
 void TstTexts::textHasItsContextAndItsPlace()
 {
+    QFETCH(const bool, isRelative);
     const Translations translations;
     translations.tree.writeDefault(QStringLiteral("/audio/volume"),
-                                   "{\n  \"value\": {\"int\": 1},\n  \"title\": \"Volume\"\n}\n");
+                                   "{\n  \"value\": {\"int\": 1},\n  \"title\": \"Volume\",\n"
+                                   "  \"description\": \"Loudness\", \"valueUnit\": \"%\"\n}\n");
+    const QString folder = translations.tree.path() + QLatin1Char('/');
+    QString tree = translations.tree.defaultPath();
+    QString catalogueName = translations.catalogueName();
+    if (isRelative) {
+        tree.remove(folder);
+        catalogueName.remove(folder);
+    }
 
-    const ChildResult result = translations.update();
+    ChildProcess program(QStringLiteral(TULO_CM_PROGRAM),
+                         { QStringLiteral("texts"), tree, catalogueName });
+    program.setWorkingDirectory(folder);
+    QVERIFY(program.start());
+    const ChildResult result = program.finish();
 
     QCOMPARE(result.standardError, QByteArray());
-    QCOMPARE(result.standardOutput, translations.catalogueName().toUtf8() + counts(0, 1, 0));
+    QCOMPARE(result.standardOutput, catalogueName.toUtf8() + counts(0, 3, 0));
     QCOMPARE(result.exitCode, 0);
     const QByteArray catalogue = translations.catalogue();
     QVERIFY(catalogue.contains("language=\"de_DE\""));
     QVERIFY(catalogue.contains("<name>@settings/audio</name>"));
-    const QByteArray folder =
-        translations.tree.defaultPath().section(QLatin1Char('/'), -1).toUtf8();
-    QVERIFY2(catalogue.contains("<location filename=\"" + folder + "/audio/volume\" line=\"3\"/>"),
+    const QByteArray place = "<location filename=\""
+        + translations.tree.defaultPath().mid(folder.size()).toUtf8() + "/audio/volume\" line=\"";
+    QVERIFY2(catalogue.contains(place
+                                + "3\"/>\n        <source>Volume</source>\n"
+                                  "        <extracomment>title of /audio/volume"),
              catalogue.constData());
-    QVERIFY(catalogue.contains("<source>Volume</source>"));
-    QVERIFY(catalogue.contains("<extracomment>title of /audio/volume</extracomment>"));
+    QVERIFY(catalogue.contains(place
+                               + "4\"/>\n        <source>Loudness</source>\n"
+                                 "        <extracomment>description of /audio/volume"));
+    QVERIFY(catalogue.contains(place
+                               + "4\"/>\n        <source>%</source>\n"
+                                 "        <extracomment>valueUnit of /audio/volume"));
 }
 
 void TstTexts::translationSurvives()

@@ -80,10 +80,10 @@ Command texts()
         "",
         { { "TREE" }, { "CATALOGUE", Argument::Count::OneOrMore } },
         { checkOption },
-        "Brings Qt Linguist catalogues (*.ts) up to date with the texts of a default tree: new "
-        "texts\nare added, vanished ones marked, translations kept. A catalogue that does not "
-        "exist is made,\nfor the language that its name ends in (settings_fi.ts). Needs lupdate, "
-        "of the package\nqttools5-dev-tools; lrelease makes what --catalogues reads.",
+        "Updates translation catalogues with the texts of a default tree: new texts are added,\n"
+        "vanished ones marked, translations kept. Catalogues are those of Qt Linguist, *.ts; one\n"
+        "that does not exist is made, for the language that its name ends in (settings_fi.ts).\n"
+        "Needs lupdate, of the package qttools5-dev-tools; lrelease makes what --catalogues reads.",
         "texts settings-default translations/settings_de.ts",
         Command::Where::CommandLine,
         Command::Needs::Nothing,
