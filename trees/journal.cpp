@@ -633,4 +633,11 @@ JournalResult redoJournal(int directory)
     return result;
 }
 
+bool hasJournal(const QString& writePath)
+{
+    struct stat file = {};
+    const QByteArray name = QFile::encodeName(writePath) + '/' + journalName;
+    return ::lstat(name.constData(), &file) == 0;
+}
+
 } // namespace tulo

@@ -61,4 +61,7 @@ JournalResult commitChanges(int directory, const QVector<FileChange>& changes,
 /// commitChanges() refuses while it is there.
 JournalResult redoJournal(int directory);
 
+/// Tells whether there is a journal in the tree, for those that only read it.
+[[nodiscard]] bool hasJournal(const QString& writePath);
+
 } // namespace tulo

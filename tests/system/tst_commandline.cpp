@@ -342,9 +342,10 @@ void TstCommandline::commandLineErrors_data()
     const auto row = [](const char* name, const QStringList& arguments, const char* error) {
         QTest::newRow(name) << arguments << QByteArray(error);
     };
-    const char* const commands = "get, ls, tree, set, op, reset, watch, flush, drop-cache, check, "
-                                 "migrate, "
-                                 "texts, status, shell, help";
+    const char* const commands =
+        "get, ls, tree, set, op, reset, watch, dump, load, flush, drop-cache, check, "
+        "migrate, "
+        "texts, status, shell, help";
     row("no command", {}, (QByteArray("no command; commands are: ") + commands).constData());
     row("unknown command", words("gte"),
         (QByteArray("unknown command 'gte'; commands are: ") + commands).constData());
@@ -943,9 +944,9 @@ void TstCommandline::fullDiskUnderTheResult()
 
 namespace {
 
-const QStringList commandNames =
-    words("get ls tree set op reset watch flush drop-cache check migrate texts status shell "
-          "help");
+const QStringList commandNames = words(
+    "get ls tree set op reset watch dump load flush drop-cache check migrate texts status shell "
+    "help");
 
 QJsonObject jsonOf(const ChildResult& result)
 {
