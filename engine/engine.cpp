@@ -372,10 +372,9 @@ Error Engine::carryOut(Reset* reset)
     if (result.status == JournalResult::Status::Done)
         return {};
     // The next opening of the tree finishes it; what is written before could be undone by that.
-    m_guard->setReadOnly(noChangeReason(result.message));
-    return { ErrorCode::NotSaved,
-             QStringLiteral("The reset is finished by the next start: ") + result.message,
-             QString() };
+    m_readOnlyReason = noChangeReason(result.message);
+    m_guard->setReadOnly(m_readOnlyReason);
+    return { ErrorCode::NotSaved, m_readOnlyReason, QString() };
 }
 
 QStringList Engine::removeEmpty(const QStringList& directories) const

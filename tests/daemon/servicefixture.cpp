@@ -327,7 +327,7 @@ struct Change
 
 // The methods that take options last and answer with an outcome last.
 constexpr Change changes[] {
-    { "SetValue", 2 }, { "SetRoles", 2 }, { "Apply", 3 }, { "SetMany", 1 }
+    { "SetValue", 2 }, { "SetRoles", 2 }, { "Apply", 3 }, { "SetMany", 1 }, { "Reset", 1 }
 };
 
 const Change* changeNamed(const QString& method)

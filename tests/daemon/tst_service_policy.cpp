@@ -281,6 +281,14 @@ void TstServicePolicy::rightsFollowTheInterface()
     QCOMPARE(isAllowed("Apply", { volume, QStringLiteral("add"), QVariantList { variantOf(-5) } }),
              mayChange);
     QCOMPARE(isAllowed("SetMany", { QVariant::fromValue(tulo::BusNodes {}) }), mayChange);
+    QCOMPARE(isAllowed("Reset", { QStringList { volume } }), mayChange);
+    QDBusMessage resetBelow = BusClient::message(QStringLiteral("Reset"), { QStringList(volume) });
+    resetBelow = QDBusMessage::createMethodCall(resetBelow.service(), resetBelow.path(),
+                                                resetBelow.service() + QStringLiteral(".Admin"),
+                                                resetBelow.member())
+        << resetBelow.arguments();
+    QCOMPARE(!BusClient::shown(client->connection().call(resetBelow)).startsWith(denied),
+             mayAdminister);
     QCOMPARE(isAllowed("Flush"), mayChange);
     QCOMPARE(isAllowed("DropCache"), mayAdminister);
     QCOMPARE(isAllowed("GetUnsaved", { 10U }), mayAdminister);

@@ -14,10 +14,12 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <memory>
 #include <thread>
 
 #include <malloc.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #ifdef TULO_ADDRESS_SANITIZER
@@ -32,6 +34,18 @@ extern "C" int syncfs(int)
 {
     errno = syncError;
     return syncError == 0 ? 0 : -1;
+}
+
+// Fails for a file of this name in a directory.
+static const char* failingRemoval = nullptr;
+
+extern "C" int unlinkat(int directory, const char* name, int flags)
+{
+    if (failingRemoval != nullptr && std::strcmp(name, failingRemoval) == 0) {
+        errno = EIO;
+        return -1;
+    }
+    return int(::syscall(SYS_unlinkat, directory, name, flags));
 }
 
 using namespace tulo;
@@ -88,6 +102,7 @@ private slots:
     void resetIsRefusedWhileAChangeIsNotSaved();
     void resetSettingIsNotStoredAgain();
     void resetThatTheDiskRefusesChangesNothing();
+    void resetThatTheDiskInterruptsIsFinishedLater();
     void resetTellsOfFilesThatCameUnseen();
     void resetsLeaveNoMemoryBehind();
 
@@ -431,6 +446,52 @@ void tst_LocalSettings::resetThatTheDiskRefusesChangesNothing()
     QCOMPARE(tree().writtenEntries(), written);
     QCOMPARE(events, QStringList());
     QVERIFY(settings().set(preset, QStringLiteral("fm:100")).wait());
+}
+
+void tst_LocalSettings::resetThatTheDiskInterruptsIsFinishedLater()
+{
+    const QString gain = QStringLiteral("/settings/audio/gain");
+    const QString mode = QStringLiteral("/settings/audio/mode");
+    QVERIFY(settings().set(gain, 0.25).wait());
+    QVERIFY(settings().set(mode, QStringLiteral("low")).wait());
+    QVERIFY(settings().set(volume, 40).wait());
+    QStringList values;
+    const auto watch = settings().watchTree(QStringLiteral("/settings"));
+    connect(watch.get(), &Watch::changed, this, [&values](const Event& event) {
+        if (event.kind == Event::Kind::Value)
+            values.append(event.path);
+    });
+    failingRemoval = "mode";
+
+    const Reply<QStringList> reset = settings().reset({ gain, mode, volume });
+    QVERIFY(!reset.wait());
+    failingRemoval = nullptr;
+
+    QCOMPARE(reset.error().code, ErrorCode::NotSaved);
+    QVERIFY2(reset.error().message.contains(QLatin1String("admits no change")),
+             qPrintable(reset.error().message));
+    // What has been removed is announced; nothing is written that the end could undo.
+    QStringList gone;
+    for (const QString& path : { gain, mode, volume }) {
+        if (tree().readWritten(path.mid(int(std::strlen("/settings")))).isNull())
+            gone.append(path);
+    }
+    QVERIFY(!gone.contains(mode));
+    QVERIFY(!gone.isEmpty());
+    QCOMPARE(values, gone);
+    const Reply<Change> change = settings().set(volume, 45);
+    QVERIFY(!change.wait());
+    QCOMPARE(change.error(), Error({ ErrorCode::Unavailable, reset.error().message, volume }));
+    const Reply<Status> status = settings().status();
+    QVERIFY(status.wait());
+    QVERIFY(!status.value().isWritable);
+
+    QVERIFY(local().stop());
+    const auto next = openLocal(tree(), EngineOptions::Access::Own);
+    QVERIFY(next);
+    QCOMPARE(tree().writtenEntries(),
+             QStringList({ QStringLiteral("/.tulo-cm.lock"), QStringLiteral("/audio/") }));
+    QVERIFY(next->set(volume, 45).wait());
 }
 
 // The worker's listing is older, so that the index of a row could be another one. A version that
