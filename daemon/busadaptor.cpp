@@ -105,6 +105,7 @@ void BusAdaptor::on_bus_called(const BusCall& call)
         { wire::resetBelow, &BusAdaptor::resetBelow },
         { wire::flush, &BusAdaptor::flush },
         { wire::dropCache, &BusAdaptor::dropCache },
+        { wire::statistics, &BusAdaptor::statistics },
         { wire::getUnsaved, &BusAdaptor::getUnsaved },
     } };
     const auto* const entry =
@@ -293,6 +294,12 @@ void BusAdaptor::flush(quint64 call, const Arguments& /*arguments*/)
 void BusAdaptor::dropCache(quint64 call, const Arguments& /*arguments*/)
 {
     answer(call, m_settings.dropCache(), [](bool) { return Arguments(); });
+}
+
+void BusAdaptor::statistics(quint64 call, const Arguments& /*arguments*/)
+{
+    answer(call, m_settings.statistics(),
+           [](const QVariantMap& numbers) { return Arguments { numbers }; });
 }
 
 void BusAdaptor::getUnsaved(quint64 call, const Arguments& arguments)

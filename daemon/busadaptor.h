@@ -63,6 +63,7 @@ private:
     void resetBelow(quint64 call, const Arguments& arguments);
     void flush(quint64 call, const Arguments& arguments);
     void dropCache(quint64 call, const Arguments& arguments);
+    void statistics(quint64 call, const Arguments& arguments);
     void getUnsaved(quint64 call, const Arguments& arguments);
 
     template<typename T, typename Convert>

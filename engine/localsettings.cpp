@@ -5,8 +5,8 @@
 #include "trees/plainroles.h"
 #include "trees/separator.h"
 #include "trees/settingvalue.h"
-#include "trees/treestamp.h"
 #include "trees/treereader.h"
+#include "trees/treestamp.h"
 
 #include <tulo/setting.h>
 
@@ -192,11 +192,13 @@ Reply<T> LocalSettings::enqueue(Work work)
         promise.fail(destroyedError());
         return promise.reply();
     }
-    m_requests.push_back([promise, work](const Error& error) {
-        if (error)
+    m_requests.push_back([this, promise, work](const Error& error) {
+        if (error) {
             promise.fail(error);
-        else
-            work(promise);
+            return;
+        }
+        ++m_counters.requests;
+        work(promise);
     });
     post();
     return promise.reply();
@@ -228,6 +230,7 @@ template<typename T>
 void LocalSettings::answer(const Promise<T>& promise, const Error& error, const T& value)
 {
     const QPointer<LocalSettings> self(this);
+    m_counters.failed += error ? 1 : 0;
     deliverEvents();
     if (!self)
         promise.fail(destroyedError());
@@ -672,6 +675,7 @@ Error LocalSettings::carryOut(const AdmittedChange& admitted, bool isDryRun, Cha
         if (error)
             return error;
         stored = TuloRoles(TuloHash(reply.value().toHash()));
+        ++m_counters.changes;
     }
     change->stored = plainRoles(stored.__variant().toHash());
     const Guard::Adjustment& adjustment = admitted.adjustment;
@@ -921,6 +925,7 @@ Error LocalSettings::carryOutReset(const QStringList& paths, const ResetOptions&
     // After an error, too: one that was interrupted has removed some.
     announceReset(reset, before, namesBefore);
     *settings = reset.settings;
+    m_counters.resets += error ? 0 : reset.settings.size();
     return error;
 }
 
@@ -942,6 +947,8 @@ Reply<int> LocalSettings::flush()
     return enqueue<int>([this](const Promise<int>& promise) {
         m_engine->flush([this, promise](const FlushResult& result) {
             // In a later turn, as it may come from stop().
+            ++m_counters.flushes;
+            m_counters.failed += result.error.isEmpty() ? 0 : 1;
             m_requests.emplace_back([promise, result](const Error& error) {
                 if (error.code == ErrorCode::Cancelled)
                     promise.fail(error);
@@ -1000,6 +1007,25 @@ Reply<QString> LocalSettings::treeDigest()
     });
 }
 
+Reply<QVariantMap> LocalSettings::statistics()
+{
+    return enqueue<QVariantMap>([this](const Promise<QVariantMap>& promise) {
+        const WriteTracker& writes = std::as_const(*m_engine).writes();
+        const QVariantMap numbers {
+            { QStringLiteral("requests"), m_counters.requests },
+            { QStringLiteral("failed"), m_counters.failed },
+            { QStringLiteral("changes"), m_counters.changes },
+            { QStringLiteral("resets"), m_counters.resets },
+            { QStringLiteral("announcements"), m_counters.announcements },
+            { QStringLiteral("flushes"), m_counters.flushes },
+            { QStringLiteral("writes"), writes.writeCount() },
+            { QStringLiteral("writeErrors"), writes.errorCount() },
+            { QStringLiteral("keptValues"), qint64(m_keptValues.size()) },
+        };
+        answer(promise, Error(), numbers);
+    });
+}
+
 Reply<QStringList> LocalSettings::unsavedPaths(int maximum)
 {
     return enqueue<QStringList>([this, maximum](const Promise<QStringList>& promise) {
@@ -1025,6 +1051,7 @@ void LocalSettings::watchRemoved(Watch*) { }
 void LocalSettings::append(const Event& event)
 {
     m_events.push_back(event);
+    ++m_counters.announcements;
     // A change delivers its own before its answer.
     if (m_carriedOut == nullptr)
         post();

@@ -72,6 +72,7 @@ public:
     Reply<bool> dropCache() override;
     Reply<Status> status() override;
     Reply<QString> treeDigest() override;
+    Reply<QVariantMap> statistics() override;
     Reply<QStringList> unsavedPaths(int maximum) override;
 
     /// Flushes if anything accepted may not be on disk, destroys the worker and gives the tree
@@ -154,6 +155,17 @@ private:
     void rowsChanged(const CMPath& path, const QString& command, int version) override;
     bool isEncrypted(const CMPath& path);
 
+    /// Since the settings were opened.
+    struct Counters
+    {
+        qint64 requests = 0;
+        qint64 failed = 0; ///< of the requests
+        qint64 changes = 0;
+        qint64 resets = 0; ///< settings
+        qint64 announcements = 0;
+        qint64 flushes = 0;
+    };
+
     const QString m_product;
     const std::unique_ptr<Engine> m_engine;
     std::deque<Request> m_requests;
@@ -164,6 +176,7 @@ private:
     QCache<QString, QVariant> m_keptValues { maximumKeptValues }; ///< by path
     const AdmittedChange* m_carriedOut = nullptr; ///< while the worker makes it
     std::atomic<int> m_unsavedRevision { 0 }; ///< that unsavedChanged() is emitted for
+    Counters m_counters;
     bool m_isStopped = false;
     bool m_isDestroyed = false;
 };

@@ -185,6 +185,13 @@ QString WriteTracker::nodeOf(const QString& fileName) const
     return name.startsWith(root) ? m_prefix + separator + name.mid(root.size()) : QString();
 }
 
+void WriteTracker::setLastError(const QString& error)
+{
+    m_lastError = error.left(maximumErrorLength);
+    ++m_errorCount;
+    ++m_revision;
+}
+
 void WriteTracker::read(const QString& record)
 {
     QMutexLocker locker(&m_mutex);
@@ -197,9 +204,9 @@ void WriteTracker::read(const QString& record)
         setUnsaved(&state, false);
         setUnconfirmed(&state, m_nextSync);
         m_hasWrittenSinceSync = true;
+        ++m_writeCount;
     } else if (record.startsWith(syncFailedText)) {
-        m_lastError = record.left(maximumErrorLength);
-        ++m_revision;
+        setLastError(record);
     } else {
         const QString node = nodeOf(failedFile(record));
         if (node.isEmpty())
@@ -208,8 +215,7 @@ void WriteTracker::read(const QString& record)
         setPending(&state, false);
         setUnsaved(&state, true);
         setUnconfirmed(&state, 0);
-        m_lastError = record.left(maximumErrorLength);
-        ++m_revision;
+        setLastError(record);
     }
     locker.unlock();
     emit changed();
@@ -246,8 +252,7 @@ void WriteTracker::endSync(int number, const QString& error)
             ++change;
     }
     if (!error.isEmpty()) {
-        m_lastError = error.left(maximumErrorLength);
-        ++m_revision;
+        setLastError(error);
     }
     locker.unlock();
     emit changed();
@@ -256,8 +261,7 @@ void WriteTracker::endSync(int number, const QString& error)
 void WriteTracker::setError(const QString& error)
 {
     QMutexLocker locker(&m_mutex);
-    m_lastError = error.left(maximumErrorLength);
-    ++m_revision;
+    setLastError(error);
     locker.unlock();
     emit changed();
 }
@@ -323,6 +327,18 @@ QString WriteTracker::lastError() const
 {
     const QMutexLocker locker(&m_mutex);
     return m_lastError;
+}
+
+qint64 WriteTracker::writeCount() const
+{
+    const QMutexLocker locker(&m_mutex);
+    return m_writeCount;
+}
+
+qint64 WriteTracker::errorCount() const
+{
+    const QMutexLocker locker(&m_mutex);
+    return m_errorCount;
 }
 
 int WriteTracker::revision() const

@@ -81,6 +81,9 @@ public:
     QVector<Change> unsavedChanges() const;
     /// The last failure to write or to sync, empty when there was none.
     QString lastError() const;
+    /// Files that were written, and writes and syncs that failed.
+    qint64 writeCount() const;
+    qint64 errorCount() const;
     /// Grows whenever unsavedPaths() or lastError() may read differently.
     int revision() const;
     /// Tells whether a flush has anything to do: something is pending or unsaved, or was written
@@ -110,6 +113,7 @@ private:
     void setPending(State* state, bool isPending);
     void setUnsaved(State* state, bool isUnsaved);
     void setUnconfirmed(State* state, int sync);
+    void setLastError(const QString& error);
     QStringList pathsWhere(bool State::*flag) const;
     QString nodeOf(const QString& fileName) const;
 
@@ -125,6 +129,8 @@ private:
     int m_unconfirmedCount = 0;
     int m_nextSync = 1;
     bool m_hasWrittenSinceSync = false;
+    qint64 m_writeCount = 0;
+    qint64 m_errorCount = 0;
     QString m_lastError;
     int m_revision = 0;
 };

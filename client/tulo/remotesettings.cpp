@@ -628,6 +628,13 @@ Reply<QString> RemoteSettings::treeDigest()
     });
 }
 
+Reply<QVariantMap> RemoteSettings::statistics()
+{
+    return d->ask<QVariantMap>(wire::statistics, {}, QString(), [](const QVariantList& arguments) {
+        return std::make_optional(arguments.value(0).toMap());
+    });
+}
+
 Reply<QStringList> RemoteSettings::unsavedPaths(int maximum)
 {
     return d->ask<QStringList>(wire::getUnsaved, { uint(std::max(maximum, 0)) }, QString(),

@@ -60,6 +60,7 @@ public:
     Reply<bool> dropCache() override;
     Reply<Status> status() override;
     Reply<QString> treeDigest() override;
+    Reply<QVariantMap> statistics() override;
     Reply<QStringList> unsavedPaths(int maximum) override;
 
 protected:

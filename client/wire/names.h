@@ -73,12 +73,13 @@ inline constexpr Method resetBelow { adminInterface, "Reset", "asa{sv}", "as",
                                      "paths\0options\0settings\0" };
 inline constexpr Method flush { changeInterface, "Flush", "", "u", "failed\0" };
 inline constexpr Method dropCache { adminInterface, "DropCache", "", "", "" };
+inline constexpr Method statistics { adminInterface, "Statistics", "", "a{sv}", "numbers\0" };
 inline constexpr Method getUnsaved { adminInterface, "GetUnsaved", "u", "as", "maximum\0paths\0" };
 
 inline constexpr std::array methodTable { getData,    getMany,  getRows,   getTreeDigest,
                                           setValue,   setRoles, apply,     setMany,
                                           reset,      flush,    dropCache, getUnsaved,
-                                          resetBelow, explain };
+                                          resetBelow, explain,  statistics };
 
 struct Signal
 {

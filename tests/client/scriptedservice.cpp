@@ -92,6 +92,8 @@ QVariantList ScriptedService::emptyAnswer(const wire::Method& method, const QVar
         return wire::originsToArguments({});
     if (member == "GetAll")
         return { wire::statusToProperties({}) };
+    if (member == "Statistics")
+        return { QVariantMap() };
     if (member == "GetUnsaved" || member == "Reset")
         return { QStringList() };
     if (member == "Flush")

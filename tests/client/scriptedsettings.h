@@ -124,6 +124,7 @@ public:
     tulo::Reply<bool> dropCache() override { return none<bool>(); }
     tulo::Reply<tulo::Status> status() override { return none<tulo::Status>(); }
     tulo::Reply<QString> treeDigest() override { return none<QString>(); }
+    tulo::Reply<QVariantMap> statistics() override { return none<QVariantMap>(); }
     tulo::Reply<QStringList> unsavedPaths(int) override { return none<QStringList>(); }
 
     QStringList log; ///< of watches that came and went, and of requests

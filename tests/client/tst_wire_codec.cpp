@@ -601,11 +601,10 @@ void tst_WireCodec::tableOfMessagesHoldsTogether()
         QVERIFY(sd_bus_interface_name_is_valid(method.interface) > 0);
         QVERIFY(sd_bus_member_name_is_valid(method.member) > 0);
         QCOMPARE(namesIn(method.names), completeTypes(method.in) + completeTypes(method.out));
-        // A call that names no interface goes to the first of two.
-        const bool isNew = members.insert(method.member).second;
-        QVERIFY(isNew || &method == &wire::methodTable.back());
+        // "Reset" is a method of two interfaces.
+        const std::string prefix = method.member == std::string("Reset") ? method.interface : "";
+        QVERIFY(members.insert(prefix + method.member).second);
     }
-    QCOMPARE(wire::methodTable.back().member, wire::reset.member);
     for (const wire::Signal& signal : wire::signalTable) {
         QCOMPARE(namesIn(signal.names), completeTypes(signal.signature));
         QVERIFY(members.insert(signal.member).second);

@@ -342,7 +342,8 @@ QString interfaceOf(const QString& method)
 {
     if (changeNamed(method) != nullptr || method == QLatin1String("Flush"))
         return serviceName + QLatin1String(".Change");
-    if (method == QLatin1String("DropCache") || method == QLatin1String("GetUnsaved"))
+    if (method == QLatin1String("DropCache") || method == QLatin1String("GetUnsaved")
+        || method == QLatin1String("Statistics"))
         return serviceName + QLatin1String(".Admin");
     return serviceName;
 }

@@ -292,6 +292,7 @@ void TstServicePolicy::rightsFollowTheInterface()
     QCOMPARE(isAllowed("Flush"), mayChange);
     QCOMPARE(isAllowed("DropCache"), mayAdminister);
     QCOMPARE(isAllowed("GetUnsaved", { 10U }), mayAdminister);
+    QCOMPARE(isAllowed("Statistics"), mayAdminister);
     // By the name of the connection, too.
     QDBusMessage direct = BusClient::message(QStringLiteral("SetValue"), { volume, variantOf(35) });
     const QString owner = client->connection().interface()->serviceOwner(direct.service());

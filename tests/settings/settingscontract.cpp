@@ -2046,4 +2046,31 @@ void SettingsContract::statusTells()
     QCOMPARE(after.value().pendingWrites, 1);
 }
 
+void SettingsContract::statisticsCount()
+{
+    const auto numbers = [this] {
+        const Reply<QVariantMap> reply = settings().statistics();
+        return reply.wait() ? shown(reply.value()) : shown(reply.error());
+    };
+    QCOMPARE(numbers(),
+             QStringLiteral("{announcements: x 0, changes: x 0, failed: x 0, flushes: x 0, "
+                            "keptValues: x 0, requests: x 1, resets: x 0, writeErrors: x 0, "
+                            "writes: x 0}"));
+
+    QVERIFY(settings().get(volume, valueRole).wait());
+    QVERIFY(settings().set(volume, 40).wait());
+    QVERIFY(settings().get(gain, valueRole).wait());
+    QVERIFY(!settings().set(serial, QStringLiteral("X2")).wait());
+    QVERIFY(settings().flush().wait());
+    QVERIFY(settings().setMany({ { gain, 0.25 }, { loudness, false } }).wait());
+    QVERIFY(settings().reset({ gain, loudness }).wait());
+    QVERIFY(settings().get(volume, valueRole).wait());
+
+    // Each change and each reset has a value, data and a row.
+    QCOMPARE(numbers(),
+             QStringLiteral("{announcements: x 15, changes: x 3, failed: x 1, flushes: x 1, "
+                            "keptValues: x 1, requests: x 10, resets: x 2, writeErrors: x 0, "
+                            "writes: x 3}"));
+}
+
 } // namespace tulo

@@ -131,6 +131,7 @@ private slots:
     void dropCacheReadsTheFilesAgain();
     void treeDigestTellsDefaultTreesApart();
     void statusTells();
+    void statisticsCount();
 
 private:
     QString m_function; ///< that the settings were opened for

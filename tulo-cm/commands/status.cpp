@@ -54,7 +54,7 @@ ProcessFigures figuresOf(qint64 processId)
 // ---------------------------------------------------------------------------------------------
 
 void printObject(Output& output, const Status& status, const Reply<QStringList>& unsaved,
-                 const ProcessFigures& figures)
+                 const Reply<QVariantMap>& statistics, const ProcessFigures& figures)
 {
     output.object({ { QStringLiteral("version"), status.version },
                     { QStringLiteral("product"), status.product },
@@ -67,12 +67,35 @@ void printObject(Output& output, const Status& status, const Reply<QStringList>&
                     { QStringLiteral("unsavedPaths"),
                       unsaved.error() ? QVariant() : QVariant(unsaved.value()) },
                     { QStringLiteral("lastWriteError"), status.lastWriteError },
+                    { QStringLiteral("statistics"),
+                      statistics.error() ? QVariant() : QVariant(statistics.value()) },
                     { QStringLiteral("uptimeSeconds"), figures.uptimeSeconds },
                     { QStringLiteral("memoryBytes"), figures.memoryBytes } });
 }
 
+// What was done since the start, in a few words each.
+QVector<QStringList> linesOf(const QVariantMap& statistics)
+{
+    if (statistics.isEmpty())
+        return {};
+    const auto number = [&statistics](const char* name) {
+        return statistics.value(QLatin1String(name)).toString();
+    };
+    return {
+        { QStringLiteral("requests"),
+          QStringLiteral("%1 (%2 failed)").arg(number("requests"), number("failed")) },
+        { QStringLiteral("changes"),
+          QStringLiteral("%1, %2 announcements").arg(number("changes"), number("announcements")) },
+        { QStringLiteral("settings reset"), number("resets") },
+        { QStringLiteral("files written"),
+          QStringLiteral("%1 (%2 errors), %3 flushes")
+              .arg(number("writes"), number("writeErrors"), number("flushes")) },
+        { QStringLiteral("values in memory"), number("keptValues") },
+    };
+}
+
 void printTable(Output& output, const Status& status, const QStringList& unsavedPaths,
-                const ProcessFigures& figures)
+                const QVariantMap& statistics, const ProcessFigures& figures)
 {
     const auto orNone = [](const QString& text) {
         return text.isEmpty() ? QStringLiteral("-") : text;
@@ -91,6 +114,7 @@ void printTable(Output& output, const Status& status, const QStringList& unsaved
         { QStringLiteral("uptime"), QStringLiteral("%1 s").arg(figures.uptimeSeconds) },
         { QStringLiteral("memory"), QStringLiteral("%1 KiB").arg(figures.memoryBytes / 1024) },
     };
+    lines += linesOf(statistics);
     for (const QString& path : unsavedPaths)
         lines.append({ QStringLiteral("last write failed"), path });
     output.table({}, lines);
@@ -104,13 +128,14 @@ int run(Context& context, const Arguments&)
         return context.output.report(status.error());
     // The names of settings are not for everybody who may ask for the count.
     const auto unsaved = finished(context.settings->unsavedPaths(maximumPaths));
+    const auto statistics = finished(context.settings->statistics());
     // Another device's processes are not in /proc.
     const ProcessFigures figures =
         context.place.host.isEmpty() ? figuresOf(status.value().processId) : ProcessFigures();
     if (context.output.isJson())
-        printObject(context.output, status.value(), unsaved, figures);
+        printObject(context.output, status.value(), unsaved, statistics, figures);
     else
-        printTable(context.output, status.value(), unsaved.value(), figures);
+        printTable(context.output, status.value(), unsaved.value(), statistics.value(), figures);
     return Done;
 }
 
@@ -125,7 +150,8 @@ Command status()
              {},
              {},
              "Shows the status of the service: its version and process, its directories, "
-             "pending\nwrites, and the settings whose last write failed.",
+             "pending\nwrites, the settings whose last write failed, and what was done since the "
+             "start.",
              "status",
              Command::Where::ServiceOrShell,
              Command::Needs::Settings,

@@ -282,6 +282,11 @@ public:
     virtual Reply<Status> status() = 0;
     /// The SHA-256, in hexadecimal digits, of the default tree: tells one image from another.
     virtual Reply<QString> treeDigest() = 0;
+    /// What was done since the settings were opened, as numbers (qlonglong): "requests" carried
+    /// out, "failed" of them, "changes" made, "resets" of settings, "announcements", "flushes",
+    /// "writes" of files and "writeErrors"; and how many values are kept in memory, "keptValues".
+    /// There may be more of them later.
+    virtual Reply<QVariantMap> statistics() = 0;
     /// Paths of settings whose last write failed or was not confirmed, at most so many.
     virtual Reply<QStringList> unsavedPaths(int maximum) = 0;
 
