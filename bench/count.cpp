@@ -116,6 +116,10 @@ const std::map<std::string, Factory>& operations()
         { "reset_made", onStore(thousand, resetMade) },
         { "unsaved", alone([] { return failedChange(0); }) },
         { "unsaved_8000", alone([] { return failedChange(8000); }) },
+        { "check_2000",
+          [](const std::string& work) {
+              return checkBothTrees(storeOf(work, { 2000, 20 }));
+          } },
         { "json_parse", alone(parseJson) },
         { "json_floor", alone(buildHash) },
         { "json_serialize", alone(serializeJson) },

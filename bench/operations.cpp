@@ -4,6 +4,7 @@
 #include "store_tulo.h"
 
 #include "engine/writetracker.h"
+#include "trees/treecheck.h"
 
 #include "api/core/tulojson.h"
 
@@ -264,6 +265,22 @@ Operation failedChange(int unsaved)
     return [=](int i) {
         fail(std::size_t(i) % workingSet);
     };
+}
+
+Operation checkBothTrees(const std::string& store)
+{
+    TreesToCheck trees;
+    trees.defaultPath = QString::fromStdString(defaultTree(store));
+    trees.writePath = QString::fromStdString(writableTree(store));
+    return done(
+        [=](int) {
+            // Their .meta files take children of every kind; nothing else is wrong.
+            for (const TreeFinding& finding : checkTrees(trees)) {
+                if (ruleOf(finding.rule).severity == Severity::Error)
+                    throw std::runtime_error(finding.message.toStdString());
+            }
+        },
+        1);
 }
 
 Operation parseJson()

@@ -41,6 +41,8 @@ Operation resetSettings(const std::string& store, const Shape& shape, int count)
 Operation resetMade(const std::string& store, const Shape& shape);
 /// What the engine notes of a change whose write fails, besides `unsaved` others like it.
 Operation failedChange(int unsaved);
+/// Every rule of the check on both trees of the store.
+Operation checkBothTrees(const std::string& store);
 /// A default file's text into a hash, and such a hash into a text.
 Operation parseJson();
 Operation serializeJson();
