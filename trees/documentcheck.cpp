@@ -393,7 +393,7 @@ private:
         const TuloValue value { TuloHash(written.toHash()) };
         if (written.userType() == QMetaType::QVariantHash && value.isEmpty())
             return;
-        if (value.convertedTo(value.kind()).isEmpty()) {
+        if (!hasKnownKind(value)) {
             add(RuleId::NoKind, role,
                 QStringLiteral("%1: %2 is not a value of a known kind, such as {\"int\":5}%3")
                     .arg(role, shown(written), kindSuggestion(written)));
@@ -522,6 +522,12 @@ private:
 };
 
 } // namespace
+
+bool hasKnownKind(const TuloValue& value)
+{
+    return !value.convertedTo(value.kind()).isEmpty()
+        || (value.kind() == TuloValue::Int() && value.content().userType() == QMetaType::ULongLong);
+}
 
 QVector<DocumentFinding> checkValues(const QVariantHash& roles)
 {

@@ -2,6 +2,8 @@
 
 #include "trees/rules.h"
 
+#include "api/core/tulovalue.h"
+
 #include <QString>
 #include <QVariant>
 #include <QVector>
@@ -15,6 +17,10 @@ struct DocumentFinding
     QString pointer; ///< JSON pointer of the place
     QString message; ///< one line
 };
+
+/// Whether a value names its kind and has content of that kind. Where nothing limits it, an integer
+/// may be above the signed 64 bits.
+bool hasKnownKind(const TuloValue& value);
 
 /// What a default file is to its directory.
 enum class DocumentUse {

@@ -1,5 +1,6 @@
 #include "trees/treelint.h"
 
+#include "trees/documentcheck.h"
 #include "trees/producttree.h"
 #include "trees/separator.h"
 #include "trees/settingvalue.h"
@@ -351,6 +352,10 @@ public:
         , m_defaults(defaults)
         , m_tree(defaults, trees.writtenBy ? trees.writtenBy : trees.product)
     {
+        for (const TreeFinding& finding : defaults.findings) {
+            if (finding.rule == RuleId::ConstraintMalformed)
+                m_notUnderstood.insert(finding.name);
+        }
     }
 
     QVector<TreeFinding> run()
@@ -369,7 +374,7 @@ private:
         const TuloValue value { TuloHash(written.toHash()) };
         const bool hasValue = document.roles.contains(TuloRoles::Value())
             && !(written.userType() == QMetaType::QVariantHash && value.isEmpty());
-        if (hasValue && value.convertedTo(value.kind()).isEmpty()) {
+        if (hasValue && !hasKnownKind(value)) {
             m_findings.append(findingIn(document, RuleId::WrittenUnparsable,
                                         rolePointer(TuloRoles::Value()),
                                         QStringLiteral("the value is not of a known kind")));
@@ -397,7 +402,7 @@ private:
     {
         const auto setting = m_tree.setting(document.name, product);
         if (setting)
-            return checkValue(document, value, setting->roles);
+            return checkValue(document, value, setting->roles, *setting->source);
         // One that cannot be understood has a finding.
         if (m_defaults.files.contains(document.name))
             return std::nullopt;
@@ -406,7 +411,7 @@ private:
         const bool mayBeMade =
             meta != nullptr && roles.modifiable() && document.name.contains(separator);
         if (mayBeMade)
-            return checkValue(document, value, roles);
+            return checkValue(document, value, roles, *meta);
         return findingIn(document, RuleId::WrittenOrphan, QString(),
                          orphanMessage(document, product));
     }
@@ -425,8 +430,8 @@ private:
         return QStringLiteral("the image has no such setting");
     }
 
-    static std::optional<TreeFinding> checkValue(const TreeDocument& document,
-                                                 const TuloValue& value, const TuloRoles& roles)
+    std::optional<TreeFinding> checkValue(const TreeDocument& document, const TuloValue& value,
+                                          const TuloRoles& roles, const TreeDocument& source) const
     {
         const QString kind = kindOfSetting(roles);
         if (value.isEmpty() || kind.isEmpty())
@@ -434,12 +439,14 @@ private:
         const QString pointer = rolePointer(TuloRoles::Value());
         const QString what =
             roles.encrypted() ? QStringLiteral("the value") : shown(value.content());
-        if (value.convertedTo(kind).isEmpty()) {
+        if (value.kind() != kind && value.convertedTo(kind).isEmpty()) {
             return findingIn(document, RuleId::WrittenKindChanged, pointer,
                              QStringLiteral("%1 is of kind '%2', but the setting is of kind '%3'")
                                  .arg(what, value.kind(), kind));
         }
         TuloEdit edit = roles.edit();
+        if (edit.__isEmpty() || m_notUnderstood.contains(source.name))
+            return std::nullopt;
         edit.__setHashAttribute(TuloEdit::Kind(), kind);
         const QString reason = CMEdit::judge(value, value, edit).reason;
         if (reason.isEmpty())
@@ -451,6 +458,7 @@ private:
     const TreeContents& m_written;
     const TreeContents& m_defaults;
     const ProductTree m_tree;
+    QSet<QString> m_notUnderstood; ///< files of the default tree whose constraints have a finding
     QVector<TreeFinding> m_findings;
 };
 

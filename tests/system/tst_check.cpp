@@ -206,6 +206,7 @@ private slots:
     void productRestrictsTheVariants();
     void writtenValueThatFitsAProductIsFine();
     void migrationCoversADifference();
+    void outputHoldsNoControlCharacters();
     void sameImageHasNoDifference();
     void usageErrors_data();
     void usageErrors();
@@ -976,6 +977,34 @@ void TstCheck::migrationCoversADifference()
     QCOMPARE(inside.standardOutput, QByteArray(covered).replace("default/", ""));
     QVERIFY2(broken.standardError.contains("0001-volume.json:1:2: "), broken.standardError);
     QCOMPARE(broken.exitCode, 2);
+}
+
+// Names, keys and contents can hold anything.
+void TstCheck::outputHoldsNoControlCharacters()
+{
+    const TemporaryTree tree;
+    putSoundTree(tree.defaultPath());
+    putSoundTree(tree.path() + QStringLiteral("/old"));
+    put(tree.defaultPath() + QStringLiteral("/audio/\u001b[31m\n\u202e"), "{}");
+    put(tree.defaultPath() + QStringLiteral("/audio/mode"),
+        R"({"title": "Mode", "\u001b[31m\n": 1, "value": {"string": "\u001b\u202e"},)"
+        R"( "edit": {"kind": "string", "maxLength": 1, "\n": 1}, "id": "\u001b]0;x\u0007"})");
+    put(tree.defaultPath() + QStringLiteral("/audio/twice"),
+        R"({"title": "Twice", "value": {"int": 1}, "id": "\u001b]0;x\u0007"})");
+
+    for (const char* format : { "text", "json" }) {
+        const ChildResult result =
+            check(tree.path(),
+                  words("default --against old --format") + QStringList(QLatin1String(format)));
+        // Listed wrong, own role, unknown constraint, too long, one id twice, narrowed, other
+        // default.
+        QVERIFY2(result.standardOutput.count('\n') >= 7, result.standardOutput);
+        const QString shown = QString::fromUtf8(result.standardOutput + result.standardError);
+        for (const QChar character : shown)
+            QVERIFY2(character == QLatin1Char('\n') || character.isPrint(), format);
+        QVERIFY2(!shown.contains(QChar(0x202e)), format);
+        QCOMPARE(result.exitCode, 8);
+    }
 }
 
 void TstCheck::sameImageHasNoDifference()
