@@ -1050,7 +1050,7 @@ void TstCheck::usageErrors_data()
     row("unknown-rule", "'unknown-rule' is not a directory");
     row("default --default-path old", "'--default-path' and 'default' exclude each other");
     row("default --against none", "directory 'none' cannot be read", 7);
-    row("default --migrations none", "'none' is not a directory");
+    row("default --migrations none", "directory 'none' does not exist");
     row("default --bus session", "'--bus' and 'default' exclude each other");
 }
 

@@ -30,11 +30,6 @@ constexpr Option catalogueOption { "catalogue", "FILE",
                                    "a *.qm file that ought to have every text; may be repeated" };
 constexpr Option againstOption { "against", "TREE",
                                  "find what users of this older image would lose, too" };
-constexpr Option migrationsOption {
-    "migrations", "DIR",
-    "rules for changed values, which cover what has changed, instead of settings-migrations "
-    "beside TREE"
-};
 constexpr Option explainOption { "explain", "RULE", "tell about a rule, and check nothing" };
 
 // ---------------------------------------------------------------------------------------------
@@ -89,16 +84,13 @@ struct Update
 };
 
 // Returns what is wrong with them.
-QString readMigrationsOf(const Arguments& arguments, const QString& defaultPath, Update* update)
+QString readMigrationsOf(const Place& place, const QString& defaultPath, Update* update)
 {
-    if (!arguments.isSet(migrationsOption)) {
-        // Not of the name as it is: "." has nothing beside it.
-        return readMigrations(migrationsBeside(QFileInfo(defaultPath).absoluteFilePath()),
-                              &update->migrations);
-    }
-    const QString directory = arguments.value(migrationsOption);
-    return QFileInfo(directory).isDir() ? readMigrations(directory, &update->migrations)
-                                        : QStringLiteral("'%1' is not a directory").arg(directory);
+    // Not of the name as it is: "." has nothing beside it.
+    const QString directory = place.engine.migrationsPath.isEmpty()
+        ? migrationsBeside(QFileInfo(defaultPath).absoluteFilePath())
+        : place.engine.migrationsPath;
+    return readMigrations(directory, &update->migrations);
 }
 
 QString readExceptions(const Arguments& arguments, const QString& defaultPath, Report* report)
@@ -323,7 +315,7 @@ int run(Context& context, const Arguments& arguments)
     Update update;
     update.oldTree = oldTree;
     if (reason.isEmpty())
-        reason = readMigrationsOf(arguments, trees.defaultPath, &update);
+        reason = readMigrationsOf(context.place, trees.defaultPath, &update);
     return reason.isEmpty() ? check(trees, update, report, output) : output.reportUsage(reason);
 }
 
@@ -338,12 +330,12 @@ Command check()
         "",
         { { "TREE", Argument::Count::Optional, Argument::Kind::Tree } },
         { ruleOption, exceptionsOption, strictOption, formatOption, catalogueOption, againstOption,
-          migrationsOption, explainOption },
-        "Prints what is wrong in a default tree, and with --write-path in the changed "
-        "values on it.\nA line is FILE:LINE:COLUMN: SEVERITY: RULE: what is wrong; "
-        "'check --explain RULE' tells more,\ndocs/rules.md lists the rules. Every "
-        "product variant is looked at, or that of --product.\nWithout TREE and "
-        "--default-path it checks both trees of the service. Findings are allowed\n"
+          explainOption },
+        "Prints what is wrong in a default tree, with --write-path in the changed values on it, and\n"
+        "with --against what users of an older image would lose. A line is\n"
+        "FILE:LINE:COLUMN: SEVERITY: RULE: what is wrong; 'check --explain RULE' tells more, and\n"
+        "docs/rules.md lists the rules. Every product variant is looked at, or that of --product.\n"
+        "Without TREE and --default-path it checks both trees of the service. Findings are allowed\n"
         "by lines 'RULE GLOB REASON' in TREE.exceptions. Exits with 8 from errors.",
         "check settings-default --strict",
         Command::Where::Anywhere,
