@@ -67,10 +67,11 @@ bool WrittenFiles::hasDefault(const QString& settingPath) const
         || QFileInfo(fileName).isFile();
 }
 
-bool WrittenFiles::isReachedDirectly(const QString& settingPath) const
+// Whether it is a directory of the writable tree that is reached through no link.
+bool WrittenFiles::isDirectoryHere(const QString& directory) const
 {
-    const QString directory = m_writePath + settingPath.left(settingPath.lastIndexOf(separator));
-    return QFileInfo(directory).canonicalFilePath() == directory;
+    const QFileInfo file(below(m_writePath, directory));
+    return file.isDir() && file.canonicalFilePath() == file.filePath();
 }
 
 // The file itself, however it is reached.
@@ -84,17 +85,18 @@ bool WrittenFiles::belongsToSetting(const QString& settingPath) const
 
 bool WrittenFiles::isWritten(const QString& settingPath) const
 {
-    return belongsToSetting(settingPath) && isReachedDirectly(settingPath);
+    return belongsToSetting(settingPath)
+        && isDirectoryHere(settingPath.left(settingPath.lastIndexOf(separator)));
 }
 
 QStringList WrittenFiles::settingsBelow(const QString& directory) const
 {
     QStringList settings;
-    if (directory != separator && !isReachedDirectly(directory))
-        return settings;
-    if (directory != separator && belongsToSetting(directory))
+    if (directory != separator && isWritten(directory))
         settings.append(directory);
-    // It follows no link.
+    if (!isDirectoryHere(directory))
+        return settings;
+    // Follows no link.
     QDirIterator files(below(m_writePath, directory), QDir::Files | QDir::NoSymLinks,
                        QDirIterator::Subdirectories);
     while (files.hasNext()) {
@@ -108,10 +110,8 @@ QStringList WrittenFiles::settingsBelow(const QString& directory) const
 
 bool WrittenFiles::isStrayDirectory(const QString& directory) const
 {
-    const QFileInfo written(m_writePath + directory);
     return directory != separator && !directory.isEmpty() && isListable(nameOf(directory))
-        && written.isDir() && written.canonicalFilePath() == written.filePath()
-        && !QFileInfo(m_defaultPath + directory).isDir();
+        && isDirectoryHere(directory) && !QFileInfo(m_defaultPath + directory).isDir();
 }
 
 QStringList WrittenFiles::strayDirectoriesAbove(const QString& settingPath) const
@@ -128,6 +128,8 @@ QStringList WrittenFiles::strayDirectoriesAbove(const QString& settingPath) cons
 QStringList WrittenFiles::strayDirectoriesBelow(const QString& directory) const
 {
     QStringList stray = strayDirectoriesAbove(directory);
+    if (!isDirectoryHere(directory))
+        return stray;
     if (isStrayDirectory(directory))
         stray.append(directory);
     QDirIterator directories(below(m_writePath, directory),

@@ -35,7 +35,7 @@ public:
 
 private:
     bool isStrayDirectory(const QString& directory) const;
-    bool isReachedDirectly(const QString& settingPath) const;
+    bool isDirectoryHere(const QString& directory) const;
     bool belongsToSetting(const QString& settingPath) const;
 
     const QString m_defaultPath;

@@ -110,6 +110,7 @@ private slots:
     void readerLeavesAnInterruptedChangeAlone();
     void requestsPassTheGuard();
     void changesAreAnnounced();
+    void observersOutliveTheWorkerThatAResetReplaces();
 
     void acceptedChangeIsPendingUntilTheFlush();
     void acceptedChangeIsWrittenByTheTimer();
@@ -502,6 +503,40 @@ void tst_engine::changesAreAnnounced()
 
     QCOMPARE(observer.texts(),
              QStringList(QStringLiteral("value /settings/audio/volume {int: 1}")));
+}
+
+void tst_engine::observersOutliveTheWorkerThatAResetReplaces()
+{
+    class Observer : public CMSubscriber
+    {
+    public:
+        void dataChanged(const CMPath& path) override { paths.append(path.text()); }
+
+        QStringList paths;
+    };
+    const QString old = QStringLiteral("/settings/audio/old");
+    m_tree->writeWritten(QStringLiteral("/audio/old"), R"({"value":{"int":1}})");
+    const std::unique_ptr<Engine> engine = openEngine();
+    Observer observer;
+    Observer removed;
+    engine->addObserver(&observer);
+    engine->addObserver(&removed);
+    engine->removeObserver(&removed);
+    CMSubscribe* const before = engine->registry();
+
+    Engine::Reset reset;
+    QVERIFY(!engine->planReset({ old, volume.text() }, {}, &reset));
+    QCOMPARE(reset.settings, QStringList(old));
+    QVERIFY(!engine->carryOut(&reset));
+
+    QVERIFY(engine->registry() != before);
+    QVERIFY(m_tree->readWritten(QStringLiteral("/audio/old")).isNull());
+    QCOMPARE(errorText(sendValue(engine->dispatcher(), volume, number(1))), QString());
+    QCOMPARE(observer.paths, QStringList(volume.text()));
+    QCOMPARE(removed.paths, QStringList());
+    QCOMPARE(flushed(*engine).error, QString());
+    QVERIFY(!m_tree->readWritten(QStringLiteral("/audio/volume")).isNull());
+    engine->removeObserver(&observer);
 }
 
 // ---------------------------------------------------------------------------------------------
