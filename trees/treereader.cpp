@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -481,10 +482,19 @@ QStringList TreeReader::children(const QString& path) const
     return sorted;
 }
 
+QStringList TreeReader::nodes(const QString& path) const
+{
+    QStringList paths;
+    addNodes(path, {}, &paths);
+    return paths;
+}
+
 QStringList TreeReader::settings(const QString& path) const
 {
     QStringList paths;
-    addSettings(path, {}, &paths);
+    const QStringList all = nodes(path);
+    std::copy_if(all.cbegin(), all.cend(), std::back_inserter(paths),
+                 [this](const QString& node) { return !isDirectory(node); });
     return paths;
 }
 
@@ -502,21 +512,23 @@ QByteArray TreeReader::identity(const QString& path) const
     return result;
 }
 
-void TreeReader::addSettings(const QString& path, const QVector<QByteArray>& around,
-                             QStringList* paths) const
+void TreeReader::addNodes(const QString& path, const QVector<QByteArray>& around,
+                          QStringList* paths) const
 {
+    if (!exists(path))
+        return;
     if (!isDirectory(path)) {
-        if (exists(path))
-            paths->append(path);
+        paths->append(path);
         return;
     }
     const QByteArray self = identity(path);
     // The mount is the first level of a path.
     if (around.contains(self) || around.size() == maximumLevels)
         return;
+    paths->append(path);
     const QStringList names = children(path);
     for (const QString& name : names)
-        addSettings(below(path, name), around + QVector<QByteArray> { self }, paths);
+        addNodes(below(path, name), around + QVector<QByteArray> { self }, paths);
 }
 
 } // namespace tulo

@@ -32,8 +32,11 @@ public:
     bool isDirectory(const QString& path) const;
     /// Whether there is such a setting or directory.
     bool exists(const QString& path) const;
-    /// All settings at and below `path` that listings lead to, in their order. A directory that is
-    /// a link to one that it lies in is not entered.
+    /// All settings and directories at and below `path` that listings lead to, in their order, a
+    /// directory before what is in it. One that is a link to a directory that it lies in is not
+    /// entered.
+    QStringList nodes(const QString& path) const;
+    /// The settings among them.
     QStringList settings(const QString& path) const;
 
     /// The roles of a setting or directory, also for a path at which there is none: those of the
@@ -56,8 +59,7 @@ private:
     void readSetting(const QString& path, Node* node) const;
     QString defaultFile(const QString& path) const;
     QString writtenFile(const QString& path) const;
-    void addSettings(const QString& path, const QVector<QByteArray>& around,
-                     QStringList* paths) const;
+    void addNodes(const QString& path, const QVector<QByteArray>& around, QStringList* paths) const;
     QByteArray identity(const QString& path) const;
 
     const QString m_defaultPath;
