@@ -46,6 +46,17 @@ bool isTaken(const Command& command, bool inShell)
     return command.where != (inShell ? Command::Where::CommandLine : Command::Where::Shell);
 }
 
+QString completePath(QString path)
+{
+    if (path.isEmpty())
+        return path;
+    while (path.endsWith(QLatin1Char('/')))
+        path.chop(1);
+    if (path.isEmpty())
+        return topPath();
+    return path.startsWith(QLatin1Char('/')) ? path : QLatin1Char('/') + path;
+}
+
 namespace {
 
 // ---------------------------------------------------------------------------------------------
@@ -152,18 +163,6 @@ int minimumOf(const QVector<Argument>& arguments)
         return argument.count == Argument::Count::One
             || argument.count == Argument::Count::OneOrMore;
     }));
-}
-
-// As people write paths: with "/" at the end, without it at the beginning.
-QString completePath(QString path)
-{
-    if (path.isEmpty())
-        return path;
-    while (path.endsWith(QLatin1Char('/')))
-        path.chop(1);
-    if (path.isEmpty())
-        return topPath();
-    return path.startsWith(QLatin1Char('/')) ? path : QLatin1Char('/') + path;
 }
 
 void completePaths(Arguments* arguments)

@@ -48,6 +48,9 @@ const QVector<Option>& generalOptions();
 /// "--name".
 QString spelled(const Option& option);
 
+/// A path as people write it, with "/" at the end or without it at the beginning, in full.
+QString completePath(QString path);
+
 /// What parsing comes to.
 struct ParsedLine
 {

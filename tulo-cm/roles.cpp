@@ -1,5 +1,7 @@
 #include "tulo-cm/roles.h"
 
+#include "trees/plainjson.h"
+
 #include <algorithm>
 #include <numeric>
 
@@ -102,6 +104,17 @@ QString validateRoles(const QStringList& roles, const QVector<QVariantMap>& node
             return QStringLiteral("unknown role '%1'; %2").arg(role, hintFor(role));
     }
     return QString();
+}
+
+bool isSameValue(const QVariant& left, const QVariant& right)
+{
+    return left.userType() == right.userType() && jsonOf(left) == jsonOf(right);
+}
+
+bool isChanged(const QVariantMap& roles)
+{
+    const QVariant value = roles.value(roles::value());
+    return value.isValid() && !isSameValue(value, roles.value(roles::defaultValue()));
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -58,6 +58,11 @@ QStringList chosenRoles(const Arguments& arguments);
 /// `nodes` has is right, known or not.
 QString validateRoles(const QStringList& roles, const QVector<QVariantMap>& nodes);
 
+/// Tells whether the setting with these roles has another value than its default.
+bool isChanged(const QVariantMap& roles);
+/// Tells whether two values are the same, their kind included.
+bool isSameValue(const QVariant& left, const QVariant& right);
+
 /// The kind of a value by its type; empty when it is not a value.
 QString kindOf(const QVariant& value);
 const QStringList& kinds();

@@ -343,7 +343,7 @@ void TstCommandline::commandLineErrors_data()
         QTest::newRow(name) << arguments << QByteArray(error);
     };
     const char* const commands =
-        "get, ls, tree, set, op, reset, watch, dump, load, flush, drop-cache, check, "
+        "get, ls, tree, find, describe, explain, diff, set, op, reset, watch, dump, load, flush, drop-cache, check, "
         "migrate, "
         "texts, status, shell, help";
     row("no command", {}, (QByteArray("no command; commands are: ") + commands).constData());
@@ -945,7 +945,7 @@ void TstCommandline::fullDiskUnderTheResult()
 namespace {
 
 const QStringList commandNames = words(
-    "get ls tree set op reset watch dump load flush drop-cache check migrate texts status shell "
+    "get ls tree find describe explain diff set op reset watch dump load flush drop-cache check migrate texts status shell "
     "help");
 
 QJsonObject jsonOf(const ChildResult& result)
