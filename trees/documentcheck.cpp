@@ -1,10 +1,10 @@
 #include "trees/documentcheck.h"
 
 #include "trees/locatedjson.h"
+#include "trees/printable.h"
 #include "trees/settingvalue.h"
 
 #include "api/core/model/cmedit.h"
-#include "api/core/tulojson.h"
 #include "api/core/tuloroles.h"
 
 #include <QRegularExpression>
@@ -17,12 +17,6 @@ namespace tulo {
 namespace {
 
 using Findings = QVector<DocumentFinding>;
-
-QString shown(const QVariant& content)
-{
-    const QByteArray text = TuloJson::serialize(content);
-    return text.isNull() ? QStringLiteral("?") : QString::fromUtf8(text);
-}
 
 bool isNumberKind(const QString& kind)
 {
@@ -95,7 +89,7 @@ public:
         if (m_written.userType() != QMetaType::QVariantHash) {
             m_findings->append({ RuleId::ConstraintMalformed, m_pointer,
                                  QStringLiteral("%1: %2 is not an object")
-                                     .arg(m_pointer.mid(1), shown(m_written)) });
+                                     .arg(m_pointer.mid(1), shownContent(m_written)) });
             return false;
         }
         const int before = m_findings->size();
@@ -157,7 +151,8 @@ private:
     void malformed(const QString& key, const QString& reason)
     {
         add(RuleId::ConstraintMalformed, key,
-            QStringLiteral("'%1': %2 is not %3").arg(key, shown(m_constraints.value(key)), reason));
+            QStringLiteral("'%1': %2 is not %3")
+                .arg(key, shownContent(m_constraints.value(key)), reason));
     }
 
     void checkKind()
@@ -166,7 +161,8 @@ private:
         if (!kind.isValid() || TuloValue::kinds().contains(m_edit.kind()))
             return;
         add(RuleId::ConstraintMalformed, TuloEdit::Kind(),
-            QStringLiteral("'kind': %1 is not bool, int, double, string or list").arg(shown(kind)));
+            QStringLiteral("'kind': %1 is not bool, int, double, string or list")
+                .arg(shownContent(kind)));
     }
 
     void checkNumbers()
@@ -276,9 +272,9 @@ private:
             add(RuleId::ConstraintUnreachable, TuloEdit::Max(),
                 QStringLiteral("'max' (%1) is not a number of steps from %2; the highest value is "
                                "%3")
-                    .arg(shown(max),
+                    .arg(shownContent(max),
                          m_edit.min().isValid() ? QStringLiteral("'min'") : QStringLiteral("0"),
-                         shown(judgement.value.content())));
+                         shownContent(judgement.value.content())));
         }
     }
 
@@ -293,7 +289,7 @@ private:
             unreachable.append(
                 { RuleId::ConstraintUnreachable, pointerTo(at(TuloEdit::Values()), i),
                   QStringLiteral("%1 cannot be stored: %2")
-                      .arg(shown(values.at(i)), withLimits(judgement.reason, m_edit)) });
+                      .arg(shownContent(values.at(i)), withLimits(judgement.reason, m_edit)) });
         }
         if (!values.isEmpty() && unreachable.size() == values.size()) {
             add(RuleId::ConstraintUnsatisfiable, TuloEdit::Values(),
@@ -396,7 +392,7 @@ private:
         if (!hasKnownKind(value)) {
             add(RuleId::NoKind, role,
                 QStringLiteral("%1: %2 is not a value of a known kind, such as {\"int\":5}%3")
-                    .arg(role, shown(written), kindSuggestion(written)));
+                    .arg(role, shownContent(written), kindSuggestion(written)));
             return;
         }
         if (!m_isUnderstood)
@@ -405,7 +401,7 @@ private:
         if (!reason.isEmpty()) {
             add(RuleId::DefaultOutsideConstraints, role,
                 QStringLiteral("%1: %2: %3")
-                    .arg(role, shown(value.content()), withLimits(reason, m_roles.edit())));
+                    .arg(role, shownContent(value.content()), withLimits(reason, m_roles.edit())));
         }
     }
 
@@ -415,7 +411,7 @@ private:
         if (value.kind() == TuloValue::Double() && isInteger(value.content())) {
             add(RuleId::DoubleWithoutFraction, role,
                 QStringLiteral("%1: a double has a fraction: %2.0")
-                    .arg(role, shown(value.content())));
+                    .arg(role, shownContent(value.content())));
         }
     }
 
@@ -491,7 +487,7 @@ private:
             wanted = QStringLiteral("a whole number");
         if (!wanted.isEmpty()) {
             add(RuleId::RoleType, role,
-                QStringLiteral("%1: %2 is not %3").arg(role, shown(content), wanted));
+                QStringLiteral("%1: %2 is not %3").arg(role, shownContent(content), wanted));
         }
     }
 

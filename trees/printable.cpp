@@ -1,5 +1,7 @@
 #include "trees/printable.h"
 
+#include "api/core/tulojson.h"
+
 #include <QChar>
 
 #include <algorithm>
@@ -54,6 +56,18 @@ QString escaped(const QString& text)
             result += QStringLiteral("\\u") + hex(one);
     }
     return result;
+}
+
+QString shownContent(const QVariant& content)
+{
+    constexpr int longest = 200;
+    const QByteArray json = TuloJson::serialize(content);
+    const QString text = json.isNull() ? QStringLiteral("?") : QString::fromUtf8(json);
+    if (text.size() <= longest)
+        return text;
+    // Not in the middle of a pair.
+    return text.left(text.at(longest - 1).isHighSurrogate() ? longest - 1 : longest)
+        + QStringLiteral("...");
 }
 
 } // namespace tulo

@@ -1,12 +1,12 @@
 #include "trees/treecompare.h"
 
+#include "trees/printable.h"
 #include "trees/producttree.h"
 #include "trees/separator.h"
 #include "trees/settingvalue.h"
 #include "trees/treedocuments.h"
 
 #include "api/core/model/cmedit.h"
-#include "api/core/tulojson.h"
 
 #include <QHash>
 #include <QPair>
@@ -20,8 +20,7 @@ namespace {
 
 QString shown(const QVariant& content)
 {
-    return content.isValid() ? QString::fromUtf8(TuloJson::serialize(content))
-                             : QStringLiteral("absent");
+    return content.isValid() ? shownContent(content) : QStringLiteral("absent");
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -1,12 +1,13 @@
 #include "trees/treelint.h"
 
 #include "trees/documentcheck.h"
+#include "trees/printable.h"
 #include "trees/producttree.h"
 #include "trees/separator.h"
 #include "trees/settingvalue.h"
+#include "trees/texts.h"
 
 #include "api/core/model/cmedit.h"
-#include "api/core/tulojson.h"
 
 #include <QHash>
 #include <QTranslator>
@@ -18,11 +19,6 @@
 namespace tulo {
 
 namespace {
-
-QString shown(const QVariant& content)
-{
-    return QString::fromUtf8(TuloJson::serialize(content));
-}
 
 QString rolePointer(const QString& role)
 {
@@ -299,36 +295,28 @@ private:
 
     void checkTexts()
     {
+        const QVector<TreeText> texts = m_catalogues.isEmpty()
+            ? QVector<TreeText>()
+            : textsOf(m_contents.directoryNames.value(QString()));
         for (const QString& name : m_catalogues) {
             QTranslator catalogue;
             if (catalogue.load(name))
-                checkTexts(catalogue, nameOf(name));
+                checkTexts(texts, catalogue, nameOf(name));
         }
     }
 
-    void checkTexts(const QTranslator& catalogue, const QString& catalogueName)
+    void checkTexts(const QVector<TreeText>& texts, const QTranslator& catalogue,
+                    const QString& catalogueName)
     {
-        for (const TreeDocument& document : m_contents.documents) {
-            // A directory's own texts are not translated.
-            const bool isMeta = nameOf(document.name) == QLatin1String(".meta");
-            const TuloRoles roles { TuloHash(document.roles) };
-            if (isMeta && (!roles.modifiable() || document.name == nameOf(document.name)))
+        for (const TreeText& text : texts) {
+            const auto document = m_contents.documents.constFind(text.file);
+            const QString translated = catalogue.translate(text.context.toUtf8().constData(),
+                                                           text.text.toUtf8().constData());
+            if (!translated.isEmpty() || document == m_contents.documents.cend())
                 continue;
-            const QString directory = parentOf(document.name);
-            const QByteArray context = (QLatin1String("@settings")
-                                        + (directory.isEmpty() ? QString() : separator + directory))
-                                           .toUtf8();
-            for (const QString& role : { TuloRoles::Title(), TuloRoles::Description(),
-                                         TuloRoles::LongDescription(), TuloRoles::ValueUnit() }) {
-                const QString text = document.roles.value(role).toString();
-                if (text.isEmpty()
-                    || !catalogue.translate(context.constData(), text.toUtf8().constData())
-                            .isEmpty())
-                    continue;
-                add(document, RuleId::TextUntranslated, rolePointer(role),
-                    QStringLiteral("%1: '%2' has no translation of \"%3\"")
-                        .arg(role, catalogueName, text));
-            }
+            add(*document, RuleId::TextUntranslated, rolePointer(text.role),
+                QStringLiteral("%1: '%2' has no translation of \"%3\"")
+                    .arg(text.role, catalogueName, text.text));
         }
     }
 
@@ -438,7 +426,7 @@ private:
             return std::nullopt;
         const QString pointer = rolePointer(TuloRoles::Value());
         const QString what =
-            roles.encrypted() ? QStringLiteral("the value") : shown(value.content());
+            roles.encrypted() ? QStringLiteral("the value") : shownContent(value.content());
         if (value.kind() != kind && value.convertedTo(kind).isEmpty()) {
             return findingIn(document, RuleId::WrittenKindChanged, pointer,
                              QStringLiteral("%1 is of kind '%2', but the setting is of kind '%3'")

@@ -173,6 +173,11 @@ int prepare(const Arguments& arguments, Output& output, Place* place)
         if (!chosen)
             return output.reportUsage(error);
         *place = *chosen;
+        if (!place->host.isEmpty() && neededBy(arguments) == Command::Needs::Trees) {
+            return output.reportUsage(
+                QStringLiteral("'%1' looks at files; run it on '%2' itself, by ssh")
+                    .arg(QLatin1String(command.name), place->host));
+        }
         const bool isOwn = place->kind == Place::Kind::OwnProcess;
         if (isOwn && command.where == Command::Where::ServiceOrShell) {
             return output.report({ ErrorCode::Unavailable,

@@ -1051,6 +1051,7 @@ void TstCheck::usageErrors_data()
     row("default --default-path old", "'--default-path' and 'default' exclude each other");
     row("default --against none", "directory 'none' cannot be read", 7);
     row("default --migrations none", "directory 'none' does not exist");
+    row("--host user@device", "'check' looks at files; run it on 'user@device' itself, by ssh");
     row("default --bus session", "'--bus' and 'default' exclude each other");
 }
 

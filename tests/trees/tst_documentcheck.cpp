@@ -45,6 +45,7 @@ private slots:
     void findings_data();
     void findings();
     void valuesAloneAreCheckedForTheService();
+    void longContentIsCut();
 };
 
 void tst_documentcheck::findings_data()
@@ -213,6 +214,19 @@ void tst_documentcheck::valuesAloneAreCheckedForTheService()
     QCOMPARE(lines(checkValues(roles)),
              QStringList(QStringLiteral(
                  "default-outside-constraints /value: value: 5: it is above 'max' (4)")));
+}
+
+void tst_documentcheck::longContentIsCut()
+{
+    const QByteArray text(5000, 'x');
+
+    const QStringList found =
+        lines(checkDocument(parsed("{\"value\":\"" + text + "\"}"), DocumentUse::Setting));
+
+    QCOMPARE(found,
+             QStringList(QStringLiteral("no-kind /value: value: \"%1... is not a value of a known "
+                                        "kind, such as {\"int\":5}")
+                             .arg(QString(199, QLatin1Char('x')))));
 }
 
 QTEST_GUILESS_MAIN(tst_documentcheck)
