@@ -1,11 +1,8 @@
 // Kills a process before every call of a change of several files, and the process that finishes it
 // before every one of its calls, too.
-//
-// The calls are met by replacing them in this program: a child of it ends itself at the one that
-// the test names, as if it had been killed there. Nothing needs to be on the disk for that, so
-// nothing is synced.
 
 #include "tests/crash/journalscenario.h"
+#include "tests/crash/killedcalls.h"
 
 #include "tests/support/repeats.h"
 #include "tests/support/temporarytree.h"
@@ -14,122 +11,14 @@
 #include <QRandomGenerator>
 #include <QTest>
 
-#include <csignal>
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace tulo;
 
-// -------------------------------------------------------------------------------------------
-// The calls. Each counts; the one that it is about to be ends the process.
-// -------------------------------------------------------------------------------------------
-
 namespace {
-
-int callsLeft = -1; // NOLINT: one test program, one thread; below 0: not counted
-
-void count()
-{
-    if (callsLeft < 0)
-        return;
-    if (callsLeft == 0)
-        ::kill(::getpid(), SIGKILL);
-    --callsLeft;
-}
-
-int result(long returned)
-{
-    return int(returned);
-}
-
-} // namespace
-
-extern "C" {
-
-int openat(int directory, const char* name, int flags, ...)
-{
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
-    va_end(arguments);
-    count();
-    return result(::syscall(SYS_openat, directory, name, flags, mode));
-}
-
-int mkdirat(int directory, const char* name, mode_t mode) noexcept
-{
-    count();
-    return result(::syscall(SYS_mkdirat, directory, name, mode));
-}
-
-int ftruncate(int file, off_t length) noexcept
-{
-    count();
-    return result(::syscall(SYS_ftruncate, file, length));
-}
-
-ssize_t write(int file, const void* bytes, size_t size)
-{
-    count();
-    return ::syscall(SYS_write, file, bytes, size);
-}
-
-int fsync(int)
-{
-    count();
-    return 0;
-}
-
-int renameat(int from, const char* oldName, int to, const char* newName) noexcept
-{
-    count();
-    return result(::syscall(SYS_renameat2, from, oldName, to, newName, 0));
-}
-
-int unlinkat(int directory, const char* name, int flags) noexcept
-{
-    count();
-    return result(::syscall(SYS_unlinkat, directory, name, flags));
-}
-
-int close(int file)
-{
-    count();
-    return result(::syscall(SYS_close, file));
-}
-}
-
-namespace {
-
-/// Runs `work` in a child that is killed before its call of that number, from 0. False when it came
-/// to its end before.
-bool isKilledAt(int call, const std::function<void()>& work)
-{
-    std::fflush(nullptr);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        callsLeft = call;
-        work();
-        callsLeft = -1;
-        std::_Exit(0);
-    }
-    int status = 0;
-    if (child < 0 || ::waitpid(child, &status, 0) != child)
-        qFatal("cannot run a child");
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
-        return false;
-    if (!WIFSIGNALED(status) || WTERMSIG(status) != SIGKILL)
-        qFatal("a child ended with status %d", status);
-    return true;
-}
 
 void emptyTree(const QString& tree)
 {
