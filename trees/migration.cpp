@@ -139,6 +139,7 @@ private:
         QStringList causes;
         bool isRemoved = false;
         bool isReplaced = false; ///< by what an older image had
+        bool isTakenBack = false; ///< to the value before a migration
         bool mustFit = false; ///< although nothing was changed
     };
 
@@ -279,7 +280,10 @@ private:
         const QString cause = QStringLiteral("undo ") + name;
         switch (change.kind) {
         case Change::Kind::Rename:
-            return undoRename(cause, change);
+            return undoRename(name, change);
+        case Change::Kind::Step:
+            undoStep(name, change);
+            return std::nullopt;
         case Change::Kind::Value:
             return undoValue(name, cause, change);
         case Change::Kind::Remove:
@@ -294,13 +298,64 @@ private:
             return std::nullopt;
         if (modeOf(entry) == Mode::Stay)
             return change;
-        m_entries.push_back(entry);
-        m_at.insert(entry.path, int(m_entries.size()) - 1);
+        add(entry);
         return std::nullopt;
     }
 
-    std::optional<Change> undoRename(const QString& cause, const Change& change)
+    // Puts a value that this image cannot take into the record. The image that brings the
+    // migration again gets it back, unless a user has set another one.
+    void stow(const QString& name, Entry* entry, bool isRenamed)
     {
+        m_record.kept.append({ name, entry->path, Content(), entry->roles, isRenamed });
+        addCause(entry, QStringLiteral("it stays in the record"));
+        entry->isRemoved = true;
+    }
+
+    // What stow() has put there and the step is about.
+    template<typename Condition>
+    void unstow(const QString& name, bool isRenamed, Condition isMeantBy)
+    {
+        for (int i = m_record.kept.size() - 1; i >= 0; --i) {
+            const MigrationRecord::Kept kept = m_record.kept[i];
+            Entry entry;
+            entry.path = kept.path;
+            entry.roles = kept.roles;
+            entry.causes.append(name);
+            if (kept.name != name || kept.isRenamed != isRenamed || !kept.served.value.isEmpty()
+                || !isMeantBy(entry) || modeOf(entry) == Mode::Stay)
+                continue;
+            m_record.kept.removeAt(i);
+            if (entryAt(entry.path) == nullptr)
+                add(entry);
+        }
+    }
+
+    void add(const Entry& entry)
+    {
+        m_entries.push_back(entry);
+        m_at.insert(entry.path, int(m_entries.size()) - 1);
+    }
+
+    // Values that were set under an image with the step, for the first time, may be too much for
+    // one without it.
+    void undoStep(const QString& name, const Change& change)
+    {
+        MigrationStep step;
+        step.kind = MigrationStep::Kind::Convert;
+        step.target = change.path;
+        for (Entry& entry : m_entries) {
+            if (!isFree(entry) || !isMeant(step, entry))
+                continue;
+            if (modeOf(entry) == Mode::Newest)
+                entry.mustFit = true;
+            else if (!entry.isTakenBack)
+                stow(name, &entry, false);
+        }
+    }
+
+    std::optional<Change> undoRename(const QString& name, const Change& change)
+    {
+        const QString cause = QStringLiteral("undo ") + name;
         Change left = change;
         left.files.clear();
         for (const Change::File& file : change.files) {
@@ -312,7 +367,13 @@ private:
                 continue;
             }
             addCause(entry, cause);
-            setId(entry, file.id);
+            if (modeOf(*entry) == Mode::Before && !entry->isTakenBack) {
+                m_record.kept.append(
+                    { name, file.to, Content::of(file.roles), entry->roles, true });
+                replaceBy(entry, file.roles);
+                entry->isTakenBack = true;
+            }
+            setId(entry, file.roles.id());
             move(entry, file.from);
         }
         // What was set for the first time under the new name.
@@ -320,6 +381,10 @@ private:
             if (!isFree(entry) || !isAtOrBelow(entry.path, change.to)
                 || m_input.image.place(entry.path))
                 continue;
+            if (modeOf(entry) == Mode::Before && !entry.isTakenBack) {
+                stow(name, &entry, true);
+                continue;
+            }
             addCause(&entry, cause);
             move(&entry, change.path + entry.path.mid(change.to.size()));
         }
@@ -361,10 +426,11 @@ private:
             return std::nullopt;
         }
         if (!isUnchanged) {
-            m_record.kept.append({ name, change.path, change.before, entry->roles });
+            m_record.kept.append({ name, change.path, change.before, entry->roles, false });
             replaceBy(entry, entry->roles);
         }
         addCause(entry, cause);
+        entry->isTakenBack = true;
         setContent(entry, change.before.value, change.before.timestamp);
         return std::nullopt;
     }
@@ -432,12 +498,20 @@ private:
             if (moved.id != id || (moved.path != path && moved.path != left))
                 continue;
             if (moved.path == path && modeOf(*entry) == Mode::Before && !entry->isReplaced) {
-                m_record.kept.append({ QString(), left, Content::of(moved.roles), entry->roles });
+                m_record.kept.append(
+                    { QString(), left, Content::of(moved.roles), entry->roles, false });
                 replaceBy(entry, moved.roles);
             }
             m_record.moved.removeAt(i);
         }
         m_record.moved.append({ id, left, path, roles, m_record.run });
+        // Set under an image that had it there; the newer of the two is what the user wants.
+        Entry* const there = entryAt(path);
+        if (there != nullptr && there->roles.id() == id && isFree(*there)
+            && there->roles.timestamp() < entry->roles.timestamp()) {
+            addCause(there, QStringLiteral("a newer value of ") + causeOf(id));
+            there->isRemoved = true;
+        }
         entry->formerPath = left;
         move(entry, path);
     }
@@ -479,7 +553,15 @@ private:
         const MigrationStep& step = *m_pending[index].step;
         if (step.kind == MigrationStep::Kind::Rename) {
             changes->append(rename(index));
+            unstow(m_pending[index].name, true,
+                   [&step](const Entry& entry) { return isAtOrBelow(entry.path, step.to); });
             return;
+        }
+        if (step.kind != MigrationStep::Kind::Remove) {
+            Change change;
+            change.kind = Change::Kind::Step;
+            change.path = step.target;
+            changes->append(change);
         }
         for (Entry& entry : m_entries) {
             if (!isFree(entry) || !isMeant(step, entry))
@@ -494,6 +576,8 @@ private:
             if (change)
                 changes->append(*change);
         }
+        unstow(m_pending[index].name, false,
+               [&step](const Entry& entry) { return isMeant(step, entry); });
     }
 
     static bool isMeant(const MigrationStep& step, const Entry& entry)
@@ -516,15 +600,31 @@ private:
             if (!isFree(entry) || !isAtOrBelow(entry.path, step.target))
                 continue;
             const QString path = step.to + entry.path.mid(step.target.size());
-            change.files.append({ entry.path, path, entry.roles.id() });
+            change.files.append({ entry.path, path, entry.roles });
             addCause(&entry, m_pending[index].name);
             move(&entry, path);
+            takeKept(m_pending[index].name, true, &entry);
             const std::optional<TuloRoles> there = destination(index, entry);
             // Or it would be taken for the setting that it was.
             if (there && !there->id().isEmpty())
                 setId(&entry, there->id());
         }
         return change;
+    }
+
+    // The value that a user set there under an earlier run of the migration, if no user has set
+    // another one since.
+    void takeKept(const QString& name, bool isRenamed, Entry* entry)
+    {
+        for (int i = m_record.kept.size() - 1; i >= 0; --i) {
+            const MigrationRecord::Kept kept = m_record.kept[i];
+            if (kept.name != name || kept.isRenamed != isRenamed || kept.path != entry->path
+                || kept.served.value.isEmpty())
+                continue;
+            if (kept.served == Content::of(entry->roles))
+                entry->roles = kept.roles;
+            m_record.kept.removeAt(i);
+        }
     }
 
     static Change removal(const Entry& entry)
@@ -542,15 +642,10 @@ private:
         if (before.value.isEmpty())
             return std::nullopt;
         const QString& name = m_pending[index].name;
-        Content after { newValue(index, *entry), before.timestamp };
-        for (int i = m_record.kept.size() - 1; i >= 0; --i) {
-            const MigrationRecord::Kept kept = m_record.kept[i];
-            if (kept.name != name || kept.path != entry->path)
-                continue;
-            if (kept.served == before)
-                after = Content::of(kept.roles);
-            m_record.kept.removeAt(i);
-        }
+        takeKept(name, false, entry);
+        Content after = Content::of(entry->roles);
+        if (after == before)
+            after.value = newValue(index, *entry);
         if (after.value.isEmpty() || after == before)
             return std::nullopt;
         Change change;

@@ -41,6 +41,7 @@ const QVector<QPair<Change::Kind, QString>>& kindWords()
 {
     static const QVector<QPair<Change::Kind, QString>> words {
         { Change::Kind::Rename, text("rename") },
+        { Change::Kind::Step, text("step") },
         { Change::Kind::Value, text("value") },
         { Change::Kind::Remove, text("remove") },
     };
@@ -57,8 +58,9 @@ QVariant json(const Change& change)
     if (change.kind == Change::Kind::Rename) {
         QVariantList files;
         for (const Change::File& file : change.files) {
-            files.append(QVariantHash {
-                { text("from"), file.from }, { text("to"), file.to }, { text("id"), file.id } });
+            files.append(QVariantHash { { text("from"), file.from },
+                                        { text("to"), file.to },
+                                        { text("roles"), file.roles.__variant() } });
         }
         entries.insert(text("to"), change.to);
         entries.insert(text("files"), files);
@@ -66,7 +68,7 @@ QVariant json(const Change& change)
         entries.insert(text("id"), change.id);
         entries.insert(text("before"), json(change.before));
         entries.insert(text("after"), change.after.__variant());
-    } else {
+    } else if (change.kind == Change::Kind::Remove) {
         entries.insert(text("roles"), change.roles.__variant());
     }
     return entries;
@@ -88,7 +90,7 @@ bool readChange(const QVariant& json, Change* change)
         const QVariantHash file = entry.toHash();
         change->files.append({ file.value(text("from")).toString(),
                                file.value(text("to")).toString(),
-                               file.value(text("id")).toString() });
+                               roles(file.value(text("roles"))) });
     }
     change->id = entries.value(text("id")).toString();
     change->before = content(entries.value(text("before")));
@@ -141,6 +143,7 @@ QByteArray MigrationRecord::toJson() const
         keptEntries.append(QVariantHash { { text("name"), entry.name },
                                           { text("path"), entry.path },
                                           { text("served"), json(entry.served) },
+                                          { text("renamed"), entry.isRenamed },
                                           { text("roles"), entry.roles.__variant() } });
     }
     return TuloJson::serialize(QVariantHash { { text("format"), formatNumber },
@@ -195,9 +198,10 @@ QString MigrationRecord::fromJson(const QByteArray& document, MigrationRecord* r
     const QVariantList keptEntries = entries.value(text("kept")).toList();
     for (const QVariant& json : keptEntries) {
         const QVariantHash entry = json.toHash();
-        read.kept.append(
-            { entry.value(text("name")).toString(), entry.value(text("path")).toString(),
-              content(entry.value(text("served"))), roles(entry.value(text("roles"))) });
+        read.kept.append({ entry.value(text("name")).toString(),
+                           entry.value(text("path")).toString(),
+                           content(entry.value(text("served"))), roles(entry.value(text("roles"))),
+                           entry.value(text("renamed")).toBool() });
     }
     *record = read;
     return QString();

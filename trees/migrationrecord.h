@@ -31,17 +31,22 @@ struct MigrationRecord
     /// One thing that a rule did.
     struct Change
     {
-        enum class Kind { Rename, Value, Remove };
+        enum class Kind {
+            Rename,
+            Step, ///< changes values: of which settings, whether or not they had one
+            Value, ///< was changed by the step before
+            Remove
+        };
         /// A file that was renamed.
         struct File
         {
             QString from;
             QString to;
-            QString id; ///< that it had
+            TuloRoles roles; ///< that it had
         };
 
         Kind kind = Kind::Rename;
-        QString path; ///< Rename: from
+        QString path; ///< Rename: from; Step: a path or id
         QString to; ///< Rename
         QString id; ///< Value: of the setting
         QVector<File> files; ///< Rename
@@ -69,13 +74,14 @@ struct MigrationRecord
         int run = 0;
     };
 
-    /// A newer value, for which the image that runs has no place, while an older one serves.
+    /// A value that the image that runs cannot take, while an older one serves, or none.
     struct Kept
     {
         QString name; ///< of the migration; empty: a move by id
-        QString path; ///< where the newer one belongs
+        QString path; ///< where the value belongs
         Content served; ///< in its stead: when a user changes that, it is the newest
-        TuloRoles roles; ///< the newer one
+        TuloRoles roles; ///< of the value
+        bool isRenamed = false; ///< belongs to a rename of the migration, not to a change of values
     };
 
     QVector<Applied> applied; ///< in the order in which they were carried out
