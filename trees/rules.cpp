@@ -148,6 +148,12 @@ constexpr std::array<Rule, ruleCount> table { {
       "The directory wins: the setting is not served, or a change of it cannot be written.",
       "The directory audio, and the file audio_sport for the product sport",
       "Rename one of them." },
+    { RuleId::StampStale, "stamp-stale", "tree", Severity::Error,
+      "The tree or the rules beside it have changed since the tree was stamped.",
+      "A device that has this stamp already does not look at what has changed: no migration is "
+      "made.",
+      "A default that was edited after check --stamp",
+      "Stamp the tree as the last step of the image's build." },
 
     // -----------------------------------------------------------------------------------------
     // Product variants.

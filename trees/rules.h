@@ -50,6 +50,7 @@ enum class RuleId {
     TooLarge,
     Unreadable,
     FileDirectoryClash,
+    StampStale,
     // variants
     VariantWithoutPlain,
     VariantOtherKind,

@@ -708,6 +708,14 @@ QVector<TreeFinding> checkTrees(const TreesToCheck& trees)
 {
     const TreeContents defaults = readDefaultTree(trees.defaultPath, trees.writePath);
     QVector<TreeFinding> findings = defaults.findings + lintDefaults(defaults, trees);
+    if (isStampStale(trees.defaultPath)) {
+        TreeFinding finding;
+        finding.rule = RuleId::StampStale;
+        finding.file = stampFile(trees.defaultPath);
+        finding.name = stampName();
+        finding.message = QStringLiteral("the image has changed since it was stamped");
+        findings.append(finding);
+    }
     sortFindings(&findings);
     if (trees.writePath.isEmpty())
         return findings;

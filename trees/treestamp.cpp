@@ -152,6 +152,15 @@ QByteArray readStamp(const QString& defaultPath)
     return text.mid(int(sizeof stampBegin - 1)).chopped(1);
 }
 
+bool isStampStale(const QString& defaultPath)
+{
+    if (!QFile::exists(stampFile(defaultPath)))
+        return false;
+    QString error;
+    const QByteArray digest = imageDigest(defaultPath, &error);
+    return error.isEmpty() && digest != readStamp(defaultPath);
+}
+
 QString writeStamp(const QString& defaultPath)
 {
     QString error;

@@ -28,6 +28,10 @@ QString stampFile(const QString& defaultPath);
 /// What the stamp of the default tree says, whether or not it is true. Empty without one.
 [[nodiscard]] QByteArray readStamp(const QString& defaultPath);
 
+/// Tells whether the default tree has a stamp and is no longer the tree that was stamped, as far as
+/// its files can be read.
+bool isStampStale(const QString& defaultPath);
+
 /// Stamps the default tree. Empty, or why it could not.
 [[nodiscard]] QString writeStamp(const QString& defaultPath);
 

@@ -208,6 +208,7 @@ private slots:
     void migrationCoversADifference();
     void outputHoldsNoControlCharacters();
     void sameImageHasNoDifference();
+    void stampIsWrittenWhereThereAreNoErrors();
     void usageErrors_data();
     void usageErrors();
 
@@ -594,6 +595,9 @@ void TstCheck::plantedFault_data()
     row("default-changed", changed("default/audio/volume", "35", "25"), "--against old",
         "default/audio/volume:4:3", "info", "the default value was 35 and is 25",
         "/settings/audio/volume");
+
+    row("stamp-stale", file("default/.tulo-cm.stamp", "tulo-stamp 1 0\n"), "",
+        "default/.tulo-cm.stamp", "error", "the image has changed since it was stamped", "");
 
     // What belongs to the check itself.
     row("exception-unused", file("exceptions", "# Reasons\n\nno-title audio/* Icons only\n"),
@@ -1021,6 +1025,28 @@ void TstCheck::sameImageHasNoDifference()
 // ---------------------------------------------------------------------------------------------
 // Usage and explanations.
 // ---------------------------------------------------------------------------------------------
+
+void TstCheck::stampIsWrittenWhereThereAreNoErrors()
+{
+    const TemporaryTree tree;
+    putSoundTree(tree.defaultPath());
+    const QString stamp = tree.defaultPath() + QStringLiteral("/.tulo-cm.stamp");
+    tree.writeDefault(QStringLiteral("/audio/broken"), QByteArray("{"));
+
+    QCOMPARE(check(tree.path(), words("default --stamp")).exitCode, 8);
+    QVERIFY(!QFile::exists(stamp));
+
+    QVERIFY(QFile::remove(tree.defaultPath() + QStringLiteral("/audio/broken")));
+    QCOMPARE(check(tree.path(), words("default --stamp")).exitCode, 0);
+    QVERIFY(QFile::exists(stamp));
+    QCOMPARE(check(tree.path(), words("default")).exitCode, 0);
+
+    // Edited afterwards, and stamped again.
+    QVERIFY(QFile::remove(tree.defaultPath() + QStringLiteral("/audio/mode")));
+    QVERIFY(check(tree.path(), words("default")).standardOutput.contains("error: stamp-stale: "));
+    QCOMPARE(check(tree.path(), words("default --stamp")).exitCode, 0);
+    QCOMPARE(check(tree.path(), words("default")).exitCode, 0);
+}
 
 void TstCheck::usageErrors_data()
 {

@@ -25,6 +25,7 @@ private slots:
     void linksAreFollowedOnce();
     void unreadableTreeHasNoDigest();
     void stampIsReadBack();
+    void stampOfAnEditedTreeIsStale();
     void whatIsNoStampCountsAsNone_data();
     void whatIsNoStampCountsAsNone();
     void stampIsNoFinding();
@@ -151,6 +152,21 @@ void tst_treestamp::stampIsReadBack()
     QCOMPARE(readStamp(treePath()).size(), 64);
     put(QStringLiteral("default/audio/volume"), "{}");
     QVERIFY(readStamp(treePath()) != imageDigest(treePath(), &error));
+}
+
+void tst_treestamp::stampOfAnEditedTreeIsStale()
+{
+    QVERIFY(!isStampStale(treePath()));
+    QCOMPARE(writeStamp(treePath()), QString());
+    QVERIFY(!isStampStale(treePath()));
+
+    put(QStringLiteral("default/audio/volume"), "{}");
+
+    QVERIFY(isStampStale(treePath()));
+    QCOMPARE(writeStamp(treePath()), QString());
+    QVERIFY(!isStampStale(treePath()));
+    put(QStringLiteral("settings-migrations/0001-a.json"), "[]");
+    QVERIFY(isStampStale(treePath()));
 }
 
 void tst_treestamp::whatIsNoStampCountsAsNone_data()

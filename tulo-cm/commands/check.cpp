@@ -7,6 +7,7 @@
 #include "trees/rules.h"
 #include "trees/treecheck.h"
 #include "trees/treecompare.h"
+#include "trees/treestamp.h"
 
 #include <tulo/settings.h>
 
@@ -30,6 +31,7 @@ constexpr Option catalogueOption { "catalogue", "FILE",
                                    "a *.qm file that ought to have every text; may be repeated" };
 constexpr Option againstOption { "against", "TREE",
                                  "find what users of this older image would lose, too" };
+constexpr Option stampOption { "stamp", "", "stamp the tree, if it has no errors" };
 constexpr Option explainOption { "explain", "RULE", "tell about a rule, and check nothing" };
 
 // ---------------------------------------------------------------------------------------------
@@ -42,6 +44,7 @@ struct Report
     std::array<Severity, ruleCount> severities {};
     std::optional<RuleExceptions> exceptions;
     bool isStrict = false;
+    bool isStamping = false;
     bool isJson = false;
 
     Severity severityOf(const TreeFinding& finding) const
@@ -245,7 +248,8 @@ int check(const TreesToCheck& trees, const Update& update, Report& report, Outpu
     if (!update.oldTree.isNull())
         findings += compareTrees(update.oldTree, trees, update.migrations);
     const auto isOff = [&report](const TreeFinding& finding) {
-        return report.severityOf(finding) == Severity::Off;
+        return report.severityOf(finding) == Severity::Off
+            || (report.isStamping && finding.rule == RuleId::StampStale);
     };
     findings.erase(std::remove_if(findings.begin(), findings.end(), isOff), findings.end());
     Counts counts;
@@ -267,7 +271,10 @@ int check(const TreesToCheck& trees, const Update& update, Report& report, Outpu
     if (!report.isJson)
         output.note(summary(trees, counts));
     const bool hasFailed = counts.errors > 0 || (report.isStrict && counts.warnings > 0);
-    return hasFailed ? Findings : Done;
+    if (hasFailed || !report.isStamping)
+        return hasFailed ? Findings : Done;
+    const QString reason = writeStamp(trees.defaultPath);
+    return reason.isEmpty() ? int(Done) : output.report({ ErrorCode::NotSaved, reason, QString() });
 }
 
 int explain(const QString& name, Output& output)
@@ -311,6 +318,7 @@ int run(Context& context, const Arguments& arguments)
         return output.report(error);
     Report report;
     report.isJson = output.isJson();
+    report.isStamping = arguments.isSet(stampOption);
     QString reason = readOptions(arguments, trees.defaultPath, &report);
     Update update;
     update.oldTree = oldTree;
@@ -330,13 +338,15 @@ Command check()
         "",
         { { "TREE", Argument::Count::Optional, Argument::Kind::Tree } },
         { ruleOption, exceptionsOption, strictOption, formatOption, catalogueOption, againstOption,
-          explainOption },
+          stampOption, explainOption },
         "Prints what is wrong in a default tree, with --write-path in the changed values on it, and\n"
         "with --against what users of an older image would lose. A line is\n"
         "FILE:LINE:COLUMN: SEVERITY: RULE: what is wrong; 'check --explain RULE' tells more, and\n"
         "docs/rules.md lists the rules. Every product variant is looked at, or that of --product.\n"
         "Without TREE and --default-path it checks both trees of the service. Findings are allowed\n"
-        "by lines 'RULE GLOB REASON' in TREE.exceptions. Exits with 8 from errors.",
+        "by lines 'RULE GLOB REASON' in TREE.exceptions. Exits with 8 from errors.\n"
+        "--stamp, as the last step of an image's build, spares devices that have this image a look at\n"
+        "all its files.",
         "check settings-default --strict",
         Command::Where::Anywhere,
         Command::Needs::Trees,
