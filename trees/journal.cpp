@@ -226,7 +226,7 @@ QString checkPlace(int directory, const Entry& entry, qint64* freed)
 bool writeAll(int file, const QByteArray& content)
 {
     const char* next = content.constData();
-    size_t left = size_t(content.size());
+    auto left = size_t(content.size());
     while (left > 0) {
         const ssize_t written = ::write(file, next, left);
         if (written < 0 && errno == EINTR)
@@ -261,12 +261,12 @@ QString writeFile(int directory, const Entry& entry)
 {
     const QByteArray temporary = entry.temporaryName();
     qint64 freed = 0;
-    const QString error = checkPlace(directory, entry, &freed);
+    QString error = checkPlace(directory, entry, &freed);
     if (!error.isEmpty())
         return error;
     if (!writeNew(directory, temporary, *entry.content, entry.mode)
         || ::renameat(directory, temporary.constData(), directory, entry.name.constData()) != 0) {
-        const QString reason = failed("write", entry.directory, entry.name);
+        QString reason = failed("write", entry.directory, entry.name);
         ::unlinkat(directory, temporary.constData(), 0);
         return reason;
     }
@@ -276,7 +276,7 @@ QString writeFile(int directory, const Entry& entry)
 QString removeFile(int directory, const Entry& entry)
 {
     qint64 freed = 0;
-    const QString error = checkPlace(directory, entry, &freed);
+    QString error = checkPlace(directory, entry, &freed);
     if (!error.isEmpty())
         return error;
     if (::unlinkat(directory, entry.name.constData(), 0) != 0 && errno != ENOENT)
@@ -303,7 +303,7 @@ QString changeFiles(int tree, const Entries& entries, QString (*change)(int, con
             continue;
         if (!directory)
             return failed("open", entry.directory);
-        const QString error = change(directory.get(), entry);
+        QString error = change(directory.get(), entry);
         if (!error.isEmpty())
             return error;
     }
@@ -313,7 +313,7 @@ QString changeFiles(int tree, const Entries& entries, QString (*change)(int, con
 QString syncDirectories(int tree, const QSet<QByteArray>& directories)
 {
     for (const QByteArray& directory : directories) {
-        const QString error = syncDirectory(tree, directory);
+        QString error = syncDirectory(tree, directory);
         if (!error.isEmpty())
             return error;
     }
@@ -426,7 +426,7 @@ QString checkEntry(int tree, const Entry& entry, qint64 blockBytes, Need* need)
     qint64 freed = 0;
     const UniqueFd directory = openDirectory(tree, entry.directory, false);
     if (directory) {
-        const QString error = checkPlace(directory.get(), entry, &freed);
+        QString error = checkPlace(directory.get(), entry, &freed);
         if (!error.isEmpty())
             return error;
     } else if (errno == ELOOP || errno == ENOTDIR) {
@@ -455,7 +455,7 @@ QString checkPlaces(int tree, const Entries& entries, int journalBytes)
     // The journal, and a temporary file.
     Need need { journalBytes + 2 * blockBytes, 2 };
     for (const Entry& entry : entries) {
-        const QString error = checkEntry(tree, entry, blockBytes, &need);
+        QString error = checkEntry(tree, entry, blockBytes, &need);
         if (!error.isEmpty())
             return error;
     }

@@ -1,5 +1,6 @@
 #include "tests/daemon/servicefixture.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QTest>
@@ -41,6 +42,9 @@ private slots:
     void directoryOfAnotherUserStopsTheStart();
     void hiddenFilesSurviveStartStopAndKill();
     void staleTemporaryFileIsReusedByTheNextWrite();
+    void interruptedChangeIsFinishedAtTheStart();
+    void damagedJournalIsToldAndServed();
+    void changeThatCannotBeFinishedIsToldAndServedForReading();
     void defaultFileThatBreaksLaterIsNamedAtTheNextStart();
 };
 
@@ -319,6 +323,83 @@ void TstServiceStart::staleTemporaryFileIsReusedByTheNextWrite()
                  .value(QStringLiteral("value"))
                  .toHash(),
              (QVariantHash { { QStringLiteral("int"), 40 } }));
+}
+
+namespace {
+
+const QString journal = QStringLiteral("/.tulo-cm.journal");
+
+/// A change of the volume to 20 that was decided, and interrupted.
+QByteArray decidedChange()
+{
+    const QByteArray body("{\"content\":\"{\\\"value\\\":{\\\"int\\\":20}}\","
+                          "\"path\":\"/audio/volume\"}\n");
+    return "tulo-journal 1 " + QCryptographicHash::hash(body, QCryptographicHash::Sha256).toHex()
+        + '\n' + body;
+}
+
+} // namespace
+
+void TstServiceStart::interruptedChangeIsFinishedAtTheStart()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    trees.tree.writeWritten(journal, decidedChange());
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+
+    QCOMPARE(BusClient(bus.address()).value(QStringLiteral("/settings/audio/volume")),
+             QStringLiteral("x 20"));
+    QCOMPARE(ServiceProcess::complaints(service.end()),
+             QStringLiteral("WARN  tulo-settingsd: '%1': finished a change of 1 files that was "
+                            "interrupted\n")
+                 .arg(trees.tree.writePath())
+                 .toUtf8());
+    QVERIFY(!trees.tree.writtenEntries().contains(journal));
+}
+
+void TstServiceStart::damagedJournalIsToldAndServed()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    const QByteArray damaged = decidedChange().replace("20", "30");
+    trees.tree.writeWritten(journal, damaged);
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+
+    QCOMPARE(client.value(QStringLiteral("/settings/audio/volume")), QStringLiteral("x 35"));
+    QCOMPARE(client.call("SetValue", { QStringLiteral("/settings/audio/volume"), variantOf(40) }),
+             QStringLiteral("{timestamp: *, value: x 40}"));
+    QCOMPARE(ServiceProcess::complaints(service.end()),
+             QStringLiteral("WARN  tulo-settingsd: '%1': the file '.tulo-cm.journal' in the "
+                            "writable tree is damaged, or was not written by this program; "
+                            "nothing of it has been done, see what it holds and move it "
+                            "elsewhere\n")
+                 .arg(trees.tree.writePath())
+                 .toUtf8());
+    QCOMPARE(trees.tree.readWritten(journal), damaged);
+}
+
+void TstServiceStart::changeThatCannotBeFinishedIsToldAndServedForReading()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    trees.tree.writeWritten(journal, decidedChange());
+    trees.tree.makeWriteDirectory(QStringLiteral("/audio/volume"));
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+
+    QCOMPARE(client.property("Writable"), QStringLiteral("b false"));
+    QCOMPARE(client.value(QStringLiteral("/settings/audio/gain")), QStringLiteral("d 0.5"));
+    const QString answer =
+        client.call("SetValue", { QStringLiteral("/settings/audio/gain"), variantOf(0.25) });
+    QVERIFY2(answer.startsWith(QLatin1String("Unavailable: The writable tree '")),
+             qPrintable(answer));
+    const QByteArray complaints = ServiceProcess::complaints(service.end());
+    QVERIFY2(complaints.contains("is in the way of 'audio/volume'"), complaints);
+    QCOMPARE(trees.tree.readWritten(journal), decidedChange());
 }
 
 void TstServiceStart::defaultFileThatBreaksLaterIsNamedAtTheNextStart()
