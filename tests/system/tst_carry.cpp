@@ -1,11 +1,14 @@
 #include "tests/system/commandline.h"
 
 #include "tests/support/repeats.h"
+#include "tests/support/smalldisk.h"
 
 #include <QDir>
 #include <QFile>
 #include <QRandomGenerator>
 #include <QTest>
+
+#include <unistd.h>
 
 namespace {
 
@@ -85,6 +88,7 @@ private slots:
     void fileThatCannotBeRead();
     void treeInUseIsNotLoadedInto();
     void whatIsInTheWayChangesNothing();
+    void fullDiskChangesNothing();
     void loadAsJson();
 };
 
@@ -575,6 +579,37 @@ void TstCarry::whatIsInTheWayChangesNothing()
     QCOMPARE(result.exitCode, 4);
     QVERIFY2(result.standardError.contains("symbolic link"), result.standardError);
     QVERIFY(!QFile::exists(other.tree.writePath() + QStringLiteral("/audio")));
+}
+
+void TstCarry::fullDiskChangesNothing()
+{
+    if (::geteuid() != 0)
+        QSKIP("needs root to mount a file system");
+    const CommandLine device;
+    const CommandLine other;
+    change(device);
+    const QByteArray dump = dumpOf(device);
+    const SmallDisk disk(other.tree.writePath());
+    if (!disk.isMounted())
+        QSKIP("needs the right to mount a file system");
+    other.tree.writeWritten(QStringLiteral("/audio/volume"), R"({"value":{"int":5}})");
+    // The lock is there as in every tree that was changed before.
+    other.tree.writeWritten(QStringLiteral("/.tulo-cm.lock"), "");
+    QVERIFY(disk.fill());
+
+    const ChildResult result = load(other, dump);
+
+    QVERIFY2(result.standardError.startsWith("tulo-cm: nothing was changed: the file system of the "
+                                             "writable tree has no room for"),
+             result.standardError);
+    QCOMPARE(result.exitCode, 6);
+    QCOMPARE(other.tree.readWritten(QStringLiteral("/audio/volume")),
+             QByteArray(R"({"value":{"int":5}})"));
+    QCOMPARE(filesOf(other).keys(),
+             QStringList({ QStringLiteral("/audio/volume"), QStringLiteral("/filler") }));
+    QVERIFY(disk.makeRoom());
+    QCOMPARE(load(other, dump).exitCode, 0);
+    QCOMPARE(dumpOf(other), dump);
 }
 
 void TstCarry::loadAsJson()
