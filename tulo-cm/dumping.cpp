@@ -32,7 +32,7 @@ bool isCarried(const QString& role)
         || role == timestampRole() || role == idRole();
 }
 
-bool isChanged(const RoleOrigin& origin)
+bool isWritten(const RoleOrigin& origin)
 {
     return isCarried(origin.role)
         && (origin.layer == RoleOrigin::Layer::Written
@@ -43,7 +43,7 @@ bool isChanged(const RoleOrigin& origin)
 bool isOfChange(const RoleOrigin& origin)
 {
     return origin.state == RoleOrigin::State::Effective
-        && (isChanged(origin) || origin.layer == RoleOrigin::Layer::Cached);
+        && (isWritten(origin) || origin.layer == RoleOrigin::Layer::Cached);
 }
 
 /// A setting that was come across.
@@ -56,7 +56,7 @@ struct Candidate
 /// What `origins` say of a setting that was changed; nothing when it was not.
 std::optional<DumpedSetting> settingOf(const QString& path, const QVector<RoleOrigin>& origins)
 {
-    if (std::none_of(origins.cbegin(), origins.cend(), isChanged))
+    if (std::none_of(origins.cbegin(), origins.cend(), isWritten))
         return std::nullopt;
     DumpedSetting setting;
     setting.path = path;
