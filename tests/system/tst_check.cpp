@@ -1064,7 +1064,8 @@ void TstCheck::usageErrors_data()
         "'--rule' needs a rule and off, info, warning or error, "
         "such as no-title=warning");
     row("default --format xml", "'--format' needs text or json, not 'xml'");
-    row("default --catalogue none.qm", "cannot read 'none.qm'");
+    row("default --catalogue none.qm", "'none.qm' is not a catalogue, as lrelease makes them");
+    row("default --catalogue no-reason", "'no-reason' is not a catalogue, as lrelease makes them");
     row("default --exceptions none", "cannot read 'none': No such file or directory");
     row("default --exceptions unknown-rule",
         "'unknown-rule', line 2: unknown rule 'no-titel'; did you mean 'no-title'?");

@@ -13,6 +13,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QTranslator>
 
 #include <algorithm>
 #include <array>
@@ -127,8 +128,8 @@ QString readOptions(const Arguments& arguments, const QString& defaultPath, Repo
     report->isStrict = arguments.isSet(strictOption);
     report->isJson = report->isJson || format == QLatin1String("json");
     for (const QString& name : arguments.values(catalogueOption)) {
-        if (!QFileInfo(name).isReadable())
-            return QStringLiteral("cannot read '%1'").arg(name);
+        if (!QTranslator().load(name))
+            return QStringLiteral("'%1' is not a catalogue, as lrelease makes them").arg(name);
     }
     return readExceptions(arguments, defaultPath, report);
 }
