@@ -847,7 +847,7 @@ QStringList LocalSettings::listedNames(const CMPath& directory)
 {
     CMError failure;
     const int count = m_engine->dispatcher().rows(directory, 1, 0, {}, &failure).count;
-    const QStringList names = m_engine->guard().listedNames(directory);
+    QStringList names = m_engine->guard().listedNames(directory);
     if (errorCode(failure) != ErrorCode::None || count != names.size())
         ++m_rowsVersions[directory.text()];
     return names;

@@ -56,7 +56,7 @@ bool isVariantFile(const QString& path, const QString& postfix, const QSet<QStri
 // A variant of another product has the id of the plain file beside it.
 QString variantId(const QString& path, const ComparedNodes& nodes)
 {
-    const QString id = nodes.value(path).id;
+    QString id = nodes.value(path).id;
     const QLatin1Char underscore('_');
     for (int end = path.lastIndexOf(underscore); end > 0;
          end = path.lastIndexOf(underscore, end - 1)) {

@@ -28,7 +28,7 @@ bool namesDouble(const QVariant& value)
 
 QString kindOfRoles(const QVariantMap& edit, const QVariantMap& roles)
 {
-    const QString named = entry(edit, "kind").toString();
+    QString named = entry(edit, "kind").toString();
     if (!named.isEmpty())
         return named;
     const QVariantList values = entry(edit, "values").toList();

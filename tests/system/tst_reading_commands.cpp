@@ -4,6 +4,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -44,6 +45,7 @@ private slots:
     void explainNamesLayerAndPlace();
     void explainOfADirectory();
     void explainAsJson();
+    void explainShowsTextsInTheLanguage();
     void explainTellsOfADamagedWrittenFile();
     void explainOfNothing();
 
@@ -165,6 +167,26 @@ void TstReadingCommands::explainAsJson()
              QStringList({ QStringLiteral("value"), QStringLiteral("title"),
                            QStringLiteral("valueUnit"), QStringLiteral("edit") }));
     QCOMPARE(result.exitCode, 0);
+}
+
+void TstReadingCommands::explainShowsTextsInTheLanguage()
+{
+    const QTemporaryDir written;
+    const QStringList arguments {
+        QStringLiteral("--default-path"), QStringLiteral(TULO_EXAMPLE_TREE),
+        QStringLiteral("--write-path"),   written.path(),
+        QStringLiteral("--language"),     QStringLiteral("de"),
+        QStringLiteral("--catalogues"),   QStringLiteral(TULO_CATALOGUES),
+        QStringLiteral("explain"),        QStringLiteral("/settings/audio/volume")
+    };
+
+    const ChildResult result = ChildProcess::run(QStringLiteral(TULO_CM_PROGRAM), arguments);
+
+    QCOMPARE(result.exitCode, 0);
+    const QRegularExpression title(
+        QStringLiteral(u"title +default +[^ ]*volume:3 +Lautst\u00e4rke\n"));
+    QVERIFY(QString::fromUtf8(result.standardOutput).contains(title));
+    QVERIFY(!result.standardOutput.contains("cached"));
 }
 
 void TstReadingCommands::explainTellsOfADamagedWrittenFile()

@@ -70,8 +70,8 @@ QStringList chosenPlaces(const Arguments& arguments, QString* error)
 {
     if (!arguments.isSet(inOption))
         return places();
-    const QStringList chosen = arguments.value(inOption).split(QLatin1Char(','));
-    for (const QString& place : chosen) {
+    QStringList chosen = arguments.value(inOption).split(QLatin1Char(','));
+    for (const QString& place : qAsConst(chosen)) {
         if (!places().contains(place)) {
             *error = QStringLiteral("'--in' takes some of %1, not '%2'")
                          .arg(places().join(QLatin1Char(',')), place);
