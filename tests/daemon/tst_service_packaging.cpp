@@ -83,7 +83,9 @@ private slots:
     void missingCommandsAreToldForAnotherPrefix();
     void tmpfilesTouchNothingInTheWritableTree();
     void unitIsHardened();
+    void unitIsWellFormed_data();
     void unitIsWellFormed();
+    void unitOfTheMigrationIsForTheCommand();
     void installedLogConfigurationShowsWarningsOnly();
     void installedServiceServes();
     void unitTurnsItsVariablesIntoOptions_data();
@@ -111,7 +113,8 @@ void TstServicePackaging::initTestCase()
 void TstServicePackaging::filesAreInPlace()
 {
     for (const char* name :
-         { "lib/systemd/system/tulo-settingsd.service", "lib/sysusers.d/tulo-settingsd.conf",
+         { "lib/systemd/system/tulo-settingsd.service",
+           "lib/systemd/system/tulo-settings-migrate.service", "lib/sysusers.d/tulo-settingsd.conf",
            "lib/tmpfiles.d/tulo-settingsd.conf",
            "share/dbus-1/system-services/org.tulo.ConfigurationManager1.service",
            "share/dbus-1/system.d/org.tulo.ConfigurationManager1.conf",
@@ -298,16 +301,28 @@ void TstServicePackaging::unitIsHardened()
     QCOMPARE(result.exitCode, 0);
 }
 
+void TstServicePackaging::unitIsWellFormed_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QByteArray>("program");
+    QTest::newRow("service") << QStringLiteral("tulo-settingsd.service")
+                             << QByteArray("bin/tulo-settingsd");
+    QTest::newRow("migration") << QStringLiteral("tulo-settings-migrate.service")
+                               << QByteArray("bin/tulo-cm");
+}
+
 void TstServicePackaging::unitIsWellFormed()
 {
+    QFETCH(const QString, name);
+    QFETCH(const QByteArray, program);
     if (QStandardPaths::findExecutable(QStringLiteral("systemd-analyze")).isEmpty())
         QSKIP("needs systemd-analyze");
     // With the program where this installation has it.
     const QTemporaryDir copy;
-    QFile file(copy.filePath(QStringLiteral("tulo-settingsd.service")));
+    QFile file(copy.filePath(name));
     QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(contentOf(installed("lib/systemd/system/tulo-settingsd.service"))
-                   .replace("/usr/bin/tulo-settingsd", installed("bin/tulo-settingsd").toUtf8()));
+    file.write(contentOf(installed("lib/systemd/system/") + name)
+                   .replace("/usr/" + program, installed(program.constData()).toUtf8()));
     file.close();
 
     const ChildResult result =
@@ -315,8 +330,21 @@ void TstServicePackaging::unitIsWellFormed()
                           { QStringLiteral("verify"), QStringLiteral("--man=no"),
                             QStringLiteral("--recursive-errors=no"), file.fileName() });
 
-    QVERIFY2(!result.standardError.contains("tulo-settingsd.service"), result.standardError);
+    QVERIFY2(!result.standardError.contains(name.toUtf8()), result.standardError);
     QCOMPARE(result.exitCode, 0);
+}
+
+// Nobody enables it by installing.
+void TstServicePackaging::unitOfTheMigrationIsForTheCommand()
+{
+    const QByteArray unit =
+        contentOf(installed("lib/systemd/system/tulo-settings-migrate.service"));
+
+    QVERIFY2(unit.contains("\nType=oneshot\n"), unit);
+    QVERIFY2(unit.contains("\nExecStart=/usr/bin/tulo-cm --in-process --product ${TULO_PRODUCT} "
+                           "migrate\n"),
+             unit);
+    QVERIFY(!QFileInfo::exists(installed("lib/systemd/system/multi-user.target.wants")));
 }
 
 void TstServicePackaging::installedLogConfigurationShowsWarningsOnly()
