@@ -280,6 +280,16 @@ Error checkResetRequest(const QStringList& paths, const ResetOptions& options, K
     return error;
 }
 
+// What is inside of a directory has the longer path.
+QStringList deepestFirst(const QSet<QString>& directories)
+{
+    QStringList sorted(directories.cbegin(), directories.cend());
+    std::sort(sorted.begin(), sorted.end(), [](const QString& left, const QString& right) {
+        return left.size() != right.size() ? left.size() > right.size() : left < right;
+    });
+    return sorted;
+}
+
 } // namespace
 
 Error Engine::planReset(const QStringList& paths, const ResetOptions& options, Reset* reset)
@@ -288,13 +298,10 @@ Error Engine::planReset(const QStringList& paths, const ResetOptions& options, R
     Error error = checkResetRequest(paths, options, &kept);
     for (auto path = paths.cbegin(); path != paths.cend() && !error; ++path)
         error = errorOf(m_guard->checkReset(CMPath(*path), options.isRecursive), *path);
+    if (!error)
+        error = writeAccepted();
     if (error)
         return error;
-    const QString problem = m_flusher->writePending();
-    if (!problem.isEmpty())
-        return notReset(ErrorCode::NotSaved, problem);
-    if (m_writes->unsavedCount() > 0)
-        return notReset(ErrorCode::NotSaved, m_writes->lastError());
 
     const WrittenFiles files(m_defaultPath, m_writePath, m_options.productPostfix);
     QSet<QString> settings;
@@ -324,22 +331,29 @@ Error Engine::planReset(const QStringList& paths, const ResetOptions& options, R
     }
     reset->settings = QStringList(settings.cbegin(), settings.cend());
     reset->settings.sort();
-    reset->directories = QStringList(directories.cbegin(), directories.cend());
-    // What is inside of a directory has the longer path.
-    std::sort(reset->directories.begin(), reset->directories.end(),
-              [](const QString& left, const QString& right) {
-                  return left.size() != right.size() ? left.size() > right.size() : left < right;
-              });
+    reset->directories = deepestFirst(directories);
+    return {};
+}
+
+// What was accepted before would come back, were it written or stored again later.
+Error Engine::writeAccepted()
+{
+    const QString problem = m_flusher->writePending();
+    if (!problem.isEmpty())
+        return notReset(ErrorCode::NotSaved, problem);
+    if (m_writes->unsavedCount() > 0)
+        return notReset(ErrorCode::NotSaved, m_writes->lastError());
     return {};
 }
 
 Error Engine::carryOut(Reset* reset)
 {
-    if (reset->settings.isEmpty() && reset->directories.isEmpty())
+    const Reset planned = std::exchange(*reset, Reset());
+    if (planned.settings.isEmpty() && planned.directories.isEmpty())
         return {};
     const WrittenFiles files(m_defaultPath, m_writePath, m_options.productPostfix);
     QStringList settingPaths;
-    for (const QString& path : qAsConst(reset->settings))
+    for (const QString& path : planned.settings)
         settingPaths.append(Guard::settingPathOf(CMPath(path)));
     const bool isAnyGone =
         !std::all_of(settingPaths.cbegin(), settingPaths.cend(),
@@ -347,7 +361,7 @@ Error Engine::carryOut(Reset* reset)
     // Before anything is removed: it may fail.
     std::unique_ptr<CMWorker> successor;
     EngineFailure failure;
-    if (isAnyGone || !reset->directories.isEmpty()) {
+    if (isAnyGone || !planned.directories.isEmpty()) {
         successor = newWorker(&failure);
         if (!successor)
             return notReset(ErrorCode::Unavailable, failure.message);
@@ -359,9 +373,10 @@ Error Engine::carryOut(Reset* reset)
     const JournalResult result = commitChanges(m_lock.directory(), removals);
     if (result.status == JournalResult::Status::Refused)
         return notReset(ErrorCode::NotSaved, result.message);
-    reset->directories = removeEmpty(reset->directories);
+    reset->settings = planned.settings;
+    reset->directories = removeEmpty(planned.directories);
 
-    m_writes->forget(reset->settings);
+    m_writes->forget(planned.settings);
     for (const QString& settingPath : qAsConst(settingPaths))
         m_guard->forgetCreated(settingPath);
     if (isAnyGone || !reset->directories.isEmpty())

@@ -110,8 +110,8 @@ public:
     /// everything below them have written files.
     Error planReset(const QStringList& paths, const ResetOptions& options, Reset* reset);
     /// Removes the written files, all or none, and drops caches. The worker never forgets a name
-    /// that it listed, so it is renewed when one is gone. The directories become those that were
-    /// removed.
+    /// that it listed, so it is renewed when one is gone. `reset` becomes what was removed, also
+    /// when the error is that the rest could not be: nothing when nothing was.
     Error carryOut(Reset* reset);
 
     // Canonical.
@@ -148,6 +148,7 @@ private:
     bool createWorker(EngineFailure* failure);
     std::unique_ptr<CMWorker> newWorker(EngineFailure* failure) const;
     void replaceWorker(std::unique_ptr<CMWorker> successor);
+    Error writeAccepted();
     QStringList removeEmpty(const QStringList& directories) const;
 
     const EngineOptions m_options;

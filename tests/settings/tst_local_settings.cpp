@@ -429,6 +429,7 @@ void tst_LocalSettings::resetThatTheDiskRefusesChangesNothing()
     QVERIFY(settings().set(volume, 40).wait());
     QVERIFY(settings().set(preset, QStringLiteral("fm:99")).wait());
     QVERIFY(settings().flush().wait());
+    tree().writeWritten(QStringLiteral("/old/one"), R"({"value":{"int":1}})");
     // The place of the journal is taken.
     tree().makeWriteDirectory(QStringLiteral("/.tulo-cm.journal"));
     const QStringList written = tree().writtenEntries();
@@ -437,7 +438,8 @@ void tst_LocalSettings::resetThatTheDiskRefusesChangesNothing()
     connect(watch.get(), &Watch::changed, this,
             [&events](const Event& event) { events.append(event.path); });
 
-    const Reply<QStringList> reset = settings().reset({ volume, preset });
+    const Reply<QStringList> reset =
+        settings().reset({ volume, preset, QStringLiteral("/settings/old/one") });
 
     QVERIFY(!reset.wait());
     QCOMPARE(reset.error().code, ErrorCode::NotSaved);
