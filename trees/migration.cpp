@@ -60,14 +60,12 @@ QHash<QString, QString> ImageSettings::pathsById() const
     QSet<QString> repeated;
     for (auto setting = settings.cbegin(); setting != settings.cend(); ++setting) {
         const QString id = setting->id();
-        // A listing shows "volume_sport" beside "volume", of which it is a variant.
         const QString& path = setting.key();
-        bool isVariant = false;
-        for (int end = path.lastIndexOf(QLatin1Char('_')); end > path.lastIndexOf(separator) + 1;
-             end = path.lastIndexOf(QLatin1Char('_'), end - 1)) {
-            const auto plain = settings.constFind(path.left(end));
-            isVariant = isVariant || (plain != settings.cend() && plain->id() == id);
-        }
+        const QStringList plainPaths = plainPathsOf(path);
+        const bool isVariant =
+            std::any_of(plainPaths.cbegin(), plainPaths.cend(), [&](const QString& plain) {
+                return settings.contains(plain) && settings[plain].id() == id;
+            });
         if (id.isEmpty() || isVariant)
             continue;
         if (paths.contains(id))

@@ -1,5 +1,7 @@
 #include "trees/nodenames.h"
 
+#include "trees/separator.h"
+
 #include <QChar>
 #include <QString>
 
@@ -15,6 +17,17 @@ bool isListable(const QString& name)
         return character.isLetterOrNumber() || character.isMark() || character == QLatin1Char('_')
             || character == QLatin1Char('-');
     });
+}
+
+QStringList plainPathsOf(const QString& path)
+{
+    const QLatin1Char beforePostfix('_');
+    const int name = path.lastIndexOf(separator) + 1;
+    QStringList paths;
+    for (int end = path.lastIndexOf(beforePostfix); end > name;
+         end = path.lastIndexOf(beforePostfix, end - 1))
+        paths.append(path.left(end));
+    return paths;
 }
 
 } // namespace tulo

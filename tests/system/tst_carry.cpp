@@ -75,6 +75,7 @@ private slots:
     void loadedFilesAreThoseOfTheWorker();
     void movedSettingIsFoundByItsId();
     void settingOfAnotherIdGoesWhereItsIdIs();
+    void variantsDoNotHideWhereAnIdIs();
     void idOfSeveralSettingsIsRefused();
     void refusedSettingsAreNamedAndNothingIsChanged();
     void refusedSettingsAreSkippedWhenAsked();
@@ -344,6 +345,19 @@ void TstCarry::settingOfAnotherIdGoesWhereItsIdIs()
                  { QStringLiteral("/audio/mode"), R"({"id":"gone","value":{"string":"low"}})" },
                  { QStringLiteral("/old"),
                    R"({"id":"O-1","timestamp":5,"value":{"string":"mine"}})" } }));
+}
+
+// Which listings show beside their settings, with the same id.
+void TstCarry::variantsDoNotHideWhereAnIdIs()
+{
+    const CommandLine device;
+    device.tree.writeDefault(QStringLiteral("/one"), R"({"id":"T","value":{"int":1}})");
+    device.tree.writeDefault(QStringLiteral("/one_x_y"), R"({"id":"T","value":{"int":2}})");
+
+    QCOMPARE(load(device, dumpWith(device, { R"({"id":"T","path":"/settings/moved","value":5})" }))
+                 .standardOutput,
+             QByteArray("/settings/moved -> /settings/one\n"
+                        "settings: 1 loaded, 1 moved, 0 adjusted, 0 reset, 0 left out\n"));
 }
 
 void TstCarry::idOfSeveralSettingsIsRefused()

@@ -11,6 +11,7 @@ class tst_nodenames : public QObject
 
 private slots:
     void listableNamesAreWhatTheWorkersPatternMatches();
+    void namesOfVariantsContinueThoseOfSettings();
 };
 
 void tst_nodenames::listableNamesAreWhatTheWorkersPatternMatches()
@@ -26,6 +27,14 @@ void tst_nodenames::listableNamesAreWhatTheWorkersPatternMatches()
                 QFAIL(qPrintable(QStringLiteral("U+%1").arg(code, 4, 16, QLatin1Char('0'))));
         }
     }
+}
+
+void tst_nodenames::namesOfVariantsContinueThoseOfSettings()
+{
+    QCOMPARE(plainPathsOf(QStringLiteral("/a_b/c_d_e")),
+             QStringList({ QStringLiteral("/a_b/c_d"), QStringLiteral("/a_b/c") }));
+    QCOMPARE(plainPathsOf(QStringLiteral("/a_b/c")), QStringList());
+    QCOMPARE(plainPathsOf(QStringLiteral("/a/_c")), QStringList());
 }
 
 QTEST_GUILESS_MAIN(tst_nodenames)

@@ -4,6 +4,7 @@
 #include "tulo-cm/roles.h"
 #include "tulo-cm/waiting.h"
 
+#include "trees/nodenames.h"
 #include "trees/printable.h"
 
 #include <tulo/settings.h>
@@ -206,13 +207,9 @@ public:
         const QString id = textOf(node.roles, "id");
         const QString mark = id.isEmpty() ? QLatin1Char('/') + textOf(node.roles, "title") : id;
         m_marks.insert(node.path, mark);
-        const QLatin1Char underscore('_');
-        for (int end = node.path.lastIndexOf(underscore); end > 0;
-             end = node.path.lastIndexOf(underscore, end - 1)) {
-            if (m_marks.value(node.path.left(end)) == mark)
-                return true;
-        }
-        return false;
+        const QStringList plainPaths = plainPathsOf(node.path);
+        return std::any_of(plainPaths.cbegin(), plainPaths.cend(),
+                           [&](const QString& plain) { return m_marks.value(plain) == mark; });
     }
 
 private:

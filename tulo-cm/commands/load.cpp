@@ -8,6 +8,7 @@
 
 #include "engine/localsettings.h"
 #include "trees/journal.h"
+#include "trees/nodenames.h"
 #include "trees/plainroles.h"
 
 #include "api/core/tulojson.h"
@@ -19,6 +20,7 @@
 #include <QSet>
 
 #include <algorithm>
+#include <iterator>
 #include <optional>
 
 namespace tulo {
@@ -105,6 +107,19 @@ QString settingPathOf(const QString& path)
 // Where the settings are in this image: at the same path or, by their id, at another.
 // ---------------------------------------------------------------------------------------------
 
+// A product's variant has the id of its setting, and is served in its place.
+QStringList withoutVariants(const QStringList& paths)
+{
+    QStringList settings;
+    std::copy_if(
+        paths.cbegin(), paths.cend(), std::back_inserter(settings), [&paths](const QString& path) {
+            const QStringList plainPaths = plainPathsOf(path);
+            return std::none_of(plainPaths.cbegin(), plainPaths.cend(),
+                                [&paths](const QString& plain) { return paths.contains(plain); });
+        });
+    return settings;
+}
+
 int Loading::findIds()
 {
     m_ids.emplace();
@@ -147,7 +162,7 @@ void Loading::locate(Item* item, const Node& node)
     const DumpedSetting& dumped = item->dumped;
     const QString id = node.roles.value(idRole()).toString();
     if (!dumped.id.isEmpty() && id != dumped.id) {
-        const QStringList paths = m_ids->value(dumped.id);
+        const QStringList paths = withoutVariants(m_ids->value(dumped.id));
         if (paths.size() > 1) {
             item->error = { ErrorCode::Refused,
                             QStringLiteral("'%1' cannot be found: several settings have the id "
