@@ -120,6 +120,14 @@ const std::map<std::string, Factory>& operations()
           [](const std::string& work) {
               return checkBothTrees(storeOf(work, { 2000, 20 }));
           } },
+        { "migrate_2000",
+          [](const std::string& work) {
+              return migrateNothing(storeOf(work, { 2000, 20 }), false);
+          } },
+        { "migrate_stamped",
+          [](const std::string& work) {
+              return migrateNothing(storeOf(work, { 2000, 20 }), true);
+          } },
         { "json_parse", alone(parseJson) },
         { "json_floor", alone(buildHash) },
         { "json_serialize", alone(serializeJson) },

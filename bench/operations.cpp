@@ -4,7 +4,10 @@
 #include "store_tulo.h"
 
 #include "engine/writetracker.h"
+#include "trees/migrator.h"
+#include "trees/ownerlock.h"
 #include "trees/treecheck.h"
+#include "trees/treestamp.h"
 
 #include "api/core/tulojson.h"
 
@@ -281,6 +284,26 @@ Operation checkBothTrees(const std::string& store)
             }
         },
         1);
+}
+
+Operation migrateNothing(const std::string& store, bool isStamped)
+{
+    const MigrationPlace place { QString::fromStdString(defaultTree(store)),
+                                 QString::fromStdString(writableTree(store)), QString(),
+                                 QString() };
+    const QString error = isStamped ? writeStamp(place.defaultPath) : QString();
+    if (!error.isEmpty())
+        throw std::runtime_error(error.toStdString());
+    const auto lock = std::make_shared<OwnerLock>();
+    if (lock->acquire(place.writePath) != OwnerLock::Status::Owned)
+        throw std::runtime_error(lock->message().toStdString());
+    const auto run = [=](int) {
+        const MigrationResult result = migrate(lock->directory(), place, MigrationRun::Migrate);
+        if (result.status != MigrationResult::Status::Done || !result.values.isEmpty())
+            throw std::runtime_error("there was something to migrate");
+    };
+    run(0);
+    return done(run, 1);
 }
 
 Operation parseJson()

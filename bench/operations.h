@@ -43,6 +43,8 @@ Operation resetMade(const std::string& store, const Shape& shape);
 Operation failedChange(int unsaved);
 /// Every rule of the check on both trees of the store.
 Operation checkBothTrees(const std::string& store);
+/// Opening a tree that needs no migration: a look at all its files, or at the stamp of its image.
+Operation migrateNothing(const std::string& store, bool isStamped);
 /// A default file's text into a hash, and such a hash into a text.
 Operation parseJson();
 Operation serializeJson();

@@ -55,12 +55,21 @@ public:
     {
     }
 
-    // Returns what is wrong with a default file: what it says would be guessed.
-    QString run(ImageSettings* image)
+    void run(ImageSettings* image)
     {
         m_image = image;
         scan(QString(separator), 0);
-        return m_defect;
+    }
+
+    // What is wrong with a default file: what it says was guessed. Reads all of them again.
+    QString defect() const
+    {
+        QStringList paths = m_image->settings.keys() + m_image->directories.values();
+        std::sort(paths.begin(), paths.end());
+        QString defect;
+        for (auto path = paths.cbegin(); path != paths.cend() && defect.isEmpty(); ++path)
+            defect = m_reader.defect(*path);
+        return defect;
     }
 
 private:
@@ -72,16 +81,13 @@ private:
         m_around.append(place);
         const QString prefix = depth == 0 ? directory : directory + separator;
         const QStringList names = m_reader.children(directory);
-        for (const QString& name : names) {
-            if (m_defect.isEmpty())
-                add(prefix + name, depth + 1);
-        }
+        for (const QString& name : names)
+            add(prefix + name, depth + 1);
         m_around.removeLast();
     }
 
     void add(const QString& path, int depth)
     {
-        m_defect = m_reader.defect(path);
         if (!m_reader.isDirectory(path)) {
             m_image->settings.insert(path, m_reader.roles(path));
             return;
@@ -99,7 +105,6 @@ private:
     const TreeReader m_reader;
     ImageSettings* m_image = nullptr;
     QStringList m_around; ///< directories that are being read
-    QString m_defect;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -201,24 +206,39 @@ QString imageName(const MigrationPlace& place)
                            : QLatin1String(stamp) + QLatin1Char(' ') + place.productPostfix;
 }
 
-// All but the record. The result has no values yet.
-MigrationResult readInput(const MigrationPlace& place, MigrationInput* input)
+bool isSame(MigrationRecord before, const MigrationRecord& after)
+{
+    before.image = after.image;
+    return before.toJson() == after.toJson();
+}
+
+/// Everything that is read, and what is to be done.
+struct Work
+{
+    MigrationInput input;
+    MigrationPlan plan;
+
+    bool isNothing() const { return plan.changes.isEmpty() && isSame(input.record, plan.record); }
+};
+
+// Reads all but the record, which `work` has.
+MigrationResult prepare(const MigrationPlace& place, MigrationRun run, Work* work)
 {
     const QString migrationsPath =
         place.migrationsPath.isEmpty() ? migrationsBeside(place.defaultPath) : place.migrationsPath;
-    QString error = readMigrations(migrationsPath, &input->migrations);
+    QString error = readMigrations(migrationsPath, &work->input.migrations);
     if (error.isEmpty())
-        error = WrittenScan(place.writePath).run(input);
+        error = WrittenScan(place.writePath).run(&work->input);
     if (!error.isEmpty())
         return faulty(error);
-    error = ImageScan(place.defaultPath, place.productPostfix).run(&input->image);
-    return error.isEmpty() ? MigrationResult()
-                           : MigrationResult { Outcome::BrokenImage, error, {} };
-}
-
-MigrationPlan planOf(const MigrationInput& input, MigrationRun run)
-{
-    return run == MigrationRun::Undo ? planUndo(input) : planMigration(input);
+    ImageScan scan(place.defaultPath, place.productPostfix);
+    scan.run(&work->input.image);
+    work->plan = run == MigrationRun::Undo ? planUndo(work->input) : planMigration(work->input);
+    MigrationResult result;
+    result.values = work->plan.values;
+    // Only for what is done it matters whether it was planned on sound files.
+    const QString defect = work->isNothing() ? QString() : scan.defect();
+    return defect.isEmpty() ? result : MigrationResult { Outcome::BrokenImage, defect, {} };
 }
 
 // The directories above what migrations have taken away are empty now, if nothing else is in them.
@@ -275,46 +295,42 @@ JournalResult commit(int directory, const QVector<FileChange>& changes,
 
 MigrationResult planMigrationOf(const MigrationPlace& place, MigrationRun run)
 {
-    MigrationInput input;
+    Work work;
     const UniqueFd directory(
         ::open(QFile::encodeName(place.writePath).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    QString error = directory ? readRecord(directory.get(), &input.record)
-                              : place.writePath + QStringLiteral(": ") + qt_error_string(errno);
-    if (!error.isEmpty())
-        return faulty(error);
-    MigrationResult result = readInput(place, &input);
-    if (result.status == Outcome::Done)
-        result.values = planOf(input, run).values;
-    return result;
+    const QString error = directory
+        ? readRecord(directory.get(), &work.input.record)
+        : place.writePath + QStringLiteral(": ") + qt_error_string(errno);
+    return error.isEmpty() ? prepare(place, run, &work) : faulty(error);
 }
 
 MigrationResult migrate(int directory, const MigrationPlace& place, MigrationRun run)
 {
     const QString image = run == MigrationRun::Undo ? QString() : imageName(place);
-    MigrationInput input;
-    QString error = readRecord(directory, &input.record);
+    Work work;
+    const QString error = readRecord(directory, &work.input.record);
     if (!error.isEmpty())
         return faulty(error);
-    if (!image.isEmpty() && input.record.image == image)
+    if (!image.isEmpty() && work.input.record.image == image)
         return {};
-    MigrationResult result = readInput(place, &input);
-    if (result.status != Outcome::Done)
+    MigrationResult result = prepare(place, run, &work);
+    // Without a stamp there is no image to record; the one that the tree fits is still the one.
+    if (result.status != Outcome::Done || (work.isNothing() && image.isEmpty()))
         return result;
 
-    MigrationPlan plan = planOf(input, run);
+    MigrationRecord record = work.plan.record;
     // Not before the directories have gone: an interruption would leave them.
-    plan.record.image = plan.changes.isEmpty() ? image : QString();
-    result = resultOf(commit(directory, plan.changes, plan.record, input.record));
-    if (result.status == Outcome::Done) {
-        removeEmptied(directory, plan.record, plan);
-        MigrationRecord fitted = plan.record;
+    record.image = work.plan.changes.isEmpty() ? image : QString();
+    MigrationResult made =
+        resultOf(commit(directory, work.plan.changes, record, work.input.record));
+    if (made.status == Outcome::Done) {
+        removeEmptied(directory, record, work.plan);
+        MigrationRecord fitted = record;
         fitted.image = image;
-        const MigrationResult end = resultOf(commit(directory, {}, fitted, plan.record));
-        result.status = end.status;
-        result.message = end.message;
+        made = resultOf(commit(directory, {}, fitted, record));
     }
-    result.values = plan.values;
-    return result;
+    made.values = result.values;
+    return made;
 }
 
 QString describe(const PlannedMigration& value)

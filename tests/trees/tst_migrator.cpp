@@ -51,6 +51,7 @@ private slots:
     void stampedTreeThatIsUnchangedIsNotReadAgain();
     void stampIsOfNoUseWithOtherRules();
     void otherProductIsLookedAtAgain();
+    void stampOfAnEarlierImageIsForgotten();
     void brokenInputChangesNothing_data();
     void brokenInputChangesNothing();
     void linkInTheWayIsAnObstacle();
@@ -199,39 +200,63 @@ void tst_migrator::stampedTreeThatIsUnchangedIsNotReadAgain()
     QCOMPARE(writeStamp(m_tree->defaultPath()), QString());
     m_tree->writeWritten(path("/vehicle/drive-mode"), eco);
     QCOMPARE(run().values.size(), 1);
-    // Would be found, and is a fault, if a file were read.
-    m_tree->writeDefault(path("/broken"), "{");
+    // Would be moved, and the rule is a fault, if anything were read.
+    m_tree->writeWritten(path("/other/drive-mode"), eco);
+    putRule("0001-a.json", "[{}]");
 
     QCOMPARE(run().status, Outcome::Done);
 
+    QVERIFY(m_tree->writtenEntries().contains(path("/other/drive-mode")));
     QVERIFY(QFile::remove(stampFile(m_tree->defaultPath())));
-    QCOMPARE(run().status, Outcome::BrokenImage);
+    QCOMPARE(run().status, Outcome::Faulty);
 }
 
 void tst_migrator::stampIsOfNoUseWithOtherRules()
 {
     QCOMPARE(writeStamp(m_tree->defaultPath()), QString());
     QCOMPARE(run().status, Outcome::Done);
-    m_tree->writeDefault(path("/broken"), "{");
+    putRule("0001-a.json", "[{}]");
     OwnerLock lock;
     QCOMPARE(lock.acquire(m_tree->writePath()), OwnerLock::Status::Owned);
     MigrationPlace other = place();
-    other.migrationsPath = m_tree->path() + path("/rules");
+    other.migrationsPath = m_tree->path() + path("/settings-migrations");
 
-    QCOMPARE(migrate(lock.directory(), other, MigrationRun::Migrate).status, Outcome::BrokenImage);
+    QCOMPARE(migrate(lock.directory(), other, MigrationRun::Migrate).status, Outcome::Faulty);
 }
 
 void tst_migrator::otherProductIsLookedAtAgain()
 {
     QCOMPARE(writeStamp(m_tree->defaultPath()), QString());
     QCOMPARE(run().status, Outcome::Done);
-    m_tree->writeDefault(path("/broken"), "{");
+    putRule("0001-a.json", "[{}]");
     OwnerLock lock;
     QCOMPARE(lock.acquire(m_tree->writePath()), OwnerLock::Status::Owned);
     MigrationPlace sport = place();
     sport.productPostfix = path("sport");
 
-    QCOMPARE(migrate(lock.directory(), sport, MigrationRun::Migrate).status, Outcome::BrokenImage);
+    QCOMPARE(migrate(lock.directory(), sport, MigrationRun::Migrate).status, Outcome::Faulty);
+}
+
+// An image without a stamp comes in between.
+void tst_migrator::stampOfAnEarlierImageIsForgotten()
+{
+    QCOMPARE(writeStamp(m_tree->defaultPath()), QString());
+    m_tree->writeWritten(path("/driving/mode"), eco);
+    QCOMPARE(run().status, Outcome::Done);
+    MigrationPlace other = place();
+    other.defaultPath = m_tree->path() + path("/b/settings-default");
+    QVERIFY(QDir().mkpath(other.defaultPath + path("/vehicle")));
+    QVERIFY(QFile::copy(m_tree->defaultPath() + path("/driving/mode"),
+                        other.defaultPath + path("/vehicle/mode")));
+    {
+        OwnerLock lock;
+        QCOMPARE(lock.acquire(m_tree->writePath()), OwnerLock::Status::Owned);
+        QCOMPARE(migrate(lock.directory(), other, MigrationRun::Migrate).values.size(), 1);
+    }
+
+    QCOMPARE(run().values.size(), 1);
+
+    QCOMPARE(m_tree->readWritten(path("/driving/mode")), QByteArray(eco));
 }
 
 void tst_migrator::brokenInputChangesNothing_data()
