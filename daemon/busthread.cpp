@@ -58,7 +58,6 @@ BusThread::BusThread(const QString& bus)
 {
     if (m_wake < 0)
         qFatal("no eventfd for the bus thread");
-    qRegisterMetaType<BusCall>();
 }
 
 BusThread::~BusThread()
@@ -279,7 +278,11 @@ void BusThread::handOut()
         return;
     while (const std::optional<quint64> number = m_queue.takeNext()) {
         Call& call = m_calls[*number];
-        emit called({ *number, call.method, std::exchange(call.arguments, {}) });
+        const BusCall handedOut { *number, call.method, std::exchange(call.arguments, {}) };
+        // A queued signal would wake the other thread while it holds the lock of that one's
+        // connections, which the other thread wants first of all.
+        QMetaObject::invokeMethod(
+            this, [this, handedOut] { emit called(handedOut); }, Qt::QueuedConnection);
     }
 }
 

@@ -3,7 +3,6 @@
 #include "daemon/busconnection.h"
 #include "daemon/callqueue.h"
 
-#include <QMetaType>
 #include <QMutex>
 #include <QObject>
 #include <QVariant>
@@ -68,7 +67,7 @@ public:
     void end();
 
 signals:
-    /// A call to serve.
+    /// A call to serve. On the thread that made this.
     void called(const tulo::BusCall& call);
     /// For the first time, the service has its name on the bus.
     void offered();
@@ -143,5 +142,3 @@ private:
 };
 
 } // namespace tulo
-
-Q_DECLARE_METATYPE(tulo::BusCall)
