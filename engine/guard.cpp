@@ -415,8 +415,12 @@ bool Guard::isServed(const CMPath& path) const
 bool Guard::isDirectory(const QString& settingPath) const
 {
     return QFileInfo(m_defaultPath + settingPath).isDir()
-        || QFileInfo(m_writePath + settingPath).isDir()
-        || m_worker->subscribe()->rowsVersion(m_worker->addPrefix(settingPath)) > 0;
+        || QFileInfo(m_writePath + settingPath).isDir() || hasRowsVersion(settingPath);
+}
+
+bool Guard::hasRowsVersion(const QString& settingPath) const
+{
+    return m_worker->subscribe()->rowsVersion(m_worker->addPrefix(settingPath)) > 0;
 }
 
 CMError Guard::checkTarget(const CMPath& path, Target* target)
@@ -483,13 +487,13 @@ CMError Guard::checkReset(const CMPath& path, bool isRecursive)
 // Whether the setting's files can be read and written, whatever the setting is.
 CMError Guard::checkPlace(const CMPath& path, const QString& settingPath)
 {
-    if (isDirectory(settingPath))
+    const FileProbe::Seen seen = m_files.inspectAgain(settingPath);
+    if (seen.isDirectory || hasRowsVersion(settingPath))
         return refusal(QStringLiteral("Path '%1' is a directory"), path);
     CMError error = checkWritableTree(path, settingPath);
     if (isRefused(error))
         return error;
-    const QString reason = m_files.inspectAgain(settingPath);
-    return reason.isEmpty() ? CMError() : engineError(ErrorCode::Unavailable, reason);
+    return seen.reason.isEmpty() ? CMError() : engineError(ErrorCode::Unavailable, seen.reason);
 }
 
 CMError Guard::checkNewSetting(const CMPath& path, const QString& settingPath, TuloRoles* setting)

@@ -139,6 +139,7 @@ private:
 
     /// Tells whether `path` is the worker's, in either form.
     bool isServed(const CMPath& path) const;
+    bool hasRowsVersion(const QString& settingPath) const;
     /// What the worker knows of a setting or directory that tells what it may hold; nothing when
     /// the node does not exist.
     std::optional<TuloRoles> rolesOf(const QString& settingPath) const;

@@ -24,7 +24,7 @@ namespace {
 // its behalf: a parent directory, an alias.
 constexpr int rememberedNodes = 75;
 
-enum class Look { Absent, Sound, Unsound };
+enum class Look { Absent, File, Directory, Unsound };
 
 // Absence, not trouble. A name below a file does not exist; one that is too long cannot.
 bool isAbsent(int error)
@@ -71,7 +71,7 @@ Look lookAtFile(const QString& fileName, QString* reason)
     if (::stat(name.constData(), &file) != 0)
         return unreadable(fileName, errno, reason);
     if (S_ISDIR(file.st_mode))
-        return Look::Sound;
+        return Look::Directory;
     if (!S_ISREG(file.st_mode))
         return unsound(fileName, QStringLiteral("is not a regular file"), reason);
     if (file.st_size > FileProbe::maximumFileBytes) {
@@ -83,7 +83,7 @@ Look lookAtFile(const QString& fileName, QString* reason)
     if (!opened)
         return unreadable(fileName, errno, reason);
     const int error = readAll(opened.get(), file.st_size);
-    return error == 0 ? Look::Sound : unreadable(fileName, error, reason);
+    return error == 0 ? Look::File : unreadable(fileName, error, reason);
 }
 
 Look lookAtDirectory(const QString& name, QString* reason)
@@ -95,22 +95,7 @@ Look lookAtDirectory(const QString& name, QString* reason)
     const bool isRead = ::readdir(directory) != nullptr || errno == 0;
     const int error = errno;
     ::closedir(directory);
-    return isRead ? Look::Sound : unreadable(name, error, reason);
-}
-
-// Looks at each of `names` until one is unsound, and says what is wrong with it. Sets `exists`
-// when one of them does.
-template<typename Names>
-QString inspectAll(const Names& names, Look (*look)(const QString&, QString*), bool* exists)
-{
-    QString reason;
-    for (const QString& name : names) {
-        const Look seen = look(name, &reason);
-        if (seen == Look::Unsound)
-            return reason;
-        *exists = *exists || seen == Look::Sound;
-    }
-    return QString();
+    return isRead ? Look::Directory : unreadable(name, error, reason);
 }
 
 } // namespace
@@ -127,40 +112,53 @@ FileProbe::FileProbe(const QString& defaultPath, const QString& writePath,
 QString FileProbe::inspect(const QString& settingPath)
 {
     const bool* const isSound = m_nodes.object(settingPath);
-    return isSound != nullptr && *isSound ? QString() : inspectAgain(settingPath);
+    return isSound != nullptr && *isSound ? QString() : inspectAgain(settingPath).reason;
 }
 
-QString FileProbe::inspectAgain(const QString& settingPath)
+FileProbe::Seen FileProbe::inspectAgain(const QString& settingPath)
 {
     const QLatin1String meta("/.meta");
     const QString parent = settingPath.left(settingPath.lastIndexOf(separator));
-    const std::array<QString, 4> own { {
-        m_defaultPath + settingPath + QLatin1Char('_') + m_productPostfix,
-        m_defaultPath + settingPath,
-        m_defaultPath + settingPath + meta,
-        m_writePath + settingPath,
-    } };
-    const std::array<QString, 1> shared { { m_defaultPath + parent + meta } };
+    const QString own = m_defaultPath + settingPath;
+    Seen seen;
     bool exists = false;
-    bool hasTemplate = false;
-    QString reason = inspectAll(own, lookAtFile, &exists);
-    if (reason.isEmpty())
-        reason = inspectAll(shared, lookAtFile, &hasTemplate);
-    m_nodes.insert(settingPath, new bool(reason.isEmpty() && exists));
-    return reason;
+    // Nothing more is looked at once something is wrong.
+    const auto look = [&seen](const QString& fileName) {
+        return seen.reason.isEmpty() ? lookAtFile(fileName, &seen.reason) : Look::Unsound;
+    };
+    const auto lookAtOwn = [&](const QString& fileName) {
+        const Look found = look(fileName);
+        exists = exists || found == Look::File || found == Look::Directory;
+        return found == Look::Directory;
+    };
+
+    lookAtOwn(own + QLatin1Char('_') + m_productPostfix);
+    if (lookAtOwn(own)) {
+        seen.isDirectory = true;
+        lookAtOwn(own + meta);
+    }
+    if (lookAtOwn(m_writePath + settingPath))
+        seen.isDirectory = true;
+    look(m_defaultPath + parent + meta);
+    m_nodes.insert(settingPath, new bool(seen.reason.isEmpty() && exists));
+    return seen;
 }
 
 QString FileProbe::inspectListing(const QString& settingPath)
 {
     if (m_soundListings.contains(settingPath))
         return QString();
-    const std::array<QString, 2> names { { m_defaultPath + settingPath,
-                                           m_writePath + settingPath } };
+    QString reason;
     bool exists = false;
-    QString reason = inspectAll(names, lookAtDirectory, &exists);
-    if (reason.isEmpty() && exists)
+    for (const QString& tree : { m_defaultPath, m_writePath }) {
+        const Look found = lookAtDirectory(tree + settingPath, &reason);
+        if (found == Look::Unsound)
+            return reason;
+        exists = exists || found == Look::Directory;
+    }
+    if (exists)
         m_soundListings.insert(settingPath);
-    return reason;
+    return QString();
 }
 
 void FileProbe::forget()

@@ -28,8 +28,13 @@ public:
     /// Looks at the files of the setting or directory `settingPath` unless it has; returns what
     /// is wrong with one of them in one line, empty when nothing is.
     [[nodiscard]] QString inspect(const QString& settingPath);
+    struct Seen
+    {
+        QString reason; ///< what is wrong with one of the files; empty when nothing is
+        bool isDirectory = false; ///< in one of the trees; not known when something is wrong
+    };
     /// The same, whatever was seen before.
-    [[nodiscard]] QString inspectAgain(const QString& settingPath);
+    [[nodiscard]] Seen inspectAgain(const QString& settingPath);
     /// Looks whether a directory can be listed in both trees, unless it has.
     [[nodiscard]] QString inspectListing(const QString& settingPath);
 

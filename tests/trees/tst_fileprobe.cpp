@@ -57,6 +57,7 @@ private slots:
     void nodeThatTheWorkerMayReadAgainIsLookedAtAgain();
     void missingNodeIsLookedAtEachTime();
     void inspectAgainLooksEachTime();
+    void inspectAgainTellsADirectoryOfEitherTree();
 
 private:
     std::unique_ptr<TemporaryTree> m_tree;
@@ -196,12 +197,22 @@ void tst_fileprobe::missingNodeIsLookedAtEachTime()
     QVERIFY(!m_probe->inspect(QStringLiteral("/audio/bass")).isEmpty());
 }
 
+void tst_fileprobe::inspectAgainTellsADirectoryOfEitherTree()
+{
+    m_tree->writeWritten(QStringLiteral("/written/volume"), R"({"value":{"int":6}})");
+
+    QVERIFY(m_probe->inspectAgain(QStringLiteral("/audio")).isDirectory);
+    QVERIFY(m_probe->inspectAgain(QStringLiteral("/written")).isDirectory);
+    QVERIFY(!m_probe->inspectAgain(volume).isDirectory);
+    QVERIFY(!m_probe->inspectAgain(QStringLiteral("/none")).isDirectory);
+}
+
 void tst_fileprobe::inspectAgainLooksEachTime()
 {
     QCOMPARE(m_probe->inspect(volume), QString());
     const NoDescriptors none;
 
-    QVERIFY(!m_probe->inspectAgain(volume).isEmpty());
+    QVERIFY(!m_probe->inspectAgain(volume).reason.isEmpty());
 }
 
 QTEST_GUILESS_MAIN(tst_fileprobe)
