@@ -337,7 +337,10 @@ bool BusConnection::process()
 
 void BusConnection::supervise(Clock::time_point now)
 {
-    if (m_state != State::Serving || !m_hasSent || now < m_nextLook)
+    if (m_state != State::Serving || !m_hasSent)
+        return;
+    // Before the name is taken over from a connection that is read again.
+    if (now < m_nextLook && !isSilent())
         return;
     uint64_t queued = 0;
     int unread = 0;

@@ -199,7 +199,8 @@ void TstBusConnection::busThatStopsReadingIsSilentUntilItReadsAgain()
     QVERIFY(m_connection->isSilent());
 
     m_bus->read();
-    QVERIFY(look());
+    // Long before the next look is due.
+    m_connection->supervise({});
     QVERIFY(!m_connection->isSilent());
 }
 
