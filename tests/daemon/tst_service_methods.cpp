@@ -86,6 +86,7 @@ private slots:
     void setRolesDoesWhatItIsAsked();
     void apply_data();
     void apply();
+    void explanationNamesLayerAndPlace();
     void manySettingsAreReadInOneCall();
     void manySettingsAreChangedAtOnce();
     void rejectedChangeOfManyChangesNone_data();
@@ -669,6 +670,27 @@ void TstServiceMethods::apply()
 // ---------------------------------------------------------------------------------------------
 // Many settings in one call, and the options of a change.
 // ---------------------------------------------------------------------------------------------
+
+void TstServiceMethods::explanationNamesLayerAndPlace()
+{
+    const QString file = m_trees->tree.defaultPath() + QStringLiteral("/audio/volume");
+
+    const QString answer = m_client->call("Explain", { volume });
+
+    QVERIFY2(answer.startsWith(QStringLiteral("a(sa{sv}) [(s \"value\", {column: x 19, file: s "
+                                              "\"%1\", layer: s \"default\", line: x 1, state: s "
+                                              "\"effective\", value: x 35}), ")
+                                   .arg(file)),
+             qPrintable(answer));
+    QVERIFY2(answer.contains(QLatin1String("(s \"type\", {layer: s \"builtIn\", state: s "
+                                           "\"effective\", value: x 101})")),
+             qPrintable(answer));
+    QVERIFY2(answer.contains(QLatin1String("reason: s \"a template is for settings without a "
+                                           "default file\", state: s \"hidden\"")),
+             qPrintable(answer));
+    QCOMPARE(m_client->call("Explain", { QStringLiteral("/settings/nothing") }),
+             QStringLiteral("InvalidPath: Invalid path '/settings/nothing'"));
+}
 
 void TstServiceMethods::manySettingsAreReadInOneCall()
 {
