@@ -976,6 +976,8 @@ void TstCheck::migrationCoversADifference()
         "default/audio/volume_sport:8:5: info: narrowed: 'max' was 100 and is 80 (product 'sport'); "
         "a migration covers it\n";
     QCOMPARE(named.standardOutput, covered);
+    QCOMPARE(named.standardError,
+             summary("'default' against 'old'", "0 errors, 0 warnings, 2 notes"));
     QCOMPARE(named.exitCode, 0);
     QCOMPARE(found.standardOutput, covered);
     QCOMPARE(inside.standardOutput, QByteArray(covered).replace("default/", ""));

@@ -220,11 +220,13 @@ struct Counts
     int allowed = 0;
 };
 
-QString summary(const TreesToCheck& trees, const Counts& counts)
+QString summary(const TreesToCheck& trees, const Update& update, const Counts& counts)
 {
-    const QString what = trees.writePath.isEmpty()
+    QString what = trees.writePath.isEmpty()
         ? QStringLiteral("'%1'").arg(trees.defaultPath)
         : QStringLiteral("'%1' and '%2'").arg(trees.defaultPath, trees.writePath);
+    if (!update.oldTree.isNull())
+        what += QStringLiteral(" against '%1'").arg(update.oldTree);
     QString text = QStringLiteral("checked %1: %2, %3, %4")
                        .arg(what, counted(counts.errors, "error", "errors"),
                             counted(counts.warnings, "warning", "warnings"),
@@ -270,7 +272,7 @@ int check(const TreesToCheck& trees, const Update& update, Report& report, Outpu
                                                : counts.notes);
     }
     if (!report.isJson)
-        output.note(summary(trees, counts));
+        output.note(summary(trees, update, counts));
     const bool hasFailed = counts.errors > 0 || (report.isStrict && counts.warnings > 0);
     if (hasFailed || !report.isStamping)
         return hasFailed ? Findings : Done;
