@@ -62,7 +62,7 @@ QString shownContent(const QVariant& content)
 {
     constexpr int longest = 200;
     const QByteArray json = TuloJson::serialize(content);
-    const QString text = json.isNull() ? QStringLiteral("?") : QString::fromUtf8(json);
+    QString text = json.isNull() ? QStringLiteral("?") : QString::fromUtf8(json);
     if (text.size() <= longest)
         return text;
     // Not in the middle of a pair.

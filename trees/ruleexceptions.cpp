@@ -11,7 +11,7 @@ namespace tulo {
 
 std::optional<RuleExceptions> RuleExceptions::read(const QString& fileName, QString* error)
 {
-    constexpr qint64 maximumBytes = 1024 * 1024;
+    constexpr qint64 maximumBytes = 1024LL * 1024;
     QFile file(fileName);
     if (!file.open(QIODevice::ReadOnly)) {
         *error = QStringLiteral("cannot read '%1': %2").arg(fileName, file.errorString());
