@@ -472,6 +472,23 @@ private:
             }
             moveToPlace(&entry, path);
         }
+        forgetReset();
+    }
+
+    // What a setting had here once, when nothing of it is left elsewhere: a user has reset it
+    // since.
+    void forgetReset()
+    {
+        QSet<QString> elsewhere;
+        for (const Entry& entry : m_entries) {
+            if (!entry.isRemoved && entry.path != m_pathsById.value(entry.roles.id()))
+                elsewhere.insert(entry.roles.id());
+        }
+        for (int i = m_record.moved.size() - 1; i >= 0; --i) {
+            const MigrationRecord::Moved& moved = m_record.moved[i];
+            if (m_pathsById.value(moved.id) == moved.path && !elsewhere.contains(moved.id))
+                m_record.moved.removeAt(i);
+        }
     }
 
     static QString causeOf(const QString& id) { return QStringLiteral("id '%1'").arg(id); }

@@ -190,6 +190,8 @@ private slots:
     void changedValueThatDoesNotFitWaits();
     void changeUnderTheOlderImageIsNewest();
     void resetValueStaysReset();
+    void resetValueIsNotGivenBackLater();
+    void newerOfTwoValuesWins();
     void valueOfANewNameIsCarriedBack();
     void imageThatDroppedOldRulesUndoesNothing();
     void undoThatDoesNotFitIsKept();
@@ -742,6 +744,39 @@ void tst_migration::resetValueStaysReset()
     start(first, &device);
 
     QVERIFY(device.written.isEmpty());
+}
+
+void tst_migration::resetValueIsNotGivenBackLater()
+{
+    const Image first { { { path("/old"), number("A", 50) } }, {}, {} };
+    const Image second { { { path("/new"), number("A", 200) } }, {}, {} };
+    Device device { { { path("/old"), intFile("A", 40) } }, {} };
+    start(second, &device);
+    device.written.clear();
+    start(first, &device);
+    start(second, &device);
+    device.written = { { path("/new"), intFile("A", 150, 2) } };
+
+    start(first, &device);
+
+    QVERIFY(!device.written.contains(path("/old")));
+}
+
+void tst_migration::newerOfTwoValuesWins()
+{
+    const Image image { { { path("/new"), number("A", 100) } }, {}, {} };
+    Device device {
+        { { path("/old"), intFile("A", 90, 2) }, { path("/new"), intFile("A", 10, 1) } }, {}
+    };
+    Device other { { { path("/old"), intFile("A", 90, 1) }, { path("/new"), intFile("A", 10, 2) } },
+                   {} };
+
+    start(image, &device);
+    start(image, &other);
+
+    QCOMPARE(device.written, (Files { { path("/new"), intFile("A", 90, 2) } }));
+    QCOMPARE(other.written.value(path("/new")), intFile("A", 10, 2));
+    QCOMPARE(other.written.size(), 2);
 }
 
 void tst_migration::valueOfANewNameIsCarriedBack()
