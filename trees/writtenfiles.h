@@ -5,9 +5,9 @@
 
 namespace tulo {
 
-/// Tells which files of a writable tree hold settings. A tree may hold other files too, which are
-/// nobody's business here: hidden ones, links, special files, and text that no setting can have.
-/// Paths are setting paths, "/audio/volume"; the directory at the top is "/".
+/// Tells which files of a writable tree hold settings. A tree may hold other files, which must not
+/// be removed: hidden ones, links, special files, and content that no setting can have. Paths are
+/// setting paths, "/audio/volume"; the directory at the top is "/".
 ///
 /// Looks at the files each time it is asked.
 class WrittenFiles
@@ -21,8 +21,8 @@ public:
     /// written one.
     bool hasDefault(const QString& settingPath) const;
     /// Tells whether the writable tree has a file that belongs to this setting: a regular one which
-    /// is reached through no link. Without a default file for it, the file also has to hold roles,
-    /// and nothing else, in a way that the worker writes them.
+    /// is reached through no link. Where the default tree has no file for the setting, this one has
+    /// to hold roles and nothing else, as those that the worker writes do.
     bool isWritten(const QString& settingPath) const;
 
     /// The settings at and below a directory that are written, sorted.

@@ -74,8 +74,8 @@ public:
     void act(std::mt19937* random)
     {
         const QStringList paths = allPaths();
-        const QString path = paths.at(int((*random)() % unsigned(paths.size())));
-        const QString second = paths.at(int((*random)() % unsigned(paths.size())));
+        const QString& path = paths.at(int((*random)() % unsigned(paths.size())));
+        const QString& second = paths.at(int((*random)() % unsigned(paths.size())));
         ResetOptions below;
         below.isRecursive = true;
         switch ((*random)() % 8) {
@@ -197,6 +197,7 @@ void tst_ResetClients::clientsEndWithWhatTheServiceHas()
     qInfo("seed %u", seed);
     std::mt19937 random(seed);
     std::vector<std::unique_ptr<Client>> clients;
+    clients.reserve(clientCount);
     for (int i = 0; i < clientCount; ++i)
         clients.push_back(std::make_unique<Client>(bus.address()));
 

@@ -39,13 +39,13 @@ extern "C" int syncfs(int)
 // Fails for a file of this name in a directory.
 static const char* failingRemoval = nullptr;
 
-extern "C" int unlinkat(int directory, const char* name, int flags)
+extern "C" int unlinkat(int fd, const char* name, int flag)
 {
     if (failingRemoval != nullptr && std::strcmp(name, failingRemoval) == 0) {
         errno = EIO;
         return -1;
     }
-    return int(::syscall(SYS_unlinkat, directory, name, flags));
+    return int(::syscall(SYS_unlinkat, fd, name, flag));
 }
 
 using namespace tulo;
