@@ -97,8 +97,9 @@ struct MigrationRecord
 
     /// The content of the file: the same for the same record.
     QByteArray toJson() const;
-    /// Reads it; empty text: an empty record. Returns an empty text, or why it cannot be read.
-    [[nodiscard]] static QString fromJson(const QByteArray& text, MigrationRecord* record);
+    /// Reads it; an empty document: an empty record. Returns an empty text, or why it cannot be
+    /// read.
+    [[nodiscard]] static QString fromJson(const QByteArray& document, MigrationRecord* record);
 };
 
 } // namespace tulo

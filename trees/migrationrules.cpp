@@ -134,7 +134,7 @@ private:
 
     QString readTarget(const QString& at, const QVariant& content, bool isPathOnly)
     {
-        const QString text = content.toString();
+        QString text = content.toString();
         if (content.userType() != QMetaType::QString || text.isEmpty())
             fault(at, QStringLiteral("expected a setting path such as \"/audio/volume\""));
         else if (text.startsWith(separator) ? !isSettingPath(text, !isPathOnly) : isPathOnly)
@@ -245,7 +245,7 @@ QString parseMigration(const QString& fileName, const QByteArray& text, Migratio
     Migration read;
     read.name = nameOf(fileName).chopped(int(qstrlen(".json")));
     read.number = match.captured(1).toInt();
-    const QString fault = Reader(fileName, text).read(&read.steps);
+    QString fault = Reader(fileName, text).read(&read.steps);
     if (fault.isEmpty())
         *migration = read;
     return fault;

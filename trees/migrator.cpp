@@ -282,10 +282,10 @@ MigrationResult resultOf(const JournalResult& journal)
 }
 
 JournalResult commit(int directory, const QVector<FileChange>& changes,
-                     const MigrationRecord& record, const MigrationRecord& before)
+                     const MigrationRecord& before, const MigrationRecord& after)
 {
     QHash<QString, QByteArray> records;
-    const QByteArray text = record.toJson();
+    const QByteArray text = after.toJson();
     if (text != before.toJson())
         records.insert(MigrationRecord::fileName(), text);
     return commitChanges(directory, changes, records);
@@ -322,12 +322,12 @@ MigrationResult migrate(int directory, const MigrationPlace& place, MigrationRun
     // Not before the directories have gone: an interruption would leave them.
     record.image = work.plan.changes.isEmpty() ? image : QString();
     MigrationResult made =
-        resultOf(commit(directory, work.plan.changes, record, work.input.record));
+        resultOf(commit(directory, work.plan.changes, work.input.record, record));
     if (made.status == Outcome::Done) {
         removeEmptied(directory, record, work.plan);
         MigrationRecord fitted = record;
         fitted.image = image;
-        made = resultOf(commit(directory, {}, fitted, record));
+        made = resultOf(commit(directory, {}, record, fitted));
     }
     made.values = result.values;
     return made;
