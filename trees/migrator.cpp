@@ -314,9 +314,14 @@ MigrationResult migrate(int directory, const MigrationPlace& place, MigrationRun
     if (!image.isEmpty() && work.input.record.image == image)
         return {};
     MigrationResult result = prepare(place, run, &work);
-    // Without a stamp there is no image to record; the one that the tree fits is still the one.
-    if (result.status != Outcome::Done || (work.isNothing() && image.isEmpty()))
+    if (result.status != Outcome::Done)
         return result;
+    // Without a stamp there is no image to record; the one that the tree fits is still the one.
+    // What an interrupted run has emptied is still there.
+    if (work.isNothing() && image.isEmpty()) {
+        removeEmptied(directory, work.input.record, work.plan);
+        return result;
+    }
 
     MigrationRecord record = work.plan.record;
     // Not before the directories have gone: an interruption would leave them.
