@@ -3,6 +3,7 @@
 #include "trees/nodenames.h"
 #include "trees/separator.h"
 #include "trees/settingvalue.h"
+#include "trees/writtenfiles.h"
 
 #include "api/core/tulojson.h"
 
@@ -863,7 +864,7 @@ private:
             const bool isSame = !entry.origin.isEmpty() && entry.roles == originalOf(entry).roles;
             contents.insert(entry.path,
                             isSame ? m_input.written.value(entry.origin)
-                                   : TuloJson::serialize(entry.roles.__variant()));
+                                   : writtenContent(entry.roles));
         }
         for (PlannedMigration& value : plan.values)
             hideSecret(&value);

@@ -51,6 +51,11 @@ bool holdsRoles(const QString& fileName)
 
 } // namespace
 
+QByteArray writtenContent(const TuloRoles& roles)
+{
+    return TuloJson::serialize(roles.__variant());
+}
+
 WrittenFiles::WrittenFiles(const QString& defaultPath, const QString& writePath,
                            const QString& productPostfix)
     : m_defaultPath(defaultPath)

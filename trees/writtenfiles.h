@@ -1,9 +1,15 @@
 #pragma once
 
+#include "api/core/tuloroles.h"
+
+#include <QByteArray>
 #include <QString>
 #include <QStringList>
 
 namespace tulo {
+
+/// What the worker writes to the file of a setting that has these roles.
+QByteArray writtenContent(const TuloRoles& roles);
 
 /// Tells which files of a writable tree hold settings. A tree may hold other files, which must not
 /// be removed: hidden ones, links, special files, and content that no setting can have. Paths are

@@ -10,8 +10,7 @@
 #include "trees/journal.h"
 #include "trees/nodenames.h"
 #include "trees/plainroles.h"
-
-#include "api/core/tulojson.h"
+#include "trees/writtenfiles.h"
 
 #include <tulo/settings.h>
 
@@ -313,7 +312,7 @@ QByteArray Loading::contentOf(const Item& item) const
         written.setValue(valueOf(tulo::contentOf(stored.value(roles::value())), TuloRoles()));
     if (item.dumped.timestamp)
         written.setTimestamp(stored.value(timestampRole()).toLongLong());
-    return TuloJson::serialize(written.__variant());
+    return writtenContent(written);
 }
 
 int Loading::storeInFiles()
