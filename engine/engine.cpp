@@ -15,6 +15,7 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QSet>
+#include <QUrl>
 
 #include <algorithm>
 #include <optional>
@@ -223,21 +224,36 @@ Error notReset(ErrorCode code, const QString& reason)
     return { code, QStringLiteral("Nothing was reset: ") + reason, QString() };
 }
 
+// Like shownPath(), but with the characters of a pattern as they are.
+QString shownGlob(const QString& glob)
+{
+    constexpr int shownLength = 200;
+    return QString::fromLatin1(QUrl::toPercentEncoding(glob.left(shownLength), "/*?[]"));
+}
+
 /// What a recursive reset leaves as it is.
 class KeptPaths
 {
 public:
+    explicit KeptPaths(const QString& top)
+        : m_top(top)
+    {
+    }
+
     Error add(const QString& glob)
     {
         QString text = glob;
         while (text.endsWith(separator))
             text.chop(1);
-        const QRegularExpression pattern(QRegularExpression::wildcardToRegularExpression(text));
-        if (!text.startsWith(separator) || !pattern.isValid()) {
+        const QRegularExpression pattern = patternOf(text);
+        const QString top = text.section(separator, 0, m_top.count(separator));
+        // One that no path can match would keep nothing of what it was to save.
+        if (!pattern.isValid() || !patternOf(top).match(m_top).hasMatch()
+            || text.contains(QLatin1String("//"))) {
             return { ErrorCode::Refused,
-                     QStringLiteral("'%1' is not a path to keep: it begins with '/', and '*' and "
+                     QStringLiteral("'%1' is not a path to keep: it begins with '%2', and '*' and "
                                     "'?' stand for any characters of a name")
-                         .arg(shownPath(glob)),
+                         .arg(shownGlob(glob), m_top),
                      QString() };
         }
         m_patterns.append(pattern);
@@ -258,6 +274,12 @@ public:
     }
 
 private:
+    static QRegularExpression patternOf(const QString& glob)
+    {
+        return QRegularExpression(QRegularExpression::wildcardToRegularExpression(glob));
+    }
+
+    const QString m_top; ///< where all settings are
     QVector<QRegularExpression> m_patterns;
 };
 
@@ -294,7 +316,7 @@ QStringList deepestFirst(const QSet<QString>& directories)
 
 Error Engine::planReset(const QStringList& paths, const ResetOptions& options, Reset* reset)
 {
-    KeptPaths kept;
+    KeptPaths kept(m_worker->prefixPath().text());
     Error error = checkResetRequest(paths, options, &kept);
     for (auto path = paths.cbegin(); path != paths.cend() && !error; ++path)
         error = errorOf(m_guard->checkReset(CMPath(*path), options.isRecursive), *path);

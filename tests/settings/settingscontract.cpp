@@ -1443,10 +1443,17 @@ void SettingsContract::resetIsRefused_data()
         "Refused: Path '/settings/.tulo-cm.lock' has a component that begins with '.'");
     row("keeping without recursion", gain, false, "Refused: Only a recursive reset keeps paths",
         { gain });
-    row("keeping what is not a path", gain, true,
-        "Refused: 'audio' is not a path to keep: it begins with '/', and '*' and '?' stand for any "
-        "characters of a name",
-        { QStringLiteral("audio") });
+    const auto keepingRow = [&row](const char* name, const QString& glob) {
+        const QByteArray error = "Refused: '" + glob.toUtf8()
+            + "' is not a path to keep: it begins with '/settings', and '*' and '?' stand for any "
+              "characters of a name";
+        row(name, gain, true, error.constData(), { glob });
+    };
+    keepingRow("keeping what is not a path", QStringLiteral("audio"));
+    keepingRow("keeping what is not below the top", QStringLiteral("/audio/*"));
+    keepingRow("keeping what ends like a path", QStringLiteral("/*gain"));
+    keepingRow("keeping what is not a pattern", QStringLiteral("/settings/[a"));
+    keepingRow("keeping an empty name", QStringLiteral("/settings//audio"));
     QStringList many;
     for (int i = 0; i <= Settings::maximumChanges; ++i)
         many.append(volume);

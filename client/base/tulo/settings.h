@@ -115,8 +115,9 @@ TULO_SETTINGS_EXPORT std::optional<RoleOrigin::Layer> layerNamed(const QString& 
 struct ResetOptions
 {
     bool isRecursive = false; ///< directories with everything below, read-only settings included
-    /// Of a recursive reset: what is not reset. Each is a path, in which "*" and "?" stand for any
-    /// characters of a name; everything below one that matches is kept as well.
+    /// Of a recursive reset: what is not reset. Each is a path such as "/settings/audio", in
+    /// which "*" and "?" stand for any characters of a name; everything below one that matches is
+    /// kept as well. One that no path can match is refused.
     QStringList keep;
 };
 
