@@ -46,7 +46,7 @@ struct Dump
 /// Something that is wrong with the text of a dump.
 struct DumpFault
 {
-    int line = 0;
+    int line = 0; ///< 0 for the text as a whole
     QString message;
 };
 

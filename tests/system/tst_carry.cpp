@@ -3,6 +3,8 @@
 #include "tests/support/repeats.h"
 #include "tests/support/smalldisk.h"
 
+#include "trees/dump.h"
+
 #include <QDir>
 #include <QFile>
 #include <QRandomGenerator>
@@ -86,6 +88,7 @@ private slots:
     void replaceKeepsSecretsThatTheDumpLeftOut();
     void encryptedSettingIsRefused();
     void textThatIsNotADumpChangesNothing();
+    void longTextHasNoLine();
     void fileThatCannotBeRead();
     void treeInUseIsNotLoadedInto();
     void whatIsInTheWayChangesNothing();
@@ -548,6 +551,16 @@ void TstCarry::textThatIsNotADumpChangesNothing()
     QCOMPARE(result.exitCode, 2);
     QCOMPARE(filesOf(device).size(), 0);
     QCOMPARE(load(device, "\xff\xfe").exitCode, 2);
+}
+
+void TstCarry::longTextHasNoLine()
+{
+    const CommandLine device;
+
+    const ChildResult result = load(device, QByteArray(tulo::Dump::maximumBytes + 1, '\n'));
+
+    QCOMPARE(result.standardError, QByteArray("tulo-cm: -: a dump takes at most 32 MiB\n"));
+    QCOMPARE(result.exitCode, 2);
 }
 
 void TstCarry::fileThatCannotBeRead()

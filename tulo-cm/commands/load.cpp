@@ -438,8 +438,9 @@ int readDumpFile(Output& output, const QString& name, Dump* dump)
         return output.reportUsage(error);
     const QVector<DumpFault> faults = readDump(*text, dump);
     for (const DumpFault& fault : faults) {
-        (void)output.reportUsage(
-            QStringLiteral("%1:%2: %3").arg(name, QString::number(fault.line), fault.message));
+        const QString place =
+            fault.line > 0 ? QStringLiteral("%1:%2").arg(name, QString::number(fault.line)) : name;
+        (void)output.reportUsage(QStringLiteral("%1: %2").arg(place, fault.message));
     }
     return faults.isEmpty() ? Done : Usage;
 }
