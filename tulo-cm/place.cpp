@@ -62,17 +62,6 @@ QString validateService(const Arguments& arguments)
     return arguments.isSet(general::bus) ? checkBus(arguments.value(general::bus)) : QString();
 }
 
-QString validateDirectory(const QString& path)
-{
-    // An empty name would stand for the built-in directory further down.
-    const QFileInfo directory(path);
-    if (path.isEmpty() || !directory.exists())
-        return QStringLiteral("directory '%1' does not exist").arg(path);
-    if (!directory.isDir())
-        return QStringLiteral("'%1' is not a directory").arg(path);
-    return QString();
-}
-
 QString validateWorker(const Arguments& arguments)
 {
     const QString product = arguments.value(general::product);
@@ -178,6 +167,17 @@ std::optional<Place> placeOf(const Arguments& arguments, QString* error)
         place = servicePlace(arguments, error);
     }
     return error->isEmpty() ? std::optional<Place>(place) : std::nullopt;
+}
+
+QString validateDirectory(const QString& path)
+{
+    // An empty name would stand for the built-in directory further down.
+    const QFileInfo directory(path);
+    if (path.isEmpty() || !directory.exists())
+        return QStringLiteral("directory '%1' does not exist").arg(path);
+    if (!directory.isDir())
+        return QStringLiteral("'%1' is not a directory").arg(path);
+    return QString();
 }
 
 } // namespace tulo

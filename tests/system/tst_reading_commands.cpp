@@ -702,8 +702,7 @@ void TstReadingCommands::diffOfTreesRejects_data()
         << QStringList { tree, there, nothing }
         << QByteArray("directory '/nothing/here' does not exist");
     QTest::newRow("a file") << QStringList { tree, there, there + QStringLiteral("/device-name") }
-                            << QByteArray("directory '" TULO_EXAMPLE_TREE
-                                          "/device-name' does not exist");
+                            << QByteArray("'" TULO_EXAMPLE_TREE "/device-name' is not a directory");
 }
 
 void TstReadingCommands::diffOfTreesRejects()

@@ -165,7 +165,7 @@ Error findTrees(const Context& context, const Arguments& arguments, TreesToCheck
              QStringLiteral("the service does not say where its directories are"), QString() };
 }
 
-Error validateDirectory(const QString& path)
+Error validateReadable(const QString& path)
 {
     const QFileInfo directory(path);
     if (directory.isDir() && directory.isReadable() && directory.isExecutable())
@@ -311,11 +311,14 @@ int run(Context& context, const Arguments& arguments)
         return explain(arguments.value(explainOption), output);
     TreesToCheck trees;
     trees.catalogues = arguments.values(catalogueOption);
-    Error error = findTrees(context, arguments, &trees);
     const QString oldTree = arguments.value(againstOption);
+    const QString problem = oldTree.isNull() ? QString() : validateDirectory(oldTree);
+    if (!problem.isEmpty())
+        return output.reportUsage(problem);
+    Error error = findTrees(context, arguments, &trees);
     for (const QString& path : { trees.defaultPath, trees.writePath, oldTree }) {
         if (!error && !path.isNull())
-            error = validateDirectory(path);
+            error = validateReadable(path);
     }
     if (error)
         return output.report(error);

@@ -6,8 +6,6 @@
 #include "trees/treedifference.h"
 #include "trees/treereader.h"
 
-#include <QFileInfo>
-
 namespace tulo {
 namespace {
 
@@ -140,10 +138,9 @@ int compare(Context& context, const QString& older, const QString& newer, const 
 {
     Output& output = context.output;
     for (const QString& directory : { older, newer }) {
-        if (!QFileInfo(directory).isDir()) {
-            return output.reportUsage(
-                QStringLiteral("directory '%1' does not exist").arg(directory));
-        }
+        const QString problem = validateDirectory(directory);
+        if (!problem.isEmpty())
+            return output.reportUsage(problem);
     }
     const TreeReader oldTree(older, QString(), product);
     const TreeReader newTree(newer, QString(), product);

@@ -1,9 +1,9 @@
 #include "tulo-cm/command.h"
+#include "tulo-cm/place.h"
 
 #include "trees/texts.h"
 
 #include <QFile>
-#include <QFileInfo>
 #include <QSaveFile>
 
 namespace tulo {
@@ -47,10 +47,9 @@ void print(const QString& fileName, const CatalogueState& state, Output& output)
 int run(Context& context, const Arguments& arguments)
 {
     const QString tree = arguments.positional.first();
-    if (!QFileInfo(tree).isDir()) {
-        return context.output.reportUsage(
-            QStringLiteral("the directory '%1' does not exist").arg(tree));
-    }
+    const QString problem = validateDirectory(tree);
+    if (!problem.isEmpty())
+        return context.output.reportUsage(problem);
     const QVector<TreeText> texts = textsOf(tree);
     int code = Done;
     for (const QString& fileName : arguments.positional.mid(1)) {
