@@ -4,6 +4,7 @@
 #include "tests/crash/journalscenario.h"
 #include "tests/crash/killedcalls.h"
 
+#include "tests/support/inmemory.h"
 #include "tests/support/repeats.h"
 #include "tests/support/temporarytree.h"
 
@@ -86,9 +87,8 @@ private slots:
 
 void tst_JournalKillPoints::initTestCase()
 {
-    // In memory: a kill does not ask what the disk has.
-    if (QFileInfo(QStringLiteral("/dev/shm")).isWritable())
-        qputenv("TMPDIR", "/dev/shm");
+    // A kill does not ask what the disk has.
+    keepTreesInMemory();
 }
 
 void tst_JournalKillPoints::changeKilledAtAnyCallIsMadeAsAWholeOrNotAtAll()

@@ -7,6 +7,7 @@
 #include "trees/migrator.h"
 #include "trees/ownerlock.h"
 
+#include "tests/support/inmemory.h"
 #include "tests/support/repeats.h"
 #include "tests/support/temporarytree.h"
 
@@ -14,6 +15,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QHash>
 #include <QRandomGenerator>
 #include <QSet>
@@ -160,9 +162,8 @@ private:
 
 void tst_MigrationKillPoints::initTestCase()
 {
-    // In memory: a kill does not ask what the disk has.
-    if (QFileInfo(QStringLiteral("/dev/shm")).isWritable())
-        qputenv("TMPDIR", "/dev/shm");
+    // A kill does not ask what the disk has.
+    keepTreesInMemory();
 }
 
 void tst_MigrationKillPoints::migrationKilledAtAnyCallIsMadeAsAWholeOrNotAtAll()

@@ -1,12 +1,12 @@
 #include "tests/daemon/rawconnection.h"
 #include "tests/daemon/servicefixture.h"
+#include "tests/support/inmemory.h"
 #include "tests/support/repeats.h"
 
 #include "daemon/tulo/bus-types.h"
 
 #include <QDBusPendingCall>
 #include <QElapsedTimer>
-#include <QFileInfo>
 #include <QTest>
 #include <QVector>
 
@@ -86,11 +86,10 @@ private slots:
     void loneChangeTakesFiveMessages();
 };
 
-// In memory: how long a disk takes, which others write to as well, is not what is measured.
+// How long a disk takes, which others write to as well, is not what is measured.
 void TstServiceLoad::initTestCase()
 {
-    if (QFileInfo(QStringLiteral("/dev/shm")).isWritable())
-        qputenv("TMPDIR", "/dev/shm");
+    keepTreesInMemory();
 }
 
 void TstServiceLoad::manyReadsAtOnceHoldNobodyUp()
