@@ -28,13 +28,18 @@ struct KillPoint
     bool isInChange = false; ///< while there is a journal, and some calls later
 };
 
+inline bool canTrace()
+{
+    return ChildProcess::run(QStringLiteral("strace"), { QStringLiteral("true") }).exitCode == 0;
+}
+
 inline QStringList optionsOf(const TemporaryTree& tree)
 {
     return { QStringLiteral("--default-path"), tree.defaultPath(), QStringLiteral("--write-path"),
              tree.writePath() };
 }
 
-/// A program under strace, which is told what to do by `options`.
+/// A program under strace, which does what `options` say.
 inline std::unique_ptr<ChildProcess> traced(const QStringList& command, const QStringList& options)
 {
     auto child = std::make_unique<ChildProcess>(
@@ -56,6 +61,46 @@ inline QStringList killing(const KillPoint& point)
              QStringLiteral("inject=%1:signal=KILL:when=%2").arg(point.call).arg(point.count) };
 }
 
+/// Runs `command` to its end. The name of the trace's file, beside the tree; empty when the command
+/// failed.
+inline QString traceOf(const TemporaryTree& tree, const QStringList& command)
+{
+    const QString traceFile = tree.path() + QLatin1String("/trace");
+    const auto whole = traced(command, { QStringLiteral("-o"), traceFile });
+    return whole->start() && whole->finish().exitCode == 0 ? traceFile : QString();
+}
+
+struct TracedCall
+{
+    QString name;
+    int count = 0; ///< how often it was called up to then
+    QByteArray line; ///< of the trace
+};
+
+/// The system calls of the first thread: strace counts those of each thread by itself, and the
+/// logging library's threads start when they like.
+inline std::vector<TracedCall> callsOfFirstThread(const QString& traceFile)
+{
+    const QRegularExpression pattern(QStringLiteral("^(\\d+) +(\\w+)\\("));
+    QFile trace(traceFile);
+    if (!trace.open(QIODevice::ReadOnly))
+        return {};
+    QString firstThread;
+    QMap<QString, int> counts;
+    std::vector<TracedCall> calls;
+    const QList<QByteArray> lines = trace.readAll().split('\n');
+    for (const QByteArray& line : lines) {
+        const QRegularExpressionMatch match = pattern.match(QString::fromUtf8(line));
+        if (!match.hasMatch())
+            continue;
+        if (firstThread.isEmpty())
+            firstThread = match.captured(1);
+        if (match.captured(1) == firstThread)
+            calls.push_back({ match.captured(2), ++counts[match.captured(2)], line });
+    }
+    return calls;
+}
+
 /// The system calls of a trace from the first that names the owner's lock. The event loop waits
 /// and the heap grows differently in each run.
 inline std::vector<KillPoint> killPoints(const QString& traceFile)
@@ -64,32 +109,17 @@ inline std::vector<KillPoint> killPoints(const QString& traceFile)
                                        QStringLiteral("ppoll"),  QStringLiteral("brk"),
                                        QStringLiteral("mmap"),   QStringLiteral("munmap"),
                                        QStringLiteral("madvise") };
-    const QRegularExpression line(QStringLiteral("^(\\d+) +(\\w+)\\("));
-    QFile trace(traceFile);
-    if (!trace.open(QIODevice::ReadOnly))
-        return {};
-    QString firstThread;
-    QMap<QString, int> counts;
     std::vector<KillPoint> points;
     int callsInChange = 0;
-    const QList<QByteArray> lines = trace.readAll().split('\n');
-    for (const QByteArray& text : lines) {
-        const QRegularExpressionMatch match = line.match(QString::fromUtf8(text));
-        if (!match.hasMatch())
-            continue;
-        if (firstThread.isEmpty())
-            firstThread = match.captured(1);
-        if (match.captured(1) != firstThread)
-            continue;
-        const QString call = match.captured(2);
-        const int count = ++counts[call];
-        const bool isOfJournal = text.contains("\".tulo-cm.journal") && !text.contains("ENOENT");
+    for (const TracedCall& call : callsOfFirstThread(traceFile)) {
+        const bool isOfJournal =
+            call.line.contains("\".tulo-cm.journal") && !call.line.contains("ENOENT");
         if (isOfJournal)
             callsInChange =
-                call == QLatin1String("unlinkat") ? 10 : std::numeric_limits<int>::max();
-        const bool isAfterStart = !points.empty() || text.contains(".tulo-cm.lock");
-        if (isAfterStart && !ignored.contains(call))
-            points.push_back({ call, count, callsInChange > 0 });
+                call.name == QLatin1String("unlinkat") ? 10 : std::numeric_limits<int>::max();
+        const bool isAfterStart = !points.empty() || call.line.contains(".tulo-cm.lock");
+        if (isAfterStart && !ignored.contains(call.name))
+            points.push_back({ call.name, call.count, callsInChange > 0 });
         callsInChange = std::max(callsInChange - 1, 0);
     }
     return points;
@@ -108,8 +138,8 @@ inline std::vector<KillPoint> chosen(const std::vector<KillPoint>& points)
     return chosen;
 }
 
-/// Kills `command` at each of the points, on a tree of its own each time, and has `verify` look at
-/// what is left.
+/// Kills `command` at each of the points, on a new tree each time, and has `verify` look at what is
+/// left.
 inline void killAtEach(const std::vector<KillPoint>& points,
                        const std::function<void(const TemporaryTree&)>& prepareTree,
                        const std::function<QStringList(const TemporaryTree&)>& command,
@@ -153,6 +183,20 @@ inline void killAtEach(const std::vector<KillPoint>& points,
     qInfo("killed at %d of %d system calls", killed, int(points.size()));
     // A call of the event loop that does not come again in the next run is not a place to kill at.
     QVERIFY(killed > 0 && killed >= int(points.size()) * 9 / 10);
+}
+
+/// Runs `command` to its end, then kills it at the chosen ones of its own system calls.
+inline void killAtItsCalls(const std::function<void(const TemporaryTree&)>& prepareTree,
+                           const std::function<QStringList(const TemporaryTree&)>& command,
+                           const std::function<void(const TemporaryTree&, bool isKilled)>& verify)
+{
+    const TemporaryTree reference;
+    prepareTree(reference);
+    const QString traceFile = traceOf(reference, command(reference));
+    QVERIFY(!traceFile.isEmpty());
+    verify(reference, false);
+    if (!QTest::currentTestFailed())
+        killAtEach(chosen(killPoints(traceFile)), prepareTree, command, verify);
 }
 
 } // namespace tulo

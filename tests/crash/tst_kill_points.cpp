@@ -1,14 +1,13 @@
 #include "cm_settings.h"
 
+#include "tests/crash/killpoints.h"
+
 #include "tests/support/childprocess.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/repeats.h"
 #include "tests/support/replywaiter.h"
 #include "tests/support/temporarytree.h"
 
-#include <QFile>
-#include <QMap>
-#include <QRegularExpression>
 #include <QTest>
 
 #include <algorithm>
@@ -16,14 +15,9 @@
 #include <memory>
 #include <vector>
 
-namespace {
+using namespace tulo;
 
-/// One system call of the driver, by its name and how often it was called up to then.
-struct KillPoint
-{
-    QString call;
-    int count = 0;
-};
+namespace {
 
 /// A save of three settings in one go: one that is there, one that is new, one in directories
 /// that are new as well.
@@ -58,47 +52,16 @@ QStringList driver(const TemporaryTree& tree)
     return command << QStringLiteral("write") << QStringLiteral("end");
 }
 
-/// A driver under strace, which is told what to do by `options`.
-std::unique_ptr<ChildProcess> traced(const TemporaryTree& tree, const QStringList& options)
+/// The system calls between the two marks of a driver's trace.
+std::vector<KillPoint> killPointsOfASave(const QString& traceFile)
 {
-    const QStringList arguments = QStringList { QStringLiteral("-f") } << options << driver(tree);
-    auto child = std::make_unique<ChildProcess>(QStringLiteral("strace"), arguments);
-    // The leak checker cannot work in a process that is traced already.
-    child->setVariable(QStringLiteral("ASAN_OPTIONS"), QStringLiteral("detect_leaks=0"));
-    // The same order of files in every run.
-    child->setVariable(QStringLiteral("QT_HASH_SEED"), QStringLiteral("0"));
-    return child;
-}
-
-bool canTrace()
-{
-    return ChildProcess::run(QStringLiteral("strace"), { QStringLiteral("true") }).exitCode == 0;
-}
-
-/// Every system call of the first thread between the two marks of a driver's trace. strace counts
-/// the calls of each thread by itself, and the logging library's threads start when they like.
-std::vector<KillPoint> killPoints(const QByteArray& trace)
-{
-    const QRegularExpression line(QStringLiteral("^(\\d+) +(\\w+)\\("));
-    QString firstThread;
-    QMap<QString, int> counts;
     std::vector<KillPoint> points;
     int marks = 0;
-    const QList<QByteArray> lines = trace.split('\n');
-    for (const QByteArray& text : lines) {
-        const QRegularExpressionMatch match = line.match(QString::fromUtf8(text));
-        if (!match.hasMatch())
-            continue;
-        if (firstThread.isEmpty())
-            firstThread = match.captured(1);
-        if (match.captured(1) != firstThread)
-            continue;
-        const QString call = match.captured(2);
-        const int count = ++counts[call];
-        if (call == QLatin1String("getppid"))
+    for (const TracedCall& call : callsOfFirstThread(traceFile)) {
+        if (call.name == QLatin1String("getppid"))
             ++marks;
         else if (marks == 1)
-            points.push_back({ call, count });
+            points.push_back({ call.name, call.count, false });
     }
     return points;
 }
@@ -148,57 +111,23 @@ void tst_KillPoints::processKilledAtAnySystemCallOfASaveLeavesWholeFiles()
     QFETCH(const bool, targetExists);
     const TemporaryTree reference;
     prepare(reference, targetExists);
-    const QString traceFile = reference.path() + QLatin1String("/trace");
 
-    const auto whole = traced(reference, { QStringLiteral("-o"), traceFile });
-    QVERIFY(whole->start());
-    QCOMPARE(whole->finish().exitCode, 0);
+    const QString traceFile = traceOf(reference, driver(reference));
+    QVERIFY(!traceFile.isEmpty());
     for (const QString& setting : settings)
         QCOMPARE(reference.readWritten(setting), contentOf(newNumber));
-    QFile trace(traceFile);
-    QVERIFY(trace.open(QIODevice::ReadOnly));
-    const std::vector<KillPoint> points = killPoints(trace.readAll());
+    const std::vector<KillPoint> points = killPointsOfASave(traceFile);
     const auto renames = std::count_if(points.cbegin(), points.cend(), [](const KillPoint& point) {
         return point.call == QLatin1String("rename");
     });
     QCOMPARE(renames, std::ptrdiff_t(settings.size()));
 
-    // Two at a time.
-    struct Victim
-    {
-        const KillPoint* point;
-        std::unique_ptr<TemporaryTree> tree;
-        std::unique_ptr<ChildProcess> child;
-    };
-    const auto verify = [this, targetExists](const Victim& victim) {
-        const ChildResult result = victim.child->finish();
-        const QByteArray place =
-            victim.point->call.toUtf8() + ' ' + QByteArray::number(victim.point->count);
-        QVERIFY2(result.signal == SIGKILL, place + ": " + result.standardError);
-        verifyWholeFiles(*victim.tree, targetExists);
-        if (QTest::currentTestFailed())
-            qWarning("killed at %s", place.constData());
-    };
-    std::unique_ptr<Victim> running;
-    for (const KillPoint& point : points) {
-        auto victim = std::make_unique<Victim>();
-        victim->point = &point;
-        victim->tree = std::make_unique<TemporaryTree>();
-        prepare(*victim->tree, targetExists);
-        victim->child = traced(
-            *victim->tree,
-            { QStringLiteral("-o"), QStringLiteral("/dev/null"), QStringLiteral("-e"),
-              QStringLiteral("trace=") + point.call, QStringLiteral("-e"),
-              QStringLiteral("inject=%1:signal=KILL:when=%2").arg(point.call).arg(point.count) });
-        QVERIFY(victim->child->start());
-        if (running)
-            verify(*running);
-        if (QTest::currentTestFailed())
-            return;
-        running = std::move(victim);
-    }
-    verify(*running);
-    qInfo("killed at %d system calls", int(points.size()));
+    killAtEach(
+        points, [targetExists](const TemporaryTree& tree) { prepare(tree, targetExists); }, driver,
+        [this, targetExists](const TemporaryTree& tree, bool isKilled) {
+            QVERIFY(isKilled);
+            verifyWholeFiles(tree, targetExists);
+        });
 }
 
 void tst_KillPoints::verifyWholeFiles(const TemporaryTree& tree, bool targetExisted)
@@ -261,7 +190,7 @@ void tst_KillPoints::writtenValuesSurviveAKillAtAnyMoment()
         child.sendSignal(SIGKILL);
         const ChildResult result = child.finish();
 
-        // The last number that was told to be written, and the last that can have been set.
+        // The last number that the driver reported as written, and the last that can have been set.
         const int written = result.standardOutput.count("write\n");
         QVERIFY2(result.signal == SIGKILL, "the driver ended by itself");
         for (const QString& setting : settings) {

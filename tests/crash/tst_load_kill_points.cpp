@@ -2,11 +2,11 @@
 #include "tests/crash/killpoints.h"
 
 #include "tests/support/childprocess.h"
+#include "tests/support/inmemory.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/temporarytree.h"
 
 #include <QFile>
-#include <QFileInfo>
 #include <QMap>
 #include <QTest>
 
@@ -117,11 +117,9 @@ private:
 
 void tst_LoadKillPoints::initTestCase()
 {
-    m_canTrace =
-        ChildProcess::run(QStringLiteral("strace"), { QStringLiteral("true") }).exitCode == 0;
-    // In memory: a kill does not ask what the disk has.
-    if (QFileInfo(QStringLiteral("/dev/shm")).isWritable())
-        qputenv("TMPDIR", "/dev/shm");
+    m_canTrace = canTrace();
+    // A kill does not ask what the disk has.
+    keepTreesInMemory();
 }
 
 // What the next owner of the tree finds.
@@ -146,15 +144,7 @@ void tst_LoadKillPoints::loadKilledAtAnySystemCallIsWholeOrNotMade()
 {
     if (!m_canTrace)
         QSKIP("needs strace and the right to trace a process");
-    const TemporaryTree reference;
-    prepare(reference);
-    const QString traceFile = reference.path() + QLatin1String("/trace");
-    const auto whole = traced(replace(reference), { QStringLiteral("-o"), traceFile });
-    QVERIFY(whole->start());
-    QCOMPARE(whole->finish().exitCode, 0);
-    verifyAllOrNothing(reference, false);
-
-    killAtEach(chosen(killPoints(traceFile)), prepare, replace, verifyAllOrNothing);
+    killAtItsCalls(prepare, replace, verifyAllOrNothing);
 }
 
 void tst_LoadKillPoints::recoveryKilledAtAnySystemCallIsFinishedLater()
@@ -173,15 +163,9 @@ void tst_LoadKillPoints::recoveryKilledAtAnySystemCallIsFinishedLater()
     const auto recover = [](const TemporaryTree& tree) {
         return load(tree, QStringLiteral("--dry-run"));
     };
-    const TemporaryTree reference;
-    interrupt(reference);
-    const QString traceFile = reference.path() + QLatin1String("/trace");
-    const auto whole = traced(recover(reference), { QStringLiteral("-o"), traceFile });
-    QVERIFY(whole->start());
-    QCOMPARE(whole->finish().exitCode, 0);
 
-    killAtEach(chosen(killPoints(traceFile)), interrupt, recover,
-               [](const TemporaryTree& tree, bool) { verifyAllOrNothing(tree, false); });
+    killAtItsCalls(interrupt, recover,
+                   [](const TemporaryTree& tree, bool) { verifyAllOrNothing(tree, false); });
 }
 
 QTEST_GUILESS_MAIN(tst_LoadKillPoints)

@@ -3,12 +3,12 @@
 #include "tests/daemon/servicefixture.h"
 
 #include "tests/support/childprocess.h"
+#include "tests/support/inmemory.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/temporarytree.h"
 
 #include <tulo/remotesettings.h>
 
-#include <QFileInfo>
 #include <QTest>
 
 #include <algorithm>
@@ -46,6 +46,17 @@ QStringList fullPaths()
     return paths;
 }
 
+QStringList reset(const TemporaryTree& tree, const QStringList& paths)
+{
+    return QStringList(QStringLiteral(TULO_CM_PROGRAM)) + optionsOf(tree)
+        + QStringList(QStringLiteral("reset")) + paths;
+}
+
+QStringList resetAll(const TemporaryTree& tree)
+{
+    return reset(tree, fullPaths());
+}
+
 } // namespace
 
 /// Processes that are killed while they reset settings: all are reset, or none.
@@ -75,11 +86,9 @@ private:
 
 void tst_ResetKillPoints::initTestCase()
 {
-    m_canTrace =
-        ChildProcess::run(QStringLiteral("strace"), { QStringLiteral("true") }).exitCode == 0;
-    // In memory: a kill does not ask what the disk has.
-    if (QFileInfo(QStringLiteral("/dev/shm")).isWritable())
-        qputenv("TMPDIR", "/dev/shm");
+    m_canTrace = canTrace();
+    // A kill does not ask what the disk has.
+    keepTreesInMemory();
 }
 
 // The next owner of the tree finds all of the settings reset, or none, and can change them.
@@ -120,52 +129,29 @@ void tst_ResetKillPoints::resetKilledAtAnySystemCallIsWholeOrNotMade()
 {
     if (!m_canTrace)
         QSKIP("needs strace and the right to trace a process");
-    const auto command = [](const TemporaryTree& tree) {
-        return QStringList(QStringLiteral(TULO_CM_PROGRAM)) + optionsOf(tree)
-            + QStringList(QStringLiteral("reset")) + fullPaths();
-    };
-    const TemporaryTree reference;
-    prepare(reference);
-    const QString traceFile = reference.path() + QLatin1String("/trace");
-    const auto whole = traced(command(reference), { QStringLiteral("-o"), traceFile });
-    QVERIFY(whole->start());
-    QCOMPARE(whole->finish().exitCode, 0);
-    verifyAllOrNone(reference, false);
-
-    killAtEach(
-        chosen(killPoints(traceFile)), prepare, command,
-        [this](const TemporaryTree& tree, bool isKilled) { verifyAllOrNone(tree, isKilled); });
+    killAtItsCalls(prepare, resetAll, [this](const TemporaryTree& tree, bool isKilled) {
+        verifyAllOrNone(tree, isKilled);
+    });
 }
 
 void tst_ResetKillPoints::recoveryKilledAtAnySystemCallIsFinishedLater()
 {
     if (!m_canTrace)
         QSKIP("needs strace and the right to trace a process");
-    const auto reset = [](const TemporaryTree& tree) {
-        return QStringList(QStringLiteral(TULO_CM_PROGRAM)) + optionsOf(tree)
-            + QStringList(QStringLiteral("reset")) + fullPaths();
-    };
     // Decided, and interrupted after the first of the files was removed.
-    const auto interrupt = [&reset](const TemporaryTree& tree) {
+    const auto interrupt = [](const TemporaryTree& tree) {
         prepare(tree);
-        const auto child = traced(reset(tree), killing({ QStringLiteral("unlinkat"), 2, true }));
+        const auto child = traced(resetAll(tree), killing({ QStringLiteral("unlinkat"), 2, true }));
         QVERIFY(child->start());
         QCOMPARE(child->finish().signal, SIGKILL);
         QVERIFY(tree.writtenEntries().contains(journal));
     };
     const auto recover = [](const TemporaryTree& tree) {
-        return QStringList(QStringLiteral(TULO_CM_PROGRAM)) + optionsOf(tree)
-            + QStringList({ QStringLiteral("reset"), fullPaths().first() });
+        return reset(tree, { fullPaths().first() });
     };
-    const TemporaryTree reference;
-    interrupt(reference);
-    const QString traceFile = reference.path() + QLatin1String("/trace");
-    const auto whole = traced(recover(reference), { QStringLiteral("-o"), traceFile });
-    QVERIFY(whole->start());
-    QCOMPARE(whole->finish().exitCode, 0);
 
-    killAtEach(chosen(killPoints(traceFile)), interrupt, recover,
-               [this](const TemporaryTree& tree, bool) { verifyAllOrNone(tree, false); });
+    killAtItsCalls(interrupt, recover,
+                   [this](const TemporaryTree& tree, bool) { verifyAllOrNone(tree, false); });
 }
 
 void tst_ResetKillPoints::serviceKilledInAResetResetsAllOrNone()
