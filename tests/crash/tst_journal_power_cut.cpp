@@ -2,6 +2,7 @@
 // a file system of its own inside an image file, a copy of which is taken while a call is about to
 // be made.
 
+#include "tests/crash/filecalls.h"
 #include "tests/crash/journalscenario.h"
 #include "tests/crash/mountedimage.h"
 
@@ -11,92 +12,40 @@
 #include <QRandomGenerator>
 #include <QTest>
 
-#include <cstdarg>
 #include <functional>
 #include <memory>
 #include <utility>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 using namespace tulo;
 
-// -------------------------------------------------------------------------------------------
-// The calls that change something. Each tells the test of itself before it is made.
-// -------------------------------------------------------------------------------------------
-
 namespace {
 
-std::function<void()> beforeCall; // NOLINT: one test program, one thread
+std::function<void()> observer; // NOLINT: one test program, one thread
 // Of the first file that is synced, which is the new journal.
 bool firstSyncDoesNothing = false; // NOLINT
 
-void announce()
+void beforeCall(FileCall call)
 {
-    // The calls of the observer do not count.
-    const std::function<void()> observer = std::exchange(beforeCall, nullptr);
-    if (observer)
-        observer();
-    beforeCall = observer;
+    // The others leave nothing to be found.
+    if (!observer || call == FileCall::Open || call == FileCall::Truncate
+        || call == FileCall::Close)
+        return;
+    // The observer's own calls do not count.
+    const std::function<void()> called = std::exchange(observer, nullptr);
+    called();
+    observer = called;
 }
 
-int result(long returned)
+int replacedSync(int file)
 {
-    return int(returned);
-}
-
-} // namespace
-
-extern "C" {
-
-int openat(int directory, const char* name, int flags, ...)
-{
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
-    va_end(arguments);
-    if ((flags & O_CREAT) != 0)
-        announce();
-    return result(::syscall(SYS_openat, directory, name, flags, mode));
-}
-
-int mkdirat(int directory, const char* name, mode_t mode) noexcept
-{
-    announce();
-    return result(::syscall(SYS_mkdirat, directory, name, mode));
-}
-
-ssize_t write(int file, const void* bytes, size_t size)
-{
-    if (file > STDERR_FILENO)
-        announce();
-    return ::syscall(SYS_write, file, bytes, size);
-}
-
-int fsync(int file)
-{
-    announce();
-    if (beforeCall && std::exchange(firstSyncDoesNothing, false))
+    if (observer && std::exchange(firstSyncDoesNothing, false))
         return 0;
     return result(::syscall(SYS_fsync, file));
 }
-
-int renameat(int from, const char* oldName, int to, const char* newName) noexcept
-{
-    announce();
-    return result(::syscall(SYS_renameat2, from, oldName, to, newName, 0));
-}
-
-int unlinkat(int directory, const char* name, int flags) noexcept
-{
-    announce();
-    return result(::syscall(SYS_unlinkat, directory, name, flags));
-}
-}
-
-namespace {
 
 /// A mounted image with the tree of before on it.
 class Disk
@@ -167,7 +116,7 @@ private slots:
     void initTestCase();
     void cleanup()
     {
-        beforeCall = nullptr;
+        observer = nullptr;
         firstSyncDoesNothing = false;
     }
 
@@ -233,9 +182,9 @@ void tst_JournalPowerCut::powerCutAtAnyStepLeavesAWholeChangeOrNone()
         after += found == Found::After ? 1 : 0;
     };
 
-    beforeCall = cutPower;
+    observer = cutPower;
     const JournalResult result = commitScenario(disk.tree());
-    beforeCall = nullptr;
+    observer = nullptr;
 
     QCOMPARE(result.message, QString());
     QCOMPARE(foundAfterPowerCut(disk, options), Found::After);
@@ -269,9 +218,9 @@ void tst_JournalPowerCut::powerCutAtAnyStepOfARecoveryIsFinishedByTheNext()
         images.append(QStringLiteral("%1/cut%2.img").arg(disk.place()).arg(steps++));
         copyImage(disk.image(), images.constLast());
     };
-    beforeCall = keepImage;
+    observer = keepImage;
     QCOMPARE(commitScenario(disk.tree()).message, QString());
-    beforeCall = nullptr;
+    observer = nullptr;
     QVERIFY(!images.isEmpty());
 
     int cuts = 0;
@@ -288,9 +237,9 @@ void tst_JournalPowerCut::powerCutAtAnyStepOfARecoveryIsFinishedByTheNext()
             const Found found = foundOn(copy, disk.place() + QLatin1String("/second"), options);
             QVERIFY(found != Found::Wrong);
         };
-        beforeCall = cutPower;
+        observer = cutPower;
         const JournalResult result = redoScenario(directory);
-        beforeCall = nullptr;
+        observer = nullptr;
         QCOMPARE(result.status, JournalResult::Status::Done);
     }
     qInfo("cut %d times after %d cuts", cuts, int(images.size()));
@@ -306,12 +255,12 @@ void tst_JournalPowerCut::powerCutWithAnUnsyncedJournalIsSeenToLoseValues()
     int wrong = 0;
 
     firstSyncDoesNothing = true;
-    beforeCall = [&] {
+    observer = [&] {
         disk.syncSomethingElse();
         wrong += foundAfterPowerCut(disk, options) == Found::Wrong ? 1 : 0;
     };
     const JournalResult result = commitScenario(disk.tree());
-    beforeCall = nullptr;
+    observer = nullptr;
 
     QCOMPARE(result.message, QString());
     QVERIFY(wrong > 0);
