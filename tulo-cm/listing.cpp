@@ -3,6 +3,8 @@
 #include "tulo-cm/roles.h"
 #include "tulo-cm/waiting.h"
 
+#include "trees/treereader.h"
+
 #include <algorithm>
 #include <climits>
 
@@ -155,6 +157,18 @@ int walk(Settings& settings, const QString& path, const QStringList& roles, Outp
          const std::function<bool(const VisitedNode&)>& visit)
 {
     return Walker(settings, roles, output, visit).walk(path);
+}
+
+int reportDefects(Output& output, const TreeReader& tree)
+{
+    int exitCode = Done;
+    const QStringList paths = tree.nodes(QStringLiteral("/"));
+    for (const QString& path : paths) {
+        const QString defect = tree.defect(path);
+        if (!defect.isEmpty())
+            exitCode = output.report(Failed, "Failed", defect, QString());
+    }
+    return exitCode;
 }
 
 } // namespace tulo

@@ -8,6 +8,8 @@
 
 namespace tulo {
 
+class TreeReader;
+
 /// A range of a directory's rows, gathered from as many requests as it takes.
 struct Listing
 {
@@ -39,5 +41,9 @@ struct VisitedNode
 /// `visit` returns false. Prints the errors of what cannot be listed and returns the exit code.
 int walk(Settings& settings, const QString& path, const QStringList& roles, Output& output,
          const std::function<bool(const VisitedNode&)>& visit);
+
+/// Prints an error for each default file that gives no roles though it is there, and returns the
+/// exit code.
+int reportDefects(Output& output, const TreeReader& tree);
 
 } // namespace tulo

@@ -60,6 +60,7 @@ private slots:
     void textHasItsContextAndItsPlace();
     void translationSurvives();
     void vanishedTextIsMarked();
+    void brokenTreeChangesNoCatalogue();
     void textsOfTemplatesAreThere();
     void textsOfDirectoriesAreNot();
     void equalTextsOfVariantsAreOneMessage();
@@ -147,6 +148,25 @@ void TstTexts::vanishedTextIsMarked()
 
     QVERIFY(result.standardOutput.endsWith(counts(0, 1, 1)));
     QVERIFY(translations.catalogue().contains("type=\"vanished\">Lautstärke</translation>"));
+}
+
+void TstTexts::brokenTreeChangesNoCatalogue()
+{
+    const Translations translations;
+    translations.tree.writeDefault(QStringLiteral("/volume"), R"({"title":"Volume"})");
+    QCOMPARE(translations.update().exitCode, 0);
+    QVERIFY(translations.translate("Volume", "Lautstärke"));
+    const QByteArray before = translations.catalogue();
+    translations.tree.writeDefault(QStringLiteral("/volume"), R"({"title":"Volume",})");
+
+    const ChildResult result = translations.update();
+
+    QCOMPARE(result.standardError,
+             "tulo-cm: " + translations.tree.defaultPath().toUtf8()
+                 + "/volume:1:19 is not JSON: Missing a name for object member.\n");
+    QCOMPARE(result.standardOutput, QByteArray());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(translations.catalogue(), before);
 }
 
 void TstTexts::textsOfTemplatesAreThere()

@@ -121,19 +121,6 @@ QVariantMap objectOf(const TreeDifference& difference)
     return object;
 }
 
-// What cannot be read is not compared.
-int reportDefects(Output& output, const TreeReader& tree)
-{
-    int exitCode = Done;
-    const QStringList paths = tree.nodes(QStringLiteral("/"));
-    for (const QString& path : paths) {
-        const QString defect = tree.defect(path);
-        if (!defect.isEmpty())
-            exitCode = output.report(Failed, "Failed", defect, QString());
-    }
-    return exitCode;
-}
-
 int compare(Context& context, const QString& older, const QString& newer, const QString& product)
 {
     Output& output = context.output;
@@ -151,6 +138,7 @@ int compare(Context& context, const QString& older, const QString& newer, const 
         else
             output.line(lineOf(difference));
     }
+    // What cannot be read is not compared.
     return firstFailure(reportDefects(output, oldTree), reportDefects(output, newTree));
 }
 

@@ -1,7 +1,9 @@
 #include "tulo-cm/command.h"
+#include "tulo-cm/listing.h"
 #include "tulo-cm/place.h"
 
 #include "trees/texts.h"
+#include "trees/treereader.h"
 
 #include <QFile>
 #include <QSaveFile>
@@ -50,8 +52,11 @@ int run(Context& context, const Arguments& arguments)
     const QString problem = validateDirectory(tree);
     if (!problem.isEmpty())
         return context.output.reportUsage(problem);
+    // Its texts would count as vanished.
+    int code = reportDefects(context.output, TreeReader(tree, QString(), QString()));
+    if (code != Done)
+        return code;
     const QVector<TreeText> texts = textsOf(tree);
-    int code = Done;
     for (const QString& fileName : arguments.positional.mid(1)) {
         const CatalogueState state = updatedCatalogue(fileName, tree, texts);
         if (!state.error.isEmpty()) {
