@@ -1,6 +1,7 @@
 #include "trees/journal.h"
 
 #include "client/base/checks.h"
+#include "trees/fileprobe.h"
 #include "trees/separator.h"
 #include "trees/uniquefd.h"
 
@@ -14,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 #include <fcntl.h>
@@ -37,6 +39,7 @@ constexpr int maximumJournalBytes = 64 * 1024 * 1024;
 const QLatin1String pathKey("path");
 const QLatin1String recordKey("record");
 const QLatin1String contentKey("content");
+const QLatin1String beforeKey("before");
 
 using Status = JournalResult::Status;
 
@@ -46,7 +49,9 @@ struct Entry
     QByteArray directory; ///< below the tree, such as "audio/presets"; empty for the tree
     QByteArray name;
     std::optional<QByteArray> content;
-    mode_t mode = 0666;
+    mode_t mode = 0;
+    /// Digest of the file that the change was made for. Not set: it replaces whatever is there.
+    std::optional<QByteArray> before = std::nullopt;
 
     QByteArray temporaryName() const { return '.' + name; }
 };
@@ -97,9 +102,10 @@ bool isRecordName(const QString& name)
 
 Entry settingEntry(const QString& path, const std::optional<QByteArray>& content)
 {
+    constexpr mode_t settingMode = 0666;
     const int last = path.lastIndexOf(separator);
     return { QFile::encodeName(path.mid(1, qMax(last - 1, 0))),
-             QFile::encodeName(path.mid(last + 1)), content };
+             QFile::encodeName(path.mid(last + 1)), content, settingMode };
 }
 
 Entry recordEntry(const QString& name, const QByteArray& content)
@@ -112,17 +118,23 @@ Entry recordEntry(const QString& name, const QByteArray& content)
 // The journal's text: a first line, and one JSON object a line for each file.
 // ---------------------------------------------------------------------------------------------
 
-QByteArray firstLine(const QByteArray& body)
+QByteArray digestOf(const QByteArray& content)
 {
-    return QByteArray(magic) + ' ' + format + ' '
-        + QCryptographicHash::hash(body, QCryptographicHash::Sha256).toHex() + '\n';
+    return QCryptographicHash::hash(content, QCryptographicHash::Sha256).toHex();
 }
 
-QByteArray lineOf(QLatin1String key, const QString& name, const std::optional<QByteArray>& content)
+QByteArray firstLine(const QByteArray& body)
+{
+    return QByteArray(magic) + ' ' + format + ' ' + digestOf(body) + '\n';
+}
+
+QByteArray lineOf(QLatin1String key, const QString& name, const Entry& entry)
 {
     QVariantHash object { { key, name } };
-    if (content)
-        object.insert(contentKey, QString::fromUtf8(*content));
+    if (entry.content)
+        object.insert(contentKey, QString::fromUtf8(*entry.content));
+    if (entry.before)
+        object.insert(beforeKey, QString::fromLatin1(*entry.before));
     return TuloJson::serialize(object) + '\n';
 }
 
@@ -137,8 +149,12 @@ std::optional<Entry> entryOf(const QByteArray& line)
         content = object.value(contentKey).toString().toUtf8();
     const QString path = object.value(pathKey).toString();
     const QString record = object.value(recordKey).toString();
-    if (isSettingPath(path))
-        return settingEntry(path, content);
+    if (isSettingPath(path)) {
+        Entry entry = settingEntry(path, content);
+        if (object.contains(beforeKey))
+            entry.before = object.value(beforeKey).toString().toLatin1();
+        return entry;
+    }
     if (content && isRecordName(record))
         return recordEntry(record, *content);
     return std::nullopt;
@@ -195,6 +211,28 @@ QString syncDirectory(int tree, const QByteArray& directory)
     if (!opened || (::fsync(opened.get()) != 0 && errno != EINVAL))
         return failed("sync", directory);
     return QString();
+}
+
+// Of the file of an entry as it is now; of one that is too large for a setting, of its beginning.
+// Empty when there is none, nothing when it cannot be read.
+std::optional<QByteArray> digestThere(int tree, const Entry& entry)
+{
+    const UniqueFd directory = openDirectory(tree, entry.directory, false);
+    UniqueFd file;
+    if (directory) {
+        file = UniqueFd(::openat(directory.get(), entry.name.constData(),
+                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    }
+    if (!file)
+        return errno == ENOENT ? std::make_optional(QByteArray()) : std::nullopt;
+    struct stat opened = {};
+    QFile reader;
+    if (::fstat(file.get(), &opened) != 0 || !S_ISREG(opened.st_mode)
+        || !reader.open(file.get(), QIODevice::ReadOnly | QIODevice::Unbuffered))
+        return std::nullopt;
+    const QByteArray content = reader.read(FileProbe::maximumFileBytes + 1);
+    return reader.error() == QFileDevice::NoError ? std::make_optional(digestOf(content))
+                                                  : std::nullopt;
 }
 
 // What is in the way of writing or removing a file of this name. Sets `freed` to the bytes that go
@@ -340,15 +378,21 @@ QString write(int tree, const Entries& entries)
     return error.isEmpty() ? syncDirectories(tree, directories) : error;
 }
 
-QString remove(int tree, const Entries& entries)
+// Those of `entries` that exist.
+QSet<QByteArray> directoriesOf(int tree, const Entries& entries)
 {
-    QString error = changeFiles(tree, entries, removeFile);
     QSet<QByteArray> directories;
     for (const Entry& entry : entries) {
-        if (openDirectory(tree, entry.directory, false))
+        if (!directories.contains(entry.directory) && openDirectory(tree, entry.directory, false))
             directories.insert(entry.directory);
     }
-    return error.isEmpty() ? syncDirectories(tree, directories) : error;
+    return directories;
+}
+
+QString remove(int tree, const Entries& entries)
+{
+    const QString error = changeFiles(tree, entries, removeFile);
+    return error.isEmpty() ? syncDirectories(tree, directoriesOf(tree, entries)) : error;
 }
 
 JournalResult unfinished(const QString& reason)
@@ -525,16 +569,22 @@ JournalResult refused(const QString& reason)
 }
 
 // Done when the journal is on the disk.
-JournalResult writeJournal(int tree, const QByteArray& text)
+JournalResult writeJournal(int tree, const QByteArray& text, const Entries& entries)
 {
     constexpr mode_t ownerOnly = 0600;
-    if (!writeNew(tree, newJournalName, text, ownerOnly)
-        || ::renameat(tree, newJournalName, tree, journalName) != 0) {
-        const QString error = failed("write", journalName);
+    QString error;
+    if (!writeNew(tree, newJournalName, text, ownerOnly))
+        error = failed("write", journalName);
+    // After a power cut, too, the files have to be those that the journal is about.
+    if (error.isEmpty())
+        error = syncDirectories(tree, directoriesOf(tree, entries));
+    if (error.isEmpty() && ::renameat(tree, newJournalName, tree, journalName) != 0)
+        error = failed("write", journalName);
+    if (!error.isEmpty()) {
         ::unlinkat(tree, newJournalName, 0);
         return refused(error);
     }
-    QString error = syncDirectory(tree, QByteArray());
+    error = syncDirectory(tree, QByteArray());
     if (error.isEmpty())
         return {};
     // Nobody knows whether it would be there after a power cut, so it must not.
@@ -559,14 +609,16 @@ JournalResult commitChanges(int directory, const QVector<FileChange>& changes,
     Entries entries;
     QByteArray body;
     for (const FileChange& change : changes) {
-        entries.append(settingEntry(change.settingPath, change.content));
-        body += lineOf(pathKey, change.settingPath, change.content);
+        Entry entry = settingEntry(change.settingPath, change.content);
+        entry.before = digestThere(directory, entry);
+        entries.append(entry);
+        body += lineOf(pathKey, change.settingPath, entry);
         if (body.size() > maximumJournalBytes)
             break;
     }
     for (auto record = records.cbegin(); record != records.cend(); ++record) {
         entries.append(recordEntry(record.key(), *record));
-        body += lineOf(recordKey, record.key(), *record);
+        body += lineOf(recordKey, record.key(), entries.constLast());
     }
     const QByteArray text = firstLine(body) + body;
     if (text.size() > maximumJournalBytes) {
@@ -582,13 +634,28 @@ JournalResult commitChanges(int directory, const QVector<FileChange>& changes,
     error = checkPlaces(directory, entries, text.size());
     if (!error.isEmpty())
         return refused(error);
-    const JournalResult decided = writeJournal(directory, text);
+    const JournalResult decided = writeJournal(directory, text, entries);
     return decided.status == Status::Done ? finish(directory, entries) : decided;
 }
 
 // ---------------------------------------------------------------------------------------------
 // Finishing what was interrupted.
 // ---------------------------------------------------------------------------------------------
+
+namespace {
+
+// Who changed a file since knew nothing of the journal: another framework, for example. What it
+// wrote is newer.
+bool isChangedSince(int tree, const Entry& entry)
+{
+    if (!entry.before)
+        return false;
+    const std::optional<QByteArray> now = digestThere(tree, entry);
+    const QByteArray after = entry.content ? digestOf(*entry.content) : QByteArray();
+    return now && *now != *entry.before && *now != after;
+}
+
+} // namespace
 
 JournalResult redoJournal(int directory)
 {
@@ -621,14 +688,24 @@ JournalResult redoJournal(int directory)
     text = reader.read(maximumJournalBytes + 1);
     if (reader.error() != QFileDevice::NoError)
         return unfinished(failed("read", journalName));
-    const std::optional<Entries> entries = entriesOf(text);
+    std::optional<Entries> entries = entriesOf(text);
     if (!entries)
         return left(QStringLiteral("is damaged, or was not written by this program"));
+    const auto firstChanged =
+        std::stable_partition(entries->begin(), entries->end(), [directory](const Entry& entry) {
+            return !isChangedSince(directory, entry);
+        });
+    const auto changed = int(std::distance(firstChanged, entries->end()));
+    entries->erase(firstChanged, entries->end());
 
     JournalResult result = finish(directory, *entries);
     if (result.status == Status::Done) {
         result.message = QStringLiteral("finished a change of %1 files that was interrupted")
                              .arg(entries->size());
+        if (changed > 0) {
+            result.message +=
+                QStringLiteral("; left out are %1 that were changed since").arg(changed);
+        }
     }
     return result;
 }

@@ -52,9 +52,10 @@ struct [[nodiscard]] JournalResult
 JournalResult commitChanges(int directory, const QVector<FileChange>& changes,
                             const QHash<QString, QByteArray>& records = {});
 
-/// Finishes what commitChanges() was interrupted in. To be called when the lock of the tree that is
-/// open as `directory` was acquired, before anything reads the tree. Costs one failed open() where
-/// there is nothing to finish.
+/// Finishes what commitChanges() was interrupted in, but for files that somebody else has written
+/// or removed since: they are newer. To be called when the lock of the tree that is open as
+/// `directory` was acquired, before anything reads the tree. Costs one failed open() where there is
+/// nothing to finish.
 ///
 /// A journal that is damaged, that another format wrote, or that is not a file of this user or of
 /// the tree's owner is refused: nothing of it is made and it stays, for somebody to look at.

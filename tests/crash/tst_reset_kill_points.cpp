@@ -214,7 +214,9 @@ void tst_ResetKillPoints::serviceKilledInAResetResetsAllOrNone()
         const QByteArray first = tree.readWritten(resetSettings.first());
         if (!first.isNull() && first != content) {
             QVERIFY2(first.contains("\"value\":{\"int\":7}"), first);
-            tree.writeWritten(resetSettings.first(), content);
+            // Not what a decided reset would take for a newer one.
+            if (!tree.writtenEntries().contains(journal))
+                tree.writeWritten(resetSettings.first(), content);
         }
         verifyAllOrNone(tree, true);
         if (QTest::currentTestFailed()) {

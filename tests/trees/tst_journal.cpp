@@ -210,6 +210,7 @@ private slots:
     void aJournalCannotReachOutOfTheTree_data();
     void aJournalCannotReachOutOfTheTree();
     void aJournalIsNotFollowedThroughALink();
+    void whatWasChangedSinceIsLeftAsItIs();
     void aForeignFileOfTheNewJournalsNameStays();
     void anUncommittedJournalIsReused_data();
     void anUncommittedJournalIsReused();
@@ -631,6 +632,42 @@ void tst_Journal::aJournalIsNotFollowedThroughALink()
     QVERIFY(QFile::remove(tree.writePath() + QLatin1String("/radio")));
     QCOMPARE(redo(tree).status, Status::Done);
     QCOMPARE(tree.readWritten(QStringLiteral("/radio/first")), QByteArrayLiteral("x"));
+}
+
+// By a framework that knows no journal.
+void tst_Journal::whatWasChangedSinceIsLeftAsItIs()
+{
+    const TemporaryTree tree;
+    prepare(tree);
+    tree.writeWritten(QStringLiteral("/radio/mode"), QByteArrayLiteral("old mode"));
+    QVector<FileChange> changes = threeChanges();
+    changes.append({ QStringLiteral("/radio/mode"), std::nullopt });
+    changes.append({ QStringLiteral("/video/sharpness"), QByteArrayLiteral("new sharpness") });
+    // From the first call on that follows the decision.
+    for (int call = 1; !QFile::exists(tree.writePath() + journal); ++call) {
+        callCount = 0;
+        fault = { call, ENOSPC };
+        const JournalResult result = commit(tree, changes);
+        fault = {};
+        QVERIFY(result.status != Status::Done);
+    }
+    QVERIFY(!isChanged(tree));
+    tree.writeWritten(QStringLiteral("/audio/volume"), QByteArrayLiteral("newer volume"));
+    tree.writeWritten(QStringLiteral("/radio/mode"), QByteArrayLiteral("newer mode"));
+    tree.writeWritten(QStringLiteral("/video/sharpness"), QByteArrayLiteral("newer sharpness"));
+
+    const JournalResult result = redo(tree);
+
+    QCOMPARE(result.status, Status::Done);
+    QCOMPARE(result.message,
+             QStringLiteral("finished a change of 2 files that was interrupted; left out are 3 "
+                            "that were changed since"));
+    QCOMPARE(tree.readWritten(QStringLiteral("/audio/volume")), QByteArrayLiteral("newer volume"));
+    QCOMPARE(tree.readWritten(QStringLiteral("/radio/mode")), QByteArrayLiteral("newer mode"));
+    QCOMPARE(tree.readWritten(QStringLiteral("/video/sharpness")),
+             QByteArrayLiteral("newer sharpness"));
+    QVERIFY(!QFile::exists(tree.writePath() + QLatin1String("/video/contrast")));
+    QVERIFY(!QFile::exists(tree.writePath() + journal));
 }
 
 void tst_Journal::aForeignFileOfTheNewJournalsNameStays()
