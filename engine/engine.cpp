@@ -316,6 +316,7 @@ QStringList deepestFirst(const QSet<QString>& directories)
 
 Error Engine::planReset(const QStringList& paths, const ResetOptions& options, Reset* reset)
 {
+    *reset = Reset();
     KeptPaths kept(m_worker->prefixPath().text());
     Error error = checkResetRequest(paths, options, &kept);
     for (auto path = paths.cbegin(); path != paths.cend() && !error; ++path)
@@ -340,6 +341,12 @@ Error Engine::planReset(const QStringList& paths, const ResetOptions& options, R
         if (options.isRecursive) {
             add(files.settingsBelow(settingPath), &settings);
             add(files.strayDirectoriesBelow(settingPath), &directories);
+            if (settingPath == separator) {
+                reset->records =
+                    recordAfterReset(m_lock.directory(), [this, &kept](const QString& setting) {
+                        return !kept.contains(m_worker->addPrefix(setting).text());
+                    });
+            }
         } else if (files.isWritten(settingPath)) {
             add({ settingPath }, &settings);
             add(files.strayDirectoriesAbove(settingPath), &directories);
@@ -371,7 +378,7 @@ Error Engine::writeAccepted()
 Error Engine::carryOut(Reset* reset)
 {
     const Reset planned = std::exchange(*reset, Reset());
-    if (planned.settings.isEmpty() && planned.directories.isEmpty())
+    if (planned.settings.isEmpty() && planned.directories.isEmpty() && planned.records.isEmpty())
         return {};
     const WrittenFiles files(m_defaultPath, m_writePath, m_options.productPostfix);
     QStringList settingPaths;
@@ -392,7 +399,7 @@ Error Engine::carryOut(Reset* reset)
     QVector<FileChange> removals;
     for (const QString& settingPath : qAsConst(settingPaths))
         removals.append({ settingPath, std::nullopt });
-    const JournalResult result = commitChanges(m_lock.directory(), removals);
+    const JournalResult result = commitChanges(m_lock.directory(), removals, planned.records);
     if (result.status == JournalResult::Status::Refused)
         return notReset(ErrorCode::NotSaved, result.message);
     reset->settings = planned.settings;

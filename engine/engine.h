@@ -11,6 +11,8 @@
 
 #include "api/core/model/cmsubscribe.h"
 
+#include <QByteArray>
+#include <QHash>
 #include <QString>
 #include <QStringList>
 #include <QVector>
@@ -105,9 +107,11 @@ public:
     {
         QStringList settings; ///< to remove the written files of, sorted
         QStringList directories; ///< to remove if they are empty then, deepest first
+        QHash<QString, QByteArray> records; ///< of migrations, as they are to be then
     };
     /// Has what is pending written, and finds which of `paths` and, in a recursive reset, of
-    /// everything below them have written files.
+    /// everything below them have written files. A recursive one of the whole tree reaches what
+    /// migrations have put aside, too.
     Error planReset(const QStringList& paths, const ResetOptions& options, Reset* reset);
     /// Removes the written files, all or none, and drops caches. The worker never forgets a name
     /// that it listed, so it is renewed when one is gone. `reset` becomes what was removed, also

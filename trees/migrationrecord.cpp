@@ -118,6 +118,39 @@ MigrationRecord::Applied* MigrationRecord::find(const QString& name)
     return found == applied.end() ? nullptr : &*found;
 }
 
+void MigrationRecord::forgetValues(const std::function<bool(const QString&)>& isReset)
+{
+    bool isAll = true;
+    const auto isForgotten = [&isReset, &isAll](const QString& path, const QString& other) {
+        const bool isBothReset = isReset(path) && (other.isEmpty() || isReset(other));
+        isAll = isAll && isBothReset;
+        return isBothReset;
+    };
+    const auto eraseIf = [](auto& list, const auto& condition) {
+        list.erase(std::remove_if(list.begin(), list.end(), condition), list.end());
+    };
+    eraseIf(moved, [&](const Moved& entry) { return isForgotten(entry.path, entry.to); });
+    eraseIf(kept, [&](const Kept& entry) { return isForgotten(entry.path, QString()); });
+    for (Applied& entry : applied) {
+        eraseIf(entry.changes, [&](const Change& change) {
+            // Holds no value.
+            if (change.kind == Change::Kind::Step)
+                return false;
+            for (const Change::File& file : change.files)
+                (void)isForgotten(file.from, file.to);
+            return isForgotten(change.path, change.to) && change.kind == Change::Kind::Remove;
+        });
+    }
+    for (Applied& entry : applied) {
+        if (!isAll)
+            break;
+        eraseIf(entry.changes,
+                [](const Change& change) { return change.kind == Change::Kind::Value; });
+        for (Change& change : entry.changes)
+            change.files.clear();
+    }
+}
+
 QByteArray MigrationRecord::toJson() const
 {
     QVariantList appliedEntries;

@@ -9,6 +9,8 @@
 #include <QString>
 #include <QVector>
 
+#include <functional>
+
 namespace tulo {
 
 /// What migrations have done to a writable tree, so that each is done once and can be taken back.
@@ -94,6 +96,10 @@ struct MigrationRecord
     bool isEmpty() const;
     /// Null when it is not in `applied`.
     Applied* find(const QString& name);
+
+    /// Forgets values: all of them when every place of one is reset. Otherwise those that would
+    /// come back by themselves, of reset places; the others are needed to take the rest back.
+    void forgetValues(const std::function<bool(const QString& settingPath)>& isReset);
 
     /// The content of the file: the same for the same record.
     QByteArray toJson() const;

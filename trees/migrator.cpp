@@ -338,6 +338,19 @@ MigrationResult migrate(int directory, const MigrationPlace& place, MigrationRun
     return made;
 }
 
+QHash<QString, QByteArray> recordAfterReset(int directory,
+                                            const std::function<bool(const QString&)>& isReset)
+{
+    MigrationRecord record;
+    if (!readRecord(directory, &record).isEmpty())
+        return {};
+    const QByteArray before = record.toJson();
+    record.forgetValues(isReset);
+    const QByteArray after = record.toJson();
+    return after == before ? QHash<QString, QByteArray>()
+                           : QHash<QString, QByteArray> { { MigrationRecord::fileName(), after } };
+}
+
 QString describe(const PlannedMigration& value)
 {
     QString text = shownPath(value.from);

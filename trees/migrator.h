@@ -3,8 +3,12 @@
 #include "trees/journal.h"
 #include "trees/migration.h"
 
+#include <QByteArray>
+#include <QHash>
 #include <QString>
 #include <QVector>
+
+#include <functional>
 
 namespace tulo {
 
@@ -49,6 +53,12 @@ MigrationResult planMigrationOf(const MigrationPlace& place, MigrationRun run);
 /// When the default tree has the stamp, and the product is the one, that the tree was fitted to,
 /// only stamp and record are read. Otherwise all files of both trees are.
 MigrationResult migrate(int directory, const MigrationPlace& place, MigrationRun run);
+
+/// What the record becomes when values are reset: see MigrationRecord::forgetValues(). To be
+/// written with the reset; empty when nothing changes. A record that cannot be read is left as it
+/// is.
+QHash<QString, QByteArray> recordAfterReset(
+    int directory, const std::function<bool(const QString& settingPath)>& isReset);
 
 /// One line for people, without the values: they may be secret.
 QString describe(const PlannedMigration& value);

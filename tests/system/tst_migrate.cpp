@@ -92,6 +92,8 @@ private slots:
     void narrowedSettingIsClampedThereAndWideAgainBack();
     void settingOfAnotherKindIsConvertedThereAndBack();
     void resetSettingShowsTheNextDefault();
+    void resetOfEverythingReachesTheRecord();
+    void keptSettingIsTakenBackAfterAReset();
 
     void planIsPrintedAndNothingDone();
     void planIsPrintedAsJson();
@@ -166,6 +168,55 @@ void TstMigrate::resetSettingShowsTheNextDefault()
     QCOMPARE(device.run("a", "reset /settings/audio/volume").exitCode, 0);
 
     QCOMPARE(device.valueUnder("b", "/settings/audio/volume"), QByteArray("25"));
+}
+
+// What a rule took away, changed and renamed must not come back, nor be found, after the device has
+// changed hands.
+void TstMigrate::resetOfEverythingReachesTheRecord()
+{
+    const Device device;
+    const QByteArray text = R"({"value":{"string":"nobody"},"edit":{"kind":"string"}})";
+    for (const char* name : { "owner", "caller", "network" })
+        device.put("a", (QByteArray("settings-default/phone/") + name).constData(), text);
+    for (const char* name : { "caller", "access-point" })
+        device.put("b", (QByteArray("settings-default/phone/") + name).constData(), text);
+    device.put("b", "settings-migrations/0001-phone.json",
+               R"([{"remove":"/phone/owner"},)"
+               R"({"map":"/phone/caller","values":[["secret-1","secret-2"]]},)"
+               R"({"rename":"/phone/network","to":"/phone/access-point"}])");
+    QCOMPARE(device.run("a", "set /settings/phone/owner secret-0").exitCode, 0);
+    QCOMPARE(device.run("a", "set /settings/phone/caller secret-1").exitCode, 0);
+    QCOMPARE(device.run("a", "set /settings/phone/network secret-3").exitCode, 0);
+    QCOMPARE(device.valueUnder("b", "/settings/phone/caller"), QByteArray("secret-2"));
+
+    QCOMPARE(device.run("b", "reset --all").exitCode, 0);
+
+    QFile record(device.writePath() + QStringLiteral("/.tulo-cm.migrations"));
+    QVERIFY(record.open(QIODevice::ReadOnly));
+    QVERIFY(!record.readAll().contains("secret"));
+    for (const char* name : { "owner", "caller", "network" })
+        QCOMPARE(device.valueUnder("a", (QByteArray("/settings/phone/") + name).constData()),
+                 QByteArray("nobody"));
+}
+
+void TstMigrate::keptSettingIsTakenBackAfterAReset()
+{
+    const Device device;
+    const QByteArray text = R"({"value":{"string":"nobody"},"edit":{"kind":"string"}})";
+    device.put("a", "settings-default/phone/owner", text);
+    device.put("a", "settings-default/network/name", text);
+    device.put("b", "settings-default/network/name", text);
+    device.put("b", "settings-migrations/0001-phone.json",
+               R"([{"remove":"/phone/owner"},)"
+               R"({"map":"/network/name","values":[["home","Home"]]}])");
+    QCOMPARE(device.run("a", "set /settings/phone/owner somebody").exitCode, 0);
+    QCOMPARE(device.run("a", "set /settings/network/name home").exitCode, 0);
+    QCOMPARE(device.valueUnder("b", "/settings/network/name"), QByteArray("Home"));
+
+    QCOMPARE(device.run("b", "reset --all --keep /settings/network").exitCode, 0);
+
+    QCOMPARE(device.valueUnder("a", "/settings/network/name"), QByteArray("home"));
+    QCOMPARE(device.valueUnder("a", "/settings/phone/owner"), QByteArray("nobody"));
 }
 
 void TstMigrate::planIsPrintedAndNothingDone()
