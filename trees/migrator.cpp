@@ -241,6 +241,17 @@ MigrationResult prepare(const MigrationPlace& place, MigrationRun run, Work* wor
     return defect.isEmpty() ? result : MigrationResult { Outcome::BrokenImage, defect, {} };
 }
 
+bool isBehindLink(int directory, const QByteArray& name)
+{
+    for (int end = name.indexOf('/'); end >= 0; end = name.indexOf('/', end + 1)) {
+        struct stat file = {};
+        if (::fstatat(directory, name.left(end).constData(), &file, AT_SYMLINK_NOFOLLOW) == 0
+            && S_ISLNK(file.st_mode))
+            return true;
+    }
+    return false;
+}
+
 // The directories above what migrations have taken away are empty now, if nothing else is in them.
 // A listing would show them, and a setting could not be where one is.
 void removeEmptied(int directory, const MigrationRecord& record, const MigrationPlan& plan)
@@ -262,7 +273,8 @@ void removeEmptied(int directory, const MigrationRecord& record, const Migration
             continue;
         for (QString above = parentOf(path); !above.isEmpty(); above = parentOf(above)) {
             const QByteArray name = QFile::encodeName(above.mid(1));
-            if (::unlinkat(directory, name.constData(), AT_REMOVEDIR) != 0 && errno != ENOENT)
+            if (isBehindLink(directory, name)
+                || (::unlinkat(directory, name.constData(), AT_REMOVEDIR) != 0 && errno != ENOENT))
                 break;
         }
     }

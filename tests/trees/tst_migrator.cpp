@@ -56,6 +56,7 @@ private slots:
     void brokenInputChangesNothing();
     void linkInTheWayIsAnObstacle();
     void linksInTheWritableTreeAreLeftAlone();
+    void nothingIsRemovedThroughALink();
     void recordIsForItsOwnerOnly();
     void recordIsNoFinding();
     void planIsMadeWithoutTheLock();
@@ -325,6 +326,25 @@ void tst_migrator::linksInTheWritableTreeAreLeftAlone()
     QVERIFY(run().values.isEmpty());
 
     QVERIFY(QFile::exists(m_tree->path() + path("/elsewhere/drive-mode")));
+}
+
+// The record names a directory that is behind a link by now.
+void tst_migrator::nothingIsRemovedThroughALink()
+{
+    m_tree->writeWritten(path("/vehicle/drive/mode"), eco);
+    QCOMPARE(run().status, Outcome::Done);
+    const QString outside = m_tree->path() + path("/outside");
+    QVERIFY(QDir().mkpath(outside + path("/drive")));
+    QVERIFY(QFile::link(outside, m_tree->writePath() + path("/vehicle")));
+    m_tree->writeDefault(path("/audio/volume"), R"({"id":"VOL","value":{"int":1}})");
+    m_tree->writeWritten(path("/audio/loudness"), R"({"id":"VOL","value":{"int":2}})");
+
+    QCOMPARE(run().status, Outcome::Done);
+
+    QCOMPARE(written(),
+             QStringList({ path("/audio/"), path("/audio/volume"), path("/driving/"),
+                           path("/driving/mode"), path("/vehicle") }));
+    QVERIFY(QFile::exists(outside + path("/drive")));
 }
 
 void tst_migrator::recordIsForItsOwnerOnly()
