@@ -34,12 +34,14 @@ const QLatin1String recordPrefix(".tulo-cm.");
 /// The first line is this, the format's number, and the SHA-256 of everything behind that line.
 constexpr char magic[] = "tulo-journal";
 constexpr char format[] = "1";
+constexpr mode_t allPermissions = S_IRWXU | S_IRWXG | S_IRWXO;
 constexpr int maximumJournalBytes = 64 * 1024 * 1024;
 
 const QLatin1String pathKey("path");
 const QLatin1String recordKey("record");
 const QLatin1String contentKey("content");
 const QLatin1String beforeKey("before");
+const QLatin1String permissionsKey("permissions");
 
 using Status = JournalResult::Status;
 
@@ -50,6 +52,7 @@ struct Entry
     QByteArray name;
     std::optional<QByteArray> content;
     mode_t mode = 0;
+    std::optional<mode_t> permissions = std::nullopt;
     /// Digest of the file that the change was made for. Not set: it replaces whatever is there.
     std::optional<QByteArray> before = std::nullopt;
 
@@ -135,6 +138,8 @@ QByteArray lineOf(QLatin1String key, const QString& name, const Entry& entry)
         object.insert(contentKey, QString::fromUtf8(*entry.content));
     if (entry.before)
         object.insert(beforeKey, QString::fromLatin1(*entry.before));
+    if (entry.permissions)
+        object.insert(permissionsKey, qint64(*entry.permissions));
     return TuloJson::serialize(object) + '\n';
 }
 
@@ -153,6 +158,8 @@ std::optional<Entry> entryOf(const QByteArray& line)
         Entry entry = settingEntry(path, content);
         if (object.contains(beforeKey))
             entry.before = object.value(beforeKey).toString().toLatin1();
+        if (object.contains(permissionsKey))
+            entry.permissions = object.value(permissionsKey).toUInt() & allPermissions;
         return entry;
     }
     if (content && isRecordName(record))
@@ -278,7 +285,8 @@ bool writeAll(int file, const QByteArray& content)
 }
 
 // Reuses the file when it is there. False, and errno, when it does not hold `content` on the disk.
-bool writeNew(int directory, const QByteArray& name, const QByteArray& content, mode_t mode)
+bool writeNew(int directory, const QByteArray& name, const QByteArray& content, mode_t mode,
+              std::optional<mode_t> permissions = std::nullopt)
 {
     UniqueFd file(::openat(directory, name.constData(),
                            O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
@@ -290,6 +298,9 @@ bool writeNew(int directory, const QByteArray& name, const QByteArray& content, 
         errno = EEXIST;
         return false;
     }
+    // It may be another user's file, left by an interruption: then the content is what counts.
+    if (permissions)
+        (void)::fchmod(file.get(), *permissions);
     return ::ftruncate(file.get(), 0) == 0 && writeAll(file.get(), content)
         && ::fsync(file.get()) == 0;
 }
@@ -302,7 +313,7 @@ QString writeFile(int directory, const Entry& entry)
     QString error = checkPlace(directory, entry, &freed);
     if (!error.isEmpty())
         return error;
-    if (!writeNew(directory, temporary, *entry.content, entry.mode)
+    if (!writeNew(directory, temporary, *entry.content, entry.mode, entry.permissions)
         || ::renameat(directory, temporary.constData(), directory, entry.name.constData()) != 0) {
         QString reason = failed("write", entry.directory, entry.name);
         ::unlinkat(directory, temporary.constData(), 0);
@@ -611,6 +622,7 @@ JournalResult commitChanges(int directory, const QVector<FileChange>& changes,
     for (const FileChange& change : changes) {
         Entry entry = settingEntry(change.settingPath, change.content);
         entry.before = digestThere(directory, entry);
+        entry.permissions = change.permissions;
         entries.append(entry);
         body += lineOf(pathKey, change.settingPath, entry);
         if (body.size() > maximumJournalBytes)

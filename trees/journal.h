@@ -7,6 +7,8 @@
 
 #include <optional>
 
+#include <sys/types.h>
+
 // Changes of several files of the writable tree, all of them or none, whatever interrupts the
 // process or the machine. For the owner of the tree, see OwnerLock, while no worker has anything
 // to write into it. No state; one call at a time for a tree.
@@ -26,6 +28,8 @@ struct FileChange
 {
     QString settingPath; ///< such as "/audio/volume"
     std::optional<QByteArray> content; ///< valid UTF-8; nothing: the file is removed
+    /// Of the file; nothing: those that the worker gives, which the process's mask limits.
+    std::optional<mode_t> permissions = std::nullopt;
 };
 
 /// What became of changes.

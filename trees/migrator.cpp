@@ -293,6 +293,22 @@ MigrationResult resultOf(const JournalResult& journal)
     return { Outcome::Unfinished, journal.message, {} };
 }
 
+// Others may read the tree where another framework serves it, or must not.
+void keepPermissions(int directory, MigrationPlan* plan)
+{
+    QHash<QString, QString> origins;
+    for (const PlannedMigration& value : qAsConst(plan->values)) {
+        if (value.obstacle.isEmpty() && !value.from.isEmpty())
+            origins.insert(value.to, value.from);
+    }
+    for (FileChange& change : plan->changes) {
+        const QByteArray origin = QFile::encodeName(origins.value(change.settingPath).mid(1));
+        struct stat file = {};
+        if (::fstatat(directory, origin.constData(), &file, AT_SYMLINK_NOFOLLOW) == 0)
+            change.permissions = file.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO);
+    }
+}
+
 JournalResult commit(int directory, const QVector<FileChange>& changes,
                      const MigrationRecord& before, const MigrationRecord& after)
 {
@@ -335,6 +351,7 @@ MigrationResult migrate(int directory, const MigrationPlace& place, MigrationRun
         return result;
     }
 
+    keepPermissions(directory, &work.plan);
     MigrationRecord record = work.plan.record;
     // Not before the directories have gone: an interruption would leave them.
     record.image = work.plan.changes.isEmpty() ? image : QString();

@@ -12,6 +12,7 @@
 #include <QTest>
 
 #include <memory>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -57,6 +58,7 @@ private slots:
     void linkInTheWayIsAnObstacle();
     void linksInTheWritableTreeAreLeftAlone();
     void nothingIsRemovedThroughALink();
+    void modesAreKept();
     void recordIsForItsOwnerOnly();
     void recordIsNoFinding();
     void planIsMadeWithoutTheLock();
@@ -345,6 +347,39 @@ void tst_migrator::nothingIsRemovedThroughALink()
              QStringList({ path("/audio/"), path("/audio/volume"), path("/driving/"),
                            path("/driving/mode"), path("/vehicle") }));
     QVERIFY(QFile::exists(outside + path("/drive")));
+}
+
+// Where another framework serves the tree, others may read it.
+void tst_migrator::modesAreKept()
+{
+    const auto modeOf = [this](const char* name) {
+        struct stat status = {};
+        const QString fileName = m_tree->writePath() + path(name);
+        return ::stat(QFile::encodeName(fileName).constData(), &status) == 0
+            ? int(status.st_mode & 07777)
+            : 0;
+    };
+    putRule("0001-volume.json", R"([{"map":"/audio/volume","values":[[5,6]]}])");
+    m_tree->writeDefault(path("/audio/volume"), R"({"value":{"int":1}})");
+    m_tree->writeDefault(path("/audio/pin"), R"({"id":"PIN","value":{"int":1}})");
+    m_tree->writeWritten(path("/vehicle/drive-mode"), eco);
+    m_tree->writeWritten(path("/audio/volume"), R"({"value":{"int":5}})");
+    m_tree->writeWritten(path("/vehicle/pin"), R"({"id":"PIN","value":{"int":5}})");
+    for (const auto& [name, mode] : { std::pair("/vehicle/drive-mode", 0644),
+                                      { "/audio/volume", 0664 },
+                                      { "/vehicle/pin", 0600 } }) {
+        QVERIFY(::chmod(QFile::encodeName(m_tree->writePath() + path(name)).constData(), mode)
+                == 0);
+    }
+
+    const mode_t mask = ::umask(0077);
+    const Outcome status = run().status;
+    ::umask(mask);
+
+    QCOMPARE(status, Outcome::Done);
+    QCOMPARE(modeOf("/driving/mode"), 0644);
+    QCOMPARE(modeOf("/audio/volume"), 0664);
+    QCOMPARE(modeOf("/audio/pin"), 0600);
 }
 
 void tst_migrator::recordIsForItsOwnerOnly()
