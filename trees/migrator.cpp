@@ -236,8 +236,13 @@ MigrationResult prepare(const MigrationPlace& place, MigrationRun run, Work* wor
     work->plan = run == MigrationRun::Undo ? planUndo(work->input) : planMigration(work->input);
     MigrationResult result;
     result.values = work->plan.values;
+    if (work->isNothing())
+        return result;
+    // More likely its file system is not mounted.
+    if (work->input.image.settings.isEmpty() && work->input.image.directories.isEmpty())
+        return faulty(QStringLiteral("the default tree '%1' is empty").arg(place.defaultPath));
     // Only for what is done it matters whether it was planned on sound files.
-    const QString defect = work->isNothing() ? QString() : scan.defect();
+    const QString defect = scan.defect();
     return defect.isEmpty() ? result : MigrationResult { Outcome::BrokenImage, defect, {} };
 }
 

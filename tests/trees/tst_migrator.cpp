@@ -55,6 +55,7 @@ private slots:
     void stampOfAnEarlierImageIsForgotten();
     void brokenInputChangesNothing_data();
     void brokenInputChangesNothing();
+    void treeThatIsNotMountedChangesNothing();
     void linkInTheWayIsAnObstacle();
     void linksInTheWritableTreeAreLeftAlone();
     void nothingIsRemovedThroughALink();
@@ -305,6 +306,26 @@ void tst_migrator::brokenInputChangesNothing()
     QVERIFY2(result.message.contains(reason), qPrintable(result.message));
     QCOMPARE(m_tree->readWritten(path("/vehicle/drive-mode")), QByteArray(eco));
     QCOMPARE(written(), (QStringList { path("/vehicle/"), path("/vehicle/drive-mode") }));
+}
+
+// An empty directory is all there is of it, and nothing of the rules.
+void tst_migrator::treeThatIsNotMountedChangesNothing()
+{
+    putRule("0001-mode.json", R"([{"clamp":"/driving/mode"}])");
+    QCOMPARE(run().status, Outcome::Done);
+    m_tree->writeWritten(path("/driving/mode"), eco);
+    const QByteArray before = record();
+    QVERIFY(QDir(m_tree->defaultPath()).removeRecursively());
+    QVERIFY(QDir().mkdir(m_tree->defaultPath()));
+    QVERIFY(QDir(m_tree->path() + path("/settings-migrations")).removeRecursively());
+
+    const MigrationResult result = run();
+
+    QCOMPARE(result.status, Outcome::Faulty);
+    QCOMPARE(result.message,
+             QStringLiteral("the default tree '%1' is empty").arg(m_tree->defaultPath()));
+    QCOMPARE(m_tree->readWritten(path("/driving/mode")), QByteArray(eco));
+    QCOMPARE(record(), before);
 }
 
 void tst_migrator::linkInTheWayIsAnObstacle()
