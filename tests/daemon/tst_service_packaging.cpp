@@ -344,6 +344,9 @@ void TstServicePackaging::unitOfTheMigrationIsForTheCommand()
     QVERIFY2(unit.contains("\nExecStart=/usr/bin/tulo-cm --in-process --product ${TULO_PRODUCT} "
                            "migrate\n"),
              unit);
+    // Values, which the log must not have; and files that others may have to read.
+    QVERIFY2(unit.contains("\nStandardOutput=null\n"), unit);
+    QVERIFY2(!unit.contains("UMask="), unit);
     QVERIFY(!QFileInfo::exists(installed("lib/systemd/system/multi-user.target.wants")));
 }
 
