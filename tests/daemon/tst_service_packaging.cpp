@@ -125,8 +125,8 @@ void TstServicePackaging::filesAreInPlace()
         QVERIFY2(QFileInfo(installed(name)).isExecutable(), name);
     const QByteArray unit = contentOf(installed("lib/systemd/system/tulo-settingsd.service"));
     for (const char* line :
-         { "\nType=notify\n", "\nUMask=0077\n", "\nTimeoutStopSec=120\n", "\nLimitCORE=0\n",
-           "\nRequiresMountsFor=/settings /etc/tulo/settings-default\n",
+         { "\nType=notify\n", "\nUMask=0077\n", "\nTimeoutStartSec=900\n", "\nTimeoutStopSec=120\n",
+           "\nLimitCORE=0\n", "\nRequiresMountsFor=/settings /etc/tulo/settings-default\n",
            "\nLimitNOFILE=", "\nRestart=on-failure\n", "\nStartLimitIntervalSec=0\n",
            "\nWatchdogSec=60\n", "\nEnvironmentFile=-/etc/default/tulo-settingsd\n",
            "\nBusName=org.tulo.ConfigurationManager1\n" })
