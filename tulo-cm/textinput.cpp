@@ -2,11 +2,16 @@
 
 #include "tulo-cm/signalhandler.h"
 
+#include "trees/uniquefd.h"
+
+#include <QFile>
 #include <QTextCodec>
 
 #include <cerrno>
 #include <cstring>
+#include <limits>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace tulo {
@@ -22,20 +27,61 @@ std::optional<QString> decode(const QByteArray& bytes, const QString& what, QStr
     return std::nullopt;
 }
 
+namespace {
+
+QString systemError()
+{
+    return QString::fromLocal8Bit(std::strerror(errno));
+}
+
+// Whether a call that failed was interrupted, but not for the end.
+bool goesOn()
+{
+    return errno == EINTR && !SignalHandler::isEndRequested();
+}
+
+// Up to the end, or until it is more than `maximumBytes`. Returns false with errno.
+bool readAll(int descriptor, qint64 maximumBytes, QByteArray* all)
+{
+    char buffer[64 * 1024];
+    ssize_t count = 0;
+    do {
+        count = ::read(descriptor, buffer, sizeof buffer);
+        if (count > 0)
+            all->append(buffer, int(count));
+    } while ((count > 0 && all->size() <= maximumBytes) || (count < 0 && goesOn()));
+    return count >= 0;
+}
+
+} // namespace
+
 std::optional<QString> readStandardInput(QString* error)
 {
     const QString name = QStringLiteral("standard input");
     QByteArray all;
-    char buffer[64 * 1024];
-    ssize_t count = 0;
-    do {
-        count = ::read(STDIN_FILENO, buffer, sizeof buffer);
-        if (count > 0)
-            all.append(buffer, int(count));
-    } while (count > 0 || (count < 0 && errno == EINTR && !SignalHandler::isEndRequested()));
-    if (count == 0)
+    if (readAll(STDIN_FILENO, std::numeric_limits<int>::max(), &all))
         return decode(all, name, error);
-    *error = QStringLiteral("%1: %2").arg(name, QString::fromLocal8Bit(std::strerror(errno)));
+    *error = QStringLiteral("%1: %2").arg(name, systemError());
+    return std::nullopt;
+}
+
+std::optional<QByteArray> readInput(const QString& fileName, qint64 maximumBytes, QString* error)
+{
+    QByteArray all;
+    if (fileName == QLatin1String("-")) {
+        if (readAll(STDIN_FILENO, maximumBytes, &all))
+            return all;
+        *error = QStringLiteral("standard input: %1").arg(systemError());
+        return std::nullopt;
+    }
+    // Opening a pipe waits for its writer.
+    UniqueFd file;
+    do {
+        file = UniqueFd(::open(QFile::encodeName(fileName).constData(), O_RDONLY | O_CLOEXEC));
+    } while (!file && goesOn());
+    if (file && readAll(file.get(), maximumBytes, &all))
+        return all;
+    *error = QStringLiteral("cannot read '%1': %2").arg(fileName, systemError());
     return std::nullopt;
 }
 

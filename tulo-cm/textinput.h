@@ -16,6 +16,10 @@ std::optional<QString> decode(const QByteArray& bytes, const QString& what, QStr
 /// All of standard input. A signal to end ends it.
 std::optional<QString> readStandardInput(QString* error);
 
+/// What a file holds, standard input for "-"; of one that has more than `maximumBytes`, more than
+/// that. A signal to end ends it.
+std::optional<QByteArray> readInput(const QString& fileName, qint64 maximumBytes, QString* error);
+
 /// Splits a line of the shell into words at blanks. Text in '...' is taken as it is; in "..." a
 /// backslash takes the mark, or itself, out of its meaning; elsewhere it does so for any
 /// character. A line with U+0000 is an error.

@@ -10,6 +10,9 @@
 #include <QRandomGenerator>
 #include <QTest>
 
+#include <csignal>
+
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -90,6 +93,8 @@ private slots:
     void textThatIsNotADumpChangesNothing();
     void longTextHasNoLine();
     void fileThatCannotBeRead();
+    void signalEndsReading_data();
+    void signalEndsReading();
     void treeInUseIsNotLoadedInto();
     void whatIsInTheWayChangesNothing();
     void fullDiskChangesNothing();
@@ -575,6 +580,36 @@ void TstCarry::fileThatCannotBeRead()
                  .arg(name)
                  .toUtf8());
     QCOMPARE(result.exitCode, 2);
+}
+
+void TstCarry::signalEndsReading_data()
+{
+    QTest::addColumn<QString>("fileName");
+    QTest::newRow("standard input") << QStringLiteral("-");
+    QTest::newRow("pipe without a writer") << QStringLiteral("pipe");
+}
+
+void TstCarry::signalEndsReading()
+{
+    QFETCH(const QString, fileName);
+    const CommandLine device;
+    QCOMPARE(::mkfifo(QFile::encodeName(device.tree.path() + QStringLiteral("/pipe")), 0600), 0);
+    // A note, by which signals have their handler.
+    device.tree.writeWritten(QStringLiteral("/.tulo-cm.migrations"), "{");
+    ChildProcess program(QStringLiteral(TULO_CM_PROGRAM),
+                         device.arguments({ QStringLiteral("load"), fileName }));
+    program.setWorkingDirectory(device.tree.path());
+    QVERIFY(program.start());
+    QVERIFY(program.waitForError("Migration failed"));
+
+    // One that comes just before the reading does not interrupt it.
+    QTRY_VERIFY_WITH_TIMEOUT((program.sendSignal(SIGINT), program.hasEnded()),
+                             ChildProcess::waitMs);
+
+    const ChildResult result = program.finish();
+    QVERIFY2(result.standardError.endsWith("\ntulo-cm: cancelled\n"), result.standardError);
+    QCOMPARE(result.signal, 0);
+    QCOMPARE(result.exitCode, 130);
 }
 
 void TstCarry::treeInUseIsNotLoadedInto()

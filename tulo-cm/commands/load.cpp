@@ -3,6 +3,7 @@
 #include "tulo-cm/listing.h"
 #include "tulo-cm/place.h"
 #include "tulo-cm/roles.h"
+#include "tulo-cm/signalhandler.h"
 #include "tulo-cm/textinput.h"
 #include "tulo-cm/waiting.h"
 
@@ -14,7 +15,6 @@
 
 #include <tulo/settings.h>
 
-#include <QFile>
 #include <QHash>
 #include <QSet>
 
@@ -413,27 +413,12 @@ int Loading::print(bool isDryRun)
 // The command.
 // ---------------------------------------------------------------------------------------------
 
-std::optional<QByteArray> readText(const QString& fileName, QString* error)
-{
-    if (fileName == QLatin1String("-")) {
-        const std::optional<QString> text = readStandardInput(error);
-        return text ? std::make_optional(text->toUtf8()) : std::nullopt;
-    }
-    QFile file(fileName);
-    QByteArray text;
-    // One byte more, which tells that it is too much.
-    if (file.open(QIODevice::ReadOnly))
-        text = file.read(Dump::maximumBytes + 1);
-    if (file.error() == QFileDevice::NoError)
-        return text;
-    *error = QStringLiteral("cannot read '%1': %2").arg(fileName, file.errorString());
-    return std::nullopt;
-}
-
 int readDumpFile(Output& output, const QString& name, Dump* dump)
 {
     QString error;
-    const std::optional<QByteArray> text = readText(name, &error);
+    const std::optional<QByteArray> text = readInput(name, Dump::maximumBytes, &error);
+    if (!text && SignalHandler::isEndRequested())
+        return output.report({ ErrorCode::Cancelled, QStringLiteral("cancelled"), QString() });
     if (!text)
         return output.reportUsage(error);
     const QVector<DumpFault> faults = readDump(*text, dump);
