@@ -18,11 +18,6 @@ namespace {
 
 using Findings = QVector<DocumentFinding>;
 
-bool isNumberKind(const QString& kind)
-{
-    return kind == TuloValue::Int() || kind == TuloValue::Double();
-}
-
 bool isInteger(const QVariant& content)
 {
     return content.userType() == QMetaType::LongLong || content.userType() == QMetaType::ULongLong;

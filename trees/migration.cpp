@@ -703,7 +703,7 @@ private:
             return value;
         if (step.valueKind == TuloValue::String())
             return valueOfKind(step.valueKind, value.content());
-        bool isNumber = value.kind() == TuloValue::Int() || value.kind() == TuloValue::Double();
+        bool isNumber = isNumberKind(value.kind());
         double number = value.content().toDouble();
         if (value.kind() == TuloValue::String())
             number = value.content().toString().toDouble(&isNumber);

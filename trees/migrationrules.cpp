@@ -4,6 +4,7 @@
 #include "trees/fileprobe.h"
 #include "trees/locatedjson.h"
 #include "trees/separator.h"
+#include "trees/settingvalue.h"
 
 #include "api/core/tulovalue.h"
 
@@ -189,8 +190,7 @@ private:
         const QString name = QStringLiteral("kind");
         const QString scale = QStringLiteral("scale");
         step->valueKind = entries.value(name).toString();
-        const bool isNumber =
-            step->valueKind == TuloValue::Int() || step->valueKind == TuloValue::Double();
+        const bool isNumber = isNumberKind(step->valueKind);
         if (!isNumber && step->valueKind != TuloValue::String()) {
             fault(entries.contains(name) ? pointerTo(at, name) : at,
                   QStringLiteral("expected 'kind', one of \"int\", \"double\" and \"string\""));

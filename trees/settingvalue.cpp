@@ -15,6 +15,11 @@ QString jsonText(const QVariant& content)
 
 } // namespace
 
+bool isNumberKind(const QString& kind)
+{
+    return kind == TuloValue::Int() || kind == TuloValue::Double();
+}
+
 QString kindOfSetting(const TuloRoles& setting)
 {
     const TuloEdit edit = setting.edit();
@@ -41,11 +46,6 @@ TuloEdit typedEdit(const TuloRoles& setting)
     return edit;
 }
 
-bool isNumber(const QString& kind)
-{
-    return kind == TuloValue::Int() || kind == TuloValue::Double();
-}
-
 bool isStep(const QString& verb)
 {
     return verb == QLatin1String("next") || verb == QLatin1String("previous");
@@ -58,9 +58,9 @@ bool applies(const QString& verb, const QString& kind, const TuloValue& operand,
     if (verb == QLatin1String("toggle"))
         return kind.isEmpty() || kind == TuloValue::Bool();
     if (isStep(verb))
-        return isNumber(kind) || !edit.values().isEmpty();
+        return isNumberKind(kind) || !edit.values().isEmpty();
     if (verb == QLatin1String("add") || verb == QLatin1String("multiply"))
-        return isNumber(kind) && !operand.convertedTo(kind).isEmpty();
+        return isNumberKind(kind) && !operand.convertedTo(kind).isEmpty();
     return kind == TuloValue::List()
         || (kind == TuloValue::String() && operand.kind() == TuloValue::String());
 }

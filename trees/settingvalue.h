@@ -10,6 +10,9 @@ namespace tulo {
 
 // Values without a kind, as people and D-Bus clients give them. No state; thread-safe.
 
+/// Tells whether a kind is int or double.
+bool isNumberKind(const QString& kind);
+
 /// The kind that a setting's values have: that of its constraints, of its default value, or,
 /// where there is none, of its current value; empty when none tells. Constraints that name
 /// numbers only leave it to the default and current value whether it is int or double.

@@ -33,11 +33,6 @@ struct Narrowing
     QString message;
 };
 
-bool isNumberKind(const QString& kind)
-{
-    return kind == TuloValue::Int() || kind == TuloValue::Double();
-}
-
 bool isLess(const QVariant& left, const QVariant& right)
 {
     const bool areIntegers =
