@@ -109,7 +109,6 @@ private:
     };
 
     void read(const QString& record);
-    void setFailed(const QString& failedFile, const QString& record);
     void setPending(State* state, bool isPending);
     void setUnsaved(State* state, bool isUnsaved);
     void setUnconfirmed(State* state, int sync);

@@ -227,15 +227,6 @@ QString readText(const QString& fileName, QByteArray* text)
 
 } // namespace
 
-QString stepName(MigrationStep::Kind kind)
-{
-    for (const StepForm& form : stepForms()) {
-        if (form.kind == kind)
-            return QLatin1String(form.name);
-    }
-    return QString();
-}
-
 QString parseMigration(const QString& fileName, const QByteArray& text, Migration* migration)
 {
     static const QRegularExpression form(QStringLiteral("\\A([0-9]{4})-[A-Za-z0-9_-]+\\.json\\z"));
@@ -311,10 +302,6 @@ bool covers(const MigrationStep& step, const ImageChange& change)
     if (!isAbout(step, change))
         return false;
     switch (change.kind) {
-    case ImageChange::Kind::Moved:
-        return step.kind == Kind::Remove
-            || (step.kind == Kind::Rename && isAtOrBelow(change.path, step.target)
-                && step.to + change.path.mid(step.target.size()) == change.newPath);
     case ImageChange::Kind::Removed:
         return step.kind == Kind::Remove
             || (step.kind == Kind::Rename && isAtOrBelow(change.path, step.target));
@@ -325,8 +312,6 @@ bool covers(const MigrationStep& step, const ImageChange& change)
         return step.kind == Kind::Map || step.kind == Kind::Convert || step.kind == Kind::Remove;
     case ImageChange::Kind::MadeReadOnly:
         return step.kind == Kind::Remove;
-    case ImageChange::Kind::DefaultChanged:
-        return true;
     }
     return false;
 }
@@ -335,9 +320,6 @@ bool covers(const MigrationStep& step, const ImageChange& change)
 
 bool covers(const QVector<Migration>& migrations, const ImageChange& change)
 {
-    if (change.kind == ImageChange::Kind::DefaultChanged
-        || (change.kind == ImageChange::Kind::Moved && !change.id.isEmpty()))
-        return true;
     return std::any_of(migrations.cbegin(), migrations.cend(), [&](const Migration& migration) {
         return std::any_of(migration.steps.cbegin(), migration.steps.cend(),
                            [&](const MigrationStep& step) { return covers(step, change); });

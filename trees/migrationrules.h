@@ -27,9 +27,6 @@ struct MigrationStep
     double scale = 1; ///< Convert: numbers are multiplied by it
 };
 
-/// The word that stands for a step's kind in a rule file, such as "rename".
-QString stepName(MigrationStep::Kind kind);
-
 /// What one file of rules says. docs/migrations.md describes the files.
 struct Migration
 {
@@ -51,20 +48,19 @@ struct Migration
 /// tree.
 QString migrationsBeside(const QString& defaultPath);
 
-/// Something that changed from one default tree to the next.
+/// Something that changed from one default tree to the next, so that written values are lost or no
+/// longer fit.
 struct ImageChange
 {
-    enum class Kind { Moved, Removed, Narrowed, KindChanged, MadeReadOnly, DefaultChanged };
+    enum class Kind { Removed, Narrowed, KindChanged, MadeReadOnly };
 
-    Kind kind = Kind::Moved;
+    Kind kind = Kind::Removed;
     QString path; ///< in the old tree
-    QString newPath; ///< Moved: in the new tree; otherwise the same as `path`
+    QString newPath; ///< in the new tree; of what was removed the same as `path`
     QString id; ///< in the old tree; empty when it has none
 };
 
-/// Tells whether written values survive the change in a useful form: whether some migration takes
-/// care of them, or none is needed. A setting that moved with its id needs none, nor does a default
-/// that changed.
+/// Tells whether one of the migrations takes care of the written values.
 bool covers(const QVector<Migration>& migrations, const ImageChange& change);
 
 } // namespace tulo

@@ -250,10 +250,6 @@ void tst_migrationrules::coverage_data()
         QTest::newRow(name) << QByteArray(rules) << kind << QString::fromLatin1(id) << isCovered;
     };
     // From /a/b to /c/b.
-    row("moved with its id", "[]", Change::Moved, true, "X");
-    row("moved without an id", "[]", Change::Moved, false);
-    row("renamed", R"([{"rename":"/a","to":"/c"}])", Change::Moved, true);
-    row("renamed elsewhere", R"([{"rename":"/a","to":"/d"}])", Change::Moved, false);
     row("removed", "[]", Change::Removed, false);
     row("removed by rule", R"([{"remove":"/a"}])", Change::Removed, true);
     row("another one removed", R"([{"remove":"/a/bb"}])", Change::Removed, false);
@@ -266,7 +262,6 @@ void tst_migrationrules::coverage_data()
     row("converted", R"([{"convert":"/a/b","kind":"int"}])", Change::KindChanged, true);
     row("made read-only", "[]", Change::MadeReadOnly, false);
     row("read-only and removed", R"([{"remove":"/a/b"}])", Change::MadeReadOnly, true);
-    row("other default", "[]", Change::DefaultChanged, true);
 }
 
 void tst_migrationrules::coverage()
