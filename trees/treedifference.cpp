@@ -1,5 +1,6 @@
 #include "trees/treedifference.h"
 
+#include "trees/nodenames.h"
 #include "trees/plainjson.h"
 #include "trees/plainroles.h"
 #include "trees/separator.h"
@@ -57,11 +58,10 @@ bool isVariantFile(const QString& path, const QString& postfix, const QSet<QStri
 QString variantId(const QString& path, const ComparedNodes& nodes)
 {
     QString id = nodes.value(path).id;
-    const QLatin1Char underscore('_');
-    for (int end = path.lastIndexOf(underscore); end > 0;
-         end = path.lastIndexOf(underscore, end - 1)) {
-        if (nodes.value(path.left(end)).id == id)
-            return id + path.mid(end);
+    const QStringList plainPaths = plainPathsOf(path);
+    for (const QString& plain : plainPaths) {
+        if (nodes.value(plain).id == id)
+            return id + path.mid(plain.size());
     }
     return id;
 }
