@@ -46,7 +46,7 @@ struct EngineFailure
 {
     enum class Kind {
         None,
-        Usage, ///< the directories are no two separate, existing ones
+        Usage, ///< the directories are not two separate, existing ones
         NoPlugin, ///< the plug-in gives no worker
         NoAccess, ///< a directory cannot be read or written
         InUse ///< another process owns the writable tree

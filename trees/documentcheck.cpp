@@ -228,7 +228,7 @@ private:
     // -----------------------------------------------------------------------------------------
 
     /// What becomes of a content when all constraints but the listed values are asked.
-    CMEdit::Judgement judged(const QVariant& content) const
+    CMEdit::Judgement validated(const QVariant& content) const
     {
         TuloEdit unlisted = m_edit;
         unlisted.__remove(TuloEdit::Values());
@@ -247,7 +247,7 @@ private:
                     .arg(m_edit.maxLength()));
             return;
         }
-        if (isNumberKind(m_kind) && judged(0LL).value.isEmpty()) {
+        if (isNumberKind(m_kind) && validated(0LL).value.isEmpty()) {
             const bool hasMin = m_edit.min().isValid();
             add(RuleId::ConstraintUnsatisfiable, hasMin ? TuloEdit::Min() : TuloEdit::Max(),
                 QStringLiteral("no value of kind '%1' fits min, max and step").arg(m_kind));
@@ -262,7 +262,7 @@ private:
         const QVariant max = m_edit.max();
         if (!isNumberKind(m_kind) || !max.isValid() || !m_edit.step().isValid())
             return;
-        const CMEdit::Judgement judgement = judged(max);
+        const CMEdit::Judgement judgement = validated(max);
         if (!judgement.reason.isEmpty()) {
             add(RuleId::ConstraintUnreachable, TuloEdit::Max(),
                 QStringLiteral("'max' (%1) is not a number of steps from %2; the highest value is "
@@ -278,7 +278,7 @@ private:
         const QVariantList values = m_edit.values();
         Findings unreachable;
         for (int i = 0; i < values.size(); ++i) {
-            const CMEdit::Judgement judgement = judged(values.at(i));
+            const CMEdit::Judgement judgement = validated(values.at(i));
             if (judgement.reason.isEmpty())
                 continue;
             unreachable.append(

@@ -37,7 +37,7 @@ struct [[nodiscard]] JournalResult
 {
     enum class Status {
         Done, ///< all of them are on the disk, or there were none
-        Refused, ///< none has been made; of redoJournal(): the file is no journal, and stays
+        Refused, ///< none has been made; of redoJournal(): the file is not a journal, and stays
         Unfinished ///< decided, not all on the disk: redoJournal() goes on; write nothing else
     };
 

@@ -128,7 +128,7 @@ public:
 private:
     void scan(const QString& directory, int depth, MigrationInput* input)
     {
-        // Hidden ones are no settings.
+        // Hidden files are not settings.
         const QFileInfoList entries =
             QDir(m_writePath + directory)
                 .entryInfoList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);

@@ -65,8 +65,8 @@ constexpr std::array<Rule, ruleCount> table { {
       "Remove the role. The default of a setting is its value; defaultValue belongs into a .meta." },
     { RuleId::MetaValue, "meta-value", "roles", Severity::Warning,
       "A .meta gives its children a value, but no default value.",
-      "Children without a file of their own take their default from the role defaultValue alone: "
-      "these have none to go back to.",
+      "Children without a default file take their default from the role defaultValue alone: these "
+      "have none to go back to.",
       R"({"title": "Preset", "value": {"string": "fm:87.5"}})",
       "Give the same content as defaultValue, too." },
 

@@ -336,7 +336,7 @@ private:
 
     static QString rolePointer(const QString& role) { return pointerTo(QString(), role); }
 
-    // Clients make children where a .meta is no fixed directory's.
+    // Where a .meta does not forbid it, clients make children.
     static bool isTemplate(const TreeDocument& document)
     {
         return nameOf(document.name) == QLatin1String(".meta") && document.name.contains(separator)

@@ -86,7 +86,7 @@ struct RoleOrigin
     };
     enum class Layer {
         BuiltIn, ///< set on reading
-        Template, ///< ".meta" of the directory, for a setting without a default of its own
+        Template, ///< ".meta" of the directory, for a setting without a default file
         Default, ///< the default file; of a directory its ".meta"
         Product, ///< the default file of the product variant
         Written, ///< the file in the writable tree
