@@ -1,6 +1,5 @@
 #include "trees/texts.h"
 
-#include "client/base/checks.h"
 #include "trees/fileprobe.h"
 #include "trees/locatedjson.h"
 #include "trees/separator.h"
@@ -46,7 +45,13 @@ public:
 
     QVector<TreeText> texts()
     {
-        addDirectory(QString(), {});
+        const QStringList paths = m_reader.nodes(QString(separator));
+        for (const QString& path : paths) {
+            if (m_reader.isDirectory(path))
+                addTemplate(path);
+            else
+                addSetting(path);
+        }
         QVector<TreeText> result;
         for (const auto& [place, text] : m_texts)
             result.append(text);
@@ -64,24 +69,6 @@ private:
         }
     }
 
-    // A link to a directory that it lies in is not followed.
-    void addDirectory(const QString& directory, QStringList around)
-    {
-        const QString canonical = QFileInfo(m_tree + directory).canonicalFilePath();
-        if (around.contains(canonical) || around.size() >= maximumLevels)
-            return;
-        around.append(canonical);
-        addTemplate(directory);
-        for (const QString& name :
-             m_reader.children(directory.isEmpty() ? QStringLiteral("/") : directory)) {
-            const QString child = directory + separator + name;
-            if (m_reader.isDirectory(child))
-                addDirectory(child, around);
-            else
-                addSetting(child);
-        }
-    }
-
     void addSetting(const QString& path)
     {
         for (const RoleOrigin& origin : m_reader.explain(path)) {
@@ -95,7 +82,8 @@ private:
     // Children that clients make have the texts of the template.
     void addTemplate(const QString& directory)
     {
-        const QString path = directory + QLatin1String("/.meta");
+        const QString path =
+            (directory == separator ? QString() : directory) + QLatin1String("/.meta");
         QFile file(m_tree + path);
         if (!QFileInfo(file).isFile() || !file.open(QIODevice::ReadOnly))
             return;
