@@ -20,7 +20,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <iterator>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -486,15 +485,6 @@ QStringList TreeReader::nodes(const QString& path) const
 {
     QStringList paths;
     addNodes(path, {}, &paths);
-    return paths;
-}
-
-QStringList TreeReader::settings(const QString& path) const
-{
-    QStringList paths;
-    const QStringList all = nodes(path);
-    std::copy_if(all.cbegin(), all.cend(), std::back_inserter(paths),
-                 [this](const QString& node) { return !isDirectory(node); });
     return paths;
 }
 

@@ -36,8 +36,6 @@ public:
     /// directory before what is in it. One that is a link to a directory that it lies in is not
     /// entered.
     QStringList nodes(const QString& path) const;
-    /// The settings among them.
-    QStringList settings(const QString& path) const;
 
     /// The roles of a setting or directory, also for a path at which there is none: those of the
     /// template then. They are complete, "path" included.

@@ -220,7 +220,7 @@ private:
 
     std::unique_ptr<Engine> m_engine;
     std::unique_ptr<TreeReader> m_reader;
-    QStringList m_settings; ///< that were found in the order of the listings
+    QStringList m_listed; ///< what listings lead to, in their order
     int m_maximumDepth = 4; ///< links lead back
     int m_nodes = 0;
     int m_missing = 0;
@@ -239,7 +239,7 @@ void tst_tree_agreement::compareTrees(const QString& defaultPath, const QString&
     m_engine = Engine::open(options, &failure);
     QVERIFY2(m_engine != nullptr, qPrintable(failure.message));
     m_reader = std::make_unique<TreeReader>(defaultPath, writePath, product);
-    m_settings.clear();
+    m_listed.clear();
 
     compareBelow(QStringLiteral("/"), 0);
     for (const char* nothing : { "/nothing", "/audio/nothing", "/volume/nothing" })
@@ -252,11 +252,10 @@ void tst_tree_agreement::compareBelow(const QString& path, int depth)
     compareNode(path);
     if (QTest::currentTestFailed() || depth == m_maximumDepth)
         return;
-    if (!m_reader->isDirectory(path)) {
-        if (m_reader->exists(path))
-            m_settings.append(path);
+    if (m_reader->exists(path))
+        m_listed.append(path);
+    if (!m_reader->isDirectory(path))
         return;
-    }
     const QStringList names = m_reader->children(path);
     compareListing(path, names);
     for (const QString& name : names) {
@@ -380,7 +379,7 @@ void tst_tree_agreement::exampleTreeReadsAsTheWorkerServesIt()
 
     QVERIFY(m_nodes > 100);
     const TreeReader reader(QStringLiteral(TULO_EXAMPLE_TREE), folder.path(), product);
-    QCOMPARE(reader.settings(QStringLiteral("/")), m_settings);
+    QCOMPARE(reader.nodes(QStringLiteral("/")), m_listed);
 }
 
 QTEST_GUILESS_MAIN(tst_tree_agreement)

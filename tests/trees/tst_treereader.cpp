@@ -70,7 +70,7 @@ private slots:
     void templateOfASettingWithADefaultIsNoDefect();
     void withoutAWritableTreeNothingIsWritten();
     void hiddenValuesOfAnEncryptedSettingAreLeftOut();
-    void settingsAreInTheOrderOfListings();
+    void nodesAreInTheOrderOfListings();
     void directoryInsideItselfIsNotEntered();
 
 private:
@@ -268,7 +268,7 @@ void TstTreeReader::damagedDefaultFileIsADefect()
              m_tree->defaultPath() + file
                  + QStringLiteral(":2:1 is not JSON: Missing a name for object member."));
     QCOMPARE(reader.roles(volume).value().content(), QVariant(2LL));
-    QVERIFY(reader.settings(QStringLiteral("/")).contains(volume));
+    QVERIFY(reader.nodes(QStringLiteral("/")).contains(volume));
 }
 
 void TstTreeReader::pipeIsNotOpened()
@@ -308,7 +308,8 @@ void TstTreeReader::withoutAWritableTreeNothingIsWritten()
 
     const TreeReader reader(m_tree->defaultPath(), QString(), QString());
 
-    QCOMPARE(reader.settings(QStringLiteral("/")), QStringList { volume });
+    const QStringList expected { QStringLiteral("/"), QStringLiteral("/audio"), volume };
+    QCOMPARE(reader.nodes(QStringLiteral("/")), expected);
     QCOMPARE(reader.roles(volume).value().content(), QVariant(5LL));
     QVERIFY(!reader.exists(QStringLiteral("/audio/other")));
     QCOMPARE(linesOf(*m_tree, reader.explain(volume)).size(), 2);
@@ -340,7 +341,7 @@ void TstTreeReader::hiddenValuesOfAnEncryptedSettingAreLeftOut()
     QVERIFY(!shown.contains(QStringLiteral("one")));
 }
 
-void TstTreeReader::settingsAreInTheOrderOfListings()
+void TstTreeReader::nodesAreInTheOrderOfListings()
 {
     for (const char* path : { "/b", "/a/y", "/a/x", "/C", "/a/.hidden", "/no name", "/a-b" })
         m_tree->writeDefault(QString::fromLatin1(path), "{}");
@@ -349,12 +350,13 @@ void TstTreeReader::settingsAreInTheOrderOfListings()
 
     const TreeReader reader = readerOf(*m_tree);
 
-    const QStringList expected { QStringLiteral("/C"),   QStringLiteral("/a/new"),
+    const QStringList expected { QStringLiteral("/"),    QStringLiteral("/C"),
+                                 QStringLiteral("/a"),   QStringLiteral("/a/new"),
                                  QStringLiteral("/a/x"), QStringLiteral("/a/y"),
                                  QStringLiteral("/a-b"), QStringLiteral("/b") };
-    QCOMPARE(reader.settings(QStringLiteral("/")), expected);
-    QCOMPARE(reader.settings(QStringLiteral("/b")), QStringList { QStringLiteral("/b") });
-    QVERIFY(reader.settings(QStringLiteral("/nothing")).isEmpty());
+    QCOMPARE(reader.nodes(QStringLiteral("/")), expected);
+    QCOMPARE(reader.nodes(QStringLiteral("/b")), QStringList { QStringLiteral("/b") });
+    QVERIFY(reader.nodes(QStringLiteral("/nothing")).isEmpty());
 }
 
 void TstTreeReader::directoryInsideItselfIsNotEntered()
@@ -363,8 +365,10 @@ void TstTreeReader::directoryInsideItselfIsNotEntered()
     QVERIFY(QFile::link(QStringLiteral(".."), m_tree->defaultPath() + QStringLiteral("/audio/up")));
     QVERIFY(QFile::link(QStringLiteral("audio"), m_tree->defaultPath() + QStringLiteral("/alias")));
 
-    const QStringList expected { QStringLiteral("/alias/volume"), volume };
-    QCOMPARE(readerOf(*m_tree).settings(QStringLiteral("/")), expected);
+    const QStringList expected { QStringLiteral("/"), QStringLiteral("/alias"),
+                                 QStringLiteral("/alias/volume"), QStringLiteral("/audio"),
+                                 volume };
+    QCOMPARE(readerOf(*m_tree).nodes(QStringLiteral("/")), expected);
 }
 
 QTEST_GUILESS_MAIN(TstTreeReader)
