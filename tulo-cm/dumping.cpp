@@ -15,21 +15,11 @@ namespace {
 /// Requests under way at a time: a service takes more, and others want some of its time.
 constexpr int requestsAtOnce = 32;
 
-QString timestampRole()
-{
-    return QStringLiteral("timestamp");
-}
-
-QString idRole()
-{
-    return QStringLiteral("id");
-}
-
 // Only these count in a written file.
 bool isCarried(const QString& role)
 {
     return role == roles::value() || role == QLatin1String("encryptedValue")
-        || role == timestampRole() || role == idRole();
+        || role == roles::timestamp() || role == roles::id();
 }
 
 bool isWritten(const RoleOrigin& origin)
@@ -64,11 +54,11 @@ std::optional<DumpedSetting> settingOf(const QString& path, const QVector<RoleOr
         if (origin.state != RoleOrigin::State::Effective)
             continue;
         // As every written file has it, whatever its own says.
-        if (origin.role == idRole())
+        if (origin.role == roles::id())
             setting.id = origin.value.toString();
         if (origin.role == roles::value() && isOfChange(origin))
             setting.value = origin.value;
-        if (origin.role == timestampRole() && isOfChange(origin))
+        if (origin.role == roles::timestamp() && isOfChange(origin))
             setting.timestamp = origin.value.toLongLong();
     }
     return setting;

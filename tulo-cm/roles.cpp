@@ -106,6 +106,11 @@ QString validateRoles(const QStringList& roles, const QVector<QVariantMap>& node
     return QString();
 }
 
+bool isValueRole(const QString& role)
+{
+    return role == roles::value() || role == roles::defaultValue();
+}
+
 bool isSameValue(const QVariant& left, const QVariant& right)
 {
     return left.userType() == right.userType() && jsonOf(left) == jsonOf(right);

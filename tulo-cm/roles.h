@@ -21,6 +21,16 @@ inline QString defaultValue()
     return QStringLiteral("defaultValue");
 }
 
+inline QString id()
+{
+    return QStringLiteral("id");
+}
+
+inline QString timestamp()
+{
+    return QStringLiteral("timestamp");
+}
+
 inline QString edit()
 {
     return QStringLiteral("edit");
@@ -60,6 +70,8 @@ QString validateRoles(const QStringList& roles, const QVector<QVariantMap>& node
 
 /// Tells whether the setting with these roles has another value than its default.
 bool isChanged(const QVariantMap& roles);
+/// Tells whether a role holds a value, whose kind programs want to know; see valueObject().
+bool isValueRole(const QString& role);
 /// Tells whether two values are the same, their kind included.
 bool isSameValue(const QVariant& left, const QVariant& right);
 

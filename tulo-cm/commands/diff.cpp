@@ -59,11 +59,6 @@ int printChanges(Context& context, const QString& path)
 // Two default trees.
 // ---------------------------------------------------------------------------------------------
 
-bool isValueRole(const QString& role)
-{
-    return role == roles::value() || role == roles::defaultValue();
-}
-
 // For people, the default is what the role "value" of a default file says.
 QString nameOfRole(const QString& role)
 {

@@ -7,11 +7,6 @@
 namespace tulo {
 namespace {
 
-bool isValueRole(const QString& role)
-{
-    return role == roles::value() || role == roles::defaultValue();
-}
-
 QVariantMap originObject(const RoleOrigin& origin)
 {
     QVariantMap object { { QStringLiteral("role"), origin.role },

@@ -40,16 +40,6 @@ struct Item
     bool isMoved() const { return path != dumped.path; }
 };
 
-QString idRole()
-{
-    return QStringLiteral("id");
-}
-
-QString timestampRole()
-{
-    return QStringLiteral("timestamp");
-}
-
 /// One dump on its way into the settings. Everything is validated before the first change; the
 /// steps are called in their order, each prints what keeps it from going on.
 class Loading
@@ -122,8 +112,8 @@ QStringList withoutVariants(const QStringList& paths)
 int Loading::findIds()
 {
     m_ids.emplace();
-    return walk(m_settings, topPath(), { idRole() }, m_output, [this](const VisitedNode& node) {
-        const QString id = node.roles.value(idRole()).toString();
+    return walk(m_settings, topPath(), { roles::id() }, m_output, [this](const VisitedNode& node) {
+        const QString id = node.roles.value(roles::id()).toString();
         if (!node.isDirectory && !id.isEmpty())
             (*m_ids)[id].append(node.path);
         return !SignalHandler::isEndRequested();
@@ -137,12 +127,12 @@ int Loading::locate()
         QStringList paths;
         for (int i = first; i < end; ++i)
             paths.append(m_items.at(i).path);
-        const auto nodes = finished(m_settings.getMany(paths, { idRole() }));
+        const auto nodes = finished(m_settings.getMany(paths, { roles::id() }));
         if (nodes.error())
             return m_output.report(nodes.error());
         for (int i = first; i < end; ++i) {
             const Node node = nodes.value().value(i - first);
-            const QString id = node.roles.value(idRole()).toString();
+            const QString id = node.roles.value(roles::id()).toString();
             const QString dumpedId = m_items.at(i).dumped.id;
             const bool isElsewhere = node.error.code == ErrorCode::InvalidPath || id != dumpedId;
             if (!dumpedId.isEmpty() && isElsewhere && !m_ids) {
@@ -159,7 +149,7 @@ int Loading::locate()
 void Loading::locate(Item* item, const Node& node)
 {
     const DumpedSetting& dumped = item->dumped;
-    const QString id = node.roles.value(idRole()).toString();
+    const QString id = node.roles.value(roles::id()).toString();
     if (!dumped.id.isEmpty() && id != dumped.id) {
         const QStringList paths = withoutVariants(m_ids->value(dumped.id));
         if (paths.size() > 1) {
@@ -173,14 +163,14 @@ void Loading::locate(Item* item, const Node& node)
         if (paths.size() == 1)
             item->path = paths.constFirst();
         else
-            item->roles.insert(idRole(), dumped.id);
+            item->roles.insert(roles::id(), dumped.id);
     }
     if (dumped.value.isValid())
         item->roles.insert(roles::value(), valueObject(dumped.value));
     if (dumped.timestamp)
-        item->roles.insert(timestampRole(), *dumped.timestamp);
+        item->roles.insert(roles::timestamp(), *dumped.timestamp);
     if (item->roles.isEmpty())
-        item->roles.insert(idRole(), dumped.id);
+        item->roles.insert(roles::id(), dumped.id);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -305,13 +295,13 @@ QByteArray Loading::contentOf(const Item& item) const
     const QVariantMap& stored = item.change.stored;
     TuloRoles written;
     for (auto role = stored.cbegin(); role != stored.cend(); ++role) {
-        if (role.key() != roles::value() && role.key() != timestampRole())
+        if (role.key() != roles::value() && role.key() != roles::timestamp())
             written.__setHashAttribute(role.key(), *role);
     }
     if (item.dumped.value.isValid())
         written.setValue(valueOf(tulo::contentOf(stored.value(roles::value())), TuloRoles()));
     if (item.dumped.timestamp)
-        written.setTimestamp(stored.value(timestampRole()).toLongLong());
+        written.setTimestamp(stored.value(roles::timestamp()).toLongLong());
     return writtenContent(written);
 }
 
