@@ -280,6 +280,17 @@ void TstServicePackaging::tmpfilesTouchNothingInTheWritableTree()
     QVERIFY2(second.exitCode == 0, second.standardError);
     QCOMPARE(before.count('\n'), 5);
     QCOMPARE(listing(root.filePath(QStringLiteral("settings"))), before);
+
+    // Where another framework owns it.
+    const QByteArray name = QFile::encodeName(root.filePath(QStringLiteral("settings")));
+    QCOMPARE(::chown(name.constData(), 1234, 1235), 0);
+    QCOMPARE(::chmod(name.constData(), 0755), 0);
+    const ChildResult third = ChildProcess::run(QStringLiteral("systemd-tmpfiles"), arguments);
+    QVERIFY2(third.exitCode == 0, third.standardError);
+    QCOMPARE(::stat(name.constData(), &tree), 0);
+    QCOMPARE(tree.st_mode, mode_t(S_IFDIR | 0755));
+    QCOMPARE(tree.st_uid, 1234U);
+    QCOMPARE(tree.st_gid, 1235U);
 }
 
 void TstServicePackaging::unitIsHardened()
