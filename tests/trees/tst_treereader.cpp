@@ -365,8 +365,13 @@ void TstTreeReader::directoryInsideItselfIsNotEntered()
     QVERIFY(QFile::link(QStringLiteral(".."), m_tree->defaultPath() + QStringLiteral("/audio/up")));
     QVERIFY(QFile::link(QStringLiteral("audio"), m_tree->defaultPath() + QStringLiteral("/alias")));
 
-    const QStringList expected { QStringLiteral("/"), QStringLiteral("/alias"),
-                                 QStringLiteral("/alias/volume"), QStringLiteral("/audio"),
+    // "up" has no writable directory, unlike the top: listed once more, and not entered again.
+    const QStringList expected { QStringLiteral("/"),
+                                 QStringLiteral("/alias"),
+                                 QStringLiteral("/alias/up"),
+                                 QStringLiteral("/alias/volume"),
+                                 QStringLiteral("/audio"),
+                                 QStringLiteral("/audio/up"),
                                  volume };
     QCOMPARE(readerOf(*m_tree).nodes(QStringLiteral("/")), expected);
 }
