@@ -96,6 +96,7 @@ private slots:
     void keptSettingIsTakenBackAfterAReset();
 
     void planIsPrintedAndNothingDone();
+    void planTellsThatTheStampIsStale();
     void planIsPrintedAsJson();
     void valueOfAnEncryptedSettingIsNotPrinted();
     void faultInARuleIsAFinding();
@@ -242,6 +243,34 @@ void TstMigrate::planIsPrintedAndNothingDone()
     QCOMPARE(result.exitCode, 0);
     QVERIFY(QFile::exists(device.writePath() + QStringLiteral("/vehicle/drive-mode")));
     QVERIFY(!QFile::exists(device.writePath() + QStringLiteral("/.tulo-cm.migrations")));
+}
+
+void TstMigrate::planTellsThatTheStampIsStale()
+{
+    const Device device;
+    device.put("new", "settings-default/volume", volume(100));
+    QCOMPARE(ChildProcess::run(
+                 QStringLiteral(TULO_CM_PROGRAM),
+                 { QStringLiteral("check"), QStringLiteral("--stamp"), device.defaultPath("new") })
+                 .exitCode,
+             0);
+    device.put("settings", "volume", R"({"id":"AUD-0101","value":{"int":95}})");
+    QCOMPARE(device.run("new", "migrate").exitCode, 0);
+    const ChildResult before = device.run("new", "migrate --dry-run");
+    device.put("new", "settings-default/volume", volume(80));
+    device.put("new", "settings-migrations/0001-volume.json", R"([{"clamp":"/volume"}])");
+
+    const ChildResult result = device.run("new", "migrate --dry-run");
+
+    const QByteArray summary = "tulo-cm: values changed: %1, not changed for a reason: 0\n";
+    QCOMPARE(before.standardError, QByteArray(summary).replace("%1", "0"));
+    QCOMPARE(result.standardError,
+             "tulo-cm: the stamp of '" + device.defaultPath("new").toUtf8()
+                 + "' is stale: a device that has it already migrates nothing; stamp the tree with "
+                   "'check --stamp'\n"
+                 + QByteArray(summary).replace("%1", "1"));
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(device.run("new", "migrate").standardOutput, QByteArray());
 }
 
 void TstMigrate::planIsPrintedAsJson()

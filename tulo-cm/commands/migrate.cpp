@@ -7,6 +7,7 @@
 #include "trees/ownerlock.h"
 #include "trees/plainjson.h"
 #include "trees/plainroles.h"
+#include "trees/treestamp.h"
 
 #include <tulo/settings.h>
 
@@ -88,6 +89,17 @@ int migrateOwned(const MigrationPlace& place, MigrationRun kind, Output& output)
     return report(migrate(lock.directory(), place, kind), output);
 }
 
+int plan(const MigrationPlace& place, MigrationRun kind, Output& output)
+{
+    // The plan looks at all files, an opening of the tree only at the stamp.
+    if (place.migrationsPath.isEmpty() && isStampStale(place.defaultPath)) {
+        output.note(QStringLiteral("the stamp of '%1' is stale: a device that has it already "
+                                   "migrates nothing; stamp the tree with 'check --stamp'")
+                        .arg(place.defaultPath));
+    }
+    return report(planMigrationOf(place, kind), output);
+}
+
 // On a service: where its trees are, which can be looked at only if they are here.
 Error placeOfService(const Context& context, const Arguments& arguments, MigrationPlace* place)
 {
@@ -118,7 +130,7 @@ int run(Context& context, const Arguments& arguments)
             return context.output.report(error);
     }
     const MigrationRun kind = arguments.isSet(undo) ? MigrationRun::Undo : MigrationRun::Migrate;
-    return arguments.isSet(dryRun) ? report(planMigrationOf(place, kind), context.output)
+    return arguments.isSet(dryRun) ? plan(place, kind, context.output)
                                    : migrateOwned(place, kind, context.output);
 }
 
