@@ -274,7 +274,9 @@ QString readMigrations(const QString& directory, QVector<Migration>* migrations)
 
 QString migrationsBeside(const QString& defaultPath)
 {
-    return QFileInfo(QDir::cleanPath(defaultPath))
+    const QFileInfo tree(defaultPath);
+    return QFileInfo(tree.exists() ? tree.canonicalFilePath()
+                                   : QDir::cleanPath(tree.absoluteFilePath()))
         .dir()
         .filePath(QStringLiteral("settings-migrations"));
 }

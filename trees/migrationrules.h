@@ -45,7 +45,7 @@ struct Migration
 [[nodiscard]] QString readMigrations(const QString& directory, QVector<Migration>* migrations);
 
 /// Where the rules of an image are: "settings-migrations" in the directory that holds the default
-/// tree.
+/// tree, links resolved: the same for everybody who opens it.
 QString migrationsBeside(const QString& defaultPath);
 
 /// Something that changed from one default tree to the next, so that written values are lost or no

@@ -103,6 +103,7 @@ private slots:
     void otherCommandsWorkAndTellOfTheFault();
     void treeInUseIsUnavailable();
     void rulesCanBeElsewhere();
+    void rulesAreThoseBesideTheTreeThatALinkLeadsTo();
     void lastRunIsTakenBack();
     void serviceMigratesBeforeItServes();
     void serviceStartsAndTellsWhenMigrationFails();
@@ -357,6 +358,33 @@ void TstMigrate::rulesCanBeElsewhere()
 
     QCOMPARE(result.standardOutput, QByteArray("/audio/volume (0001-volume): 95 -> 80\n"));
     QCOMPARE(device.run("b", "--migrations /none migrate").exitCode, 2);
+}
+
+// A link chooses the image: whoever opens the tree, and whatever it is called.
+void TstMigrate::rulesAreThoseBesideTheTreeThatALinkLeadsTo()
+{
+    const Device device;
+    device.put("b", "settings-default/audio/volume", volume(80));
+    device.put("b", "settings-migrations/0001-volume.json", R"([{"clamp":"AUD-0101"}])");
+    device.put("settings", "audio/volume", R"({"id":"AUD-0101","value":{"int":95}})");
+    device.put("current", "note", "");
+    const QString link = device.defaultPath("current");
+    QVERIFY(QFile::link(device.defaultPath("b"), link));
+
+    const ChildResult result = device.run("current", "migrate");
+    // Nothing is left to do for the service, nor to take back.
+    const ChildResult direct = device.run("b", "migrate");
+    const ChildResult relative = ChildProcess::run(
+        QStringLiteral("sh"),
+        { QStringLiteral("-c"),
+          QStringLiteral("cd '%1' && '%2' --default-path . --write-path '%3' migrate")
+              .arg(device.defaultPath("b"), QStringLiteral(TULO_CM_PROGRAM), device.writePath()) });
+
+    QVERIFY2(result.standardOutput.contains("95 -> 80"), result.standardError);
+    QCOMPARE(direct.standardOutput, QByteArray());
+    QCOMPARE(relative.standardOutput, QByteArray());
+    QCOMPARE(device.run("current", "get /settings/audio/volume").standardOutput.trimmed(),
+             QByteArray("80"));
 }
 
 void TstMigrate::lastRunIsTakenBack()

@@ -90,10 +90,8 @@ struct Update
 // Returns what is wrong with them.
 QString readMigrationsOf(const Place& place, const QString& defaultPath, Update* update)
 {
-    // Not of the name as it is: "." has nothing beside it.
-    const QString directory = place.engine.migrationsPath.isEmpty()
-        ? migrationsBeside(QFileInfo(defaultPath).absoluteFilePath())
-        : place.engine.migrationsPath;
+    const QString directory = place.engine.migrationsPath.isEmpty() ? migrationsBeside(defaultPath)
+                                                                    : place.engine.migrationsPath;
     return readMigrations(directory, &update->migrations);
 }
 
