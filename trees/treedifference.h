@@ -30,10 +30,11 @@ struct TreeDifference
 };
 
 /// What changed from `older` to `newer`, sorted by path; compareTrees() finds what users
-/// would lose by it. A setting that moved has one entry for that, and one for each role that changed
-/// as well. A setting moved when its id names one setting among those removed and one among those
-/// added; variants of products, which have the id of the plain file, move beside it. `product` is
-/// the postfix of both readers: the files of that variant do not count as settings beside theirs.
+/// would lose by it. A setting that moved has one entry for that, and one for each role that
+/// changed as well. A setting moved when its id names one setting among those removed and one among
+/// those added; variants of products, which have the id of the plain file, move beside it.
+/// `product` is the postfix of both readers: the files of that variant do not count as settings
+/// beside theirs.
 [[nodiscard]] QVector<TreeDifference> differencesOf(const TreeReader& older,
                                                     const TreeReader& newer,
                                                     const QString& product);

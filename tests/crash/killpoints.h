@@ -33,6 +33,7 @@ inline bool canTrace()
     return ChildProcess::run(QStringLiteral("strace"), { QStringLiteral("true") }).exitCode == 0;
 }
 
+/// What tells our programs where the trees are.
 inline QStringList optionsOf(const TemporaryTree& tree)
 {
     return { QStringLiteral("--default-path"), tree.defaultPath(), QStringLiteral("--write-path"),
