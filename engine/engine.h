@@ -61,9 +61,9 @@ struct EngineFailure
 /// order.
 ///
 /// Opening for changes goes in this order: the tree's lock, what an interrupted change of several
-/// files left to finish (see trees/journal.h), the worker. When that cannot be finished, because
-/// the disk is full for example, settings can be read and changes are refused: the next opening
-/// would write older values over them.
+/// files left to finish (see trees/journal.h), the migration to this image (see trees/migrator.h),
+/// the worker. When a change cannot be finished, because the disk is full for example, settings can
+/// be read and changes are refused: the next opening would write older values over them.
 ///
 /// The worker falls back silently to the device's own directories when one that it was given
 /// does not exist, so the engine checks both before, and again after the worker has chosen.
