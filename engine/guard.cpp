@@ -50,11 +50,6 @@ bool isRefused(const CMError& error)
     return errorCode(error) != ErrorCode::None;
 }
 
-QString parentOf(const QString& settingPath)
-{
-    return settingPath.left(settingPath.lastIndexOf(separator));
-}
-
 bool isAction(const CMPath& path)
 {
     return path == TuloSettingsActionsFlush() || path == TuloSettingsActionsDropCache();

@@ -825,11 +825,6 @@ Reply<QVector<Change>> LocalSettings::setMany(const QVector<Assignment>& assignm
 
 namespace {
 
-QString parentOf(const QString& path)
-{
-    return path.left(path.lastIndexOf(separator));
-}
-
 // The index of a name in a sorted listing; -1 when it is not there.
 int indexOf(const QStringList& names, const QString& name)
 {

@@ -39,11 +39,6 @@ bool isTruthValue(const QVariant& value)
     return value.userType() == QMetaType::Bool;
 }
 
-bool isAtOrBelow(const QString& path, const QString& top)
-{
-    return path == top || path.startsWith(top + separator);
-}
-
 /// Reads the lines one by one.
 class Reader
 {

@@ -22,17 +22,6 @@ namespace {
 using Change = MigrationRecord::Change;
 using Content = MigrationRecord::Content;
 
-QString parentOf(const QString& path)
-{
-    return path.left(qMax(path.lastIndexOf(separator), 0));
-}
-
-bool isAtOrBelow(const QString& path, const QString& top)
-{
-    return path == top || top == QString(separator)
-        || (path.size() > top.size() && path.startsWith(top) && path[top.size()] == separator);
-}
-
 int numberOf(const QString& name)
 {
     return name.left(4).toInt(); // NOLINT: the digits in front of a migration's name

@@ -287,11 +287,6 @@ QString migrationsBeside(const QString& defaultPath)
 
 namespace {
 
-bool isAtOrBelow(const QString& path, const QString& target)
-{
-    return path == target || target == QString(separator) || path.startsWith(target + separator);
-}
-
 bool isAbout(const MigrationStep& step, const ImageChange& change)
 {
     if (!step.target.startsWith(separator))

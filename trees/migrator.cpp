@@ -32,11 +32,6 @@ using Outcome = MigrationResult::Status;
 constexpr int maximumDepth = maximumLevels - 1;
 constexpr int maximumRecordBytes = 64 * 1024 * 1024;
 
-QString parentOf(const QString& path)
-{
-    return path.left(qMax(path.lastIndexOf(separator), 0));
-}
-
 MigrationResult faulty(const QString& reason)
 {
     return { Outcome::Faulty, reason, {} };

@@ -2,6 +2,7 @@
 
 #include <QLatin1Char>
 #include <QString>
+#include <QtGlobal>
 
 namespace tulo {
 
@@ -12,6 +13,19 @@ inline constexpr QLatin1Char separator('/');
 inline QString nameOf(const QString& path)
 {
     return path.mid(path.lastIndexOf(separator) + 1);
+}
+
+/// What stands before the last "/"; nothing for a path without one, or at the top.
+inline QString parentOf(const QString& path)
+{
+    return path.left(qMax(path.lastIndexOf(separator), 0));
+}
+
+/// Tells whether `path` is `top` or in it; everything is in "/".
+inline bool isAtOrBelow(const QString& path, const QString& top)
+{
+    return path == top || top == QString(separator)
+        || (path.size() > top.size() && path.startsWith(top) && path[top.size()] == separator);
 }
 
 } // namespace tulo

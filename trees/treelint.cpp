@@ -25,11 +25,6 @@ QString rolePointer(const QString& role)
     return pointerTo(QString(), role);
 }
 
-QString parentOf(const QString& name)
-{
-    return name.left(std::max(0, name.lastIndexOf(separator)));
-}
-
 // ---------------------------------------------------------------------------------------------
 // The default tree.
 // ---------------------------------------------------------------------------------------------

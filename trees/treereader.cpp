@@ -44,12 +44,6 @@ QString systemText(int error)
     return QString::fromLocal8Bit(std::strerror(error));
 }
 
-// What stands before the last "/"; nothing for a path without one.
-QString parentOf(const QString& path)
-{
-    return path.left(std::max(path.lastIndexOf(separator), 0));
-}
-
 QString below(const QString& path, const QString& name)
 {
     return path.endsWith(separator) ? path + name : path + separator + name;
