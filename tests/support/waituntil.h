@@ -12,9 +12,10 @@ template<typename Condition>
 [[nodiscard]] bool waitUntil(Condition condition)
 {
     const QDeadlineTimer deadline(ChildProcess::waitMs);
+    // Again and again: a single one may fire a moment before the deadline.
+    constexpr int wakeMs = 1000;
     QTimer wake;
-    wake.setSingleShot(true);
-    wake.start(ChildProcess::waitMs);
+    wake.start(wakeMs);
     while (!condition() && !deadline.hasExpired())
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
     return condition();
