@@ -376,7 +376,9 @@ void RowsModelPrivate::on_page(const Reply<Rows>& reply, int first, int last)
         list();
         return;
     }
-    if (answer.rows.isEmpty() || answer.rows.size() > last - first + 1) {
+    // Rows may have gone since it was requested, of which there were events.
+    const int present = qMin(last + 1, answer.count) - first;
+    if (answer.rows.isEmpty() ? present > 0 : answer.rows.size() > present) {
         fail(malformed());
         return;
     }

@@ -161,6 +161,7 @@ private slots:
     void newRowIsInserted();
     void goneRowIsRemoved();
     void pageUnderWayWhileRowsMoveIsRequestedAgain();
+    void rowThatWentBeforeItWasReadIsNoError();
     void eventOutOfOrderListsAgain_data();
     void eventOutOfOrderListsAgain();
     void eventBeforeTheListingIsPartOfIt();
@@ -452,6 +453,26 @@ void TstRowsModel::pageUnderWayWhileRowsMoveIsRequestedAgain()
     QCOMPARE(older.first, 64);
     QCOMPARE(f.model.index(64, 0).data(), QVariant(QStringLiteral("n63")));
     QCOMPARE(f.model.index(128, 0).data(), QVariant(QStringLiteral("n127")));
+}
+
+// Its answer has no rows: there is none behind the last one.
+void TstRowsModel::rowThatWentBeforeItWasReadIsNoError()
+{
+    Fixture f;
+    f.fill("a b c");
+    f.event("2", 1);
+    QCOMPARE(f.settings->takeLog(), QStringList(QStringLiteral("rows /settings/audio 2-2 value")));
+
+    f.event("-0", 2);
+    Rows rows = rowsOf(words("b c"), 2);
+    rows.rows.clear();
+    f.answer(rows);
+
+    QCOMPARE(f.model.error(), Error());
+    QCOMPARE(f.settings->takeLog(), QStringList(QStringLiteral("rows /settings/audio 1-1 value")));
+    rows.rows = { row(QStringLiteral("c"), 7LL) };
+    f.answer(rows);
+    QCOMPARE(f.model.index(1, 1).data(), QVariant(7LL));
 }
 
 void TstRowsModel::eventOutOfOrderListsAgain_data()
