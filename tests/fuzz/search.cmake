@@ -2,6 +2,7 @@
 # finds something or runs fewer inputs than it must.
 #
 #   cmake -D FLOOR=<inputs> -P search.cmake -- TARGET ARGUMENT...
+cmake_minimum_required(VERSION 3.25)
 set(command)
 foreach(index RANGE ${CMAKE_ARGC})
     if(DEFINED command_begins)
