@@ -147,6 +147,10 @@ constexpr std::array<Rule, ruleCount> table { {
       "The directory wins: the setting is not served, or a change of it cannot be written.",
       "The directory audio, and the file audio_sport for the product sport",
       "Rename one of them." },
+    { RuleId::TreeEmpty, "tree-empty", "tree", Severity::Error,
+      "The default tree has no file at all.",
+      "Often it is another directory than the one that was meant, or one on which nothing is mounted.",
+      "check /etc/tulo", "Name the directory that holds the settings' files." },
     { RuleId::StampStale, "stamp-stale", "tree", Severity::Error,
       "The tree or the rules beside it have changed since the tree was stamped.",
       "A device that has this stamp already does not look at what has changed: no migration is "

@@ -50,6 +50,7 @@ enum class RuleId {
     TooLarge,
     Unreadable,
     FileDirectoryClash,
+    TreeEmpty,
     StampStale,
     // variants
     VariantWithoutPlain,

@@ -704,17 +704,33 @@ QVector<TreeFinding> inspectTrees(const QString& defaultPath, const QString& wri
     return findings;
 }
 
+namespace {
+
+// Not about what one of its files holds.
+TreeFinding findingOnTree(RuleId rule, const QString& file, const QString& name,
+                          const char* message)
+{
+    TreeFinding finding;
+    finding.rule = rule;
+    finding.file = file;
+    finding.name = name;
+    finding.message = QLatin1String(message);
+    return finding;
+}
+
+} // namespace
+
 QVector<TreeFinding> checkTrees(const TreesToCheck& trees)
 {
     const TreeContents defaults = readDefaultTree(trees.defaultPath, trees.writePath);
     QVector<TreeFinding> findings = defaults.findings + lintDefaults(defaults, trees);
     if (isStampStale(trees.defaultPath)) {
-        TreeFinding finding;
-        finding.rule = RuleId::StampStale;
-        finding.file = stampFile(trees.defaultPath);
-        finding.name = stampName();
-        finding.message = QStringLiteral("the image has changed since it was stamped");
-        findings.append(finding);
+        findings.append(findingOnTree(RuleId::StampStale, stampFile(trees.defaultPath), stampName(),
+                                      "the image has changed since it was stamped"));
+    }
+    if (defaults.files.isEmpty()) {
+        findings.append(findingOnTree(RuleId::TreeEmpty, trees.defaultPath, QString(),
+                                      "the tree has no file of a setting or directory"));
     }
     sortFindings(&findings);
     if (trees.writePath.isEmpty())

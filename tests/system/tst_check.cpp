@@ -596,6 +596,14 @@ void TstCheck::plantedFault_data()
         "default/audio/volume:4:3", "info", "the default value was 35 and is 25",
         "/settings/audio/volume");
 
+    row(
+        "tree-empty",
+        [](const QString& folder) {
+            QDir tree(folder + QStringLiteral("/default"));
+            if (!tree.removeRecursively() || !tree.mkpath(QStringLiteral(".")))
+                qFatal("cannot empty the tree");
+        },
+        "", "default", "error", "the tree has no file of a setting or directory", "");
     row("stamp-stale", file("default/.tulo-cm.stamp", "tulo-stamp 1 0\n"), "",
         "default/.tulo-cm.stamp", "error", "the image has changed since it was stamped", "");
 
@@ -1176,6 +1184,7 @@ void TstCheck::allFindingsInListingOrder()
 void TstCheck::hiddenDirectoryIsNotEntered()
 {
     const TemporaryTree tree;
+    tree.writeDefault(QStringLiteral("/.meta"), R"({"title":"Settings"})");
     tree.writeDefault(QStringLiteral("/.hidden/x"), QByteArray("broken"));
 
     QCOMPARE(check(tree.path(), words("default")).standardOutput,
