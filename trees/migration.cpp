@@ -44,10 +44,9 @@ std::optional<TuloRoles> ImageSettings::place(const QString& path) const
     return *parent;
 }
 
-QHash<QString, QString> ImageSettings::pathsById() const
+QHash<QString, QStringList> ImageSettings::pathsById() const
 {
-    QHash<QString, QString> paths;
-    QSet<QString> repeated;
+    QHash<QString, QStringList> paths;
     for (auto setting = settings.cbegin(); setting != settings.cend(); ++setting) {
         const QString id = setting->id();
         const QString& path = setting.key();
@@ -56,14 +55,11 @@ QHash<QString, QString> ImageSettings::pathsById() const
             std::any_of(plainPaths.cbegin(), plainPaths.cend(), [&](const QString& plain) {
                 return settings.contains(plain) && settings[plain].id() == id;
             });
-        if (id.isEmpty() || isVariant)
-            continue;
-        if (paths.contains(id))
-            repeated.insert(id);
-        paths.insert(id, path);
+        if (!id.isEmpty() && !isVariant)
+            paths[id].append(path);
     }
-    for (const QString& id : qAsConst(repeated))
-        paths.remove(id);
+    for (QStringList& ofOneId : paths)
+        ofOneId.sort();
     return paths;
 }
 
@@ -427,20 +423,28 @@ private:
     // Following ids.
     // -----------------------------------------------------------------------------------------
 
-    // Where the value of the entry belongs by its id, if that is another path.
+    // Where the setting with this id is; empty when none or several have it.
+    QString pathOf(const QString& id) const
+    {
+        const QStringList paths = m_pathsById.value(id);
+        return paths.size() == 1 ? paths.constFirst() : QString();
+    }
+
+    // Where the value of the entry belongs by its id, if that is another path: the first of
+    // several.
     QString placeById(const Entry& entry) const
     {
-        const QString id = entry.roles.id();
-        const QString path = id.isEmpty() ? QString() : m_pathsById.value(id);
-        if (path.isEmpty() || path == entry.path)
+        const QStringList paths = m_pathsById.value(entry.roles.id());
+        if (paths.isEmpty() || paths.contains(entry.path))
             return QString();
+        const QString& path = paths.constFirst();
         const auto here = m_input.image.settings.constFind(entry.path);
         if (here == m_input.image.settings.cend()) {
             // A client may have made it here, and given it any id.
             return m_input.image.place(entry.path) ? QString() : path;
         }
         // The path has been given to another setting.
-        return here->id().isEmpty() || here->id() == id ? QString() : path;
+        return here->id().isEmpty() || here->id() == entry.roles.id() ? QString() : path;
     }
 
     void moveById()
@@ -454,13 +458,20 @@ private:
             const QString path = isFree(entry) ? placeById(entry) : QString();
             if (path.isEmpty())
                 continue;
-            if (candidates.value(entry.roles.id()) > 1) {
-                m_obstacles.insert(keyOf(entry),
-                                   { path, entry.roles.value(), causeOf(entry.roles.id()),
-                                     QStringLiteral("several written values have this id") });
-                continue;
+            const QString id = entry.roles.id();
+            const QStringList places = m_pathsById.value(id);
+            QString obstacle;
+            if (places.size() > 1) {
+                obstacle = QStringLiteral("several settings have this id: %1")
+                               .arg(places.join(QLatin1String(", ")));
+            } else if (candidates.value(id) > 1) {
+                obstacle = QStringLiteral("several written values have this id");
             }
-            moveToPlace(&entry, path);
+            if (obstacle.isEmpty())
+                moveToPlace(&entry, path);
+            else
+                m_obstacles.insert(keyOf(entry),
+                                   { path, entry.roles.value(), causeOf(id), obstacle });
         }
         forgetReset();
     }
@@ -471,12 +482,12 @@ private:
     {
         QSet<QString> elsewhere;
         for (const Entry& entry : m_entries) {
-            if (!entry.isRemoved && entry.path != m_pathsById.value(entry.roles.id()))
+            if (!entry.isRemoved && entry.path != pathOf(entry.roles.id()))
                 elsewhere.insert(entry.roles.id());
         }
         for (int i = m_record.moved.size() - 1; i >= 0; --i) {
             const MigrationRecord::Moved& moved = m_record.moved[i];
-            if (m_pathsById.value(moved.id) == moved.path && !elsewhere.contains(moved.id))
+            if (pathOf(moved.id) == moved.path && !elsewhere.contains(moved.id))
                 m_record.moved.removeAt(i);
         }
     }
@@ -893,7 +904,7 @@ private:
 
     const MigrationInput& m_input;
     const bool m_isUndo;
-    const QHash<QString, QString> m_pathsById;
+    const QHash<QString, QStringList> m_pathsById;
     std::vector<Entry> m_written;
     QSet<QString> m_damaged; ///< paths of files that hold no roles
     QHash<QString, Mode> m_modes; ///< by key, of what was reduced

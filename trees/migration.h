@@ -35,8 +35,9 @@ struct ImageSettings
     /// The roles of a setting that can be at `path`: a shipped one, or a child that a client may
     /// make there. None where the image has no place for a written value.
     std::optional<TuloRoles> place(const QString& path) const;
-    /// The shipped setting of every id that exactly one has. Variants of a setting count as it.
-    QHash<QString, QString> pathsById() const;
+    /// The shipped settings that have an id, sorted: one as a rule. Variants of a setting count as
+    /// it.
+    QHash<QString, QStringList> pathsById() const;
 };
 
 struct MigrationInput

@@ -271,7 +271,7 @@ void tst_migration::whatStays_data()
                            << Files { { path("/new"), number("", 100) } } << Files() << QString();
     QTest::newRow("id twice in the image")
         << old << Files { { path("/new"), number("A", 100) }, { path("/new2"), number("A", 100) } }
-        << Files() << QString();
+        << Files() << QStringLiteral("several settings have this id: /new, /new2");
     QTest::newRow("id written twice")
         << with("/d/older", intFile("A", 80)) << Files { { path("/new"), number("A", 100) } }
         << Files() << QStringLiteral("several written values have this id");
