@@ -46,7 +46,6 @@ bool isIgnored(int number)
 } // namespace
 
 SignalHandler::SignalHandler()
-    : m_ignoresHangUp(isIgnored(SIGHUP))
 {
     endCame = 0;
     if (::pipe2(wakePipe, O_CLOEXEC | O_NONBLOCK) != 0)
@@ -59,7 +58,7 @@ SignalHandler::SignalHandler()
     });
     setHandler(SIGINT, handleSignal);
     setHandler(SIGTERM, handleSignal);
-    if (!m_ignoresHangUp)
+    if (!isIgnored(SIGHUP))
         setHandler(SIGHUP, handleSignal);
 }
 
@@ -67,7 +66,8 @@ SignalHandler::~SignalHandler()
 {
     setHandler(SIGINT, SIG_DFL);
     setHandler(SIGTERM, SIG_DFL);
-    setHandler(SIGHUP, m_ignoresHangUp ? SIG_IGN : SIG_DFL);
+    if (!isIgnored(SIGHUP))
+        setHandler(SIGHUP, SIG_DFL);
     ::close(wakePipe[0]);
     ::close(wakePipe[1]);
     endCame = 0;
@@ -80,6 +80,8 @@ bool SignalHandler::isEndRequested()
 
 void SignalHandler::forget()
 {
+    // It follows the end of the input when the terminal is closed.
+    setHandler(SIGHUP, SIG_IGN);
     endCame = 0;
 }
 

@@ -21,13 +21,10 @@ public:
     /// True when a signal to end came since the object was made, or since forget(); false without
     /// an object.
     static bool isEndRequested();
-    /// From now on only the next signal counts.
+    /// From now on only the next SIGINT or SIGTERM counts: no terminal can be closed twice.
     static void forget();
     /// Ends the process by the signal that came, as if there had been no object.
     [[noreturn]] static void endProcess();
-
-private:
-    const bool m_ignoresHangUp;
 };
 
 /// Serves events for `milliseconds` (-1: without limit), until a signal comes or until `ended`
