@@ -56,7 +56,7 @@ QString shown(const Rows& rows)
     return lines.join(QLatin1Char('\n'));
 }
 
-/// A program on a connection of its own, which keeps all settings and both directories.
+/// A program on a separate connection, which keeps all settings and both directories.
 class Client
 {
 public:

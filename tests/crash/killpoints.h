@@ -186,7 +186,7 @@ inline void killAtEach(const std::vector<KillPoint>& points,
     QVERIFY(killed > 0 && killed >= int(points.size()) * 9 / 10);
 }
 
-/// Runs `command` to its end, then kills it at the chosen ones of its own system calls.
+/// Runs `command` to its end, then kills it at chosen system calls of that process.
 inline void killAtItsCalls(const std::function<void(const TemporaryTree&)>& prepareTree,
                            const std::function<QStringList(const TemporaryTree&)>& command,
                            const std::function<void(const TemporaryTree&, bool isKilled)>& verify)

@@ -1,5 +1,5 @@
 // Cuts the power at every step of a change of several files, and of finishing it: the tree lies on
-// a file system of its own inside an image file, a copy of which is taken while a call is about to
+// a separate file system inside an image file, a copy of which is taken while a call is about to
 // be made.
 
 #include "tests/crash/filecalls.h"
@@ -160,7 +160,7 @@ void tst_JournalPowerCut::powerCutAtAnyStepLeavesAWholeChangeOrNone_data()
 void tst_JournalPowerCut::powerCutAtAnyStepLeavesAWholeChangeOrNone()
 {
     if (!m_canMount)
-        QSKIP("needs root and loop devices, to mount a file system of its own");
+        QSKIP("needs root and loop devices, to mount a file system");
     QFETCH(const QString, options);
     QFETCH(const bool, journalIsCommitted);
     const Disk disk(options);
@@ -203,7 +203,7 @@ void tst_JournalPowerCut::powerCutAtAnyStepOfARecoveryIsFinishedByTheNext_data()
 void tst_JournalPowerCut::powerCutAtAnyStepOfARecoveryIsFinishedByTheNext()
 {
     if (!m_canMount)
-        QSKIP("needs root and loop devices, to mount a file system of its own");
+        QSKIP("needs root and loop devices, to mount a file system");
     QFETCH(const QString, options);
     QFETCH(const bool, journalIsCommitted);
     const Disk disk(options);
@@ -249,7 +249,7 @@ void tst_JournalPowerCut::powerCutAtAnyStepOfARecoveryIsFinishedByTheNext()
 void tst_JournalPowerCut::powerCutWithAnUnsyncedJournalIsSeenToLoseValues()
 {
     if (!m_canMount)
-        QSKIP("needs root and loop devices, to mount a file system of its own");
+        QSKIP("needs root and loop devices, to mount a file system");
     const QString options = QStringLiteral(",noauto_da_alloc,data=writeback,commit=300");
     const Disk disk(options);
     int wrong = 0;

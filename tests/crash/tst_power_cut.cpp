@@ -1,4 +1,4 @@
-// Cuts the power at every step of a save: the writable tree lies on a file system of its own
+// Cuts the power at every step of a save: the writable tree lies on a separate file system
 // inside an image file, a copy of which is taken while a call is about to be made.
 //
 // The calls of the save are met by replacing them in this program, for Qt's calls as well.
@@ -229,7 +229,7 @@ void tst_PowerCut::powerCutAtAnyStepLeavesAWholeFile_data()
 void tst_PowerCut::powerCutAtAnyStepLeavesAWholeFile()
 {
     if (!m_canMount)
-        QSKIP("needs root and loop devices, to mount a file system of its own");
+        QSKIP("needs root and loop devices, to mount a file system");
     QFETCH(const bool, targetExists);
     QFETCH(const bool, journalIsCommitted);
     const Disk disk;
@@ -273,7 +273,7 @@ void tst_PowerCut::powerCutAfterAnAnsweredFlushLeavesTheNewFile_data()
 void tst_PowerCut::powerCutAfterAnAnsweredFlushLeavesTheNewFile()
 {
     if (!m_canMount)
-        QSKIP("needs root and loop devices, to mount a file system of its own");
+        QSKIP("needs root and loop devices, to mount a file system");
     QFETCH(const bool, targetExists);
     const Disk disk;
     const auto worker = disk.makeWorker();
@@ -294,7 +294,7 @@ void tst_PowerCut::powerCutAfterAnAnsweredFlushLeavesTheNewFile()
 void tst_PowerCut::powerCutWithoutFsyncIsSeenToDamageANewFile()
 {
     if (!m_canMount)
-        QSKIP("needs root and loop devices, to mount a file system of its own");
+        QSKIP("needs root and loop devices, to mount a file system");
     const Disk disk;
     const auto worker = disk.makeWorker();
     set(worker.get(), newNumber);
