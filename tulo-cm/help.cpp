@@ -161,9 +161,12 @@ QVariantList optionObjects(const QVector<Option>& options)
 {
     QVariantList result;
     for (const Option& option : options) {
-        result.append(QVariantMap { { text("name"), text(option.name) },
-                                    { text("value"), text(option.valueName) },
-                                    { text("description"), text(option.description) } });
+        QVariantMap object { { text("name"), text(option.name) },
+                             { text("value"), text(option.valueName) },
+                             { text("description"), text(option.description) } };
+        if (*option.letter != 0)
+            object.insert(text("letter"), text(option.letter));
+        result.append(object);
     }
     return result;
 }

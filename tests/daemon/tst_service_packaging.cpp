@@ -119,6 +119,8 @@ void TstServicePackaging::filesAreInPlace()
            "share/dbus-1/system-services/org.tulo.ConfigurationManager1.service",
            "share/dbus-1/system.d/org.tulo.ConfigurationManager1.conf",
            "share/dbus-1/interfaces/org.tulo.ConfigurationManager1.xml", "include/tulo/bus-types.h",
+           "share/man/man1/tulo-cm.1", "share/man/man5/tulo-settings.5",
+           "share/man/man5/org.tulo.ConfigurationManager1.5", "share/man/man8/tulo-settingsd.8",
            "share/tulo/tulo-settingsd-log.properties", "share/doc/tulo/docs/guarantees.md" })
         QVERIFY2(!contentOf(installed(name)).isEmpty(), name);
     for (const char* name : { "bin/tulo-cm", "bin/tulo-settingsd" })
