@@ -13,6 +13,33 @@ class Settings;
 class Watches;
 struct Place;
 
+/// What an argument, or the value of an option, can be. Completion is made from it.
+enum class WordKind {
+    Other, ///< nothing that could be listed
+    Path, ///< of a setting or directory
+    PathOrTree, ///< a directory of files where the command's standalone option is set
+    Role, ///< of the setting that the first argument names
+    Value, ///< for the setting that the first argument names
+    Verb, ///< of an operation
+    Operand, ///< for the verb before it
+    Command, ///< the name of one
+    Product, ///< a postfix of the default tree
+    Language, ///< of the catalogues
+    Tree, ///< a default tree, as the option names one
+    Directory,
+    File,
+    Listed, ///< one of the words listed beside it
+    ListedMany ///< the same, or several with commas between them
+};
+
+/// One of the words that something can be.
+struct ListedWord
+{
+    QString word;
+    QString description; ///< in one line
+};
+using WordList = QVector<ListedWord> (*)();
+
 /// One option: "--name" or "--name VALUE".
 struct Option
 {
@@ -20,21 +47,21 @@ struct Option
     const char* valueName; ///< empty for an option without a value
     const char* description;
     const char* letter = ""; ///< for "-h"; empty for most
+    WordKind kind = WordKind::Other; ///< of the value
+    WordList words = nullptr; ///< for the kinds that list them
+    bool isRepeatable = false;
 };
 
 /// One argument behind the name of a command.
 struct Argument
 {
-    enum class Kind {
-        Path,
-        Tree, ///< a default tree, as the option names one
-        Other
-    };
+    using Kind = WordKind;
     enum class Count { One, Optional, OneOrMore, Any };
 
     const char* name;
     Count count = Count::One;
     Kind kind = Kind::Other;
+    WordList words = nullptr; ///< for the kinds that list them
 };
 
 class Arguments;

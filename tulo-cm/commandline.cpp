@@ -8,6 +8,20 @@
 
 namespace tulo {
 
+QVector<ListedWord> busWords()
+{
+    return { { QStringLiteral("system"), QStringLiteral("the default") },
+             { QStringLiteral("session"), QString() } };
+}
+
+QVector<ListedWord> logLevelWords()
+{
+    QVector<ListedWord> words;
+    for (const char* level : { "trace", "debug", "info", "warn", "error", "fatal", "off" })
+        words.append({ QLatin1String(level), QString() });
+    return words;
+}
+
 const QVector<Option>& generalOptions()
 {
     static const QVector<Option> options {
@@ -46,6 +60,12 @@ bool isTaken(const Command& command, bool inShell)
     return command.where != (inShell ? Command::Where::CommandLine : Command::Where::Shell);
 }
 
+bool looksNegative(const QString& word)
+{
+    const QChar second = word.size() > 1 ? word.at(1) : QChar();
+    return word.startsWith(QLatin1Char('-')) && (second.isDigit() || second == QLatin1Char('.'));
+}
+
 QString completePath(QString path)
 {
     if (path.isEmpty())
@@ -65,12 +85,6 @@ namespace {
 // ---------------------------------------------------------------------------------------------
 
 const QChar mark(0);
-
-bool looksNegative(const QString& word)
-{
-    const QChar second = word.size() > 1 ? word.at(1) : QChar();
-    return word.startsWith(QLatin1Char('-')) && (second.isDigit() || second == QLatin1Char('.'));
-}
 
 QStringList marked(const QStringList& words)
 {
@@ -97,18 +111,6 @@ bool contains(const QVector<Option>& options, const Option& option)
     return std::any_of(options.cbegin(), options.cend(), [&option](const Option& known) {
         return qstrcmp(known.name, option.name) == 0;
     });
-}
-
-QVector<Option> allOptions()
-{
-    QVector<Option> all = generalOptions();
-    for (const Command& command : commandTable()) {
-        for (const Option& option : command.options) {
-            if (!contains(all, option))
-                all.append(option);
-        }
-    }
-    return all;
 }
 
 QStringList namesOf(const Option& option)
@@ -230,7 +232,7 @@ QString validate(const Arguments& arguments, bool inShell)
 ParsedLine parse(const QStringList& words, bool inShell)
 {
     QCommandLineParser parser;
-    const QVector<Option> options = allOptions();
+    const QVector<Option>& options = allOptions();
     for (const Option& option : options)
         parser.addOption({ namesOf(option), QString(), QLatin1String(option.valueName) });
     ParsedLine line;
@@ -265,6 +267,21 @@ ParsedLine parse(const QStringList& words, bool inShell)
 }
 
 } // namespace
+
+const QVector<Option>& allOptions()
+{
+    static const QVector<Option> options = [] {
+        QVector<Option> all = generalOptions();
+        for (const Command& command : commandTable()) {
+            for (const Option& option : command.options) {
+                if (!contains(all, option))
+                    all.append(option);
+            }
+        }
+        return all;
+    }();
+    return options;
+}
 
 ParsedLine parseCommandLine(const QStringList& words)
 {

@@ -10,33 +10,50 @@
 
 namespace tulo {
 
+QVector<ListedWord> busWords();
+QVector<ListedWord> logLevelWords();
+
 /// The options of the program, beside those of the commands.
 namespace general {
 
 inline constexpr Option defaultPath { "default-path", "DIR",
-                                      "the tree with the defaults; needs --write-path" };
-inline constexpr Option writePath { "write-path", "DIR", "the tree with the changed values" };
+                                      "the tree with the defaults; needs --write-path", "",
+                                      WordKind::Tree };
+inline constexpr Option writePath { "write-path", "DIR", "the tree with the changed values", "",
+                                    WordKind::Directory };
 inline constexpr Option inProcess { "in-process", "",
                                     "serve the built-in directories in this process" };
-inline constexpr Option bus { "bus", "BUS", "system (the default), session or an address" };
+inline constexpr Option bus {
+    "bus", "BUS", "system (the default), session or an address", "", WordKind::Listed, busWords
+};
 inline constexpr Option host { "host", "USER@HOST", "the service of another device, through ssh" };
-inline constexpr Option product { "product", "POSTFIX",
-                                  "use the defaults of this product variant" };
+inline constexpr Option product { "product", "POSTFIX", "use the defaults of this product variant",
+                                  "", WordKind::Product };
 inline constexpr Option migrations { "migrations", "DIR",
                                      "rules for written values, instead of those beside the "
-                                     "default tree" };
+                                     "default tree",
+                                     "", WordKind::Directory };
 inline constexpr Option plugin { "plugin", "FILE",
-                                 "the settings worker, instead of the installed one" };
-inline constexpr Option language { "language", "LOCALE",
-                                   "show texts in this language, such as de" };
-inline constexpr Option catalogues { "catalogues", "DIR", "where the language's catalogues are" };
+                                 "the settings worker, instead of the installed one", "",
+                                 WordKind::File };
+inline constexpr Option language { "language", "LOCALE", "show texts in this language, such as de",
+                                   "", WordKind::Language };
+inline constexpr Option catalogues {
+    "catalogues", "DIR", "where the language's catalogues are", "", WordKind::Directory,
+    nullptr,      true
+};
 inline constexpr Option json { "json", "", "print one JSON object a line" };
 inline constexpr Option logLevel {
-    "log-level", "LEVEL",
-    "show log records from trace, debug, info, warn (the default), error, fatal or off"
+    "log-level",
+    "LEVEL",
+    "show log records from trace, debug, info, warn (the default), error, fatal or off",
+    "",
+    WordKind::Listed,
+    logLevelWords
 };
 inline constexpr Option logConfig { "log-config", "FILE",
-                                    "configure logging with a log4cplus property file" };
+                                    "configure logging with a log4cplus property file", "",
+                                    WordKind::File };
 inline constexpr Option help { "help", "", "print an overview, or the help of the command", "h" };
 inline constexpr Option version { "version", "", "print the version" };
 
@@ -44,9 +61,14 @@ inline constexpr Option version { "version", "", "print the version" };
 
 /// All of them, in the order in which help lists them.
 const QVector<Option>& generalOptions();
+/// The same, and those of all commands.
+const QVector<Option>& allOptions();
 
 /// "--name".
 QString spelled(const Option& option);
+
+/// Tells whether a word that begins with "-" is a number and not an option.
+bool looksNegative(const QString& word);
 
 /// A path as people write it, with "/" at the end or without it at the beginning, in full.
 QString completePath(QString path);

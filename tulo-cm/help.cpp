@@ -88,13 +88,6 @@ QString optionLines(const QVector<Option>& options)
     return result;
 }
 
-// The summary up to its first details.
-QString shortSummary(const Command& command)
-{
-    static const QRegularExpression details(text("[.,:;\\n]"));
-    return text(command.summary).section(details, 0, 0);
-}
-
 QString shownExample(const Command& command)
 {
     return (command.where == Command::Where::Shell ? QString() : text("tulo-cm "))
@@ -215,6 +208,13 @@ QString synopsis(const Command& command)
     for (const Option& option : command.options)
         line += QStringLiteral(" [%1]").arg(withValue(spelled(option), option));
     return line;
+}
+
+// The summary up to its first details.
+QString shortSummary(const Command& command)
+{
+    static const QRegularExpression details(text("[.,:;\\n]"));
+    return text(command.summary).section(details, 0, 0);
 }
 
 int printOverview(const Context& context)

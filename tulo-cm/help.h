@@ -6,6 +6,8 @@ namespace tulo {
 
 /// The command in one line: "get PATH... [--role ROLE] [--all]".
 QString synopsis(const Command& command);
+/// What the command does, in a few words.
+QString shortSummary(const Command& command);
 
 // Each prints help, as text or as an object, and returns Done.
 

@@ -1,4 +1,5 @@
 #include "tulo-cm/commandline.h"
+#include "tulo-cm/completecommand.h"
 #include "tulo-cm/flushing.h"
 #include "tulo-cm/help.h"
 #include "tulo-cm/logging.h"
@@ -19,6 +20,7 @@
 
 #include <clocale>
 #include <csignal>
+#include <cstring>
 #include <memory>
 #include <optional>
 
@@ -295,6 +297,8 @@ int main(int argc, char** argv)
     // A reader that goes away is noticed when writing to it.
     std::signal(SIGPIPE, SIG_IGN);
 
+    if (argc > 1 && std::strcmp(argv[1], "complete") == 0)
+        return tulo::runComplete(argc - 2, argv + 2);
     QString error;
     const auto words = tulo::decodeWords(argc, argv, &error);
     return tulo::run(words.value_or(QStringList()), error);

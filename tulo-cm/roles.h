@@ -58,8 +58,10 @@ bool isDirectory(const QVariantMap& roles);
 QString nameOf(const QString& path);
 QString pathBelow(const QString& directory, const QString& name);
 
-inline constexpr Option roleOption { "role", "ROLE",
-                                     "a role to print; can be given more than once" };
+inline constexpr Option roleOption {
+    "role",  "ROLE", "a role to print; can be given more than once", "", WordKind::Role,
+    nullptr, true
+};
 
 /// The roles that were asked for by roleOption; the value when there are none.
 QStringList chosenRoles(const Arguments& arguments);

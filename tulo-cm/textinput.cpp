@@ -91,8 +91,9 @@ namespace {
 class Splitter
 {
 public:
-    explicit Splitter(const QString& line)
+    Splitter(const QString& line, QLatin1String escapableCharacters)
         : m_line(line)
+        , m_escapable(escapableCharacters)
     {
     }
 
@@ -112,11 +113,20 @@ public:
         return m_words;
     }
 
+    TypedLine splitTyped()
+    {
+        while (m_next < m_line.size() && takeCharacter()) { }
+        const int wordStart = m_isInWord ? m_wordStart : m_line.size();
+        return { m_words + QStringList(m_word), wordStart, m_quote, m_quoteStart };
+    }
+
 private:
     bool takeCharacter()
     {
+        const int start = m_next;
         const QChar character = m_line.at(m_next++);
         if (escapes(character)) {
+            beginWord(start);
             if (m_next == m_line.size())
                 return false;
             add(m_line.at(m_next++));
@@ -124,10 +134,12 @@ private:
             m_quote = QChar();
         } else if (m_quote.isNull() && isQuote(character)) {
             m_quote = character;
-            m_isInWord = true;
+            m_quoteStart = start;
+            beginWord(start);
         } else if (m_quote.isNull() && character.isSpace()) {
             endWord();
         } else {
+            beginWord(start);
             add(character);
         }
         return true;
@@ -137,8 +149,7 @@ private:
     {
         const QChar following = m_next < m_line.size() ? m_line.at(m_next) : QChar();
         const bool isMeant = m_quote.isNull()
-            || (m_quote == QLatin1Char('"')
-                && (following == QLatin1Char('"') || following == QLatin1Char('\\')));
+            || (m_quote == QLatin1Char('"') && QString(m_escapable).contains(following));
         return character == QLatin1Char('\\') && isMeant;
     }
 
@@ -147,11 +158,14 @@ private:
         return character == QLatin1Char('"') || character == QLatin1Char('\'');
     }
 
-    void add(QChar character)
+    void beginWord(int start)
     {
-        m_word += character;
+        if (!m_isInWord)
+            m_wordStart = start;
         m_isInWord = true;
     }
+
+    void add(QChar character) { m_word += character; }
 
     void endWord()
     {
@@ -162,11 +176,14 @@ private:
     }
 
     const QString& m_line;
+    const QLatin1String m_escapable;
     int m_next = 0;
     QChar m_quote; ///< that is open; null outside of quotes
+    int m_quoteStart = 0;
     QStringList m_words;
     QString m_word;
     bool m_isInWord = false;
+    int m_wordStart = 0;
 };
 
 } // namespace
@@ -178,7 +195,27 @@ std::optional<QStringList> splitWords(const QString& line, QString* error)
         *error = QStringLiteral("the line holds a null character (U+0000)");
         return std::nullopt;
     }
-    return Splitter(line).split(error);
+    return Splitter(line, escapable).split(error);
+}
+
+TypedLine splitTyped(const QString& line, QLatin1String escapableCharacters)
+{
+    return Splitter(line, escapableCharacters).splitTyped();
+}
+
+QString quoted(const QString& word, QChar quote, QLatin1String escapableCharacters)
+{
+    if (quote == QLatin1Char('\''))
+        return QString(word).replace(quote, QLatin1String("'\\''"));
+    const QString special = quote.isNull() ? QStringLiteral(" \t\n\"'\\$`&|;<>()*?[]{}!~#")
+                                           : QString(escapableCharacters);
+    QString result;
+    for (const QChar character : word) {
+        if (special.contains(character))
+            result += QLatin1Char('\\');
+        result += character;
+    }
+    return result;
 }
 
 } // namespace tulo

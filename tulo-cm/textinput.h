@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QChar>
 #include <QString>
 #include <QStringList>
 
@@ -24,5 +25,23 @@ std::optional<QByteArray> readInput(const QString& fileName, qint64 maximumBytes
 /// backslash takes the mark, or itself, out of its meaning; elsewhere it does so for any
 /// character. A line with U+0000 is an error.
 std::optional<QStringList> splitWords(const QString& line, QString* error);
+
+/// A line that is being typed, up to the cursor.
+struct TypedLine
+{
+    QStringList words; ///< without quotes; the last one is being typed and may be empty
+    int wordStart = 0; ///< where the last word begins in the line
+    QChar quote; ///< that is open; null outside of quotes
+    int quoteStart = 0; ///< where it was opened
+};
+
+/// What a backslash takes out of its meaning between "...": of the shell, and of others.
+inline constexpr QLatin1String escapable("\"\\");
+inline constexpr QLatin1String escapableElsewhere("\"\\$`");
+
+/// Splits a line as splitWords() does, whatever is missing at its end.
+TypedLine splitTyped(const QString& line, QLatin1String escapableCharacters = escapable);
+/// A word, or what is left of it, as it is typed behind an open quote; null for none.
+QString quoted(const QString& word, QChar quote, QLatin1String escapableCharacters = escapable);
 
 } // namespace tulo

@@ -22,18 +22,55 @@
 namespace tulo {
 namespace {
 
-constexpr Option ruleOption { "rule", "ID=SEVERITY",
-                              "report a rule as off, info, warning or error; may be repeated" };
+QVector<ListedWord> rules()
+{
+    QVector<ListedWord> words;
+    for (const Rule& rule : allRules())
+        words.append({ QLatin1String(rule.name), QString::fromUtf8(rule.sentence) });
+    return words;
+}
+
+QVector<ListedWord> rulesWithSeverities()
+{
+    QVector<ListedWord> words;
+    for (const ListedWord& rule : rules()) {
+        for (const Severity severity :
+             { Severity::Off, Severity::Info, Severity::Warning, Severity::Error })
+            words.append(
+                { rule.word + QLatin1Char('=') + severityName(severity), rule.description });
+    }
+    return words;
+}
+
+QVector<ListedWord> formats()
+{
+    return { { QStringLiteral("text"), QStringLiteral("the default") },
+             { QStringLiteral("json"), QStringLiteral("one object a line") } };
+}
+
+constexpr Option ruleOption {
+    "rule", "ID=SEVERITY",    "report a rule as off, info, warning or error; may be repeated",
+    "",     WordKind::Listed, rulesWithSeverities,
+    true
+};
 constexpr Option exceptionsOption { "exceptions", "FILE",
-                                    "allowed findings, instead of those in TREE.exceptions" };
+                                    "allowed findings, instead of those in TREE.exceptions", "",
+                                    WordKind::File };
 constexpr Option strictOption { "strict", "", "exit with 8 from warnings, too" };
-constexpr Option formatOption { "format", "FORMAT", "text (the default), or json as --json" };
-constexpr Option catalogueOption { "catalogue", "FILE",
-                                   "a *.qm file that ought to have every text; may be repeated" };
+constexpr Option formatOption { "format", "FORMAT",         "text (the default), or json as --json",
+                                "",       WordKind::Listed, formats };
+constexpr Option catalogueOption {
+    "catalogue", "FILE",         "a *.qm file that ought to have every text; may be repeated",
+    "",          WordKind::File, nullptr,
+    true
+};
 constexpr Option againstOption { "against", "TREE",
-                                 "find what users of this older image would lose, too" };
+                                 "find what users of this older image would lose, too", "",
+                                 WordKind::Directory };
 constexpr Option stampOption { "stamp", "", "stamp the tree, if it has no errors" };
-constexpr Option explainOption { "explain", "RULE", "tell about a rule, and check nothing" };
+constexpr Option explainOption {
+    "explain", "RULE", "tell about a rule, and check nothing", "", WordKind::Listed, rules
+};
 
 // ---------------------------------------------------------------------------------------------
 // What was asked for.

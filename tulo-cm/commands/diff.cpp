@@ -10,7 +10,8 @@ namespace tulo {
 namespace {
 
 constexpr Option treeOption {
-    "tree", "OLD", "compare the default tree in the directory OLD with the one in NEW instead"
+    "tree", "OLD", "compare the default tree in the directory OLD with the one in NEW instead", "",
+    WordKind::Tree
 };
 
 QString arrow(const QVariant& left, const QVariant& right)
@@ -162,7 +163,7 @@ Command diff()
     Command command {
         "diff",
         "",
-        { { "PATH", Argument::Count::Optional } },
+        { { "PATH", Argument::Count::Optional, Argument::Kind::PathOrTree } },
         { treeOption },
         "Prints the settings that differ from the image's defaults, at and below a path or, when "
         "none\nis given, all of them: 'path: default -> value'. With --tree OLD the argument is the "

@@ -10,17 +10,29 @@ namespace tulo {
 namespace {
 
 constexpr Option changedOption { "changed", "", "only settings that differ from their defaults" };
-constexpr Option inOption { "in", "WHERE",
-                            "search only these, of path,title,description; all by default" };
-
-// So that no pattern runs for long: an ordinary one takes a few steps a character.
-constexpr int maximumPatternLength = 1000;
-const QLatin1String stepLimit("(*LIMIT_MATCH=100000)");
-
 QStringList places()
 {
     return { QStringLiteral("path"), QStringLiteral("title"), QStringLiteral("description") };
 }
+
+QVector<ListedWord> placeWords()
+{
+    QVector<ListedWord> words;
+    for (const QString& place : places())
+        words.append({ place, QString() });
+    return words;
+}
+
+constexpr Option inOption { "in",
+                            "WHERE",
+                            "search only these, of path,title,description; all by default",
+                            "",
+                            WordKind::ListedMany,
+                            placeWords };
+
+// So that no pattern runs for long: an ordinary one takes a few steps a character.
+constexpr int maximumPatternLength = 1000;
+const QLatin1String stepLimit("(*LIMIT_MATCH=100000)");
 
 /// What is searched for: a text, whatever its case, or a regular expression between slashes.
 class Search

@@ -22,7 +22,7 @@ Command help()
 {
     return { "help",
              "",
-             { { "COMMAND", Argument::Count::Optional } },
+             { { "COMMAND", Argument::Count::Optional, Argument::Kind::Command } },
              {},
              "Prints what the commands do.",
              "help set",

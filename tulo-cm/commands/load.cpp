@@ -468,7 +468,7 @@ Command load()
 {
     return { "load",
              "",
-             { { "FILE" } },
+             { { "FILE", Argument::Count::One, Argument::Kind::File } },
              { dryRunOption, replaceOption, skipOption },
              "Changes the settings to what 'dump' printed, all or none. FILE is \"-\" for standard "
              "input.\nA setting whose path this image does not have is found by its id. Timestamps "

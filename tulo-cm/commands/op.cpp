@@ -1,25 +1,10 @@
 #include "tulo-cm/change.h"
+#include "tulo-cm/verbs.h"
 
 #include <algorithm>
-#include <array>
 
 namespace tulo {
 namespace {
-
-struct Verb
-{
-    const char* name;
-    bool takesOperand;
-};
-
-constexpr std::array<Verb, 8> verbs { { { "set", true },
-                                        { "add", true },
-                                        { "multiply", true },
-                                        { "toggle", false },
-                                        { "append", true },
-                                        { "remove", true },
-                                        { "next", false },
-                                        { "previous", false } } };
 
 QString namesOfVerbs()
 {
@@ -36,9 +21,10 @@ QString validate(const QString& name, bool hasOperand)
     });
     if (verb == verbs.end())
         return QStringLiteral("unknown verb '%1'; verbs are: %2").arg(name, namesOfVerbs());
-    if (hasOperand && !verb->takesOperand)
+    const bool takesOperand = verb->operand != Verb::Operand::None;
+    if (hasOperand && !takesOperand)
         return QStringLiteral("'%1' takes no VALUE").arg(name);
-    if (!hasOperand && verb->takesOperand)
+    if (!hasOperand && takesOperand)
         return QStringLiteral("'%1' needs a VALUE").arg(name);
     return QString();
 }
@@ -70,8 +56,8 @@ Command op()
     return { "op",
              "",
              { { "PATH", Argument::Count::One, Argument::Kind::Path },
-               { "VERB" },
-               { "VALUE", Argument::Count::Optional } },
+               { "VERB", Argument::Count::One, Argument::Kind::Verb },
+               { "VALUE", Argument::Count::Optional, Argument::Kind::Operand } },
              { stringOption, flushOption },
              "Applies an operation and prints the value that is stored now. VERB is one of\nset, "
              "add, multiply, toggle, append, remove, next, previous.",

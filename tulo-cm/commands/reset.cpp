@@ -10,8 +10,11 @@ constexpr Option recursiveOption {
     "recursive", "", "reset directories with everything below, and read-only settings", "r"
 };
 constexpr Option allOption { "all", "", "reset everything; no PATH" };
-constexpr Option keepOption { "keep", "GLOB",
-                              "with -r or --all: leave these paths, and what is below them" };
+constexpr Option keepOption {
+    "keep", "GLOB",         "with -r or --all: leave these paths, and what is below them",
+    "",     WordKind::Path, nullptr,
+    true
+};
 
 QString validate(const Arguments& arguments)
 {

@@ -69,7 +69,7 @@ Command set()
     return { "set",
              "",
              { { "PATH", Argument::Count::One, Argument::Kind::Path },
-               { "VALUE", Argument::Count::Optional } },
+               { "VALUE", Argument::Count::Optional, Argument::Kind::Value } },
              { stringOption, rolesOption, defaultOption, flushOption },
              "Changes a setting and prints the value that is stored now. VALUE is read as JSON, "
              "else\nas a text; \"-\" reads it from standard input, except in the shell. In place "

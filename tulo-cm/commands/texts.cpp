@@ -82,7 +82,8 @@ Command texts()
     return {
         "texts",
         "",
-        { { "TREE" }, { "CATALOGUE", Argument::Count::OneOrMore } },
+        { { "TREE", Argument::Count::One, Argument::Kind::Directory },
+          { "CATALOGUE", Argument::Count::OneOrMore, Argument::Kind::File } },
         { checkOption },
         "Updates translation catalogues with the texts of a default tree: new texts are added,\n"
         "vanished ones marked, translations kept. Catalogues are those of Qt Linguist, *.ts; one\n"

@@ -1,0 +1,464 @@
+#include "tulo-cm/completion.h"
+
+#include "tulo-cm/commandline.h"
+#include "tulo-cm/help.h"
+#include "tulo-cm/roles.h"
+#include "tulo-cm/signalhandler.h"
+#include "tulo-cm/verbs.h"
+
+#include "trees/plainjson.h"
+#include "trees/printable.h"
+
+#include <algorithm>
+
+namespace tulo {
+
+// ---------------------------------------------------------------------------------------------
+// Asking settings.
+// ---------------------------------------------------------------------------------------------
+
+SettingsSource::SettingsSource(Settings& settings, int milliseconds)
+    : m_settings(settings)
+    , m_deadline(milliseconds)
+{
+}
+
+template<typename T>
+T SettingsSource::answer(const Reply<T>& reply) const
+{
+    serveEvents(int(m_deadline.remainingTime()), [&reply] { return reply.isFinished(); });
+    reply.cancel();
+    return reply.value();
+}
+
+QVector<Row> SettingsSource::rows(const QString& path)
+{
+    // A request would start a service that is away.
+    if (m_settings.state() != Settings::State::Ready)
+        return {};
+    const QStringList roles { QStringLiteral("title") };
+    QVector<Row> rows;
+    int count = 0;
+    do {
+        const int first = rows.size();
+        const Rows page =
+            answer(m_settings.rows(path, first, first + Settings::maximumRows - 1, roles));
+        count = page.count;
+        if (page.rows.isEmpty())
+            break;
+        rows += page.rows;
+    } while (rows.size() < count);
+    // Some of them would be taken for all.
+    return rows.size() < count ? QVector<Row>() : rows;
+}
+
+QVariantMap SettingsSource::roles(const QString& path, const QStringList& roles)
+{
+    if (m_settings.state() != Settings::State::Ready)
+        return {};
+    return answer(m_settings.get(path, roles));
+}
+
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// What has been typed before the word.
+// ---------------------------------------------------------------------------------------------
+
+struct Typed
+{
+    Arguments arguments;
+    const Option* pending = nullptr; ///< the word is its value
+    bool isPositional = false; ///< after "--"
+};
+
+bool looksLikeOption(const QString& word)
+{
+    return word.size() > 1 && word.startsWith(QLatin1Char('-')) && !looksNegative(word);
+}
+
+// The command's own first: the same name may stand for another option elsewhere.
+const Option* findOption(const Command* command, const QString& name)
+{
+    const auto find = [&name](const QVector<Option>& options) -> const Option* {
+        const auto found =
+            std::find_if(options.cbegin(), options.cend(), [&name](const Option& option) {
+                return name == QLatin1String(option.name)
+                    || (!name.isEmpty() && name == QLatin1String(option.letter));
+            });
+        return found == options.cend() ? nullptr : found;
+    };
+    const Option* const own = command == nullptr ? nullptr : find(command->options);
+    return own != nullptr ? own : find(allOptions());
+}
+
+void addValue(const Option& option, const QString& value, Arguments* arguments)
+{
+    arguments->set(option, arguments->values(option) + QStringList(value));
+}
+
+// "--name", "--name=value", or letters behind one "-".
+void readOption(const QString& word, Typed* typed)
+{
+    Arguments& arguments = typed->arguments;
+    QStringList names;
+    if (word.startsWith(QLatin1String("--"))) {
+        names.append(word.mid(2).section(QLatin1Char('='), 0, 0));
+    } else {
+        for (const QChar letter : word.mid(1))
+            names.append(letter);
+    }
+    for (const QString& name : names) {
+        const Option* const option = findOption(arguments.command, name);
+        if (option == nullptr)
+            continue;
+        if (*option->valueName == 0)
+            arguments.set(*option, {});
+        else if (word.contains(QLatin1Char('=')))
+            addValue(*option, word.section(QLatin1Char('='), 1), &arguments);
+        else
+            typed->pending = option;
+    }
+}
+
+Typed readWords(const QStringList& words)
+{
+    Typed typed;
+    Arguments& arguments = typed.arguments;
+    for (const QString& word : words) {
+        if (typed.pending != nullptr) {
+            addValue(*typed.pending, word, &arguments);
+            typed.pending = nullptr;
+        } else if (!typed.isPositional && word == QLatin1String("--")) {
+            typed.isPositional = true;
+        } else if (!typed.isPositional && looksLikeOption(word)) {
+            readOption(word, &typed);
+        } else if (arguments.command == nullptr && arguments.positional.isEmpty()) {
+            arguments.command = findCommand(word);
+            // An unknown command takes what nobody knows.
+            if (arguments.command == nullptr)
+                arguments.positional.append(word);
+        } else {
+            arguments.positional.append(word);
+        }
+    }
+    return typed;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Completing one word.
+// ---------------------------------------------------------------------------------------------
+
+class Completer
+{
+public:
+    Completer(const Typed& typed, const QString& word, const CompletionPlace& place)
+        : m_arguments(typed.arguments)
+        , m_place(place)
+        , m_word(word)
+    {
+    }
+
+    Completion result() const { return m_completion; }
+
+    void addCommands()
+    {
+        for (const Command& command : commandTable()) {
+            if (isTaken(command, m_place.inShell))
+                add(QLatin1String(command.name), shortSummary(command));
+        }
+    }
+
+    void addOptions()
+    {
+        const Command* const command = m_arguments.command;
+        if (command == nullptr && m_place.inShell)
+            return;
+        for (const Option& option : command == nullptr ? generalOptions() : command->options) {
+            if (m_arguments.isSet(option) && !option.isRepeatable)
+                continue;
+            const QString description = QString::fromUtf8(option.description);
+            add(spelled(option), description);
+            if (*option.letter != 0)
+                add(QLatin1Char('-') + QLatin1String(option.letter), description);
+        }
+    }
+
+    void addArgument()
+    {
+        const Command* const command = m_arguments.command;
+        if (command == nullptr || command->arguments.isEmpty())
+            return;
+        const QVector<Argument>& known = command->arguments;
+        const Argument::Count count = known.last().count;
+        const bool isUnlimited =
+            count == Argument::Count::OneOrMore || count == Argument::Count::Any;
+        const int index = m_arguments.positional.size();
+        if (index >= known.size() && !isUnlimited)
+            return;
+        const Argument& argument = known.at(std::min(index, known.size() - 1));
+        addWords(argument.kind, argument.words);
+    }
+
+    /// `before` is what stands in front of the value in the same word: "--name=".
+    void addOptionValue(const Option& option, const QString& before)
+    {
+        m_before = before;
+        m_word.remove(0, before.size());
+        addWords(option.kind, option.words);
+    }
+
+private:
+    void add(const QString& word, const QString& description, bool isOpen = false)
+    {
+        const QString whole = m_before + word;
+        if (word.startsWith(m_word) && escaped(whole) == whole)
+            m_completion.candidates.append({ whole, escaped(description), isOpen });
+    }
+
+    void addWords(WordKind kind, WordList words)
+    {
+        switch (kind) {
+        case WordKind::Other:
+        case WordKind::Product:
+        case WordKind::Language:
+            break;
+        case WordKind::Command:
+            addCommands();
+            break;
+        case WordKind::PathOrTree: {
+            const Option* const standalone = m_arguments.command->standalone;
+            if (standalone != nullptr && m_arguments.isSet(*standalone))
+                addFiles(Completion::Files::Directories);
+            else
+                addPaths();
+            break;
+        }
+        case WordKind::Path:
+            addPaths();
+            break;
+        case WordKind::Role:
+            addRoles();
+            break;
+        case WordKind::Value:
+            addValues(Verb::Operand::Value);
+            break;
+        case WordKind::Verb:
+            for (const Verb& verb : verbs)
+                add(QLatin1String(verb.name), QString::fromUtf8(verb.description));
+            break;
+        case WordKind::Operand:
+            addOperands();
+            break;
+        case WordKind::Tree:
+        case WordKind::Directory:
+            addFiles(Completion::Files::Directories);
+            break;
+        case WordKind::File:
+            addFiles(Completion::Files::Any);
+            break;
+        case WordKind::ListedMany: {
+            // Behind the last comma.
+            const int start = m_word.lastIndexOf(QLatin1Char(',')) + 1;
+            m_before += m_word.left(start);
+            m_word.remove(0, start);
+            addListed(words);
+            break;
+        }
+        case WordKind::Listed:
+            addListed(words);
+            break;
+        }
+    }
+
+    void addFiles(Completion::Files files)
+    {
+        if (!m_place.inShell)
+            m_completion.files = files;
+    }
+
+    // One level, too: "ID=SEVERITY" up to the "=" first.
+    void addListed(WordList words)
+    {
+        QString last;
+        for (const ListedWord& listed : words()) {
+            const int equals = listed.word.indexOf(QLatin1Char('='), m_word.size());
+            const QString word = listed.word.left(equals + 1);
+            if (equals < 0)
+                add(listed.word, listed.description);
+            else if (word != last)
+                add(word, listed.description, true);
+            last = word;
+        }
+    }
+
+    // A path as it was typed, in full.
+    QString fullPath(const QString& typed) const
+    {
+        const QString path = typed.startsWith(QLatin1Char('/'))
+            ? typed
+            : m_place.directory + QLatin1Char('/') + typed;
+        QStringList names;
+        for (const QString& name : path.split(QLatin1Char('/'), Qt::SkipEmptyParts)) {
+            if (name == QLatin1String("..") && !names.isEmpty())
+                names.removeLast();
+            else if (name != QLatin1String(".") && name != QLatin1String(".."))
+                names.append(name);
+        }
+        return QLatin1Char('/') + names.join(QLatin1Char('/'));
+    }
+
+    // One level: the rows of the directory that the word names up to its last "/".
+    void addPaths()
+    {
+        if (m_place.source == nullptr)
+            return;
+        const QString typed = m_word.left(m_word.lastIndexOf(QLatin1Char('/')) + 1);
+        const QString directory = fullPath(typed);
+        const QString title = QStringLiteral("title");
+        if (directory == QLatin1String("/")) {
+            const QVariantMap top = m_place.source->roles(topPath(), { title });
+            if (!top.isEmpty())
+                addPath(typed, topPath().mid(1), true, top.value(title).toString());
+            return;
+        }
+        const QVector<Row> rows = m_place.source->rows(directory);
+        for (const Row& row : rows)
+            addPath(typed, row.name, row.isDirectory, row.roles.value(title).toString());
+    }
+
+    void addPath(const QString& directory, const QString& name, bool isDirectory,
+                 const QString& title)
+    {
+        const QString end = isDirectory ? QStringLiteral("/") : QString();
+        add(directory + name + end, title == name ? QString() : title, isDirectory);
+    }
+
+    // The roles of the setting that the first argument names.
+    QVariantMap rolesOfSetting(const QStringList& names) const
+    {
+        if (m_place.source == nullptr || m_arguments.positional.isEmpty())
+            return {};
+        return m_place.source->roles(fullPath(m_arguments.positional.first()), names);
+    }
+
+    void addRoles()
+    {
+        QStringList given;
+        if (m_arguments.command != nullptr)
+            given = m_arguments.values(roleOption);
+        const QVariantMap found = rolesOfSetting({});
+        QStringList names;
+        for (const QString& role : roles::known()) {
+            // Those of a directory's rows are not its own.
+            if (found.isEmpty() || isDirectory(found) || found.contains(role))
+                names.append(role);
+        }
+        for (const QString& role : found.keys()) {
+            if (!names.contains(role))
+                names.append(role);
+        }
+        for (const QString& role : names) {
+            if (!given.contains(role))
+                add(role, QString());
+        }
+    }
+
+    void addOperands()
+    {
+        const QString name = m_arguments.positional.value(1);
+        for (const Verb& verb : verbs) {
+            if (name == QLatin1String(verb.name))
+                addValues(verb.operand);
+        }
+    }
+
+    void addValues(Verb::Operand operand)
+    {
+        const QVariantMap setting = rolesOfSetting(
+            { roles::value(), roles::defaultValue(), roles::edit(), roles::encrypted() });
+        if (setting.value(roles::encrypted()).toBool())
+            return;
+        const QVariantMap edit = setting.value(roles::edit()).toMap();
+        const QVariant value = setting.value(roles::value());
+        const QString values = QStringLiteral("values");
+        if (operand == Verb::Operand::Element) {
+            const QVariantMap elements = edit.value(QStringLiteral("elements")).toMap();
+            for (const QVariant& element : elements.value(values).toList() + value.toList())
+                addValue(element, QString());
+        } else if (operand == Verb::Operand::Value) {
+            QVariantList all = edit.value(values).toList();
+            if (value.userType() == QMetaType::Bool)
+                all += { true, false };
+            all += { value, setting.value(roles::defaultValue()) };
+            for (const QVariant& one : all)
+                addValue(one, remarkOn(one, setting));
+        }
+    }
+
+    static QString remarkOn(const QVariant& value, const QVariantMap& setting)
+    {
+        QStringList remarks;
+        if (isSameValue(value, setting.value(roles::value())))
+            remarks.append(QStringLiteral("now"));
+        if (isSameValue(value, setting.value(roles::defaultValue())))
+            remarks.append(QStringLiteral("default"));
+        return remarks.join(QStringLiteral(", "));
+    }
+
+    // Once, spelled so that a command reads this value.
+    void addValue(const QVariant& value, const QString& remark)
+    {
+        if (!value.isValid())
+            return;
+        const QString text = value.toString();
+        const QString json = QString::fromUtf8(jsonOf(value));
+        const bool isPlain = value.userType() == QMetaType::QString && !text.isEmpty()
+            && !QStringLiteral("-\"[{").contains(text.at(0));
+        const QString word = isPlain ? text : json;
+        const auto isSame = [this, &word](const Candidate& known) {
+            return known.word == m_before + word;
+        };
+        const QVector<Candidate>& known = m_completion.candidates;
+        if (std::none_of(known.cbegin(), known.cend(), isSame))
+            add(word, remark);
+    }
+
+    const Arguments& m_arguments;
+    const CompletionPlace& m_place;
+    QString m_before;
+    QString m_word;
+    Completion m_completion;
+};
+
+} // namespace
+
+Arguments readTyped(const QStringList& words)
+{
+    return readWords(words).arguments;
+}
+
+Completion complete(const QStringList& words, const CompletionPlace& place)
+{
+    const Typed typed = readWords(words.mid(0, words.size() - 1));
+    const QString word = words.value(words.size() - 1);
+    Completer completer(typed, word, place);
+    const int equals = word.indexOf(QLatin1Char('='));
+    const bool isLong = word.startsWith(QLatin1String("--"));
+    if (typed.pending != nullptr) {
+        completer.addOptionValue(*typed.pending, QString());
+    } else if (!typed.isPositional && isLong && equals >= 0) {
+        const Option* const option = findOption(typed.arguments.command, word.mid(2, equals - 2));
+        if (option != nullptr)
+            completer.addOptionValue(*option, word.left(equals + 1));
+    } else if (!typed.isPositional && word.startsWith(QLatin1Char('-')) && !looksNegative(word)) {
+        completer.addOptions();
+    } else if (typed.arguments.command == nullptr && typed.arguments.positional.isEmpty()) {
+        completer.addCommands();
+    } else {
+        completer.addArgument();
+    }
+    return completer.result();
+}
+
+} // namespace tulo

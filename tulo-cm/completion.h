@@ -1,0 +1,86 @@
+#pragma once
+
+#include "tulo-cm/command.h"
+
+#include <tulo/settings.h>
+
+#include <QDeadlineTimer>
+#include <QString>
+#include <QStringList>
+#include <QVariantMap>
+#include <QVector>
+
+namespace tulo {
+
+// Completion of words, for the shell and for the shells of the system. Everything comes from the
+// table of commands and from the settings; nothing is changed, and nothing is printed.
+
+/// One way to complete the word that is being typed.
+struct Candidate
+{
+    QString word; ///< all of it, without quotes; safe to print
+    QString description; ///< in one line, safe to print; empty when there is nothing to say
+    bool isOpen = false; ///< more of the same word follows: a directory ends with "/"
+};
+
+/// What is known about the word that is being typed.
+struct Completion
+{
+    enum class Files {
+        None, ///< the word is not the name of a file
+        Any, ///< it is: the system's shell completes it
+        Directories ///< the same for a directory
+    };
+
+    QVector<Candidate> candidates;
+    Files files = Files::None;
+};
+
+/// Where completion looks settings up. What cannot be found, or not in time, is empty.
+class CompletionSource
+{
+public:
+    CompletionSource() = default;
+    virtual ~CompletionSource() = default;
+    Q_DISABLE_COPY(CompletionSource)
+
+    /// The rows of a directory with their titles; all or none.
+    virtual QVector<Row> rows(const QString& path) = 0;
+    /// Some roles of a setting or directory; no roles: all.
+    virtual QVariantMap roles(const QString& path, const QStringList& roles) = 0;
+};
+
+/// Asks settings, and serves events while it waits for them, for so long in all.
+class SettingsSource : public CompletionSource
+{
+public:
+    SettingsSource(Settings& settings, int milliseconds);
+
+    QVector<Row> rows(const QString& path) override;
+    QVariantMap roles(const QString& path, const QStringList& roles) override;
+
+private:
+    template<typename T>
+    T answer(const Reply<T>& reply) const;
+
+    Settings& m_settings;
+    const QDeadlineTimer m_deadline;
+};
+
+/// The command and the options among words that were typed before the one that is being typed,
+/// whatever is wrong with them.
+Arguments readTyped(const QStringList& words);
+
+/// Where a line is typed.
+struct CompletionPlace
+{
+    bool inShell = false;
+    QString directory; ///< the setting path that relative ones begin at, without "/" at the end
+    CompletionSource* source = nullptr; ///< null: settings cannot be looked up
+};
+
+/// Completes the last one of `words`, which may be empty: what was typed so far, without quotes and
+/// without the program's name.
+Completion complete(const QStringList& words, const CompletionPlace& place);
+
+} // namespace tulo
