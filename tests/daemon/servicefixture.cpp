@@ -312,6 +312,36 @@ BusClient::BusClient(const QString& bus)
         qFatal("no connection to the bus: %s", qPrintable(m_connection.lastError().message()));
 }
 
+namespace {
+
+/// Connects as another user, and in the group of that number: the bus asks the system who is at the
+/// other end.
+class ConnectAs
+{
+public:
+    explicit ConnectAs(uid_t user)
+    {
+        if (::setegid(user) != 0 || ::seteuid(user) != 0)
+            qFatal("cannot become another user");
+    }
+    ~ConnectAs()
+    {
+        if (::seteuid(0) != 0 || ::setegid(0) != 0)
+            qFatal("cannot become root again");
+    }
+    Q_DISABLE_COPY(ConnectAs)
+};
+
+} // namespace
+
+std::unique_ptr<BusClient> clientOf(uid_t user, const QString& bus)
+{
+    if (user == 0)
+        return std::make_unique<BusClient>(bus);
+    const ConnectAs connecting(user);
+    return std::make_unique<BusClient>(bus);
+}
+
 BusClient::~BusClient()
 {
     QDBusConnection::disconnectFromBus(m_connection.name());

@@ -14,6 +14,8 @@
 #include <csignal>
 #include <memory>
 
+#include <sys/types.h>
+
 // What the tests of the service share: a bus, a service and clients of a test's own.
 
 /// A dbus-daemon for one test.
@@ -119,6 +121,9 @@ public:
 private:
     QDBusConnection m_connection;
 };
+
+/// A client that is another user, and in the group of that number; for root, if `user` is not.
+std::unique_ptr<BusClient> clientOf(uid_t user, const QString& bus);
 
 /// What the bus carried, with its types: `x 35`, `s "fm"`, `av [x 1]`, `{key: b true}`. Variants
 /// are looked through; time stamps, which differ from run to run, are "*".

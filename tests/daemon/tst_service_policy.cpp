@@ -95,32 +95,6 @@ QStringList asUser(uid_t user)
              QStringLiteral("--clear-groups") };
 }
 
-/// Connects as another user, and in the group of that number: the bus asks the system who is at the
-/// other end.
-class ConnectAs
-{
-public:
-    explicit ConnectAs(uid_t user)
-    {
-        if (::setegid(user) != 0 || ::seteuid(user) != 0)
-            qFatal("cannot become another user");
-    }
-    ~ConnectAs()
-    {
-        if (::seteuid(0) != 0 || ::setegid(0) != 0)
-            qFatal("cannot become root again");
-    }
-    Q_DISABLE_COPY(ConnectAs)
-};
-
-std::unique_ptr<BusClient> clientOf(uid_t user, const QString& bus)
-{
-    if (user == 0)
-        return std::make_unique<BusClient>(bus);
-    const ConnectAs connecting(user);
-    return std::make_unique<BusClient>(bus);
-}
-
 /// Waits in the event loop, where this program's own service answers.
 QDBusMessage answerOf(const QDBusPendingCall& call)
 {
