@@ -298,8 +298,11 @@ void BusAdaptor::dropCache(quint64 call, const Arguments& /*arguments*/)
 
 void BusAdaptor::statistics(quint64 call, const Arguments& /*arguments*/)
 {
-    answer(call, m_settings.statistics(),
-           [](const QVariantMap& numbers) { return Arguments { numbers }; });
+    answer(call, m_settings.statistics(), [this](QVariantMap numbers) {
+        if (const std::optional<qint64> limited = m_bus.limitedCount())
+            numbers.insert(QStringLiteral("limited"), *limited);
+        return Arguments { numbers };
+    });
 }
 
 void BusAdaptor::getUnsaved(quint64 call, const Arguments& arguments)

@@ -459,6 +459,35 @@ void BusConnection::announce(const wire::Signal& signal, const QVariantList& arg
         send(message, bytes);
 }
 
+// The messages of a bus daemon do not say it.
+void BusConnection::findUser(const QByteArray& sender)
+{
+    sd_bus_message* message = nullptr;
+    int result = sd_bus_message_new_method_call(m_bus, &message, busService, busPath, busService,
+                                                "GetConnectionUnixUser");
+    const MessagePointer owner(message);
+    if (result >= 0)
+        result = sd_bus_message_append(message, "s", sender.constData());
+    if (result >= 0)
+        result = sd_bus_call_async(m_bus, nullptr, message, on_user_found, this, 0);
+    uint64_t number = 0;
+    if (succeed(result) && sd_bus_message_get_cookie(message, &number) >= 0)
+        m_sought.insert(number, sender);
+}
+
+int BusConnection::on_user_found(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/)
+{
+    auto* const self = static_cast<BusConnection*>(userdata);
+    uint64_t number = 0;
+    (void)sd_bus_message_get_reply_cookie(reply, &number);
+    uint user = 0;
+    const bool isFound = sd_bus_message_is_method_error(reply, nullptr) == 0
+        && sd_bus_message_read(reply, "u", &user) > 0;
+    self->m_handler->userFound(self->m_sought.take(number),
+                               isFound ? std::make_optional(user) : std::nullopt);
+    return 1;
+}
+
 void BusConnection::announceClosed(const QByteArray& uniqueName)
 {
     // A signal, because the policy of a system bus lets those pass to anybody.

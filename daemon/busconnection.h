@@ -5,6 +5,7 @@
 #include "wire/names.h"
 
 #include <QByteArray>
+#include <QHash>
 #include <QString>
 #include <QVariant>
 
@@ -34,6 +35,8 @@ public:
         virtual void handleCall(const wire::Method& method, sd_bus_message* message) = 0;
         /// The value of a property in the type of its signature.
         virtual QVariant propertyValue(const char* name) = 0;
+        /// What findUser() has found; no user when the bus knows none of that name any more.
+        virtual void userFound(const QByteArray& sender, std::optional<uint> user) = 0;
 
     protected:
         ~Handler() = default;
@@ -88,6 +91,9 @@ public:
     void announce(const wire::Signal& signal, const QVariantList& arguments, qint64 bytes);
     void announceProperties();
 
+    /// Asks the bus which user a sender is, for the handler.
+    void findUser(const QByteArray& sender);
+
     /// Has the bus notice that the connection it calls `uniqueName`, from which it does not read,
     /// is closed: it writes to it. Only then do callers that wait for its answers get an error.
     void announceClosed(const QByteArray& uniqueName);
@@ -104,6 +110,7 @@ private:
                            sd_bus_message* reply, void* userdata, sd_bus_error* error);
     static int on_message(sd_bus_message* message, void* userdata, sd_bus_error* error);
     static int on_owner_found(sd_bus_message* reply, void* userdata, sd_bus_error* error);
+    static int on_user_found(sd_bus_message* reply, void* userdata, sd_bus_error* error);
     static int on_name_requested(sd_bus_message* reply, void* userdata, sd_bus_error* error);
     static int on_name_released(sd_bus_message* reply, void* userdata, sd_bus_error* error);
 
@@ -130,6 +137,8 @@ private:
     std::deque<qint64> m_unsent; ///< bytes of each message that waits, the first ones first
     qint64 m_unsentBytes = 0;
     quint64 m_sent = 0;
+
+    QHash<quint64, QByteArray> m_sought; ///< senders, by the number of the question to the bus
 
     // Supervision of what was sent.
     bool m_hasSent = false; ///< since the bus was last known to have passed on everything

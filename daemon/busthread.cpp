@@ -3,6 +3,7 @@
 #include "daemon/log.h"
 
 #include "wire/codec.h"
+#include "wire/messages.h"
 
 #include <QMutexLocker>
 
@@ -37,6 +38,21 @@ bool isFlush(const wire::Method& method)
     return std::strcmp(method.member, wire::flush.member) == 0;
 }
 
+// How many changes the limit counts for a call.
+int changesOf(const wire::Method& method, const QVariantList& arguments)
+{
+    const bool isReset = std::strcmp(method.member, wire::reset.member) == 0;
+    if ((std::strcmp(method.interface, wire::changeInterface) != 0 && !isReset) || isFlush(method))
+        return 0;
+    ChangeOptions options;
+    // What comes with options that are not valid is rejected, and counts.
+    if (!isReset && !wire::optionsFromMap(arguments.last().toMap(), &options) && options.isDryRun)
+        return 0;
+    if (isReset || std::strcmp(method.member, wire::setMany.member) == 0)
+        return std::max(1, arguments.first().toList().size());
+    return 1;
+}
+
 // Of arguments that could not be read: a value that no setting can have, or a text that is none.
 Error argumentError(const wire::Method& method, sd_bus_message* message)
 {
@@ -52,9 +68,10 @@ Error argumentError(const wire::Method& method, sd_bus_message* message)
 
 } // namespace
 
-BusThread::BusThread(const QString& bus)
+BusThread::BusThread(const QString& bus, int changesPerMinute)
     : m_bus(bus)
     , m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    , m_limit(changesPerMinute)
 {
     if (m_wake < 0)
         qFatal("no eventfd for the bus thread");
@@ -119,6 +136,11 @@ void BusThread::announceProperties()
     Outgoing outgoing;
     outgoing.kind = Outgoing::Kind::Properties;
     give(std::move(outgoing));
+}
+
+std::optional<qint64> BusThread::limitedCount() const
+{
+    return m_limit.isOn() ? std::make_optional(m_limitedCount.load()) : std::nullopt;
 }
 
 void BusThread::refuseCalls()
@@ -258,8 +280,50 @@ void BusThread::handleCall(const wire::Method& method, sd_bus_message* message)
     Call& call = m_calls[number];
     call.method = &method;
     call.arguments = *arguments;
+    call.sender = queued.sender;
+    call.changes = m_limit.isOn() ? changesOf(method, *arguments) : 0;
     if (sd_bus_message_get_expect_reply(message) > 0)
         call.message.reset(sd_bus_message_ref(message));
+    // Later calls of this sender wait, too, so that they stay in their order.
+    if (call.changes > 0 && !m_users.contains(call.sender) && !m_queue.isHeld(call.sender)) {
+        m_queue.hold(call.sender);
+        m_connection->findUser(call.sender);
+    }
+}
+
+void BusThread::userFound(const QByteArray& sender, std::optional<uint> user)
+{
+    if (m_users.size() >= maximumKnownSenders) {
+        for (auto known = m_users.begin(); known != m_users.end();)
+            known = m_queue.hasCalls(known.key()) ? std::next(known) : m_users.erase(known);
+    }
+    m_users.insert(sender, user);
+    m_queue.release(sender);
+}
+
+// Counts the changes of a call whose turn it is; answers it, and returns true, when they are too
+// many. Senders that were gone before the bus could tell who they are share one limit.
+bool BusThread::refuseTooMuch(quint64 number, const Call& call)
+{
+    constexpr auto nobody = uint(-1);
+    const uint user = m_users.value(call.sender).value_or(nobody);
+    const std::optional<ChangeLimit::Refusal> refusal =
+        m_limit.count(user, call.changes, Clock::now());
+    if (!refusal)
+        return false;
+    ++m_limitedCount;
+    if (refusal->isNews) {
+        LOG4CPLUS_WARN(daemonLogger(),
+                       QStringLiteral("%1 (bus name %2)")
+                           .arg(refusal->message, QString::fromUtf8(call.sender))
+                           .toStdString());
+    }
+    Outgoing outgoing;
+    outgoing.kind = Outgoing::Kind::Failure;
+    outgoing.number = number;
+    outgoing.error = { ErrorCode::Limits, refusal->message, QString() };
+    answerCall(outgoing);
+    return true;
 }
 
 void BusThread::handOut()
@@ -278,6 +342,8 @@ void BusThread::handOut()
         return;
     while (const std::optional<quint64> number = m_queue.takeNext()) {
         Call& call = m_calls[*number];
+        if (call.changes > 0 && refuseTooMuch(*number, call))
+            continue;
         const BusCall handedOut { *number, call.method, std::exchange(call.arguments, {}) };
         // A queued signal would wake the other thread while it holds the lock of that one's
         // connections, which the other thread wants first of all.
@@ -446,8 +512,12 @@ void BusThread::replaceConnection(std::unique_ptr<BusConnection> successor)
             m_calls.erase(number);
         }
     }
-    for (auto& [number, call] : m_calls)
+    for (auto& [number, call] : m_calls) {
         call.message.reset();
+        m_queue.release(call.sender);
+    }
+    // The next bus may give a name again.
+    m_users.clear();
     m_connection = std::move(successor);
 }
 

@@ -2,12 +2,15 @@
 
 #include "daemon/busconnection.h"
 #include "daemon/callqueue.h"
+#include "daemon/changelimit.h"
 
+#include <QHash>
 #include <QMutex>
 #include <QObject>
 #include <QVariant>
 #include <QVector>
 
+#include <atomic>
 #include <memory>
 #include <thread>
 #include <unordered_map>
@@ -43,7 +46,11 @@ public:
     static constexpr std::chrono::seconds firstPause { 1 };
     static constexpr std::chrono::seconds longestPause { 30 };
 
-    explicit BusThread(const QString& bus);
+    /// What it knows of senders; of those without a call under way it may forget it.
+    static constexpr int maximumKnownSenders = 1024;
+
+    /// Zero: any number of changes a minute.
+    explicit BusThread(const QString& bus, int changesPerMinute = 0);
     /// Ends.
     ~BusThread() override;
 
@@ -57,6 +64,9 @@ public:
     /// and the thread need not wake up twice.
     void announce(const wire::Signal& signal, const QVariantList& arguments, bool isAnswerComing);
     void announceProperties();
+
+    /// Calls that the limit of changes has refused; none while there is no limit.
+    std::optional<qint64> limitedCount() const;
 
     /// Hands out no more calls: those that wait, and those that come, fail with Unavailable.
     void refuseCalls();
@@ -92,11 +102,14 @@ private:
     {
         const wire::Method* method = nullptr;
         QVariantList arguments; ///< until it is handed out
+        QByteArray sender;
+        int changes = 0; ///< that the limit counts; none while there is no limit
         MessagePointer message; ///< null when no answer is wanted, or none can be sent any more
     };
 
     void handleCall(const wire::Method& method, sd_bus_message* message) override;
     QVariant propertyValue(const char* name) override;
+    void userFound(const QByteArray& sender, std::optional<uint> user) override;
 
     void run();
     void give(Outgoing outgoing, bool mayWait = false);
@@ -104,6 +117,7 @@ private:
     void answerCall(const Outgoing& outgoing);
     void handOut();
     void refuseWaiting();
+    [[nodiscard]] bool refuseTooMuch(quint64 number, const Call& call);
 
     std::unique_ptr<BusConnection> newConnection();
     void superviseBus();
@@ -115,6 +129,7 @@ private:
 
     const QString m_bus;
     std::thread m_thread;
+    std::atomic<qint64> m_limitedCount { 0 };
     const int m_wake; ///< an eventfd: something was given, or the thread is to end
 
     QMutex m_mutex;
@@ -135,6 +150,8 @@ private:
     CallQueue m_queue;
     std::unordered_map<quint64, Call> m_calls;
     quint64 m_lastNumber = 0;
+    ChangeLimit m_limit;
+    QHash<QByteArray, std::optional<uint>> m_users; ///< of senders, once the bus has told
     std::chrono::seconds m_pause { 0 };
     Clock::time_point m_nextAttempt;
     Clock::time_point m_endLimit;

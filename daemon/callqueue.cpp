@@ -32,7 +32,7 @@ void CallQueue::add(quint64 number, const Call& call)
 {
     m_calls.insert(number, call);
     Sender& sender = m_senders[call.sender];
-    if (sender.waiting.empty())
+    if (sender.waiting.empty() && !sender.isHeld)
         m_turns.push_back(call.sender);
     sender.waiting.push_back(number);
     sender.calls += 1;
@@ -57,6 +57,35 @@ std::optional<quint64> CallQueue::takeNext()
     return number;
 }
 
+void CallQueue::hold(const QByteArray& sender)
+{
+    const auto held = m_senders.find(sender);
+    if (held == m_senders.end())
+        return;
+    held->isHeld = true;
+    m_turns.erase(std::remove(m_turns.begin(), m_turns.end(), sender), m_turns.end());
+}
+
+void CallQueue::release(const QByteArray& sender)
+{
+    const auto held = m_senders.find(sender);
+    if (held == m_senders.end() || !held->isHeld)
+        return;
+    held->isHeld = false;
+    if (!held->waiting.empty())
+        m_turns.push_back(sender);
+}
+
+bool CallQueue::isHeld(const QByteArray& sender) const
+{
+    return m_senders.value(sender).isHeld;
+}
+
+bool CallQueue::hasCalls(const QByteArray& sender) const
+{
+    return m_senders.contains(sender);
+}
+
 void CallQueue::remove(quint64 number)
 {
     const auto entry = m_calls.find(number);
@@ -70,7 +99,7 @@ void CallQueue::remove(quint64 number)
     const auto waiting = std::find(sender->waiting.begin(), sender->waiting.end(), number);
     if (waiting != sender->waiting.end()) {
         sender->waiting.erase(waiting);
-        if (sender->waiting.empty())
+        if (sender->waiting.empty() && !sender->isHeld)
             m_turns.erase(std::find(m_turns.begin(), m_turns.end(), entry->sender));
     }
     if (sender->calls == 0)

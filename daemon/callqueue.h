@@ -41,6 +41,11 @@ public:
     void add(quint64 number, const Call& call);
     /// The next call to serve, none while maximumServed are being served that are not flushes.
     std::optional<quint64> takeNext();
+    /// From now on, until release(), no call of a sender that has calls here is taken.
+    void hold(const QByteArray& sender);
+    void release(const QByteArray& sender);
+    bool isHeld(const QByteArray& sender) const;
+    bool hasCalls(const QByteArray& sender) const;
     /// The call has been answered, or will not be. Nothing for a number that is not known.
     void remove(quint64 number);
     /// Those that were not taken.
@@ -50,6 +55,7 @@ private:
     struct Sender
     {
         std::deque<quint64> waiting;
+        bool isHeld = false;
         int calls = 0;
         int flushes = 0;
         qint64 bytes = 0;
@@ -57,7 +63,7 @@ private:
 
     QHash<quint64, Call> m_calls;
     QHash<QByteArray, Sender> m_senders;
-    std::deque<QByteArray> m_turns; ///< senders with calls that wait, each once
+    std::deque<QByteArray> m_turns; ///< senders with calls that wait, each once; not those held
     qint64 m_bytes = 0;
     QSet<quint64> m_served; ///< without flushes
 };

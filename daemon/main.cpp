@@ -138,7 +138,7 @@ int serve(const DaemonOptions& options, const Signals& signalSource)
     if (!settings)
         return exitCode;
 
-    BusThread bus(options.bus);
+    BusThread bus(options.bus, options.changesPerMinute);
     const BusAdaptor adaptor(
         *settings, [&settings] { return settings->currentStatus(); }, bus);
     QTimer watchdog;

@@ -1,6 +1,7 @@
 #include "daemon/options.h"
 
 #include "client/base/checks.h"
+#include "daemon/changelimit.h"
 #include "engine/engine.h"
 #include "trees/nodenames.h"
 
@@ -48,6 +49,16 @@ QString check(const DaemonOptions& options)
     return QString();
 }
 
+QString checkChangesPerMinute(const QString& text, int* number)
+{
+    bool isNumber = true;
+    *number = text.isEmpty() ? 0 : text.toInt(&isNumber);
+    if (isNumber && *number >= 0 && *number <= ChangeLimit::maximumPerMinute)
+        return QString();
+    return QStringLiteral("'%1' is not a number of changes a minute, which is from 0 to %2")
+        .arg(text, QString::number(ChangeLimit::maximumPerMinute));
+}
+
 QString builtInPlugin()
 {
     return QDir::cleanPath(QCoreApplication::applicationDirPath() + QLatin1Char('/')
@@ -90,6 +101,11 @@ std::optional<DaemonOptions> parseOptions(const QStringList& words, QString* rea
         QStringLiteral("bus"),
         QStringLiteral("The bus: 'system' (if not given), 'session' or an address."),
         QStringLiteral("BUS"), QStringLiteral("system"));
+    const QCommandLineOption changesPerMinute(
+        QStringLiteral("changes-per-minute"),
+        QStringLiteral("Refuse a user's changes that are more than N a minute. 0 or empty: no "
+                       "limit."),
+        QStringLiteral("N"));
     const QCommandLineOption plugin(QStringLiteral("plugin"),
                                     QStringLiteral("The worker's plug-in."), QStringLiteral("FILE"),
                                     builtInPlugin());
@@ -109,7 +125,7 @@ std::optional<DaemonOptions> parseOptions(const QStringList& words, QString* rea
                        "Ends with 0, or with 2: wrong usage, 6: not everything could be saved,\n"
                        "7: no bus, or the trees cannot be used, 8: a file in them is wrong."));
     parser.addOptions({ defaultPath, writePath, product, migrations, language, catalogues, bus,
-                        plugin, logLevel, logConfig });
+                        changesPerMinute, plugin, logLevel, logConfig });
     parser.addHelpOption();
     parser.addVersionOption();
     if (!parser.parse(words)) {
@@ -144,7 +160,9 @@ std::optional<DaemonOptions> parseOptions(const QStringList& words, QString* rea
     options.plugin = parser.value(plugin);
     options.logLevel = parser.value(logLevel);
     options.logConfiguration = parser.value(logConfig);
-    *reason = check(options);
+    *reason = checkChangesPerMinute(parser.value(changesPerMinute), &options.changesPerMinute);
+    if (reason->isEmpty())
+        *reason = check(options);
     if (!reason->isEmpty())
         return std::nullopt;
     return options;

@@ -97,6 +97,7 @@ class NoCalls final : public BusConnection::Handler
 public:
     void handleCall(const wire::Method& /*method*/, sd_bus_message* /*message*/) override { }
     QVariant propertyValue(const char* /*name*/) override { return QVariant(); }
+    void userFound(const QByteArray& /*sender*/, std::optional<uint> /*user*/) override { }
 };
 
 } // namespace

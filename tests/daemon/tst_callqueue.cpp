@@ -44,6 +44,7 @@ private slots:
     void allSendersTogetherHaveSoManyBytes();
     void smallCallsAreCountedWithWhatKeepingThemTakes();
     void removedCallsAreNotServedAndMakeRoom();
+    void heldSenderWaitsAndHoldsUpNobody();
 };
 
 void TstCallQueue::fewCallsAreServedAtATime()
@@ -181,6 +182,25 @@ void TstCallQueue::removedCallsAreNotServedAndMakeRoom()
     QCOMPARE(queue.takeNext(), std::nullopt);
     queue.add(200, call("a"));
     QCOMPARE(queue.takeNext(), std::optional<quint64>(200));
+}
+
+void TstCallQueue::heldSenderWaitsAndHoldsUpNobody()
+{
+    CallQueue queue;
+    queue.add(1, call("a"));
+    queue.add(2, call("a"));
+    queue.add(11, call("b"));
+
+    queue.hold("a");
+    queue.add(3, call("a"));
+    QVERIFY(queue.isHeld("a"));
+    QCOMPARE(served(&queue), (QVector<quint64> { 11 }));
+    queue.remove(1);
+    queue.release("a");
+
+    QVERIFY(!queue.isHeld("a"));
+    QCOMPARE(served(&queue), (QVector<quint64> { 2, 3 }));
+    QVERIFY(!queue.hasCalls("a"));
 }
 
 QTEST_GUILESS_MAIN(TstCallQueue)

@@ -408,13 +408,13 @@ void TstServicePackaging::unitTurnsItsVariablesIntoOptions_data()
 {
     QTest::addColumn<QString>("product");
     QTest::addColumn<QString>("language");
+    QTest::addColumn<QString>("limit");
     QTest::addColumn<QString>("title");
     QTest::addColumn<QString>("value");
-    QTest::newRow("none") << QString() << QString() << QStringLiteral("s \"Volume\"")
+    QTest::newRow("none") << QString() << QString() << QString() << QStringLiteral("s \"Volume\"")
                           << QStringLiteral("x 35");
-    QTest::newRow("product and language")
-        << QStringLiteral("sport") << QStringLiteral("de")
-        << QString::fromUtf8("s \"Lautst\303\244rke\"") << QStringLiteral("x 45");
+    QTest::newRow("all") << QStringLiteral("sport") << QStringLiteral("de") << QStringLiteral("9")
+                         << QString::fromUtf8("s \"Lautst\303\244rke\"") << QStringLiteral("x 45");
 }
 
 // As systemd.service(5) has it: ${NAME} is one word, empty when the variable is.
@@ -422,6 +422,7 @@ void TstServicePackaging::unitTurnsItsVariablesIntoOptions()
 {
     QFETCH(const QString, product);
     QFETCH(const QString, language);
+    QFETCH(const QString, limit);
     QFETCH(const QString, title);
     QFETCH(const QString, value);
     QString unit =
@@ -437,6 +438,7 @@ void TstServicePackaging::unitTurnsItsVariablesIntoOptions()
         { QStringLiteral("${TULO_LANGUAGE}"), language },
         { QStringLiteral("${TULO_CATALOGUES}"),
           language.isEmpty() ? QString() : QStringLiteral(TULO_CATALOGUES) },
+        { QStringLiteral("${TULO_CHANGES_PER_MINUTE}"), limit },
     };
     int replaced = 0;
     for (QString& word : words) {
@@ -445,7 +447,7 @@ void TstServicePackaging::unitTurnsItsVariablesIntoOptions()
         if (word.startsWith(QLatin1String("/usr/")))
             word = m_root.path() + word;
     }
-    QCOMPARE(replaced, 3);
+    QCOMPARE(replaced, variables.size());
     const TemporaryTree written;
     const PrivateBus bus;
     words << QStringLiteral("--default-path") << QStringLiteral(TULO_EXAMPLE_TREE)
@@ -462,6 +464,7 @@ void TstServicePackaging::unitTurnsItsVariablesIntoOptions()
                            QStringList { QStringLiteral("title"), QStringLiteral("value") } }),
              QStringLiteral("{title: %1, value: %2}").arg(title, value));
     QCOMPARE(client.property("Product"), QStringLiteral("s \"%1\"").arg(product));
+    QCOMPARE(client.call("Statistics").contains(QLatin1String("limited: ")), !limit.isEmpty());
     service.sendSignal(SIGTERM);
     QCOMPARE(service.finish().exitCode, 0);
 }

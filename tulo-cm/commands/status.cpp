@@ -81,7 +81,7 @@ QVector<QStringList> linesOf(const QVariantMap& statistics)
     const auto number = [&statistics](const char* name) {
         return statistics.value(QLatin1String(name)).toString();
     };
-    return {
+    QVector<QStringList> lines {
         { QStringLiteral("requests"),
           QStringLiteral("%1 (%2 failed)").arg(number("requests"), number("failed")) },
         { QStringLiteral("changes"),
@@ -92,6 +92,9 @@ QVector<QStringList> linesOf(const QVariantMap& statistics)
               .arg(number("writes"), number("writeErrors"), number("flushes")) },
         { QStringLiteral("values in memory"), number("keptValues") },
     };
+    if (statistics.contains(QStringLiteral("limited")))
+        lines.append({ QStringLiteral("calls over the limit"), number("limited") });
+    return lines;
 }
 
 void printTable(Output& output, const Status& status, const QStringList& unsavedPaths,
