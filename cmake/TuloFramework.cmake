@@ -2,8 +2,8 @@
 #
 # By default it is the stand-in of framework/. With an SDK it comes from there:
 #
-#   TULO_SDK_ROOT       folder of the SDK; its headers are below include/ or
-#                       src/, as in include/api/core/tulo.h
+#   TULO_SDK_ROOT       folder of the SDK; its headers are below include/,
+#                       include/tulo-framework/ or src/, as in include/api/core/tulo.h
 #   TULO_SDK_LIBRARIES  list of the libraries to link: names, looked up in the
 #                       SDK's lib folder, or full paths
 
@@ -25,14 +25,14 @@ if("${TULO_SDK_LIBRARIES}" STREQUAL "")
 endif()
 
 set(include_dir "")
-foreach(folder IN ITEMS include src)
+foreach(folder IN ITEMS include include/tulo-framework src)
     if(EXISTS "${root}/${folder}/api/core/tulo.h")
         set(include_dir "${root}/${folder}")
         break()
     endif()
 endforeach()
 if(NOT include_dir)
-    message(FATAL_ERROR "Neither include/ nor src/ of TULO_SDK_ROOT '${root}' has api/core/tulo.h.")
+    message(FATAL_ERROR "api/core/tulo.h is in neither include/, include/tulo-framework/ nor src/ of TULO_SDK_ROOT '${root}'.")
 endif()
 
 set(libraries "")

@@ -3,6 +3,6 @@
 #   cmake -D PLUGIN=FILE -D FRAMEWORK=FILE -D PROGRAM=FILE -P needed_libraries.cmake
 include(${CMAKE_CURRENT_LIST_DIR}/plugin_checks.cmake)
 
-check_needed(${PLUGIN} libtulo_framework.so)
+check_needed(${PLUGIN} libtulo_framework.so.0)
 check_needed(${FRAMEWORK})
-check_needed(${PROGRAM} libtulo_framework.so libtulo-settings.so.0)
+check_needed(${PROGRAM} libtulo_framework.so.0 libtulo-settings.so.0)

@@ -29,7 +29,7 @@ function(build_worker name sdk libraries)
     endif()
     check_plugin(${built})
     # Not what the SDK's own libraries need.
-    check_needed(${built} libtulo_framework.so libtulo_by_value.so)
+    check_needed(${built} libtulo_framework.so.0 libtulo_by_value.so)
 endfunction()
 
 build_worker(build ${prefix} tulo_framework)
