@@ -129,6 +129,7 @@ void TstServicePackaging::filesAreInPlace()
     for (const char* line :
          { "\nType=notify\n", "\nUMask=0077\n", "\nTimeoutStartSec=900\n", "\nTimeoutStopSec=120\n",
            "\nLimitCORE=0\n", "\nRequiresMountsFor=/settings /etc/tulo/settings-default\n",
+           "\nConditionPathIsDirectory=/etc/tulo/settings-default\n",
            "\nLimitNOFILE=", "\nRestart=on-failure\n", "\nStartLimitIntervalSec=0\n",
            "\nWatchdogSec=60\n", "\nEnvironmentFile=-/etc/default/tulo-settingsd\n",
            "\nBusName=org.tulo.ConfigurationManager1\n" })
