@@ -116,6 +116,17 @@ Names inHelp(const CommandLine& cli, const QString& command)
     return matches(help.section(QLatin1String("\nOptions:\n"), 1), "^  --([-a-z]+)");
 }
 
+Names inCompletion(const QString& command)
+{
+    QStringList words { QStringLiteral("complete"), QStringLiteral("--") };
+    if (command != general)
+        words.append(command);
+    words.append(QStringLiteral("--"));
+    // Without trees: options need none.
+    const ChildResult result = ChildProcess::run(QStringLiteral(TULO_CM_PROGRAM), words);
+    return matches(QString::fromUtf8(result.standardOutput), "^--([-a-z]+)\\t");
+}
+
 } // namespace
 
 // The pages are committed, so that a build for another machine needs to run nothing.
@@ -146,6 +157,8 @@ void TstManuals::optionsAreTheSameEverywhere()
 
     QCOMPARE(sorted(inHelp(m_cli, command)), expected);
     QCOMPARE(sorted(inManual().value(command)), expected);
+    // It gives up after 150 ms, which is little on a busy machine.
+    QTRY_COMPARE_WITH_TIMEOUT(sorted(inCompletion(command)), expected, ChildProcess::waitMs);
 }
 
 void TstManuals::everyNameOfTheInterfaceHasAnEntry()
