@@ -1,6 +1,7 @@
 #include "trees/documentcheck.h"
 
 #include "trees/locatedjson.h"
+#include "trees/misspelling.h"
 #include "trees/printable.h"
 #include "trees/settingvalue.h"
 

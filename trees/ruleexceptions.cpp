@@ -1,5 +1,7 @@
 #include "trees/ruleexceptions.h"
 
+#include "trees/misspelling.h"
+
 #include <QFile>
 #include <QRegularExpression>
 

@@ -1,9 +1,9 @@
 #include "tulo-cm/roles.h"
 
+#include "trees/misspelling.h"
 #include "trees/plainjson.h"
 
 #include <algorithm>
-#include <numeric>
 
 namespace tulo {
 
@@ -61,33 +61,13 @@ QStringList chosenRoles(const Arguments& arguments)
 
 namespace {
 
-// Characters to insert, remove or replace to make one of the other.
-int distance(const QString& from, const QString& to)
-{
-    QVector<int> costs(to.size() + 1);
-    std::iota(costs.begin(), costs.end(), 0);
-    for (int i = 0; i < from.size(); ++i) {
-        int diagonal = costs.at(0);
-        costs[0] = i + 1;
-        for (int j = 0; j < to.size(); ++j) {
-            const int replaced = diagonal + (from.at(i) == to.at(j) ? 0 : 1);
-            diagonal = costs.at(j + 1);
-            costs[j + 1] = std::min({ replaced, diagonal + 1, costs.at(j) + 1 });
-        }
-    }
-    return costs.last();
-}
-
 QString hintFor(const QString& role)
 {
     if (role.contains(QLatin1Char(',')))
         return QStringLiteral("give '--role' once for each role");
     const QStringList& known = roles::known();
-    const QString closest = *std::min_element(
-        known.cbegin(), known.cend(), [&role](const QString& left, const QString& right) {
-            return distance(role, left) < distance(role, right);
-        });
-    if (2 * distance(role, closest) < role.size())
+    const QString closest = nearest(role, known);
+    if (!closest.isEmpty())
         return QStringLiteral("did you mean '%1'?").arg(closest);
     return QStringLiteral("roles are: %1").arg(known.join(QLatin1String(", ")));
 }

@@ -3,6 +3,7 @@
 #include "tulo-cm/waiting.h"
 
 #include "trees/migrationrules.h"
+#include "trees/misspelling.h"
 #include "trees/ruleexceptions.h"
 #include "trees/rules.h"
 #include "trees/treecheck.h"
