@@ -154,6 +154,8 @@ Command::Needs neededBy(const Arguments& arguments);
 const Command* findCommand(const QString& name);
 /// Tells whether the shell, or the command line, takes the command.
 bool isTaken(const Command& command, bool inShell);
+/// The names of all that it takes.
+QStringList commandNames(bool inShell);
 
 /// The path at the top, which all others begin with.
 inline QString topPath()

@@ -2,6 +2,8 @@
 
 #include "tulo-cm/help.h"
 
+#include "trees/misspelling.h"
+
 #include <QCommandLineParser>
 
 #include <algorithm>
@@ -22,13 +24,21 @@ QVector<ListedWord> logLevelWords()
     return words;
 }
 
+QVector<ListedWord> colourWords()
+{
+    return { { QStringLiteral("auto"), QStringLiteral("the default") },
+             { QStringLiteral("always"), QString() },
+             { QStringLiteral("never"), QString() } };
+}
+
 const QVector<Option>& generalOptions()
 {
     static const QVector<Option> options {
         general::defaultPath, general::writePath,  general::inProcess,  general::bus,
         general::host,        general::product,    general::migrations, general::plugin,
-        general::language,    general::catalogues, general::json,       general::logLevel,
-        general::logConfig,   general::help,       general::version,
+        general::language,    general::catalogues, general::json,       general::color,
+        general::noPager,     general::logLevel,   general::logConfig,  general::help,
+        general::version,
     };
     return options;
 }
@@ -58,6 +68,16 @@ Command::Needs neededBy(const Arguments& arguments)
 bool isTaken(const Command& command, bool inShell)
 {
     return command.where != (inShell ? Command::Where::CommandLine : Command::Where::Shell);
+}
+
+QStringList commandNames(bool inShell)
+{
+    QStringList names;
+    for (const Command& command : commandTable()) {
+        if (isTaken(command, inShell))
+            names.append(QLatin1String(command.name));
+    }
+    return names;
 }
 
 bool looksNegative(const QString& word)
@@ -140,14 +160,13 @@ QString errorOf(const QCommandLineParser& parser)
         .arg(QLatin1String(name.size() == 1 ? "-" : "--"), name);
 }
 
-QString namesOfCommands(bool inShell)
+QString optionNear(const QString& name)
 {
     QStringList names;
-    for (const Command& command : commandTable()) {
-        if (isTaken(command, inShell))
-            names.append(QLatin1String(command.name));
-    }
-    return names.join(QLatin1String(", "));
+    for (const Option& option : allOptions())
+        names.append(QLatin1String(option.name));
+    const QString found = nearest(name, names);
+    return found.isEmpty() ? found : QLatin1String("--") + found;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -236,29 +255,32 @@ ParsedLine parse(const QStringList& words, bool inShell)
     for (const Option& option : options)
         parser.addOption({ namesOf(option), QString(), QLatin1String(option.valueName) });
     ParsedLine line;
-    if (!parser.parse(QStringList(QString()) + marked(words))) {
-        line.error = errorOf(parser);
-        return line;
-    }
+    const bool isUnderstood = parser.parse(QStringList(QString()) + marked(words));
     Arguments& arguments = line.arguments;
     for (const Option& option : options) {
         const QString name = QLatin1String(option.name);
         if (parser.isSet(name))
             arguments.set(option, unmarked(parser.values(name)));
     }
+    if (!isUnderstood) {
+        line.error = errorOf(parser);
+        line.suggestion = optionNear(parser.unknownOptionNames().value(0));
+        return line;
+    }
 
     arguments.positional = unmarked(parser.positionalArguments());
     if (arguments.positional.isEmpty()) {
         if (!arguments.isSet(general::help) && !arguments.isSet(general::version))
-            line.error =
-                QStringLiteral("no command; commands are: %1").arg(namesOfCommands(inShell));
+            line.error = QStringLiteral("no command; commands are: %1")
+                             .arg(commandNames(inShell).join(QLatin1String(", ")));
         return line;
     }
     const QString name = arguments.positional.takeFirst();
     arguments.command = findCommand(name);
     if (arguments.command == nullptr) {
         line.error = QStringLiteral("unknown command '%1'; commands are: %2")
-                         .arg(name, namesOfCommands(inShell));
+                         .arg(name, commandNames(inShell).join(QLatin1String(", ")));
+        line.suggestion = nearest(name, commandNames(inShell));
         return line;
     }
     completePaths(&arguments);

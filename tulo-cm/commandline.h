@@ -12,6 +12,7 @@ namespace tulo {
 
 QVector<ListedWord> busWords();
 QVector<ListedWord> logLevelWords();
+QVector<ListedWord> colourWords();
 
 /// The options of the program, beside those of the commands.
 namespace general {
@@ -43,6 +44,11 @@ inline constexpr Option catalogues {
     nullptr,      true
 };
 inline constexpr Option json { "json", "", "print one JSON object a line" };
+inline constexpr Option color {
+    "color", "WHEN",           "colours: auto (the default: on a terminal), always or never",
+    "",      WordKind::Listed, colourWords
+};
+inline constexpr Option noPager { "no-pager", "", "show long output without a pager" };
 inline constexpr Option logLevel {
     "log-level",
     "LEVEL",
@@ -78,6 +84,7 @@ struct ParsedLine
 {
     Arguments arguments;
     QString error; ///< what is wrong with the words; empty when nothing is
+    QString suggestion; ///< what may have been meant in place of a wrong word
 };
 
 /// Parses the words of the program's command line, without the program's name.

@@ -1,6 +1,7 @@
 #include "tulo-cm/dumping.h"
 
 #include "tulo-cm/listing.h"
+#include "tulo-cm/progress.h"
 #include "tulo-cm/roles.h"
 #include "tulo-cm/waiting.h"
 
@@ -118,6 +119,8 @@ int readChanged(Context& context, const QString& path, bool withSecrets, Changed
 
     changed->dump.path = path;
     changed->dump.hasSecrets = withSecrets;
+    Progress progress(QStringLiteral("looking for changed settings"));
+    progress.setTotal(candidates.size());
     for (int first = 0; first < candidates.size(); first += requestsAtOnce) {
         const QVector<Candidate> some = candidates.mid(first, requestsAtOnce);
         QVector<Reply<QVector<RoleOrigin>>> replies;
@@ -134,6 +137,7 @@ int readChanged(Context& context, const QString& path, bool withSecrets, Changed
             if (error)
                 return context.output.report(error);
         }
+        progress.add(some.size());
     }
     sortSettings(&changed->dump);
     changed->leftOut.sort();

@@ -192,6 +192,7 @@ int print(Output& output, QString text, const QVariantMap& object)
     if (output.isJson()) {
         output.object(object);
     } else {
+        const Paging paging(output);
         text.chop(1);
         output.text(text);
     }

@@ -1,5 +1,6 @@
 #include "tulo-cm/listing.h"
 
+#include "tulo-cm/progress.h"
 #include "tulo-cm/roles.h"
 #include "tulo-cm/waiting.h"
 
@@ -95,7 +96,7 @@ public:
         , m_roles(QStringList(roles::type()) + roles)
         , m_output(output)
         , m_visit(visit)
-        , m_progress(QStringLiteral("nodes"))
+        , m_progress(QStringLiteral("reading settings"))
     {
     }
 

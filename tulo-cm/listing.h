@@ -8,6 +8,7 @@
 
 namespace tulo {
 
+class Progress;
 class TreeReader;
 
 /// A range of a directory's rows, gathered from as many requests as it takes.

@@ -4,7 +4,9 @@
 #include "tulo-cm/help.h"
 #include "tulo-cm/logging.h"
 #include "tulo-cm/place.h"
+#include "tulo-cm/progress.h"
 #include "tulo-cm/signalhandler.h"
+#include "tulo-cm/suggesting.h"
 #include "tulo-cm/textinput.h"
 #include "tulo-cm/waiting.h"
 #include "tulo-cm/watches.h"
@@ -16,6 +18,7 @@
 #include <tulo/remotesettings.h>
 
 #include <QCoreApplication>
+#include <QHash>
 #include <QTextCodec>
 
 #include <clocale>
@@ -52,6 +55,7 @@ int reportFailure(Output& output, const EngineFailure& failure)
 std::unique_ptr<LocalSettings> openLocal(const Command& command, EngineOptions options,
                                          Output& output, EngineFailure* failure)
 {
+    const Progress progress(QStringLiteral("opening the settings"));
     if (changesSettings(command))
         options.access = EngineOptions::Access::Own;
     auto settings = LocalSettings::open(options, failure);
@@ -100,7 +104,7 @@ int runInOwnProcess(const Arguments& arguments, const Place& place, Output& outp
 
     Watches watches(*settings, output);
     Context context { output, place, settings.get(), &watches };
-    const int exitCode = command.run(context, arguments);
+    const int exitCode = runWithHints(context, arguments);
     // Without a change there is nothing to write, and another owner may be using the tree.
     if (!settings->hasUnwrittenChanges())
         return exitCode;
@@ -137,6 +141,7 @@ QString noService(const Place& place, const QString& reason)
 // Waits until the service is there. Where the bus can start it, a request does that.
 int reach(RemoteSettings& settings, const Place& place, Output& output)
 {
+    const Progress progress(QStringLiteral("waiting for the service"));
     serveEvents(-1, [&settings] { return settings.state() != Settings::State::Connecting; });
     if (settings.state() == Settings::State::Ready)
         return Done;
@@ -158,7 +163,7 @@ int runOnService(const Arguments& arguments, const Place& place, Output& output)
         return exitCode;
     Watches watches(settings, output);
     Context context { output, place, &settings, &watches };
-    return arguments.command->run(context, arguments);
+    return runWithHints(context, arguments);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -266,6 +271,24 @@ Output::Form formOf(const QStringList& words)
     return options.contains(spelled(general::json)) ? Output::Form::Json : Output::Form::Text;
 }
 
+// Returns what is wrong with the options that say how results are shown.
+QString setDisplay(const Arguments& arguments, Output& output)
+{
+    static const QHash<QString, Colours> colours {
+        { QStringLiteral("auto"), Colours::Auto },
+        { QStringLiteral("always"), Colours::Always },
+        { QStringLiteral("never"), Colours::Never },
+    };
+    const QString word =
+        arguments.isSet(general::color) ? arguments.value(general::color) : QStringLiteral("auto");
+    if (arguments.isSet(general::noPager))
+        output.setNoPager();
+    if (!colours.contains(word))
+        return QStringLiteral("'--color' needs auto, always or never, not '%1'").arg(word);
+    output.setColours(colours.value(word));
+    return QString();
+}
+
 int run(const QStringList& words, QString error)
 {
     Output output(formOf(words));
@@ -273,9 +296,12 @@ int run(const QStringList& words, QString error)
     if (error.isEmpty()) {
         line = parseCommandLine(words);
         error = line.error;
+        const QString wrong = setDisplay(line.arguments, output);
+        error = error.isEmpty() ? wrong : error;
     }
     if (!error.isEmpty()) {
         const int exitCode = output.reportUsage(error);
+        suggest(output, line.suggestion);
         if (!output.isJson())
             output.note(QStringLiteral("try 'tulo-cm --help'"));
         return exitCode;

@@ -1,13 +1,18 @@
 #include "tulo-cm/output.h"
 
+#include "tulo-cm/pager.h"
+#include "tulo-cm/progress.h"
+#include "tulo-cm/signalhandler.h"
+
 #include "client/base/checks.h"
 #include "trees/plainjson.h"
 #include "trees/printable.h"
 
+#include <QRegularExpression>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <cwchar>
 
 #include <poll.h>
 #include <unistd.h>
@@ -17,12 +22,6 @@ namespace tulo {
 namespace {
 
 constexpr int flushBytes = 64 * 1024;
-constexpr qint64 progressStartMs = 1000;
-constexpr qint64 progressStepMs = 100;
-
-const QLatin1String boldCode("\x1b[1m");
-const QLatin1String blueCode("\x1b[1;34m");
-const QLatin1String plainCode("\x1b[0m");
 
 // Writes all of `bytes`; false with errno set when that is impossible.
 bool writeAll(int descriptor, const QByteArray& bytes)
@@ -68,21 +67,17 @@ QString shown(const QVariant& role)
     return QString::fromUtf8(jsonOf(role));
 }
 
-// Columns that a terminal uses for `text`.
-int widthOf(const QString& text)
+// Lines of a terminal that `text` takes, which ends with a line end.
+int linesOf(const QByteArray& text, int columns)
 {
-    int width = 0;
-    const QVector<uint> characters = text.toUcs4();
-    for (const uint character : characters) {
-        const int columns = ::wcwidth(wchar_t(character));
-        width += columns < 0 ? 1 : columns;
-    }
-    return width;
-}
-
-QString padded(const QString& text, int width)
-{
-    return text + QString(std::max(0, width - widthOf(text)), QLatin1Char(' '));
+    static const QRegularExpression colours(QStringLiteral("\x1b\\[[0-9;]*m"));
+    const QString plain = QString::fromUtf8(text).remove(colours);
+    int lines = plain.count(QLatin1Char('\n'));
+    if (columns < 1)
+        return lines;
+    for (const QStringRef& line : plain.splitRef(QLatin1Char('\n')))
+        lines += std::max(0, widthOf(line.toString()) - 1) / columns;
+    return lines;
 }
 
 } // namespace
@@ -90,9 +85,8 @@ QString padded(const QString& text, int width)
 Output::Output(Form form)
     : m_form(form)
     , m_isTerminal(::isatty(STDOUT_FILENO) == 1)
-    , m_colour(form == Form::Text && m_isTerminal && qEnvironmentVariableIsEmpty("NO_COLOR")
-               && qgetenv("TERM") != "dumb")
 {
+    setColours(Colours::Auto);
 }
 
 Output::~Output()
@@ -100,9 +94,18 @@ Output::~Output()
     flush();
 }
 
-void Output::line(const QString& text)
+void Output::setColours(Colours colours)
 {
-    Output::text(escaped(text));
+    m_hasColours = !isJson() && usesColours(colours, STDOUT_FILENO);
+    m_hasErrorColours = !isJson() && usesColours(colours, STDERR_FILENO);
+    // A line that is interrupted leaves its colour.
+    if (m_isTerminal)
+        writeOnSignal(STDOUT_FILENO, m_hasColours ? plainSequence : nullptr);
+}
+
+void Output::line(const QString& text, Style style)
+{
+    Output::text(m_hasColours ? styled(escaped(text), style) : escaped(text));
 }
 
 void Output::text(const QString& text)
@@ -131,46 +134,25 @@ void Output::done(const QString& path)
         object({ { QStringLiteral("path"), path }, { QStringLiteral("done"), true } });
 }
 
-void Output::table(const QStringList& heading, const QVector<QStringList>& rows)
+void Output::table(const QStringList& heading, const QVector<TableRow>& rows)
 {
-    QVector<int> widths(heading.size());
-    const auto measure = [&widths](const QStringList& row) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (int i = 0; i < row.size(); ++i)
-            widths[i] = std::max(widths.at(i), widthOf(escaped(row.at(i))));
-    };
-    measure(heading);
-    for (const QStringList& row : rows)
-        measure(row);
-
-    const auto joined = [&widths](const QStringList& row) {
-        QString result;
-        for (int i = 0; i < row.size(); ++i) {
-            const bool isLast = i == row.size() - 1;
-            const QString cell = escaped(row.at(i));
-            result += isLast ? cell : padded(cell, widths.at(i) + 2);
-        }
-        return result;
-    };
-    if (!heading.isEmpty())
-        text(emphasised(joined(heading)));
-    for (const QStringList& row : rows) {
-        const QString whole = joined(row);
-        // Only now, so that the colour's own characters do not count.
-        const QString name = escaped(row.value(0));
-        text(name.endsWith(QLatin1Char('/')) ? directoryName(name) + whole.mid(name.size())
-                                             : whole);
-    }
+    TableForm form;
+    form.columns = isForPeople() ? terminalSize(STDOUT_FILENO).columns : 0;
+    form.hasMarks = isForPeople();
+    form.hasColours = m_hasColours;
+    const QStringList lines = tableLines(heading, rows, form);
+    for (const QString& line : lines)
+        text(line);
 }
 
-QString Output::emphasised(const QString& text) const
+void Output::list(const QVector<QStringList>& rows)
 {
-    return m_colour ? boldCode + text + plainCode : text;
-}
-
-QString Output::directoryName(const QString& text) const
-{
-    return m_colour ? blueCode + text + plainCode : text;
+    QVector<TableRow> plain;
+    for (const QStringList& cells : rows)
+        plain.append({ cells });
+    const QStringList lines = tableLines({}, plain, {});
+    for (const QString& line : lines)
+        text(line);
 }
 
 void Output::prompt(const QString& text)
@@ -181,6 +163,8 @@ void Output::prompt(const QString& text)
 
 int Output::report(const Error& error)
 {
+    if (error.code == ErrorCode::InvalidPath && m_unknownPath.isEmpty())
+        m_unknownPath = error.path;
     // Messages name paths percent-encoded, which nobody can read.
     QString message = error.message;
     if (!error.path.isEmpty())
@@ -206,7 +190,8 @@ int Output::report(int exitCode, const char* name, const QString& message, const
     const bool needsPath = !path.isEmpty() && !message.contains(path);
     const QString place =
         m_inputLine > 0 ? QStringLiteral("line %1: ").arg(m_inputLine) : QString();
-    note(place + (needsPath ? path + QLatin1String(": ") + message : message));
+    error(place + (needsPath ? path + QLatin1String(": ") + message : message),
+          exitCode == Adjusted ? Style::Warning : Style::Error);
     return exitCode;
 }
 
@@ -216,30 +201,97 @@ void Output::reportObject(const QVariantMap& object)
     if (m_errorsInPlace)
         Output::object(object);
     else
-        writeError(escapedJson(object) + '\n');
+        printError(escapedJson(object) + '\n');
+}
+
+// For people: a line on standard error.
+void Output::error(const QString& text, Style style)
+{
+    const QString line = QStringLiteral("tulo-cm: ") + escaped(text);
+    printError((m_hasErrorColours ? styled(line, style) : line).toUtf8() + '\n');
 }
 
 void Output::note(const QString& text)
 {
+    if (isJson())
+        printError(escapedJson(QVariantMap { { QStringLiteral("note"), text } }) + '\n');
+    else
+        error(text, Style::Plain);
+}
+
+bool Output::showsHints() const
+{
+    return !isJson() && ::isatty(STDERR_FILENO) == 1;
+}
+
+void Output::printError(const QByteArray& line)
+{
+    if (m_isPaging) {
+        m_pendingErrors += line;
+        return;
+    }
     // First what came before, for a terminal that shows both streams.
     flush();
-    if (isJson())
-        writeError(escapedJson(QVariantMap { { QStringLiteral("note"), text } }) + '\n');
-    else
-        writeError(QByteArrayLiteral("tulo-cm: ") + escaped(text).toUtf8() + '\n');
+    const ProgressPause pause;
+    writeError(line);
 }
 
 void Output::flush()
 {
-    if (!m_closed && !m_failed && !writeAll(STDOUT_FILENO, m_pending)) {
-        m_closed = errno == EPIPE;
-        m_failed = !m_closed;
-        if (m_failed) {
-            writeError(QByteArrayLiteral("tulo-cm: standard output: ")
-                       + QByteArray(std::strerror(errno)) + '\n');
-        }
+    if (m_isPaging)
+        return;
+    QByteArray results;
+    results.swap(m_pending);
+    if (m_closed || m_failed || results.isEmpty())
+        return;
+    const ProgressPause pause;
+    if (writeAll(STDOUT_FILENO, results))
+        return;
+    m_closed = errno == EPIPE;
+    m_failed = !m_closed;
+    if (m_failed) {
+        writeError(QByteArrayLiteral("tulo-cm: standard output: ")
+                   + QByteArray(std::strerror(errno)) + '\n');
     }
-    m_pending.clear();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Long results.
+// ---------------------------------------------------------------------------------------------
+
+Paging::Paging(Output& output)
+    : m_output(output)
+    , m_isFirst(!output.m_isPaging)
+{
+    if (!m_isFirst || !output.m_mayPage || !output.isForPeople() || ::isatty(STDIN_FILENO) != 1
+        || qgetenv("TERM") == "dumb")
+        return;
+    output.flush();
+    output.m_isPaging = true;
+}
+
+Paging::~Paging()
+{
+    if (m_isFirst && m_output.m_isPaging)
+        m_output.finishPaging();
+}
+
+void Output::finishPaging()
+{
+    const TerminalSize screen = terminalSize(STDOUT_FILENO);
+    const QString pager = pagerCommand();
+    // What is printed while the pager runs, such as an event, follows it.
+    QByteArray results;
+    results.swap(m_pending);
+    const bool isLong = screen.rows > 0 && linesOf(results, screen.columns) >= screen.rows;
+    if (!isLong || pager.isEmpty() || !showInPager(pager, results))
+        m_pending.prepend(results);
+    m_isPaging = false;
+    flush();
+    QByteArray errors;
+    errors.swap(m_pendingErrors);
+    if (!errors.isEmpty())
+        printError(errors);
 }
 
 QString shownInCell(const QVariant& role)
@@ -249,30 +301,6 @@ QString shownInCell(const QVariant& role)
     const bool isText = role.userType() == QMetaType::QString;
     const bool needsQuotes = isText && (text.isEmpty() || safe != text);
     return needsQuotes ? QString::fromUtf8(escapedJson(text)) : safe;
-}
-
-Progress::Progress(const QString& what)
-    : m_what(what)
-    , m_enabled(::isatty(STDERR_FILENO) == 1)
-    , m_nextMs(progressStartMs)
-{
-    m_time.start();
-}
-
-Progress::~Progress()
-{
-    if (m_shown)
-        writeError("\r\x1b[K");
-}
-
-void Progress::add(int count)
-{
-    m_count += count;
-    if (!m_enabled || m_time.elapsed() < m_nextMs)
-        return;
-    m_shown = true;
-    m_nextMs = m_time.elapsed() + progressStepMs;
-    writeError(QStringLiteral("\r\x1b[K%1 %2").arg(m_count).arg(m_what).toUtf8());
 }
 
 } // namespace tulo

@@ -1,13 +1,17 @@
 #pragma once
 
+#include "tulo-cm/table.h"
+#include "tulo-cm/terminal.h"
+
 #include <tulo/error.h>
 
 #include <QByteArray>
-#include <QElapsedTimer>
 #include <QString>
 #include <QStringList>
 #include <QVariant>
 #include <QVector>
+
+#include <utility>
 
 namespace tulo {
 
@@ -29,7 +33,8 @@ inline int firstFailure(int earlier, int later)
 /// What the program prints: results on standard output, everything else on standard error.
 ///
 /// Settings, file names and messages can hold anything, so all of it is printed escaped(); only
-/// value() gives a pipe the value as it is.
+/// value() gives a pipe the value as it is. On a terminal, tables fit its width; what they cut, a
+/// pipe and JSON have. JSON never has colours.
 ///
 /// A reader that goes away is not an error: further output is dropped, and commands stop when
 /// isClosed() is true.
@@ -44,6 +49,15 @@ public:
     Q_DISABLE_COPY(Output)
 
     bool isJson() const { return m_form == Form::Json; }
+    /// True on a terminal, where results may have a shape that programs do not expect.
+    bool isForPeople() const { return !isJson() && m_isTerminal; }
+    /// True when rows of settings are marked, by characters or colours.
+    bool showsMarks() const { return isForPeople() || m_hasColours; }
+
+    void setColours(Colours colours);
+    /// From now on nothing goes through a pager.
+    void setNoPager() { m_mayPage = false; }
+
     /// From now on errors are printed among the results if the form is JSON, so that a program
     /// that drives the shell finds them in their place.
     void setErrorsInPlace() { m_errorsInPlace = true; }
@@ -52,7 +66,7 @@ public:
     void setInputLine(int line) { m_inputLine = line; }
 
     /// One line of text for people.
-    void line(const QString& text);
+    void line(const QString& text, Style style = Style::Plain);
     /// Text of the program itself, which may have several lines.
     void text(const QString& text);
     /// One role by itself: as it is for a program that reads it, as in a table on a terminal.
@@ -61,8 +75,11 @@ public:
     void object(const QVariantMap& object);
     /// For programs: that the action at `path` was done. Prints nothing for people.
     void done(const QString& path);
-    /// Rows of cells in aligned columns. The first line is a heading when `heading` is not empty.
-    void table(const QStringList& heading, const QVector<QStringList>& rows);
+    /// Rows of cells in aligned columns, fitted to a terminal. The first line is a heading when
+    /// `heading` is not empty.
+    void table(const QStringList& heading, const QVector<TableRow>& rows);
+    /// The same with nothing cut: names, and what is said about them.
+    void list(const QVector<QStringList>& rows);
     /// Text without a line end, for the shell's prompt.
     void prompt(const QString& text);
 
@@ -76,6 +93,10 @@ public:
 
     /// One line beside the results, on standard error.
     void note(const QString& text);
+    /// Tells whether a person sees what helps after an error.
+    bool showsHints() const;
+    /// The first path since the last call of which was reported that there is no such path.
+    QString takeUnknownPath() { return std::exchange(m_unknownPath, QString()); }
 
     /// Writes what was printed so far.
     void flush();
@@ -85,43 +106,45 @@ public:
     bool hasFailed() const { return m_failed; }
 
 private:
+    friend class Paging;
+
     void reportObject(const QVariantMap& object);
-    QString emphasised(const QString& text) const;
-    QString directoryName(const QString& text) const;
+    void error(const QString& text, Style style);
+    void printError(const QByteArray& line);
+    void finishPaging();
 
     const Form m_form;
     const bool m_isTerminal;
-    const bool m_colour;
+    bool m_hasColours = false;
+    bool m_hasErrorColours = false;
+    bool m_mayPage = true;
+    bool m_isPaging = false; ///< results and errors are held back
     bool m_errorsInPlace = false;
     int m_inputLine = 0;
     bool m_closed = false;
     bool m_failed = false;
     QByteArray m_pending;
+    QString m_unknownPath;
+    QByteArray m_pendingErrors; ///< while paging
+};
+
+/// Long results of a command: what is printed while the object lives goes through a pager when it
+/// does not fit on the screen, standard input and output being a terminal. Errors follow it.
+/// Changes nothing elsewhere.
+class Paging
+{
+public:
+    explicit Paging(Output& output);
+    ~Paging();
+    Q_DISABLE_COPY(Paging)
+
+private:
+    Output& m_output;
+    const bool m_isFirst; ///< not within another one
 };
 
 /// A role for people, in one line and escaped(): a text as it is, quoted when it is empty or needs
 /// escapes; anything else as JSON; "-" for one that the node lacks.
 QString shownInCell(const QVariant& role);
-
-/// Shows the progress of a long operation on a terminal once it has taken a second. Erased when
-/// destroyed.
-class Progress
-{
-public:
-    explicit Progress(const QString& what);
-    ~Progress();
-    Q_DISABLE_COPY(Progress)
-
-    /// `count` more are done.
-    void add(int count);
-
-private:
-    const QString m_what;
-    const bool m_enabled;
-    bool m_shown = false;
-    int m_count = 0;
-    QElapsedTimer m_time;
-    qint64 m_nextMs;
-};
 
 } // namespace tulo

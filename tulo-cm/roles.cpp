@@ -20,7 +20,7 @@ const QStringList& roles::known()
         QStringLiteral("id"),
         QStringLiteral("path"),
         roles::edit(),
-        QStringLiteral("modifiable"),
+        roles::modifiable(),
         QStringLiteral("disabled"),
         roles::encrypted(),
         QStringLiteral("encryptedValue"),
@@ -102,6 +102,12 @@ bool isChanged(const QVariantMap& roles)
     return value.isValid() && !isSameValue(value, roles.value(roles::defaultValue()));
 }
 
+bool isReadOnly(const QVariantMap& roles)
+{
+    const QVariant modifiable = roles.value(roles::modifiable());
+    return modifiable.isValid() && !modifiable.toBool();
+}
+
 // ---------------------------------------------------------------------------------------------
 // Printing.
 // ---------------------------------------------------------------------------------------------
@@ -156,14 +162,6 @@ QVariantMap roleObject(const QVariantMap& roles, const QStringList& names)
 QVariantMap nodeObject(const QString& path, const QVariantMap& roleObject)
 {
     return { { QStringLiteral("path"), path }, { QStringLiteral("roles"), roleObject } };
-}
-
-QStringList roleCells(const QVariantMap& roles, const QStringList& names)
-{
-    QStringList cells;
-    for (const QString& name : names)
-        cells.append(shownInCell(roles.value(name)));
-    return cells;
 }
 
 } // namespace tulo

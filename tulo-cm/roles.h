@@ -41,6 +41,11 @@ inline QString encrypted()
     return QStringLiteral("encrypted");
 }
 
+inline QString modifiable()
+{
+    return QStringLiteral("modifiable");
+}
+
 inline QString type()
 {
     return QStringLiteral("type");
@@ -72,6 +77,8 @@ QString validateRoles(const QStringList& roles, const QVector<QVariantMap>& node
 
 /// Tells whether the setting with these roles has another value than its default.
 bool isChanged(const QVariantMap& roles);
+/// Tells whether clients cannot change the node with these roles.
+bool isReadOnly(const QVariantMap& roles);
 /// Tells whether a role holds a value, whose kind programs want to know; see valueObject().
 bool isValueRole(const QString& role);
 /// Tells whether two values are the same, their kind included.
@@ -88,8 +95,5 @@ QVariantMap roleObject(const QVariantMap& roles, const QStringList& names = {});
 QVariant valueObject(const QVariant& value);
 /// A node with its roles.
 QVariantMap nodeObject(const QString& path, const QVariantMap& roleObject);
-
-/// For people: one cell a role.
-QStringList roleCells(const QVariantMap& roles, const QStringList& names);
 
 } // namespace tulo

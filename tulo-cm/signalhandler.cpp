@@ -5,9 +5,11 @@
 #include <QSocketNotifier>
 #include <QTimer>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -19,9 +21,21 @@ namespace {
 volatile std::sig_atomic_t endCame = 0; // the signal's number
 int wakePipe[2] = { -1, -1 };
 
+std::atomic<const char*> toWrite[STDERR_FILENO + 1] = {}; // by descriptor
+
+void tidyTerminal()
+{
+    for (int descriptor : { STDOUT_FILENO, STDERR_FILENO }) {
+        const char* const bytes = toWrite[descriptor];
+        if (bytes != nullptr)
+            (void)!::write(descriptor, bytes, std::strlen(bytes));
+    }
+}
+
 void handleSignal(int number)
 {
     const int errorBefore = errno;
+    tidyTerminal();
     endCame = number;
     // A full pipe wakes the event loop just as well.
     (void)!::write(wakePipe[1], "", 1);
@@ -34,6 +48,14 @@ void setHandler(int number, void (*handler)(int))
     action.sa_handler = handler;
     ::sigemptyset(&action.sa_mask);
     ::sigaction(number, &action, nullptr);
+}
+
+// Without a SignalHandler.
+void endBySignal(int number)
+{
+    tidyTerminal();
+    setHandler(number, SIG_DFL);
+    ::raise(number);
 }
 
 bool isIgnored(int number)
@@ -64,10 +86,10 @@ SignalHandler::SignalHandler()
 
 SignalHandler::~SignalHandler()
 {
-    setHandler(SIGINT, SIG_DFL);
-    setHandler(SIGTERM, SIG_DFL);
+    setHandler(SIGINT, endBySignal);
+    setHandler(SIGTERM, endBySignal);
     if (!isIgnored(SIGHUP))
-        setHandler(SIGHUP, SIG_DFL);
+        setHandler(SIGHUP, endBySignal);
     ::close(wakePipe[0]);
     ::close(wakePipe[1]);
     endCame = 0;
@@ -91,6 +113,18 @@ void SignalHandler::endProcess()
     setHandler(number, SIG_DFL);
     ::raise(number);
     std::abort();
+}
+
+void writeOnSignal(int descriptor, const char* bytes)
+{
+    toWrite[descriptor] = bytes;
+    // Not in the place of a SignalHandler, and not where the signal is ignored.
+    for (const int number : { SIGINT, SIGTERM, SIGHUP }) {
+        struct sigaction action = {};
+        ::sigaction(number, nullptr, &action);
+        if (action.sa_handler == SIG_DFL)
+            setHandler(number, endBySignal);
+    }
 }
 
 void serveEvents(int milliseconds, const std::function<bool()>& ended)

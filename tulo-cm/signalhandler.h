@@ -27,6 +27,10 @@ public:
     [[noreturn]] static void endProcess();
 };
 
+/// What a signal that ends the process, or its SignalHandler, writes to standard output or error
+/// first, because the terminal shows something that has to go. Null for nothing. `bytes` lives on.
+void writeOnSignal(int descriptor, const char* bytes);
+
 /// Serves events for `milliseconds` (-1: without limit), until a signal comes or until `ended`
 /// returns true, which is asked after each turn of the event loop.
 void serveEvents(int milliseconds, const std::function<bool()>& ended);

@@ -64,6 +64,8 @@ private slots:
     void helpAsJson();
     void versionAsTextAndJson();
     void noColourInAPipe();
+    void coloursInAPipeWhereTheyAreAskedFor();
+    void jsonNeverHasColours();
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -359,6 +361,10 @@ void TstCommandline::commandLineErrors_data()
         "missing value after '--role'");
     row("option with a value too many", words("get --json=1 /settings/serial"),
         "unexpected value after '--json'");
+    row("colours of another kind", words("--color=red ls"),
+        "'--color' needs auto, always or never, not 'red'");
+    row("no kind of colours", words("--color= ls"),
+        "'--color' needs auto, always or never, not ''");
     row("missing path", words("get"),
         "missing arguments for 'get'; usage: get PATH... [--role ROLE] [--all]");
     row("too many arguments", words("ls /settings /settings"),
@@ -1036,6 +1042,40 @@ void TstCommandline::noColourInAPipe()
     const CommandLine cli;
 
     QVERIFY(!cli.run("ls /settings --role value --role title").standardOutput.contains('\x1b'));
+}
+
+void TstCommandline::coloursInAPipeWhereTheyAreAskedFor()
+{
+    const CommandLine cli;
+    QCOMPARE(cli.run("set /settings/audio/volume 40").exitCode, 0);
+    QByteArray plain = cli.run("ls /settings").standardOutput;
+    plain.replace("audio/", "\x1b[1;34maudio/\x1b[0m");
+    plain.replace("presets/", "\x1b[1;34mpresets/\x1b[0m");
+    plain.replace("serial    X1", "\x1b[2mserial    X1\x1b[0m");
+
+    QCOMPARE(cli.run("--color always ls /settings").standardOutput, plain);
+    QVERIFY(
+        cli.run("--color=always tree").standardOutput.contains("\x1b[1m    volume    40\x1b[0m"));
+    QCOMPARE(cli.run("--color always get /settings/nothing").standardError,
+             QByteArray("\x1b[31mtulo-cm: Invalid path '/settings/nothing'\x1b[0m\n"));
+    QVERIFY(cli.run("--color always set /settings/audio/volume 43")
+                .standardError.startsWith("\x1b[33mtulo-cm: "));
+    QVERIFY(!cli.run("--color never ls /settings").standardOutput.contains('\x1b'));
+}
+
+void TstCommandline::jsonNeverHasColours()
+{
+    const CommandLine cli;
+    for (const char* line : { "ls /settings", "get /settings/nothing" }) {
+        const QStringList words = QString::fromLatin1(line).split(QLatin1Char(' '));
+        const ChildResult plain = cli.run(QStringList(QStringLiteral("--json")) + words);
+
+        const ChildResult coloured = cli.run(
+            QStringList { QStringLiteral("--json"), QStringLiteral("--color=always") } + words);
+
+        QCOMPARE(coloured.standardOutput, plain.standardOutput);
+        QCOMPARE(coloured.standardError, plain.standardError);
+    }
 }
 
 QTEST_GUILESS_MAIN(TstCommandline)

@@ -1,5 +1,6 @@
 #include "tulo-cm/command.h"
 #include "tulo-cm/place.h"
+#include "tulo-cm/progress.h"
 #include "tulo-cm/waiting.h"
 
 #include "trees/migrationrules.h"
@@ -222,6 +223,13 @@ QString shortened(QString file)
     return file;
 }
 
+Style styleOf(Severity severity)
+{
+    return severity == Severity::Error  ? Style::Error
+        : severity == Severity::Warning ? Style::Warning
+                                        : Style::Plain;
+}
+
 void print(TreeFinding finding, const Report& report, Output& output)
 {
     finding.file = shortened(finding.file);
@@ -229,7 +237,8 @@ void print(TreeFinding finding, const Report& report, Output& output)
     const QString rule = QLatin1String(ruleOf(finding.rule).name);
     if (!report.isJson) {
         output.line(QStringLiteral("%1: %2: %3: ").arg(placeOf(finding), severity, rule)
-                    + finding.message);
+                        + finding.message,
+                    styleOf(report.severityOf(finding)));
         return;
     }
     output.object(
@@ -283,6 +292,7 @@ bool isChecked(RuleId rule, const TreesToCheck& trees, const Update& update)
 
 int check(const TreesToCheck& trees, const Update& update, Report& report, Output& output)
 {
+    const Progress progress(QStringLiteral("checking"));
     QVector<TreeFinding> findings = checkTrees(trees);
     if (!update.oldTree.isNull())
         findings += compareTrees(update.oldTree, trees, update.migrations);

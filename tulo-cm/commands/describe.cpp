@@ -31,7 +31,7 @@ const QStringList& describedRoles()
                                      roles::type(),
                                      QStringLiteral("id"),
                                      roles::edit(),
-                                     QStringLiteral("modifiable"),
+                                     roles::modifiable(),
                                      QStringLiteral("disabled"),
                                      roles::encrypted(),
                                      QStringLiteral("permission") };
@@ -51,12 +51,6 @@ struct Fact
 QString textOf(const QVariantMap& roles, const char* role)
 {
     return roles.value(QLatin1String(role)).toString();
-}
-
-bool isReadOnly(const QVariantMap& roles)
-{
-    const QVariant modifiable = roles.value(QStringLiteral("modifiable"));
-    return modifiable.isValid() && !modifiable.toBool();
 }
 
 QString withUnit(const QString& text, const QVariantMap& roles)
@@ -129,7 +123,7 @@ void printText(const QString& path, const QVariantMap& roles, Output& output)
     QVector<QStringList> lines { { QStringLiteral("path"), path } };
     for (const Fact& fact : factsOf(roles))
         lines.append({ QLatin1String(fact.name), fact.text });
-    output.table({}, lines);
+    output.list(lines);
 }
 
 void printObject(const QString& path, const QVariantMap& roles, Output& output)
@@ -231,6 +225,7 @@ int printManual(Context& context, const QString& path)
 int run(Context& context, const Arguments& arguments)
 {
     Output& output = context.output;
+    const Paging paging(output);
     const QString path = arguments.positional.value(0, topPath());
     if (arguments.isSet(markdownOption)) {
         return output.isJson()

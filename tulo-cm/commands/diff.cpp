@@ -144,6 +144,7 @@ int compare(Context& context, const QString& older, const QString& newer, const 
 
 int run(Context& context, const Arguments& arguments)
 {
+    const Paging paging(context.output);
     const QString word = arguments.positional.value(0);
     if (!arguments.isSet(treeOption))
         return printChanges(context, word.isEmpty() ? topPath() : completePath(word));

@@ -1,6 +1,7 @@
 #include "trees/journal.h"
 #include "tulo-cm/dumping.h"
 #include "tulo-cm/place.h"
+#include "tulo-cm/progress.h"
 #include "tulo-cm/waiting.h"
 
 #include <tulo/settings.h>
@@ -44,6 +45,7 @@ int run(Context& context, const Arguments& arguments)
 {
     const QString path =
         arguments.positional.isEmpty() ? topPath() : arguments.positional.constFirst();
+    const Progress progress(QStringLiteral("dumping"));
     Changed changed;
     int exitCode = Done;
     const Error error =

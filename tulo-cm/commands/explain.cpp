@@ -1,5 +1,6 @@
 #include "tulo-cm/command.h"
 #include "tulo-cm/roles.h"
+#include "tulo-cm/shownroles.h"
 #include "tulo-cm/waiting.h"
 
 #include <tulo/settings.h>
@@ -35,19 +36,34 @@ QString placeOf(const RoleOrigin& origin)
                            : origin.file;
 }
 
+// What a user has changed.
+bool isChange(const RoleOrigin& origin)
+{
+    return origin.layer == RoleOrigin::Layer::Written || origin.layer == RoleOrigin::Layer::Pending;
+}
+
 void printTables(Output& output, const QVector<RoleOrigin>& origins)
 {
-    QVector<QStringList> effective;
-    QVector<QStringList> others;
+    QVariantMap roles;
+    for (const RoleOrigin& origin : origins) {
+        if (origin.state == RoleOrigin::State::Effective)
+            roles.insert(origin.role, origin.value);
+    }
+    QVector<TableRow> effective;
+    QVector<TableRow> others;
     for (const RoleOrigin& origin : origins) {
         const QString role = origin.role.isEmpty() ? QStringLiteral("-") : origin.role;
         // The value last, as it can be long.
-        QStringList row { role, nameOf(origin.layer), placeOf(origin) };
+        QStringList cells { role, nameOf(origin.layer), placeOf(origin) };
+        // Constraints are understood with the other roles.
+        QVariantMap rolesHere = roles;
+        rolesHere.insert(origin.role, origin.value);
+        const QString value = shownRole(output, origin.role, rolesHere);
         if (origin.state == RoleOrigin::State::Effective) {
-            effective.append(row + QStringList(shownInCell(origin.value)));
+            effective.append({ cells << value, isChange(origin) ? Style::Changed : Style::Plain });
         } else {
-            row.append(nameOf(origin.state) + QStringLiteral(": ") + origin.reason);
-            others.append(row + QStringList(shownInCell(origin.value)));
+            cells << nameOf(origin.state) + QStringLiteral(": ") + origin.reason << value;
+            others.append({ cells });
         }
     }
     const QStringList heading { QStringLiteral("role"), QStringLiteral("layer"),
@@ -62,6 +78,7 @@ void printTables(Output& output, const QVector<RoleOrigin>& origins)
 
 int run(Context& context, const Arguments& arguments)
 {
+    const Paging paging(context.output);
     const QString& path = arguments.positional.first();
     const auto reply = finished(context.settings->explain(path));
     if (reply.error())

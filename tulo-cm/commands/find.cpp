@@ -1,6 +1,7 @@
 #include "tulo-cm/command.h"
 #include "tulo-cm/listing.h"
 #include "tulo-cm/roles.h"
+#include "tulo-cm/shownroles.h"
 
 #include <QRegularExpression>
 
@@ -106,7 +107,7 @@ QStringList textsOf(const VisitedNode& node, const QStringList& chosen)
     return texts;
 }
 
-void print(const VisitedNode& node, Output& output, QVector<QStringList>* lines)
+void print(const VisitedNode& node, Output& output, QVector<TableRow>* lines)
 {
     const bool isEncrypted = node.roles.value(roles::encrypted()).toBool();
     const QString title = node.roles.value(QStringLiteral("title")).toString();
@@ -122,15 +123,16 @@ void print(const VisitedNode& node, Output& output, QVector<QStringList>* lines)
     }
     const QString value =
         isEncrypted ? QStringLiteral("(encrypted)") : shownInCell(node.roles.value(roles::value()));
-    if (node.isDirectory)
-        lines->append({ node.path + QLatin1Char('/'), QString(), shownInCell(title) });
-    else
-        lines->append({ node.path, value, shownInCell(title) });
+    const QStringList cells = node.isDirectory
+        ? QStringList { node.path + QLatin1Char('/'), QString(), shownInCell(title) }
+        : QStringList { node.path, value, shownInCell(title) };
+    lines->append(markedRow(cells, node.roles, node.isDirectory));
 }
 
 int run(Context& context, const Arguments& arguments)
 {
     Output& output = context.output;
+    const Paging paging(output);
     QString error;
     const Search search(arguments.positional.first(), &error);
     const QStringList chosen = chosenPlaces(arguments, &error);
@@ -139,7 +141,7 @@ int run(Context& context, const Arguments& arguments)
 
     const bool onlyChanged = arguments.isSet(changedOption);
     bool isCostly = false;
-    QVector<QStringList> lines;
+    QVector<TableRow> lines;
     const auto visit = [&](const VisitedNode& node) {
         if (onlyChanged && (node.isDirectory || !isChanged(node.roles)))
             return true;
@@ -151,11 +153,12 @@ int run(Context& context, const Arguments& arguments)
             print(node, output, &lines);
         return !isCostly && !output.isClosed() && !output.hasFailed();
     };
+    const QStringList names {
+        roles::value(),          roles::defaultValue(),         roles::encrypted(),
+        QStringLiteral("title"), QStringLiteral("description"), QStringLiteral("longDescription")
+    };
     const int exitCode =
-        walk(*context.settings, topPath(),
-             { roles::value(), roles::defaultValue(), roles::encrypted(), QStringLiteral("title"),
-               QStringLiteral("description"), QStringLiteral("longDescription") },
-             output, visit);
+        walk(*context.settings, topPath(), neededRoles(output, names, true), output, visit);
     output.table({}, lines);
     if (isCostly) {
         return output.reportUsage(
@@ -170,19 +173,22 @@ namespace commands {
 
 Command find()
 {
-    return { "find",
-             "",
-             { { "TEXT" } },
-             { changedOption, inOption },
-             "Prints the settings and directories in whose path, title or description TEXT "
-             "occurs, in any\ncase, with their values and titles. /TEXT/ is a Perl-compatible "
-             "regular expression; (?i) at\nits beginning ignores case. Ends with 0 when nothing "
-             "is found, too. Values of encrypted\nsettings are not printed.",
-             "find volume --in path,title",
-             Command::Where::Anywhere,
-             Command::Needs::Settings,
-             Command::Runs::ToItsEnd,
-             run };
+    return {
+        "find",
+        "",
+        { { "TEXT" } },
+        { changedOption, inOption },
+        "Prints the settings and directories in whose path, title or description TEXT "
+        "occurs, in any\ncase, with their values and titles. /TEXT/ is a Perl-compatible "
+        "regular expression; (?i) at\nits beginning ignores case. Ends with 0 when nothing "
+        "is found, too. Values of encrypted\nsettings are not printed. On a terminal \"*\" marks changed settings, \"=\" "
+        "read-only ones.",
+        "find volume --in path,title",
+        Command::Where::Anywhere,
+        Command::Needs::Settings,
+        Command::Runs::ToItsEnd,
+        run
+    };
 }
 
 } // namespace commands

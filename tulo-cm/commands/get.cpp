@@ -1,5 +1,6 @@
 #include "tulo-cm/command.h"
 #include "tulo-cm/roles.h"
+#include "tulo-cm/shownroles.h"
 #include "tulo-cm/waiting.h"
 
 #include <tulo/settings.h>
@@ -22,15 +23,24 @@ QVector<Node> readNodes(Settings& settings, const QStringList& paths, const QStr
     return nodes;
 }
 
+// By itself: for a program as it is.
+void printOne(Output& output, const QString& name, const QVariantMap& roles)
+{
+    if (output.isForPeople())
+        output.text(shownRole(output, name, roles));
+    else
+        output.value(roles.value(name));
+}
+
 // One line a role; several nodes one below the other, each under its path.
 void printRoleLines(Output& output, const QVector<Node>& nodes, const QStringList& roles,
                     bool withPaths, bool presentOnly)
 {
     for (const Node& node : nodes) {
-        QVector<QStringList> lines;
+        QVector<TableRow> lines;
         for (const QString& role : roles) {
             if (!presentOnly || node.roles.contains(role))
-                lines.append({ role, shownInCell(node.roles.value(role)) });
+                lines.append({ { role, shownRole(output, role, node.roles) } });
         }
         if (withPaths)
             output.line(node.path);
@@ -40,9 +50,9 @@ void printRoleLines(Output& output, const QVector<Node>& nodes, const QStringLis
 
 void printTable(Output& output, const QVector<Node>& nodes, const QStringList& roles)
 {
-    QVector<QStringList> lines;
+    QVector<TableRow> lines;
     for (const Node& node : nodes)
-        lines.append(QStringList(node.path) + roleCells(node.roles, roles));
+        lines.append({ QStringList(node.path) + roleCells(output, node.roles, roles) });
     const QStringList heading =
         roles.size() > 1 ? QStringList(QStringLiteral("path")) + roles : QStringList();
     if (!lines.isEmpty())
@@ -84,7 +94,8 @@ int run(Context& context, const Arguments& arguments)
     if (isAll && arguments.isSet(roleOption))
         return output.reportUsage(QStringLiteral("'--role' and '--all' exclude each other"));
     const QStringList roles = isAll ? roles::known() : chosenRoles(arguments);
-    QVector<Node> nodes = readNodes(*context.settings, arguments.positional, roles);
+    QVector<Node> nodes =
+        readNodes(*context.settings, arguments.positional, neededRoles(output, roles));
     const QString error = validate(roles, nodes);
     if (!error.isEmpty())
         return output.reportUsage(error);
@@ -94,7 +105,7 @@ int run(Context& context, const Arguments& arguments)
     if (output.isJson())
         return exitCode;
     if (isOnePath && roles.size() == 1 && !nodes.isEmpty())
-        output.value(nodes.first().roles.value(roles.first()));
+        printOne(output, roles.first(), nodes.first().roles);
     else if (isOnePath || isAll)
         printRoleLines(output, nodes, roles, !isOnePath, isAll);
     else

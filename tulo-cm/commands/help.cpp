@@ -1,4 +1,7 @@
 #include "tulo-cm/help.h"
+#include "tulo-cm/suggesting.h"
+
+#include "trees/misspelling.h"
 
 namespace tulo {
 namespace {
@@ -9,8 +12,12 @@ int run(Context& context, const Arguments& arguments)
         return context.inShell ? printOverview(context) : printGeneralHelp(context);
     const QString name = arguments.positional.first();
     const Command* const command = findCommand(name);
-    if (command == nullptr)
-        return context.output.reportUsage(QStringLiteral("unknown command '%1'").arg(name));
+    if (command == nullptr) {
+        const int exitCode =
+            context.output.reportUsage(QStringLiteral("unknown command '%1'").arg(name));
+        suggest(context.output, nearest(name, commandNames(context.inShell)));
+        return exitCode;
+    }
     return printHelp(context, *command);
 }
 

@@ -2,6 +2,7 @@
 #include "tulo-cm/flushing.h"
 #include "tulo-cm/listing.h"
 #include "tulo-cm/place.h"
+#include "tulo-cm/progress.h"
 #include "tulo-cm/roles.h"
 #include "tulo-cm/signalhandler.h"
 #include "tulo-cm/textinput.h"
@@ -180,6 +181,8 @@ void Loading::locate(Item* item, const Node& node)
 int Loading::validate()
 {
     constexpr int requestsAtOnce = 32;
+    Progress progress(QStringLiteral("validating settings"));
+    progress.setTotal(m_items.size());
     ChangeOptions dryRun;
     dryRun.isDryRun = true;
     for (int first = 0; first < m_items.size(); first += requestsAtOnce) {
@@ -202,6 +205,7 @@ int Loading::validate()
             if (!error)
                 validate(&m_items[i], reply->value());
         }
+        progress.add(end - first);
     }
     refuseSecondOfOnePath();
     return Done;
@@ -456,6 +460,7 @@ int run(Context& context, const Arguments& arguments)
     const int exitCode = readDumpFile(context.output, name, &dump);
     if (exitCode != Done)
         return exitCode;
+    const Progress progress(QStringLiteral("loading settings"));
     Loading loading(context, name, std::move(dump));
     return load(context, arguments, &loading);
 }

@@ -1,6 +1,8 @@
 #include "tulo-cm/commandline.h"
 #include "tulo-cm/listing.h"
+#include "tulo-cm/progress.h"
 #include "tulo-cm/roles.h"
+#include "tulo-cm/shownroles.h"
 
 #include <climits>
 
@@ -27,10 +29,11 @@ void printObject(Output& output, const QString& path, const Rows& rows, const QS
 
 void printTable(Output& output, const QVector<Row>& rows, const QStringList& roles)
 {
-    QVector<QStringList> lines;
+    QVector<TableRow> lines;
     for (const Row& row : rows) {
         const QString name = row.isDirectory ? row.name + QLatin1Char('/') : row.name;
-        lines.append(QStringList(name) + roleCells(row.roles, roles));
+        lines.append(markedRow(QStringList(name) + roleCells(output, row.roles, roles), row.roles,
+                               row.isDirectory));
     }
     const QStringList heading =
         roles.size() > 1 ? QStringList(QStringLiteral("name")) + roles : QStringList();
@@ -48,7 +51,7 @@ QString validate(const QStringList& roles, const QVector<Row>& rows)
 
 Listing list(Context& context, const QString& path, int first, int last, const QStringList& roles)
 {
-    Progress progress(QStringLiteral("rows"));
+    Progress progress(QStringLiteral("reading rows"));
     return listRows(*context.settings, path, first, last, roles, progress);
 }
 
@@ -62,7 +65,7 @@ int run(Context& context, const Arguments& arguments)
     const QString path = arguments.positional.value(0, topPath());
     const QStringList roles = chosenRoles(arguments);
 
-    const Listing listing = list(context, path, *first, *last, roles);
+    const Listing listing = list(context, path, *first, *last, neededRoles(output, roles, true));
     if (listing.error)
         return output.report(listing.error);
     const QString error = validate(roles, listing.rows.rows);
@@ -86,7 +89,8 @@ Command ls()
              { { "PATH", Argument::Count::Optional, Argument::Kind::Path } },
              { roleOption, firstOption, lastOption },
              "Prints the rows of a directory, with the value when no role is named; those of "
-             "/settings\nwhen no path is given.",
+             "/settings\nwhen no path is given. On a terminal \"*\" marks changed settings, \"=\" "
+             "read-only ones.",
              "ls /settings/audio --first 0 --last 9",
              Command::Where::Anywhere,
              Command::Needs::Settings,

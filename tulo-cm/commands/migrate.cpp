@@ -1,5 +1,6 @@
 #include "tulo-cm/command.h"
 #include "tulo-cm/place.h"
+#include "tulo-cm/progress.h"
 #include "tulo-cm/waiting.h"
 
 #include "trees/journal.h"
@@ -129,6 +130,7 @@ int run(Context& context, const Arguments& arguments)
         if (error)
             return context.output.report(error);
     }
+    const Progress progress(QStringLiteral("migrating"));
     const MigrationRun kind = arguments.isSet(undo) ? MigrationRun::Undo : MigrationRun::Migrate;
     return arguments.isSet(dryRun) ? plan(place, kind, context.output)
                                    : migrateOwned(place, kind, context.output);

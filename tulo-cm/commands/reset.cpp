@@ -1,4 +1,5 @@
 #include "tulo-cm/command.h"
+#include "tulo-cm/progress.h"
 #include "tulo-cm/waiting.h"
 
 #include <tulo/settings.h>
@@ -45,6 +46,7 @@ int run(Context& context, const Arguments& arguments)
     const ResetOptions options = optionsOf(arguments);
     const QStringList paths =
         arguments.isSet(allOption) ? QStringList(topPath()) : arguments.positional;
+    const Progress progress(QStringLiteral("resetting"));
     const auto reset = finished(context.settings->reset(paths, options));
     if (reset.error()) {
         Error error = reset.error();

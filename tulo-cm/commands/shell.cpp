@@ -1,6 +1,7 @@
 #include "tulo-cm/commandline.h"
 #include "tulo-cm/help.h"
 #include "tulo-cm/signalhandler.h"
+#include "tulo-cm/suggesting.h"
 #include "tulo-cm/textinput.h"
 
 #include <QCoreApplication>
@@ -80,14 +81,17 @@ bool isComment(const QByteArray& line)
 int runWords(Context& context, const QStringList& words)
 {
     const ParsedLine line = parseShellLine(words);
-    if (!line.error.isEmpty())
-        return context.output.reportUsage(line.error);
+    if (!line.error.isEmpty()) {
+        const int exitCode = context.output.reportUsage(line.error);
+        suggest(context.output, line.suggestion);
+        return exitCode;
+    }
     const Command* const command = line.arguments.command;
     if (command == nullptr)
         return printOverview(context);
     if (line.arguments.isSet(general::help))
         return printHelp(context, *command);
-    return command->run(context, line.arguments);
+    return runWithHints(context, line.arguments);
 }
 
 // Parses and runs one line; its errors are printed and end nothing.

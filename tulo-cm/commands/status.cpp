@@ -120,7 +120,7 @@ void printTable(Output& output, const Status& status, const QStringList& unsaved
     lines += linesOf(statistics);
     for (const QString& path : unsavedPaths)
         lines.append({ QStringLiteral("last write failed"), path });
-    output.table({}, lines);
+    output.list(lines);
 }
 
 int run(Context& context, const Arguments&)

@@ -1,6 +1,7 @@
 #include "tulo-cm/command.h"
 #include "tulo-cm/listing.h"
 #include "tulo-cm/place.h"
+#include "tulo-cm/progress.h"
 
 #include "trees/texts.h"
 #include "trees/treereader.h"
@@ -52,6 +53,7 @@ int run(Context& context, const Arguments& arguments)
     const QString problem = validateDirectory(tree);
     if (!problem.isEmpty())
         return context.output.reportUsage(problem);
+    const Progress progress(QStringLiteral("reading texts"));
     // Its texts would count as vanished.
     int code = reportDefects(context.output, TreeReader(tree, QString(), QString()));
     if (code != Done)

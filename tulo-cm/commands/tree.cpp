@@ -1,11 +1,12 @@
 #include "tulo-cm/command.h"
 #include "tulo-cm/listing.h"
 #include "tulo-cm/roles.h"
+#include "tulo-cm/shownroles.h"
 
 namespace tulo {
 namespace {
 
-QStringList lineOf(const VisitedNode& node)
+QStringList cellsOf(const VisitedNode& node)
 {
     // The top by its whole path.
     const QString name = node.depth == 0 ? node.path : node.name;
@@ -18,19 +19,20 @@ QStringList lineOf(const VisitedNode& node)
 int run(Context& context, const Arguments& arguments)
 {
     Output& output = context.output;
+    const Paging paging(output);
     // What people see is aligned, so it is printed when all of it is there.
-    QVector<QStringList> lines;
+    QVector<TableRow> lines;
     const auto print = [&output, &lines](const VisitedNode& node) {
         if (output.isJson()) {
             output.object(
                 nodeObject(node.path, roleObject(node.roles, { roles::type(), roles::value() })));
         } else {
-            lines.append(lineOf(node));
+            lines.append(markedRow(cellsOf(node), node.roles, node.isDirectory));
         }
         return !output.isClosed() && !output.hasFailed();
     };
     const int exitCode = walk(*context.settings, arguments.positional.value(0, topPath()),
-                              { roles::value() }, output, print);
+                              neededRoles(output, { roles::value() }, true), output, print);
     output.table({}, lines);
     return exitCode;
 }
@@ -45,7 +47,8 @@ Command tree()
              "",
              { { "PATH", Argument::Count::Optional, Argument::Kind::Path } },
              {},
-             "Prints everything at and below a path, /settings when none is given.",
+             "Prints everything at and below a path, /settings when none is given. On a terminal "
+             "\"*\" marks\nchanged settings, \"=\" read-only ones.",
              "tree /settings/audio",
              Command::Where::Anywhere,
              Command::Needs::Settings,
