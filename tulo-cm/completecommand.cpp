@@ -8,6 +8,8 @@
 
 #include "engine/engine.h"
 #include "trees/plainroles.h"
+#include "trees/producttree.h"
+#include "trees/treedocuments.h"
 #include "trees/treereader.h"
 
 #include <tulo/remotesettings.h>
@@ -30,13 +32,17 @@ namespace {
 // The end. Everything is bounded by it: a file system or a bus that does not answer, too.
 // ---------------------------------------------------------------------------------------------
 
-// From the process's start; what comes before main() takes the rest of the 150 ms.
-constexpr int limitMs = 140;
+// Of the 150 ms what is left when main() begins, unless a slow device allows more.
+int limitMs()
+{
+    const int given = qEnvironmentVariableIntValue("TULO_COMPLETE_MS");
+    return given > 0 ? given : 140;
+}
 
 void endInTime()
 {
     std::signal(SIGALRM, [](int) { ::_exit(0); });
-    const itimerval limit { { 0, 0 }, { 0, limitMs * 1000 } };
+    const itimerval limit { { 0, 0 }, { limitMs() / 1000, limitMs() % 1000 * 1000 } };
     ::setitimer(ITIMER_REAL, &limit, nullptr);
 }
 
@@ -49,17 +55,28 @@ class TreeSource : public CompletionSource
 {
 public:
     TreeSource(const QString& defaultPath, const QString& writePath, const QString& product)
-        : m_tree(defaultPath, writePath, product)
+        : m_defaultPath(defaultPath)
+        , m_tree(defaultPath, writePath, product)
     {
     }
 
-    QVector<Row> rows(const QString& path) override
+    QVector<Row> rows(const QString& path, const QString& prefix) override
     {
+        QStringList names = m_tree.children(inTree(path));
+        const auto isOther = [&prefix](const QString& name) {
+            return !name.startsWith(prefix);
+        };
+        names.erase(std::remove_if(names.begin(), names.end(), isOther), names.end());
+        // Each costs the reading of several files.
+        constexpr int maximumTitles = 1000;
+        const bool hasTitles = names.size() <= maximumTitles;
         QVector<Row> rows;
-        const QStringList names = m_tree.children(inTree(path));
         for (const QString& name : names) {
             const QString rowPath = pathBelow(path, name);
-            rows.append({ name, m_tree.isDirectory(inTree(rowPath)), roles(rowPath, {}), {} });
+            rows.append({ name,
+                          m_tree.isDirectory(inTree(rowPath)),
+                          hasTitles ? roles(rowPath, {}) : QVariantMap(),
+                          {} });
         }
         return rows;
     }
@@ -67,6 +84,12 @@ public:
     QVariantMap roles(const QString& path, const QStringList&) override
     {
         return plainRoles(m_tree.roles(inTree(path)).__variant().toHash());
+    }
+
+    QStringList products() override
+    {
+        const TreeContents contents = readDefaultTree(m_defaultPath, QString());
+        return ProductTree(contents, std::nullopt).products();
     }
 
 private:
@@ -77,6 +100,7 @@ private:
         return inside.isEmpty() ? QStringLiteral("/") : inside;
     }
 
+    const QString m_defaultPath;
     const TreeReader m_tree;
 };
 
@@ -89,7 +113,10 @@ public:
     {
     }
 
-    QVector<Row> rows(const QString& path) override { return source().rows(path); }
+    QVector<Row> rows(const QString& path, const QString& prefix) override
+    {
+        return source().rows(path, prefix);
+    }
     QVariantMap roles(const QString& path, const QStringList& roles) override
     {
         return source().roles(path, roles);
@@ -100,8 +127,8 @@ private:
     {
         if (!m_settings) {
             m_settings.emplace(m_bus);
-            m_source.emplace(*m_settings, limitMs);
-            serveEvents(limitMs,
+            m_source.emplace(*m_settings, limitMs());
+            serveEvents(limitMs(),
                         [this] { return m_settings->state() != Settings::State::Connecting; });
         }
         return *m_source;
@@ -157,7 +184,7 @@ Completion completeWords(const QStringList& words)
     return complete(words, place);
 }
 
-// "WORD<TAB>DESCRIPTION", as fish reads it.
+// "WORD<TAB>DESCRIPTION", as fish reads it, or the word alone.
 QString linesFor(const Completion& completion)
 {
     if (completion.files == Completion::Files::Any)
@@ -166,7 +193,10 @@ QString linesFor(const Completion& completion)
         return QStringLiteral(":directories\n");
     QString lines;
     for (const Candidate& candidate : completion.candidates) {
-        lines += candidate.word + QLatin1Char('\t') + candidate.description + QLatin1Char('\n');
+        lines += candidate.word;
+        if (!candidate.description.isEmpty())
+            lines += QLatin1Char('\t') + candidate.description;
+        lines += QLatin1Char('\n');
     }
     return lines;
 }
@@ -178,7 +208,7 @@ QString linesForBash(const QString& line, const QString& replaced)
     const TypedLine typed = splitTyped(line, escapableElsewhere);
     Completion completion = completeWords(typed.words.mid(1));
     const int start = typed.quote.isNull() ? line.size() - replaced.size() : typed.quoteStart + 1;
-    const QString kept = line.mid(typed.wordStart, start - typed.wordStart);
+    const QString kept = line.mid(typed.wordStart, std::max(start - typed.wordStart, 0));
     const int length = splitTyped(kept, escapableElsewhere).words.last().size();
     for (Candidate& candidate : completion.candidates) {
         candidate.word = quoted(candidate.word.mid(length), typed.quote, escapableElsewhere);

@@ -8,6 +8,10 @@
 
 #include "trees/plainjson.h"
 #include "trees/printable.h"
+#include "trees/separator.h"
+
+#include <QDir>
+#include <QRegularExpression>
 
 #include <algorithm>
 
@@ -31,7 +35,7 @@ T SettingsSource::answer(const Reply<T>& reply) const
     return reply.value();
 }
 
-QVector<Row> SettingsSource::rows(const QString& path)
+QVector<Row> SettingsSource::rows(const QString& path, const QString&)
 {
     // A request would start a service that is away.
     if (m_settings.state() != Settings::State::Ready)
@@ -220,8 +224,12 @@ private:
     {
         switch (kind) {
         case WordKind::Other:
+            break;
         case WordKind::Product:
+            addProducts();
+            break;
         case WordKind::Language:
+            addLanguages();
             break;
         case WordKind::Command:
             addCommands();
@@ -292,6 +300,31 @@ private:
         }
     }
 
+    void addProducts()
+    {
+        if (m_place.source == nullptr)
+            return;
+        const QStringList products = m_place.source->products();
+        for (const QString& product : products) {
+            if (!product.isEmpty())
+                add(product, QString());
+        }
+    }
+
+    // Those of the catalogues in the directories given: "settings_de.qm".
+    void addLanguages()
+    {
+        static const QRegularExpression ending(QStringLiteral("_([a-z]+(_[A-Za-z0-9]+)?)\\.qm$"));
+        QStringList languages;
+        for (const QString& directory : m_arguments.values(general::catalogues))
+            for (const QString& file : QDir(directory).entryList(QDir::Files))
+                languages.append(ending.match(file).captured(1));
+        languages.removeDuplicates();
+        languages.removeAll(QString());
+        for (const QString& language : languages)
+            add(language, QString());
+    }
+
     // A path as it was typed, in full.
     QString fullPath(const QString& typed) const
     {
@@ -315,14 +348,17 @@ private:
             return;
         const QString typed = m_word.left(m_word.lastIndexOf(QLatin1Char('/')) + 1);
         const QString directory = fullPath(typed);
+        const QString top = QStringLiteral("/");
         const QString title = QStringLiteral("title");
-        if (directory == QLatin1String("/")) {
-            const QVariantMap top = m_place.source->roles(topPath(), { title });
-            if (!top.isEmpty())
-                addPath(typed, topPath().mid(1), true, top.value(title).toString());
-            return;
+        if (directory == top) {
+            const QVariantMap roles = m_place.source->roles(topPath(), { title });
+            if (!roles.isEmpty())
+                addPath(m_word.isEmpty() ? top : typed, topPath().mid(1), true,
+                        roles.value(title).toString());
         }
-        const QVector<Row> rows = m_place.source->rows(directory);
+        if (!isAtOrBelow(directory, topPath()))
+            return;
+        const QVector<Row> rows = m_place.source->rows(directory, m_word.mid(typed.size()));
         for (const Row& row : rows)
             addPath(typed, row.name, row.isDirectory, row.roles.value(title).toString());
     }
@@ -339,7 +375,8 @@ private:
     {
         if (m_place.source == nullptr || m_arguments.positional.isEmpty())
             return {};
-        return m_place.source->roles(fullPath(m_arguments.positional.first()), names);
+        const QString path = fullPath(m_arguments.positional.first());
+        return isAtOrBelow(path, topPath()) ? m_place.source->roles(path, names) : QVariantMap();
     }
 
     void addRoles()
@@ -414,7 +451,7 @@ private:
         const QString text = value.toString();
         const QString json = QString::fromUtf8(jsonOf(value));
         const bool isPlain = value.userType() == QMetaType::QString && !text.isEmpty()
-            && !QStringLiteral("-\"[{").contains(text.at(0));
+            && text != QLatin1String("null") && !QStringLiteral("-\"[{").contains(text.at(0));
         const QString word = isPlain ? text : json;
         const auto isSame = [this, &word](const Candidate& known) {
             return known.word == m_before + word;

@@ -44,10 +44,13 @@ public:
     virtual ~CompletionSource() = default;
     Q_DISABLE_COPY(CompletionSource)
 
-    /// The rows of a directory with their titles; all or none.
-    virtual QVector<Row> rows(const QString& path) = 0;
+    /// The rows of a directory that begin with `prefix`, with their titles where these are known;
+    /// all or none. Others may be among them.
+    virtual QVector<Row> rows(const QString& path, const QString& prefix) = 0;
     /// Some roles of a setting or directory; no roles: all.
     virtual QVariantMap roles(const QString& path, const QStringList& roles) = 0;
+    /// The product postfixes of the default tree.
+    virtual QStringList products() { return {}; }
 };
 
 /// Asks settings, and serves events while it waits for them, for so long in all.
@@ -56,7 +59,7 @@ class SettingsSource : public CompletionSource
 public:
     SettingsSource(Settings& settings, int milliseconds);
 
-    QVector<Row> rows(const QString& path) override;
+    QVector<Row> rows(const QString& path, const QString& prefix) override;
     QVariantMap roles(const QString& path, const QStringList& roles) override;
 
 private:
