@@ -1,0 +1,16 @@
+# Builds for 64-bit Arm with Debian's cross compiler and the libraries of TULO_SYSROOT, which
+# scripts/cross makes.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
+
+set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES TULO_SYSROOT)
+set(CMAKE_SYSROOT ${TULO_SYSROOT})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(ENV{PKG_CONFIG_SYSROOT_DIR} ${TULO_SYSROOT})
+set(ENV{PKG_CONFIG_LIBDIR}
+    ${TULO_SYSROOT}/usr/lib/aarch64-linux-gnu/pkgconfig:${TULO_SYSROOT}/usr/share/pkgconfig)
