@@ -118,6 +118,7 @@ std::vector<Subject> startSubjects(const std::string& work)
                          { TULO_CM_PROGRAM, "--default-path", defaultTree(directory),
                            "--write-path", writableTree(directory), "get",
                            "/settings/" + shape.directory(0) + "/" + shape.name(0) } });
+    subjects.push_back({ "tulo-cm --help", 0, { TULO_CM_PROGRAM, "--help" } });
     return subjects;
 }
 

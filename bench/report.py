@@ -186,6 +186,8 @@ def goals(figures, counted):
              ratio(("start", "tulo-cm", 1000), ("start", "trivial_command", 0)), 1.2),
         Goal("start to first value (own process), to a trivial program",
              ratio(ours("start"), ("start", "trivial", 0)), 1.2),
+        Goal("start to the first line of help, to a trivial program",
+             ratio(("start", "tulo-cm --help", 0), ("start", "trivial_command", 0)), 1.1),
         Goal("memory over a trivial program, 1,000 settings read", memory(1000), 2.5, unit="MB"),
         Goal("memory more with 100,000 on disk", growth, 0.1, unit="MB"),
     ]
