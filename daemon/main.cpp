@@ -7,6 +7,7 @@
 
 #include "engine/localsettings.h"
 #include "engine/standardstreams.h"
+#include "trees/treeadoption.h"
 #include "trees/treecheck.h"
 #include "trees/treeowner.h"
 
@@ -167,6 +168,20 @@ int serve(const DaemonOptions& options, const Signals& signalSource)
     return stopCode == Done ? exitCode : stopCode;
 }
 
+// A tree of somebody else is the service's to report, if it cannot use it.
+int adopt(const DaemonOptions& options)
+{
+    const QString reason = keepRightToChangeOwners();
+    if (!reason.isEmpty())
+        return fail(NotAvailable, reason);
+    const AdoptionResult result = adoptTree(options.writePath, options.adoptingUser);
+    if (result.status == AdoptionResult::Status::Failed)
+        return fail(NotAvailable, result.message);
+    if (!result.message.isEmpty())
+        LOG4CPLUS_WARN(daemonLogger(), result.message.toStdString());
+    return Done;
+}
+
 int run(const QStringList& words)
 {
     // Before anything is opened, so that no signal finds a half-made service.
@@ -175,6 +190,8 @@ int run(const QStringList& words)
     const std::optional<DaemonOptions> options = parseOptions(words, &reason);
     if (!options)
         return fail(Usage, reason);
+    if (!options->adoptingUser.isEmpty())
+        return adopt(*options);
     // Before logging, so that log files belong to the same user, too.
     reason = becomeOwner(options->writePath);
     if (!reason.isEmpty())

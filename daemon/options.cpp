@@ -118,6 +118,11 @@ std::optional<DaemonOptions> parseOptions(const QStringList& words, QString* rea
         QStringLiteral("log-config"),
         QStringLiteral("Log as this log4cplus property file says; SIGHUP reads it again."),
         QStringLiteral("FILE"));
+    const QCommandLineOption adopt(
+        QStringLiteral("adopt"),
+        QStringLiteral("Serve nothing: give the writable tree back to this user, whose number "
+                       "another image changed, and end. For root, before the service starts."),
+        QStringLiteral("USER"));
 
     QCommandLineParser parser;
     parser.setApplicationDescription(
@@ -125,7 +130,7 @@ std::optional<DaemonOptions> parseOptions(const QStringList& words, QString* rea
                        "Ends with 0, or with 2: wrong usage, 6: not everything could be saved,\n"
                        "7: no bus, or the trees cannot be used, 8: a file in them is wrong."));
     parser.addOptions({ defaultPath, writePath, product, migrations, language, catalogues, bus,
-                        changesPerMinute, plugin, logLevel, logConfig });
+                        changesPerMinute, plugin, logLevel, logConfig, adopt });
     parser.addHelpOption();
     parser.addVersionOption();
     if (!parser.parse(words)) {
@@ -160,6 +165,13 @@ std::optional<DaemonOptions> parseOptions(const QStringList& words, QString* rea
     options.plugin = parser.value(plugin);
     options.logLevel = parser.value(logLevel);
     options.logConfiguration = parser.value(logConfig);
+    options.adoptingUser = parser.value(adopt);
+    // The tree may come later, with the partition that it is on.
+    if (parser.isSet(adopt)) {
+        if (options.adoptingUser.isEmpty())
+            *reason = QStringLiteral("'--adopt' needs the name of a user");
+        return reason->isEmpty() ? std::make_optional(options) : std::nullopt;
+    }
     *reason = checkChangesPerMinute(parser.value(changesPerMinute), &options.changesPerMinute);
     if (reason->isEmpty())
         *reason = check(options);

@@ -21,6 +21,8 @@ struct DaemonOptions
     QString plugin;
     QString logLevel; ///< null: the default
     QString logConfiguration; ///< null: none
+    /// To whom the writable tree is to belong, instead of serving it; empty: serve.
+    QString adoptingUser;
 };
 
 /// Reads the words of the command line, the program's name first. None when they are not valid;

@@ -5,8 +5,11 @@
 #include <cerrno>
 
 #include <grp.h>
+#include <linux/capability.h>
 #include <pwd.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace tulo {
@@ -59,6 +62,22 @@ QString becomeOwner(const QString& writePath)
     // A mask that keeps the owner out would make files that the owner cannot use.
     ::umask(::umask(0077) & 0077);
     return QString();
+}
+
+QString keepRightToChangeOwners()
+{
+    __user_cap_header_struct header = { _LINUX_CAPABILITY_VERSION_3, 0 };
+    __user_cap_data_struct rights[_LINUX_CAPABILITY_U32S_3] = {};
+    if (::syscall(SYS_capget, &header, rights) == 0) {
+        const __u32 kept = rights[0].permitted & ((1U << CAP_CHOWN) | (1U << CAP_DAC_OVERRIDE));
+        rights[0] = { kept, kept, 0 };
+        rights[1] = {};
+        // A program that is executed gets none back either.
+        if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0
+            && ::syscall(SYS_capset, &header, rights) == 0)
+            return QString();
+    }
+    return QStringLiteral("cannot give up the rights of root: ") + qt_error_string(errno);
 }
 
 } // namespace tulo

@@ -12,7 +12,18 @@
 
 namespace {
 
-enum class FileCall { Open, Create, MakeDirectory, Truncate, Write, Sync, Rename, Remove, Close };
+enum class FileCall {
+    Open,
+    Create,
+    MakeDirectory,
+    Truncate,
+    Write,
+    ChangeOwner,
+    Sync,
+    Rename,
+    Remove,
+    Close
+};
 
 /// Called before each of them but writes to the standard streams.
 void beforeCall(FileCall call);
@@ -55,6 +66,12 @@ ssize_t write(int file, const void* bytes, size_t size)
     if (file > STDERR_FILENO)
         beforeCall(FileCall::Write);
     return ::syscall(SYS_write, file, bytes, size);
+}
+
+int fchownat(int directory, const char* name, uid_t user, gid_t group, int flags) noexcept
+{
+    beforeCall(FileCall::ChangeOwner);
+    return result(::syscall(SYS_fchownat, directory, name, user, group, flags));
 }
 
 int fsync(int file)

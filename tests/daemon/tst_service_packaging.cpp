@@ -132,7 +132,8 @@ void TstServicePackaging::filesAreInPlace()
            "\nConditionPathIsDirectory=/etc/tulo/settings-default\n",
            "\nLimitNOFILE=", "\nRestart=on-failure\n", "\nStartLimitIntervalSec=0\n",
            "\nWatchdogSec=60\n", "\nEnvironmentFile=-/etc/default/tulo-settingsd\n",
-           "\nBusName=org.tulo.ConfigurationManager1\n" })
+           "\nBusName=org.tulo.ConfigurationManager1\n",
+           "\nExecStartPre=-+/usr/bin/tulo-settingsd --adopt tulo-cm\n" })
         QVERIFY2(unit.contains(line), line);
 }
 

@@ -47,6 +47,7 @@ private slots:
     void changeInProcessBelongsToTheOwner();
     void readingInProcessChangesNothing();
     void serviceStartedByRootIsTheOwners();
+    void formerNumberOfTheUserIsCorrected();
     void rootThatCannotBecomeTheOwnerIsRefused_data();
     void rootThatCannotBecomeTheOwnerIsRefused();
 
@@ -156,6 +157,49 @@ void TstServiceRoot::serviceStartedByRootIsTheOwners()
     struct stat log = {};
     QCOMPARE(::stat(QFile::encodeName(logFile).constData(), &log), 0);
     QCOMPARE(log.st_uid, nobody);
+}
+
+// As the unit does before it starts the service.
+void TstServiceRoot::formerNumberOfTheUserIsCorrected()
+{
+    const CommandLine trees;
+    trees.tree.writeWritten(QStringLiteral("/audio/volume"), R"({"value":{"int":40}})");
+    const auto adopt = [&trees](const char* user) {
+        return ChildProcess::run(
+            QStringLiteral(TULO_SETTINGSD_PROGRAM),
+            trees.arguments({ QStringLiteral("--adopt"), QString::fromLatin1(user) }));
+    };
+    for (const char* name : { "", "/audio", "/audio/volume" }) {
+        const QByteArray file = QFile::encodeName(trees.tree.writePath()) + name;
+        QCOMPARE(::chown(file.constData(), 54321, 54321), 0);
+    }
+
+    const ChildResult foreign = adopt("nobody");
+    trees.tree.writeWritten(QStringLiteral("/.tulo-cm.owner"), "nobody 54321:54321\n");
+    const ChildResult adopted = adopt("nobody");
+    const ChildResult again = adopt("nobody");
+    const ChildResult none = adopt("");
+
+    const QByteArray tree = '\'' + trees.tree.writePath().toUtf8() + '\'';
+    QCOMPARE(
+        foreign.standardError,
+        "WARN  tulo-settingsd: the writable tree " + tree
+            + " belongs to user '54321' and stays so; to give it to 'nobody': chown -R nobody: "
+            + trees.tree.writePath().toUtf8() + '\n');
+    QCOMPARE(foreign.exitCode, 0);
+    QCOMPARE(adopted.standardError,
+             "WARN  tulo-settingsd: the writable tree " + tree
+                 + " is user nobody's again, whose number is 65534 now: 3 files and directories\n");
+    QCOMPARE(adopted.exitCode, 0);
+    QCOMPARE(again.standardError, QByteArray());
+    QCOMPARE(none.standardError,
+             QByteArray("ERROR tulo-settingsd: '--adopt' needs the name of a user\n"));
+    QCOMPARE(none.exitCode, 2);
+    const PrivateBus bus(policyForAll());
+    ServiceProcess service(trees, bus.address(), {}, asOwner());
+    QVERIFY2(service.serve(), service.standardError());
+    QCOMPARE(BusClient(bus.address()).value(volume), QStringLiteral("x 40"));
+    QCOMPARE(service.end().exitCode, 0);
 }
 
 void TstServiceRoot::rootThatCannotBecomeTheOwnerIsRefused_data()
