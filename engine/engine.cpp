@@ -3,7 +3,7 @@
 #include "client/base/checks.h"
 #include "engine/errors.h"
 #include "engine/loader.h"
-#include "trees/journal.h"
+#include "trees/factoryreset.h"
 #include "trees/migrator.h"
 #include "trees/separator.h"
 #include "trees/writtenfiles.h"
@@ -18,6 +18,7 @@
 #include <QUrl>
 
 #include <algorithm>
+#include <cerrno>
 #include <optional>
 #include <utility>
 
@@ -123,7 +124,10 @@ bool Engine::takeTree(EngineFailure* failure)
     }
     switch (m_lock.acquire(m_writePath)) {
     case OwnerLock::Status::Owned:
-        finishJournal();
+        note(finishFactoryReset(m_lock.directory(), m_defaultPath, m_writePath,
+                                m_options.productPostfix));
+        if (m_readOnlyReason.isEmpty())
+            note(redoJournal(m_lock.directory()));
         if (m_readOnlyReason.isEmpty())
             migrateTree();
         return true;
@@ -136,9 +140,9 @@ bool Engine::takeTree(EngineFailure* failure)
     return fail(failure, EngineFailure::Kind::NoAccess, m_lock.message());
 }
 
-void Engine::finishJournal()
+// Of what comes before the tree is read.
+void Engine::note(const JournalResult& result)
 {
-    const JournalResult result = redoJournal(m_lock.directory());
     if (!result.message.isEmpty())
         m_notes.append(QStringLiteral("'%1': %2").arg(m_writePath, result.message));
     if (result.status == JournalResult::Status::Unfinished)
@@ -342,6 +346,7 @@ Error Engine::planReset(const QStringList& paths, const ResetOptions& options, R
             add(files.settingsBelow(settingPath), &settings);
             add(files.strayDirectoriesBelow(settingPath), &directories);
             if (settingPath == separator) {
+                reset->isEverything = options.keep.isEmpty();
                 reset->records =
                     recordAfterReset(m_lock.directory(), [this, &kept](const QString& setting) {
                         return !kept.contains(m_worker->addPrefix(setting).text());
@@ -399,7 +404,9 @@ Error Engine::carryOut(Reset* reset)
     QVector<FileChange> removals;
     for (const QString& settingPath : qAsConst(settingPaths))
         removals.append({ settingPath, std::nullopt });
-    const JournalResult result = commitChanges(m_lock.directory(), removals, planned.records);
+    JournalResult result = commitChanges(m_lock.directory(), removals, planned.records);
+    if (result.hasNoRoom && planned.isEverything)
+        result = resetWithoutRoom();
     if (result.status == JournalResult::Status::Refused)
         return notReset(ErrorCode::NotSaved, result.message);
     reset->settings = planned.settings;
@@ -421,12 +428,28 @@ Error Engine::carryOut(Reset* reset)
     return { ErrorCode::NotSaved, m_readOnlyReason, QString() };
 }
 
+// Not the first way: it cannot tell what another framework has written since an interruption.
+JournalResult Engine::resetWithoutRoom()
+{
+    JournalResult result = requestFactoryReset(m_lock.directory());
+    if (result.status == JournalResult::Status::Done) {
+        result = finishFactoryReset(m_lock.directory(), m_defaultPath, m_writePath,
+                                    m_options.productPostfix);
+    }
+    // As at an opening: which rules are behind the tree was recorded, too.
+    if (result.status == JournalResult::Status::Done) {
+        migrateTree();
+        m_guard->setReadOnly(m_readOnlyReason);
+    }
+    return result;
+}
+
 QStringList Engine::removeEmpty(const QStringList& directories) const
 {
     QStringList removed;
     for (const QString& path : directories) {
         const QString fileName = m_writePath + Guard::settingPathOf(CMPath(path));
-        if (::rmdir(QFile::encodeName(fileName).constData()) == 0)
+        if (::rmdir(QFile::encodeName(fileName).constData()) == 0 || errno == ENOENT)
             removed.append(path);
     }
     return removed;

@@ -5,6 +5,7 @@
 #include "engine/guard.h"
 #include "engine/router.h"
 #include "engine/writetracker.h"
+#include "trees/journal.h"
 #include "trees/ownerlock.h"
 
 #include <tulo/settings.h>
@@ -60,8 +61,9 @@ struct EngineFailure
 /// Hosts the settings worker: loads it, stands guard, owns the writable tree, and stops in
 /// order.
 ///
-/// Opening for changes goes in this order: the tree's lock, what an interrupted change of several
-/// files left to finish (see trees/journal.h), the migration to this image (see trees/migrator.h),
+/// Opening for changes goes in this order: the tree's lock, a factory reset that was asked for (see
+/// trees/factoryreset.h), what an interrupted change of several files left to finish (see
+/// trees/journal.h), the migration to this image (see trees/migrator.h),
 /// the worker. When a change cannot be finished, because the disk is full for example, settings can
 /// be read and changes are refused: the next opening would write older values over them.
 ///
@@ -108,6 +110,7 @@ public:
         QStringList settings; ///< to remove the written files of, sorted
         QStringList directories; ///< to remove if they are empty then, deepest first
         QHash<QString, QByteArray> records; ///< of migrations, as they are to be then
+        bool isEverything = false; ///< the whole tree, with nothing kept
     };
     /// Has what is pending written, and finds which of `paths` and, in a recursive reset, of
     /// everything below them have written files. A recursive one of the whole tree reaches what
@@ -146,13 +149,14 @@ private:
 
     bool chooseDirectories(EngineFailure* failure);
     bool takeTree(EngineFailure* failure);
-    void finishJournal();
+    void note(const JournalResult& result);
     void migrateTree();
     QString noChangeReason(const QString& reason) const;
     bool createWorker(EngineFailure* failure);
     std::unique_ptr<CMWorker> newWorker(EngineFailure* failure) const;
     void replaceWorker(std::unique_ptr<CMWorker> successor);
     Error writeAccepted();
+    JournalResult resetWithoutRoom();
     QStringList removeEmpty(const QStringList& directories) const;
 
     const EngineOptions m_options;

@@ -111,7 +111,7 @@ Entry settingEntry(const QString& path, const std::optional<QByteArray>& content
              QFile::encodeName(path.mid(last + 1)), content, settingMode };
 }
 
-Entry recordEntry(const QString& name, const QByteArray& content)
+Entry recordEntry(const QString& name, const std::optional<QByteArray>& content)
 {
     constexpr mode_t ownerOnly = 0600;
     return { QByteArray(), QFile::encodeName(name), content, ownerOnly };
@@ -500,20 +500,19 @@ QString checkEntry(int tree, const Entry& entry, qint64 blockBytes, Need* need)
     return QString();
 }
 
-// Most of the bytes are needed after the journal got its name, when there is no way back.
-QString checkPlaces(int tree, const Entries& entries, int journalBytes)
+QString checkPlaces(int tree, const Entries& entries, qint64 blockBytes, Need* need)
 {
-    struct statvfs fileSystem = {};
-    if (::fstatvfs(tree, &fileSystem) != 0)
-        return failed("examine", QByteArray());
-    const qint64 blockBytes = qMax(qint64(fileSystem.f_frsize), qint64(1));
-    // The journal, and a temporary file.
-    Need need { journalBytes + 2 * blockBytes, 2 };
     for (const Entry& entry : entries) {
-        QString error = checkEntry(tree, entry, blockBytes, &need);
+        QString error = checkEntry(tree, entry, blockBytes, need);
         if (!error.isEmpty())
             return error;
     }
+    return QString();
+}
+
+// Most of the bytes are needed after the journal got its name, when there is no way back.
+QString checkRoom(const struct statvfs& fileSystem, qint64 blockBytes, const Need& need)
+{
     const bool isRoot = ::geteuid() == 0;
     const auto blocks = qint64(isRoot ? fileSystem.f_bfree : fileSystem.f_bavail);
     const auto files = qint64(isRoot ? fileSystem.f_ffree : fileSystem.f_favail);
@@ -584,8 +583,11 @@ JournalResult writeJournal(int tree, const QByteArray& text, const Entries& entr
 {
     constexpr mode_t ownerOnly = 0600;
     QString error;
-    if (!writeNew(tree, newJournalName, text, ownerOnly))
+    bool hasNoRoom = false;
+    if (!writeNew(tree, newJournalName, text, ownerOnly)) {
+        hasNoRoom = errno == ENOSPC || errno == EDQUOT;
         error = failed("write", journalName);
+    }
     // After a power cut, too, the files have to be those that the journal is about.
     if (error.isEmpty())
         error = syncDirectories(tree, directoriesOf(tree, entries));
@@ -593,7 +595,7 @@ JournalResult writeJournal(int tree, const QByteArray& text, const Entries& entr
         error = failed("write", journalName);
     if (!error.isEmpty()) {
         ::unlinkat(tree, newJournalName, 0);
-        return refused(error);
+        return { Status::Refused, error, hasNoRoom };
     }
     error = syncDirectory(tree, QByteArray());
     if (error.isEmpty())
@@ -643,9 +645,18 @@ JournalResult commitChanges(int directory, const QVector<FileChange>& changes,
         if (!error.isEmpty())
             return refused(error);
     }
-    error = checkPlaces(directory, entries, text.size());
+    struct statvfs fileSystem = {};
+    if (::fstatvfs(directory, &fileSystem) != 0)
+        return refused(failed("examine", QByteArray()));
+    const qint64 blockBytes = qMax(qint64(fileSystem.f_frsize), qint64(1));
+    // The journal, and a temporary file.
+    Need need { text.size() + 2 * blockBytes, 2 };
+    error = checkPlaces(directory, entries, blockBytes, &need);
     if (!error.isEmpty())
         return refused(error);
+    error = checkRoom(fileSystem, blockBytes, need);
+    if (!error.isEmpty())
+        return { Status::Refused, error, true };
     const JournalResult decided = writeJournal(directory, text, entries);
     return decided.status == Status::Done ? finish(directory, entries) : decided;
 }
@@ -720,6 +731,51 @@ JournalResult redoJournal(int directory)
         }
     }
     return result;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Without a journal.
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+// What it was to write is removed, or it is not on the disk yet.
+QString discardJournal(int tree, const char* name)
+{
+    const UniqueFd file(
+        ::openat(tree, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat opened = {};
+    if (!file || ::fstat(file.get(), &opened) != 0 || !S_ISREG(opened.st_mode)
+        || !isOfOwner(tree, opened) || !mayBeJournal(file.get()))
+        return QString();
+    return ::unlinkat(tree, name, 0) == 0 ? QString() : failed("remove", name);
+}
+
+} // namespace
+
+QString removeDecided(int directory, const QStringList& settingPaths,
+                      const QStringList& directories, const QStringList& records)
+{
+    Entries entries;
+    for (const QString& settingPath : settingPaths)
+        entries.append(settingEntry(settingPath, std::nullopt));
+    for (const QString& record : records)
+        entries.append(recordEntry(record, std::nullopt));
+    QString error = discardJournal(directory, journalName);
+    if (error.isEmpty())
+        error = discardJournal(directory, newJournalName);
+    if (error.isEmpty())
+        error = remove(directory, entries);
+    Entries above { recordEntry(QString(), std::nullopt) };
+    for (const QString& path : directories) {
+        const Entry entry = settingEntry(path, std::nullopt);
+        const UniqueFd parent = openDirectory(directory, entry.directory, false);
+        if (parent && ::unlinkat(parent.get(), entry.name.constData(), AT_REMOVEDIR) == 0)
+            above.append(entry);
+    }
+    if (error.isEmpty())
+        error = syncDirectories(directory, directoriesOf(directory, above));
+    return error;
 }
 
 bool hasJournal(const QString& writePath)

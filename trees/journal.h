@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QHash>
 #include <QString>
+#include <QStringList>
 #include <QVector>
 
 #include <optional>
@@ -44,6 +45,7 @@ struct [[nodiscard]] JournalResult
     Status status = Status::Done;
     /// One line. Empty when done, unless changes that had been interrupted were finished.
     QString message;
+    bool hasNoRoom = false; ///< refused because the disk is full
 };
 
 /// Makes all of `changes` to the tree that is open as `directory`, and writes the files `records`
@@ -65,6 +67,13 @@ JournalResult commitChanges(int directory, const QVector<FileChange>& changes,
 /// the tree's owner is refused: nothing of it is made and it stays, for somebody to look at.
 /// commitChanges() refuses while it is there.
 JournalResult redoJournal(int directory);
+
+/// Removes the written files of these settings, these directories (deepest first) if they are empty
+/// then, these records, and a journal that is there: without a journal of its own, so without room.
+/// For a removal whose decision the caller has on the disk and which begins again until it is done.
+/// Returns an empty text when it is on the disk, else one line that says why not.
+[[nodiscard]] QString removeDecided(int directory, const QStringList& settingPaths,
+                                    const QStringList& directories, const QStringList& records);
 
 /// Tells whether there is a journal in the tree, for those that only read it.
 [[nodiscard]] bool hasJournal(const QString& writePath);

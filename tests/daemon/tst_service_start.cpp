@@ -43,6 +43,7 @@ private slots:
     void hiddenFilesSurviveStartStopAndKill();
     void staleTemporaryFileIsReusedByTheNextWrite();
     void interruptedChangeIsFinishedAtTheStart();
+    void factoryResetIsDoneBeforeAnythingIsServed();
     void damagedJournalIsToldAndServed();
     void changeThatCannotBeFinishedIsToldAndServedForReading();
     void defaultFileThatBreaksLaterIsNamedAtTheNextStart();
@@ -356,6 +357,28 @@ void TstServiceStart::interruptedChangeIsFinishedAtTheStart()
                  .arg(trees.tree.writePath())
                  .toUtf8());
     QVERIFY(!trees.tree.writtenEntries().contains(journal));
+}
+
+void TstServiceStart::factoryResetIsDoneBeforeAnythingIsServed()
+{
+    const CommandLine trees;
+    const PrivateBus bus;
+    const QString request = QStringLiteral("/.tulo-cm.factory-reset");
+    trees.tree.writeWritten(QStringLiteral("/audio/volume"), R"({"value":{"int":40}})");
+    trees.tree.writeWritten(journal, decidedChange());
+    trees.tree.writeWritten(request, "");
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+
+    QCOMPARE(BusClient(bus.address()).value(QStringLiteral("/settings/audio/volume")),
+             QStringLiteral("x 35"));
+    QCOMPARE(ServiceProcess::complaints(service.end()),
+             QStringLiteral("WARN  tulo-settingsd: '%1': factory reset: 1 settings were taken back "
+                            "to their defaults\n")
+                 .arg(trees.tree.writePath())
+                 .toUtf8());
+    QCOMPARE(trees.tree.writtenEntries(),
+             QStringList({ QStringLiteral("/.tulo-cm.lock"), QStringLiteral("/audio/") }));
 }
 
 void TstServiceStart::damagedJournalIsToldAndServed()

@@ -3,6 +3,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QRegularExpression>
 #include <QTest>
 
 #include <csignal>
@@ -49,6 +50,7 @@ private slots:
     void flushSyncsTheFileSystemOfTheTreeAlone();
     void unsavedChangeIsToldAtTheStop();
     void fullDiskIsTold();
+    void resetOfEverythingNeedsNoRoom();
     void hangUpReadsTheLogConfiguration();
     void failedWriteIsSeenAfterHangUp_data();
     void failedWriteIsSeenAfterHangUp();
@@ -204,6 +206,48 @@ void TstServiceWrites::fullDiskIsTold()
                  .value(QStringLiteral("value"))
                  .toHash(),
              QVariantHash({ { QStringLiteral("int"), 45 } }));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+void TstServiceWrites::resetOfEverythingNeedsNoRoom()
+{
+    if (::geteuid() != 0)
+        QSKIP("needs root to mount a file system");
+    const CommandLine trees;
+    const SmallDisk disk(trees.tree.writePath());
+    if (!disk.isMounted())
+        QSKIP("needs the right to mount a file system");
+    trees.tree.writeWritten(QStringLiteral("/audio/volume"), R"({"value":{"int":40}})");
+    trees.tree.writeWritten(QStringLiteral("/older/image"), R"({"value":{"int":40}})");
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(bus.address());
+    QVERIFY(disk.fill());
+
+    const auto run = [&bus](const char* words) {
+        return ChildProcess::run(QStringLiteral(TULO_CM_PROGRAM),
+                                 QStringList { QStringLiteral("--bus"), bus.address() }
+                                     + QString::fromLatin1(words).split(QLatin1Char(' ')));
+    };
+    const ChildResult one = run("reset /settings/audio/volume");
+    const ChildResult kept = run("reset --all --keep /settings/older");
+    const ChildResult all = run("reset --all");
+
+    QVERIFY2(one.standardError.contains("has no room for"), one.standardError);
+    QCOMPARE(one.exitCode, 6);
+    QCOMPARE(kept.exitCode, 6);
+    QCOMPARE(all.standardError, QByteArray());
+    QCOMPARE(all.standardOutput, QByteArray("/settings/audio/volume\n/settings/older/image\n"));
+    QCOMPARE(client.value(volume), QStringLiteral("x 35"));
+    QCOMPARE(run("ls /settings").standardOutput,
+             QByteArray("audio/    -\npresets/  -\nserial    X1\ntoken     -\n"));
+    QCOMPARE(trees.tree.writtenEntries().filter(QRegularExpression(QStringLiteral("^/[^.]"))),
+             QStringList({ QStringLiteral("/audio/"), QStringLiteral("/filler") }));
+    // And changes are admitted.
+    QVERIFY(disk.makeRoom());
+    client.call("SetValue", { volume, variantOf(45) });
+    QCOMPARE(client.call("Flush"), QStringLiteral("u 0"));
     QCOMPARE(service.end().exitCode, 0);
 }
 

@@ -3,6 +3,7 @@
 #include "tulo-cm/progress.h"
 #include "tulo-cm/waiting.h"
 
+#include "trees/factoryreset.h"
 #include "trees/journal.h"
 #include "trees/migrator.h"
 #include "trees/ownerlock.h"
@@ -82,11 +83,17 @@ int migrateOwned(const MigrationPlace& place, MigrationRun kind, Output& output)
     OwnerLock lock;
     if (lock.acquire(place.writePath) != OwnerLock::Status::Owned)
         return output.report({ ErrorCode::Unavailable, lock.message(), QString() });
-    const JournalResult journal = redoJournal(lock.directory());
-    if (!journal.message.isEmpty())
-        output.note(journal.message);
-    if (journal.status == JournalResult::Status::Unfinished)
-        return output.report({ ErrorCode::NotSaved, journal.message, QString() });
+    JournalResult before = finishFactoryReset(lock.directory(), place.defaultPath, place.writePath,
+                                              place.productPostfix);
+    if (!before.message.isEmpty())
+        output.note(before.message);
+    if (before.status != JournalResult::Status::Unfinished) {
+        before = redoJournal(lock.directory());
+        if (!before.message.isEmpty())
+            output.note(before.message);
+    }
+    if (before.status == JournalResult::Status::Unfinished)
+        return output.report({ ErrorCode::NotSaved, before.message, QString() });
     return report(migrate(lock.directory(), place, kind), output);
 }
 
