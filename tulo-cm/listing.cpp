@@ -72,8 +72,10 @@ private:
         rows.count = page.count;
         rows.version = page.version;
         rows.directory = page.directory;
-        for (const Row& row : page.rows)
+        for (const Row& row : page.rows) {
+            m_listing.names.append(row.name);
             (row.error ? m_listing.leftOut : rows.rows).append(row);
+        }
         m_progress.add(page.rows.size());
         return Attempt::Complete;
     }
@@ -91,11 +93,13 @@ class Walker
 {
 public:
     Walker(Settings& settings, const QStringList& roles, Output& output,
-           const std::function<bool(const VisitedNode&)>& visit)
+           const std::function<bool(const VisitedNode&)>& visit,
+           const std::function<void(const QString&, const Listing&)>& listed)
         : m_settings(settings)
         , m_roles(QStringList(roles::type()) + roles)
         , m_output(output)
         , m_visit(visit)
+        , m_listed(listed)
         , m_progress(QStringLiteral("reading settings"))
     {
     }
@@ -116,6 +120,8 @@ private:
         if (m_isEnded || !node.isDirectory)
             return;
         const Listing listing = listRows(m_settings, node.path, 0, INT_MAX, m_roles, m_progress);
+        if (m_listed && !listing.error)
+            m_listed(node.path, listing);
         for (const Row& row : listing.rows.rows) {
             Walker::node({ pathBelow(node.path, row.name), row.name, node.depth + 1,
                            row.isDirectory, row.roles });
@@ -130,6 +136,7 @@ private:
     const QStringList m_roles;
     Output& m_output;
     const std::function<bool(const VisitedNode&)>& m_visit;
+    const std::function<void(const QString&, const Listing&)>& m_listed;
     Progress m_progress;
     bool m_isEnded = false;
     int m_exitCode = Done;
@@ -155,9 +162,10 @@ int reportLeftOut(Output& output, const QString& path, const QVector<Row>& leftO
 }
 
 int walk(Settings& settings, const QString& path, const QStringList& roles, Output& output,
-         const std::function<bool(const VisitedNode&)>& visit)
+         const std::function<bool(const VisitedNode&)>& visit,
+         const std::function<void(const QString& path, const Listing&)>& listed)
 {
-    return Walker(settings, roles, output, visit).walk(path);
+    return Walker(settings, roles, output, visit, listed).walk(path);
 }
 
 int reportDefects(Output& output, const TreeReader& tree)

@@ -16,6 +16,7 @@ struct Listing
 {
     /// What one request for all of it would have answered, but for rows that cannot be served.
     Rows rows;
+    QStringList names; ///< of all rows
     QVector<Row> leftOut; ///< the rows that cannot be served
     Error error; ///< the listing could not be made at all
 };
@@ -40,8 +41,10 @@ struct VisitedNode
 
 /// Visits the node `path` and everything below it, each directory before its rows. Ends early when
 /// `visit` returns false. Prints the errors of what cannot be listed and returns the exit code.
+/// `listed` gets each directory as soon as it was listed, before any later event.
 int walk(Settings& settings, const QString& path, const QStringList& roles, Output& output,
-         const std::function<bool(const VisitedNode&)>& visit);
+         const std::function<bool(const VisitedNode&)>& visit,
+         const std::function<void(const QString& path, const Listing&)>& listed = {});
 
 /// Prints an error for each default file that gives no roles though it is there, and returns the
 /// exit code.

@@ -24,6 +24,14 @@ QVariant valueOf(const VisitedNode& node)
     return node.roles.value(roles::value());
 }
 
+QByteArray joined(const QStringList& names)
+{
+    QByteArray all;
+    for (const QString& name : names)
+        all += '/' + name.toUtf8();
+    return all;
+}
+
 // The value of each setting, as JSON, and the names in each directory.
 QHash<QString, QByteArray> contentsOf(const QVector<VisitedNode>& nodes)
 {
@@ -90,24 +98,38 @@ void Watches::addEntry(const QString& path, const Request& request,
     const Watch* const watch = entry.watch.get();
     connect(watch, &Watch::changed, this,
             [this, path](const Event& event) { on_watch_changed(path, event); });
-    connect(watch, &Watch::missed, &m_missed, [this] { m_missed.start(0); });
+    connect(watch, &Watch::missed, &m_missed, [this, path] {
+        m_entries.at(path).rowNames.forget();
+        m_missed.start(0);
+    });
     connect(watch, &Watch::failed, this,
             [this, path](const Error& error) { on_watch_failed(path, error); });
 }
 
-int Watches::read(const QString& path, Watch::Scope scope, QVector<VisitedNode>* nodes)
+bool Watches::namesRows(const Entry& entry) const
+{
+    return entry.watch->scope() == Watch::Scope::Tree && m_output.isForPeople();
+}
+
+int Watches::read(const QString& watched, Watch::Scope scope, QVector<VisitedNode>* nodes)
 {
     const QStringList names { roles::value(), roles::encrypted() };
     if (scope == Watch::Scope::Tree) {
-        return walk(m_settings, path, names, m_output, [nodes](const VisitedNode& node) {
+        const auto visit = [nodes](const VisitedNode& node) {
             nodes->append(node);
             return true;
-        });
+        };
+        const auto listed = [this, watched](const QString& directory, const Listing& listing) {
+            const auto entry = m_entries.find(watched);
+            if (entry != m_entries.end() && namesRows(entry->second))
+                entry->second.rowNames.setListed(directory, listing.names, listing.rows.version);
+        };
+        return walk(m_settings, watched, names, m_output, visit, listed);
     }
-    const auto node = finished(m_settings.get(path, QStringList(roles::type()) + names));
+    const auto node = finished(m_settings.get(watched, QStringList(roles::type()) + names));
     if (node.error())
         return m_output.report(node.error());
-    nodes->append({ path, nameOf(path), 0, isDirectory(node.value()), node.value() });
+    nodes->append({ watched, nameOf(watched), 0, isDirectory(node.value()), node.value() });
     return Done;
 }
 
@@ -216,7 +238,11 @@ void Watches::catchUp(const QString& watched)
     const QHash<QString, QByteArray> known = std::exchange(entry->second.contents, now);
     for (const VisitedNode& node : qAsConst(nodes)) {
         const bool isUnknown = node.isDirectory && scope == Watch::Scope::Node;
-        if (isUnknown || known.value(node.path) != now.value(node.path))
+        if (!isUnknown && known.value(node.path) == now.value(node.path))
+            continue;
+        if (node.isDirectory && scope == Watch::Scope::Tree && m_output.isForPeople())
+            tellOfRows(watched, node.path, known.value(node.path), now.value(node.path));
+        else
             tell(watched, eventOf(node));
     }
 }
@@ -248,11 +274,56 @@ void Watches::tell(const QString& watched, const Event& event)
         return;
     if (event.kind == Event::Kind::Value)
         entry->second.contents.insert(event.path, jsonOf(event.value));
-    print(event);
+    QString row;
+    if (namesRows(entry->second)) {
+        row = entry->second.rowNames.take(event);
+        if (entry->second.rowNames.isKnown(event.path))
+            entry->second.contents.insert(event.path,
+                                          joined(entry->second.rowNames.names(event.path)));
+        else if (event.kind == Event::Kind::Rows)
+            listAgain(watched, event.path);
+    }
+    print(event, row);
     count(watched);
 }
 
-void Watches::print(const Event& event)
+// Where one answer does not hold all of it, its rows keep their indexes.
+void Watches::listAgain(const QString& watched, const QString& directory)
+{
+    m_settings.rows(directory, 0, Settings::maximumRows - 1, {})
+        .then(this, [this, watched, directory](const Reply<Rows>& reply) {
+            const auto entry = m_entries.find(watched);
+            QStringList names;
+            for (const Row& row : reply.value().rows)
+                names.append(row.name);
+            if (entry != m_entries.end() && !reply.error() && names.size() == reply.value().count)
+                entry->second.rowNames.setListed(directory, names, reply.value().version);
+        });
+}
+
+// What differs after events were missed, as one event.
+void Watches::tellOfRows(const QString& watched, const QString& directory, const QByteArray& before,
+                         const QByteArray& now)
+{
+    const QList<QByteArray> namesBefore = before.split('/');
+    const QList<QByteArray> names = now.split('/');
+    const auto print = [&](const QByteArray& name, const char* what) {
+        m_output.line(QStringLiteral("row %1 %2")
+                          .arg(pathBelow(directory, QString::fromUtf8(name)), QLatin1String(what)));
+    };
+    for (const QByteArray& name : namesBefore) {
+        if (!names.contains(name))
+            print(name, "gone");
+    }
+    for (const QByteArray& name : names) {
+        if (!namesBefore.contains(name))
+            print(name, "appeared");
+    }
+    m_output.flush();
+    count(watched);
+}
+
+void Watches::print(const Event& event, const QString& row)
 {
     const QString value = QStringLiteral("value");
     const QString kind = event.kind == Event::Kind::Value ? value
@@ -268,6 +339,14 @@ void Watches::print(const Event& event)
             object.insert(QStringLiteral("rowsVersion"), event.version);
         }
         m_output.object(object);
+        return;
+    }
+    if (!row.isEmpty()) {
+        const char* const what = event.command.startsWith(QLatin1Char('+')) ? "appeared"
+            : event.command.startsWith(QLatin1Char('-'))                    ? "gone"
+                                                                            : "changed";
+        m_output.line(QStringLiteral("row %1 %2").arg(row, QLatin1String(what)));
+        m_output.flush();
         return;
     }
     QString line = kind + QLatin1Char(' ') + event.path;

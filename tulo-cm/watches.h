@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tulo-cm/output.h"
+#include "tulo-cm/rownames.h"
 
 #include <tulo/settings.h>
 
@@ -18,7 +19,8 @@ struct VisitedNode;
 
 /// The paths whose changes are printed, and the printing. An event is printed when it comes, also
 /// in the middle of another command. After events were missed, the values that differ from those
-/// printed or read before are printed as if they had just changed.
+/// printed or read before are printed as if they had just changed. Of a tree, a person gets the
+/// paths of rows instead of their indexes.
 class Watches : public QObject
 {
     Q_OBJECT
@@ -53,10 +55,14 @@ private:
         std::shared_ptr<int> left; ///< shared by those that were added together
         /// By path, as far as they are known: values of settings, names in directories.
         QHash<QString, QByteArray> contents;
+        RowNames rowNames; ///< of a tree, for a person
     };
 
+    bool namesRows(const Entry& entry) const;
+    void listAgain(const QString& watched, const QString& directory);
+
     void addEntry(const QString& path, const Request& request, const std::shared_ptr<int>& left);
-    int read(const QString& path, Watch::Scope scope, QVector<VisitedNode>* nodes);
+    int read(const QString& watched, Watch::Scope scope, QVector<VisitedNode>* nodes);
     int start(const QString& path, QVector<VisitedNode>* nodes);
     void printInitial(const QString& path, const QVector<VisitedNode>& nodes);
 
@@ -68,7 +74,9 @@ private:
 
     Event eventOf(const VisitedNode& node);
     void tell(const QString& watched, const Event& event);
-    void print(const Event& event);
+    void tellOfRows(const QString& watched, const QString& directory, const QByteArray& before,
+                    const QByteArray& now);
+    void print(const Event& event, const QString& row = QString());
     void count(const QString& watched);
 
     Settings& m_settings;
