@@ -1,5 +1,6 @@
 #include "tulo-cm/flushing.h"
 
+#include "tulo-cm/progress.h"
 #include "tulo-cm/waiting.h"
 
 namespace tulo {
@@ -32,6 +33,7 @@ int flushChanges(Settings& settings, Output& output)
 
 int finishFlush(Settings& settings, const Reply<int>& flush, Output& output)
 {
+    const Progress progress(QStringLiteral("waiting for the disk"));
     const auto flushed = finished(flush);
     if (flushed.error() && flushed.error().code != ErrorCode::NotSaved)
         return output.report(flushed.error());
