@@ -139,7 +139,7 @@ public:
     QString message() const { return m_message; }
 
 private:
-    bool giveEntry(int directory, const QByteArray& entry, const QByteArray& name, int depth);
+    bool giveEntry(int directory, const QByteArray& entryName, const QByteArray& path, int depth);
     bool fail(const char* what, const QByteArray& name);
 
     const QVector<Numbers> m_old;
@@ -187,22 +187,24 @@ bool Handover::give(int file, const struct statx& found, const QByteArray& name)
     return true;
 }
 
-bool Handover::giveEntry(int directory, const QByteArray& entry, const QByteArray& name, int depth)
+bool Handover::giveEntry(int directory, const QByteArray& entryName, const QByteArray& path,
+                         int depth)
 {
-    const UniqueFd file(::openat(directory, entry.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const UniqueFd file(
+        ::openat(directory, entryName.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct statx above = {};
     struct statx found = {};
     // Gone meanwhile.
     if (!file && errno == ENOENT)
         return true;
     if (!file || !examine(file.get(), &found) || !examine(directory, &above))
-        return fail("examine", name);
+        return fail("examine", path);
     if ((found.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0 || isOtherDevice(found, above))
         return true;
     // Deeper than any setting is nothing of ours.
     const bool isEntered = S_ISDIR(found.stx_mode) && depth < maximumLevels;
-    return (!isEntered || giveContent(file.get(), name, depth + 1))
-        && give(file.get(), found, name);
+    return (!isEntered || giveContent(file.get(), path, depth + 1))
+        && give(file.get(), found, path);
 }
 
 bool Handover::giveContent(int directory, const QByteArray& name, int depth)
