@@ -309,7 +309,8 @@ AdoptionResult adoptTree(const QString& writePath, const QString& user)
         return foreign(writePath, top.st_uid, user);
     if (!marked.isEmpty())
         return handOver(writePath, tree.get(), name, marked, own);
-    if (!writeMark(tree.get(), name, { own })) {
+    // What is read-only today is marked another time.
+    if (!writeMark(tree.get(), name, { own }) && errno != EROFS) {
         return failed(writePath,
                       QStringLiteral("cannot write '%1', by which an image with another "
                                      "number of '%2' knows it: %3")

@@ -337,9 +337,13 @@ void tst_TreeAdoption::treeThatMayNotBeChangedIsTold()
 {
     const OldTree tree;
     const QByteArray place = encoded(tree, QString());
-    if (::mount(place.constData(), place.constData(), nullptr, MS_BIND, nullptr) != 0
-        || ::mount(nullptr, place.constData(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr)
-            != 0)
+    const auto mountReadOnly = [&place] {
+        return ::mount(place.constData(), place.constData(), nullptr, MS_BIND, nullptr) == 0
+            && ::mount(nullptr, place.constData(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY,
+                       nullptr)
+            == 0;
+    };
+    if (!mountReadOnly())
         QSKIP("needs the right to mount");
 
     const AdoptionResult result = adopt(tree);
@@ -351,6 +355,15 @@ void tst_TreeAdoption::treeThatMayNotBeChangedIsTold()
                             "'.tulo-cm.owner': Read-only file system")
                  .arg(tree.writePath()));
     QCOMPARE(ownerOf(tree, QString()), oldOwner);
+
+    // Where there is nothing to correct, there is nothing to tell.
+    giveTo(tree, QString(), own);
+    QVERIFY(QFile::remove(tree.writePath() + markName));
+    QVERIFY(mountReadOnly());
+    const AdoptionResult owned = adopt(tree);
+    QCOMPARE(::umount2(place.constData(), MNT_DETACH), 0);
+    QCOMPARE(owned.message, QString());
+    QCOMPARE(owned.status, Status::Done);
 }
 
 void tst_TreeAdoption::threadKeepsTheRightToChangeOwnersOnly()
