@@ -1,6 +1,6 @@
 // bench_bus WORK SAMPLES SEED: what requests cost over the session bus, beside an empty call of
 // a service that does nothing. Once by a client on QtDBus, as most programs are, and once by one on
-// sd-bus, which our service is on as well.
+// sd-bus, which our service is on as well. And completion in a shell, which is a process each time.
 
 #include "child.h"
 #include "samples.h"
@@ -22,6 +22,7 @@
 #include <cstring>
 #include <deque>
 #include <exception>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -37,6 +38,7 @@ constexpr int changeRounds = 11;
 constexpr int changes = 1000;
 // As many requests of one client as the service has under way at a time.
 constexpr std::size_t underWay = 16;
+constexpr int completionRounds = 51;
 constexpr int startTimeoutMs = 30000;
 
 const QString service = QStringLiteral("org.tulo.ConfigurationManager1");
@@ -257,6 +259,29 @@ void measure(const Arguments& arguments)
     repeat(manyChanges, changeRounds);
 }
 
+// The names of a whole directory, from the start of the program to its end.
+void measureCompletion(const Arguments& arguments)
+{
+    const Shape shape { 200, 200 };
+    const std::string directory = storeDirectory(arguments.work, tuloStore, shape);
+    if (std::filesystem::create_directories(directory))
+        tuloStore.fill(directory, shape);
+    const Service server({ TULO_SETTINGSD_PROGRAM, "--default-path", defaultTree(directory),
+                           "--write-path", writableTree(directory), "--bus", "session" });
+    waitForService();
+
+    Samples samples(arguments.samples);
+    for (int round = 0; round < completionRounds; ++round) {
+        const double time = nanoseconds([&shape] {
+            Child program({ TULO_CM_PROGRAM, "complete", "--", "--bus", "session", "get",
+                            "/settings/" + shape.directory(0) + "/" });
+            for (int name = 0; name < shape.settings; ++name)
+                program.readLine();
+        });
+        samples.add("completion", "tulo", shape.settings, time);
+    }
+}
+
 } // namespace
 
 int main(int argc, char* argv[])
@@ -269,6 +294,7 @@ int main(int argc, char* argv[])
     }
     try {
         measure(arguments);
+        measureCompletion(arguments);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "bench_bus: %s\n", failure.what());
         return 1;

@@ -33,6 +33,7 @@ titles = {
     "bus_set": "One change over the bus",
     "bus_set_sd": "One change over the bus by a client on sd-bus, as our service is",
     "bus_changes": "1,000 changes over the bus",
+    "completion": "Names of a directory completed in a shell, from the service",
     "client_value": "Value of a setting in a program",
     "client_ready": "All settings watched, from connecting to ready",
     "client_changed": "Change in one program until another knows",
@@ -117,6 +118,9 @@ def goals(figures, counted):
     growth = None
     if memory(1000) is not None and memory(100000) is not None:
         growth = memory(100000) - memory(1000)
+    completion = None
+    if median(*ours("completion", 200)) is not None:
+        completion = median(*ours("completion", 200)) / 1e6
     client_memory = None
     if median(*ours("client_memory")) is not None:
         client_memory = (median(*ours("client_memory"))
@@ -168,6 +172,7 @@ def goals(figures, counted):
         Goal("1,000 changes over the bus without waiting, faster than waiting",
              ratio(("bus_changes", "waiting", 1000), ("bus_changes", "not waiting", 1000)), 3,
              least=True),
+        Goal("200 names completed in a shell, service warm", completion, 50, unit="ms"),
         Goal("value of a setting in a program", median(*ours("client_value")), 10, unit="ns"),
         faster("value of a setting in a program, faster than GSettings", "client_value", "gsettings",
                50),
