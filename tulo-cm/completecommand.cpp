@@ -36,13 +36,14 @@ namespace {
 int limitMs()
 {
     const int given = qEnvironmentVariableIntValue("TULO_COMPLETE_MS");
-    return given > 0 ? given : 140;
+    return given > 0 ? given : 130;
 }
 
 void endInTime()
 {
     std::signal(SIGALRM, [](int) { ::_exit(0); });
-    const itimerval limit { { 0, 0 }, { limitMs() / 1000, limitMs() % 1000 * 1000 } };
+    const long milliseconds = limitMs();
+    const itimerval limit { { 0, 0 }, { milliseconds / 1000, milliseconds % 1000 * 1000 } };
     ::setitimer(ITIMER_REAL, &limit, nullptr);
 }
 

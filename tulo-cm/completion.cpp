@@ -12,6 +12,7 @@
 
 #include <QDir>
 #include <QRegularExpression>
+#include <QSet>
 
 #include <algorithm>
 
@@ -209,6 +210,7 @@ public:
     {
         m_before = before;
         m_word.remove(0, before.size());
+        m_given = m_arguments.values(option);
         addWords(option.kind, option.words);
     }
 
@@ -216,7 +218,7 @@ private:
     void add(const QString& word, const QString& description, bool isOpen = false)
     {
         const QString whole = m_before + word;
-        if (word.startsWith(m_word) && escaped(whole) == whole)
+        if (word.startsWith(m_word) && !m_given.contains(word) && escaped(whole) == whole)
             m_completion.candidates.append({ whole, escaped(description), isOpen });
     }
 
@@ -316,9 +318,12 @@ private:
     {
         static const QRegularExpression ending(QStringLiteral("_([a-z]+(_[A-Za-z0-9]+)?)\\.qm$"));
         QStringList languages;
-        for (const QString& directory : m_arguments.values(general::catalogues))
-            for (const QString& file : QDir(directory).entryList(QDir::Files))
+        const QStringList directories = m_arguments.values(general::catalogues);
+        for (const QString& directory : directories) {
+            const QStringList files = QDir(directory).entryList(QDir::Files);
+            for (const QString& file : files)
                 languages.append(ending.match(file).captured(1));
+        }
         languages.removeDuplicates();
         languages.removeAll(QString());
         for (const QString& language : languages)
@@ -370,35 +375,28 @@ private:
         add(directory + name + end, title == name ? QString() : title, isDirectory);
     }
 
-    // The roles of the setting that the first argument names.
-    QVariantMap rolesOfSetting(const QStringList& names) const
+    // The first argument; the top when there is none.
+    QString pathArgument() const { return fullPath(m_arguments.positional.value(0)); }
+
+    QVariantMap rolesOf(const QString& path, const QStringList& names) const
     {
-        if (m_place.source == nullptr || m_arguments.positional.isEmpty())
-            return {};
-        const QString path = fullPath(m_arguments.positional.first());
-        return isAtOrBelow(path, topPath()) ? m_place.source->roles(path, names) : QVariantMap();
+        const bool isKnown = m_place.source != nullptr && isAtOrBelow(path, topPath());
+        return isKnown ? m_place.source->roles(path, names) : QVariantMap();
     }
 
     void addRoles()
     {
-        QStringList given;
-        if (m_arguments.command != nullptr)
-            given = m_arguments.values(roleOption);
-        const QVariantMap found = rolesOfSetting({});
+        const QVariantMap found = rolesOf(pathArgument(), {});
         QStringList names;
         for (const QString& role : roles::known()) {
             // Those of a directory's rows are not its own.
             if (found.isEmpty() || isDirectory(found) || found.contains(role))
                 names.append(role);
         }
-        for (const QString& role : found.keys()) {
-            if (!names.contains(role))
-                names.append(role);
-        }
-        for (const QString& role : names) {
-            if (!given.contains(role))
-                add(role, QString());
-        }
+        names += found.keys();
+        names.removeDuplicates();
+        for (const QString& role : names)
+            add(role, QString());
     }
 
     void addOperands()
@@ -412,23 +410,40 @@ private:
 
     void addValues(Verb::Operand operand)
     {
-        const QVariantMap setting = rolesOfSetting(
-            { roles::value(), roles::defaultValue(), roles::edit(), roles::encrypted() });
-        if (setting.value(roles::encrypted()).toBool())
+        const QStringList names { roles::value(), roles::defaultValue(), roles::edit(),
+                                  roles::encrypted(), roles::type() };
+        const QString path = pathArgument();
+        QVariantMap setting = rolesOf(path, names);
+        if (isDirectory(setting))
             return;
+        // One that is not there yet will have those of its directory.
+        if (setting.isEmpty()) {
+            setting = rolesOf(parentOf(path), names);
+            setting.remove(roles::value());
+        }
+        if (!setting.value(roles::encrypted()).toBool())
+            addValuesOf(setting, operand);
+    }
+
+    void addValuesOf(const QVariantMap& setting, Verb::Operand operand)
+    {
         const QVariantMap edit = setting.value(roles::edit()).toMap();
         const QVariant value = setting.value(roles::value());
+        const QVariant defaultValue = setting.value(roles::defaultValue());
         const QString values = QStringLiteral("values");
         if (operand == Verb::Operand::Element) {
             const QVariantMap elements = edit.value(QStringLiteral("elements")).toMap();
-            for (const QVariant& element : elements.value(values).toList() + value.toList())
+            const QVariantList all = elements.value(values).toList() + value.toList();
+            for (const QVariant& element : all)
                 addValue(element, QString());
         } else if (operand == Verb::Operand::Value) {
             QVariantList all = edit.value(values).toList();
-            if (value.userType() == QMetaType::Bool)
+            if (edit.value(QStringLiteral("kind")) == QLatin1String("bool")
+                || value.userType() == QMetaType::Bool
+                || defaultValue.userType() == QMetaType::Bool)
                 all += { true, false };
-            all += { value, setting.value(roles::defaultValue()) };
-            for (const QVariant& one : all)
+            all += { value, defaultValue };
+            for (const QVariant& one : qAsConst(all))
                 addValue(one, remarkOn(one, setting));
         }
     }
@@ -453,18 +468,17 @@ private:
         const bool isPlain = value.userType() == QMetaType::QString && !text.isEmpty()
             && text != QLatin1String("null") && !QStringLiteral("-\"[{").contains(text.at(0));
         const QString word = isPlain ? text : json;
-        const auto isSame = [this, &word](const Candidate& known) {
-            return known.word == m_before + word;
-        };
-        const QVector<Candidate>& known = m_completion.candidates;
-        if (std::none_of(known.cbegin(), known.cend(), isSame))
+        if (!m_values.contains(word))
             add(word, remark);
+        m_values.insert(word);
     }
 
     const Arguments& m_arguments;
     const CompletionPlace& m_place;
     QString m_before;
     QString m_word;
+    QStringList m_given; ///< values that the option has already
+    QSet<QString> m_values; ///< values of the setting that were added
     Completion m_completion;
 };
 

@@ -36,8 +36,8 @@ struct TypedLine
 };
 
 /// What a backslash takes out of its meaning between "...": of the shell, and of others.
-inline constexpr QLatin1String escapable("\"\\");
-inline constexpr QLatin1String escapableElsewhere("\"\\$`");
+inline constexpr QLatin1String escapable("\"\\", 2);
+inline constexpr QLatin1String escapableElsewhere("\"\\$`", 4);
 
 /// Splits a line as splitWords() does, whatever is missing at its end.
 TypedLine splitTyped(const QString& line, QLatin1String escapableCharacters = escapable);

@@ -121,6 +121,8 @@ void TstServicePackaging::filesAreInPlace()
            "share/dbus-1/interfaces/org.tulo.ConfigurationManager1.xml", "include/tulo/bus-types.h",
            "share/man/man1/tulo-cm.1", "share/man/man5/tulo-settings.5",
            "share/man/man5/org.tulo.ConfigurationManager1.5", "share/man/man8/tulo-settingsd.8",
+           "share/bash-completion/completions/tulo-cm", "share/zsh/site-functions/_tulo-cm",
+           "share/fish/vendor_completions.d/tulo-cm.fish",
            "share/tulo/tulo-settingsd-log.properties", "share/doc/tulo/docs/guarantees.md" })
         QVERIFY2(!contentOf(installed(name)).isEmpty(), name);
     for (const char* name : { "bin/tulo-cm", "bin/tulo-settingsd" })

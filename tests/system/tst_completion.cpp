@@ -172,6 +172,7 @@ void TstCompletion::wordIsCompleted_data()
         << QByteArray("get /se") << QByteArray("/settings/\tSettings\n");
     QTest::newRow("one level") << QByteArray("get /settings/")
                                << QByteArray("/settings/audio/\tAudio\n"
+                                             "/settings/empty\n"
                                              "/settings/presets/\tPreset\n"
                                              "/settings/secret\tSecret\n"
                                              "/settings/serial\n"
@@ -206,6 +207,8 @@ void TstCompletion::wordIsCompleted_data()
         << QByteArray("set /settings/audio/mode ") << QByteArray("low\nmid\tnow, default\nhigh\n");
     QTest::newRow("truth values") << QByteArray("set /settings/audio/loudness ")
                                   << QByteArray("true\tnow, default\nfalse\n");
+    QTest::newRow("truth values without a value")
+        << QByteArray("set /settings/empty ") << QByteArray("true\nfalse\n");
     QTest::newRow("changed number")
         << QByteArray("set /settings/audio/volume ") << QByteArray("50\tnow\n35\tdefault\n");
     QTest::newRow("value of a list") << QByteArray("set /settings/audio/sources ")
@@ -239,6 +242,7 @@ void TstCompletion::wordIsCompleted()
     const CommandLine trees;
     trees.tree.writeDefault(QStringLiteral("/secret"),
                             R"({"title":"Secret","encrypted":true,"value":{"string":"hush"}})");
+    trees.tree.writeDefault(QStringLiteral("/empty"), R"({"edit":{"kind":"bool"}})");
     trees.tree.writeWritten(QStringLiteral("/audio/volume"), R"({"value":{"int":50}})");
 
     QCOMPARE(completed(trees.arguments(words(line.constData()))), expected);
@@ -466,6 +470,9 @@ void TstCompletion::serviceIsAsked()
     QCOMPARE(completed(options + words("get /settings/audio/volume --role valueU")),
              QByteArray("valueUnit\n"));
     QCOMPARE(completed(options + words("get /settings/nothing/")), QByteArray());
+    QCOMPARE(completed(options + words("set /settings/presets/two ")),
+             QByteArray("fm:87.5\tdefault\n"));
+    QCOMPARE(completed(options + words("set /settings/presets ")), QByteArray());
     QCOMPARE(service.end().exitCode, 0);
 }
 
