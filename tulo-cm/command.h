@@ -17,6 +17,7 @@ struct Place;
 enum class WordKind {
     Other, ///< nothing that could be listed
     Path, ///< of a setting or directory
+    SettingsDirectory, ///< the path of one, or "-" for the one before
     PathOrTree, ///< a directory of files where the command's standalone option is set
     Role, ///< of the setting that the first argument names
     Value, ///< for the setting that the first argument names
@@ -112,7 +113,7 @@ class Arguments
 public:
     const Command* command = nullptr; ///< null when only --help or --version was asked for
     /// What follows the command. Paths among it begin with "/" and do not end with one; "/" by
-    /// itself has become the path at the top.
+    /// itself has become the path at the top, and a relative one is complete.
     QStringList positional;
 
     bool isSet(const Option& option) const { return m_values.contains(key(option)); }
@@ -144,6 +145,11 @@ struct Context
     Watches* watches = nullptr; ///< null for a command that needs no settings
     bool inShell = false;
     bool quit = false; ///< the shell ends after this line
+    QString directory = {}; ///< that paths of the shell are relative to; empty: see completePath()
+    QString previousDirectory = {}; ///< empty as long as there is none
+
+    /// The path of a command that none is given to.
+    QString start() const;
 };
 
 /// All commands, in the order in which help lists them: see CMakeLists.txt.
@@ -161,6 +167,11 @@ QStringList commandNames(bool inShell);
 inline QString topPath()
 {
     return QStringLiteral("/settings");
+}
+
+inline QString Context::start() const
+{
+    return directory.isEmpty() ? topPath() : directory;
 }
 
 } // namespace tulo

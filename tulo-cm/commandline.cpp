@@ -86,7 +86,24 @@ bool looksNegative(const QString& word)
     return word.startsWith(QLatin1Char('-')) && (second.isDigit() || second == QLatin1Char('.'));
 }
 
-QString completePath(QString path)
+namespace {
+
+// Nothing is above the top.
+QString resolve(const QString& path, const QString& directory)
+{
+    QStringList names = directory.mid(1).split(QLatin1Char('/'));
+    for (const QString& name : path.split(QLatin1Char('/'))) {
+        if (name == QLatin1String(".."))
+            names = names.mid(0, std::max(1, names.size() - 1));
+        else if (name != QLatin1String("."))
+            names.append(name);
+    }
+    return QLatin1Char('/') + names.join(QLatin1Char('/'));
+}
+
+} // namespace
+
+QString completePath(QString path, const QString& directory)
 {
     if (path.isEmpty())
         return path;
@@ -94,7 +111,10 @@ QString completePath(QString path)
         path.chop(1);
     if (path.isEmpty())
         return topPath();
-    return path.startsWith(QLatin1Char('/')) ? path : QLatin1Char('/') + path;
+    if (path.startsWith(QLatin1Char('/')))
+        return path;
+    const bool isComplete = path.section(QLatin1Char('/'), 0, 0) == topPath().mid(1);
+    return directory.isEmpty() || isComplete ? QLatin1Char('/') + path : resolve(path, directory);
 }
 
 namespace {
@@ -186,14 +206,21 @@ int minimumOf(const QVector<Argument>& arguments)
     }));
 }
 
-void completePaths(Arguments* arguments)
+bool isPath(const Argument& argument, const QString& word)
+{
+    return argument.kind == Argument::Kind::Path
+        || (argument.kind == Argument::Kind::SettingsDirectory && word != QLatin1String("-"));
+}
+
+void completePaths(Arguments* arguments, const QString& directory)
 {
     const QVector<Argument>& known = arguments->command->arguments;
     for (int i = 0; i < arguments->positional.size() && !known.isEmpty(); ++i) {
         // Only the last one can be repeated.
         const Argument& argument = known.at(std::min(i, known.size() - 1));
-        if (argument.kind == Argument::Kind::Path)
-            arguments->positional[i] = completePath(arguments->positional.at(i));
+        QString& word = arguments->positional[i];
+        if (isPath(argument, word))
+            word = completePath(word, directory);
     }
 }
 
@@ -248,7 +275,7 @@ QString validate(const Arguments& arguments, bool inShell)
     return error;
 }
 
-ParsedLine parse(const QStringList& words, bool inShell)
+ParsedLine parse(const QStringList& words, bool inShell, const QString& directory)
 {
     QCommandLineParser parser;
     const QVector<Option>& options = allOptions();
@@ -283,7 +310,7 @@ ParsedLine parse(const QStringList& words, bool inShell)
         line.suggestion = nearest(name, commandNames(inShell));
         return line;
     }
-    completePaths(&arguments);
+    completePaths(&arguments, directory);
     line.error = validate(arguments, inShell);
     return line;
 }
@@ -307,12 +334,12 @@ const QVector<Option>& allOptions()
 
 ParsedLine parseCommandLine(const QStringList& words)
 {
-    return parse(words, false);
+    return parse(words, false, QString());
 }
 
-ParsedLine parseShellLine(const QStringList& words)
+ParsedLine parseShellLine(const QStringList& words, const QString& directory)
 {
-    return parse(words, true);
+    return parse(words, true, directory);
 }
 
 std::optional<int> numberOption(const Context& context, const Arguments& arguments,

@@ -76,8 +76,10 @@ QString spelled(const Option& option);
 /// Tells whether a word that begins with "-" is a number and not an option.
 bool looksNegative(const QString& word);
 
-/// A path as people write it, with "/" at the end or without it at the beginning, in full.
-QString completePath(QString path);
+/// A path as people write it, with "/" at the end or without it at the beginning, in full. Without
+/// a `directory` the missing "/" is put in front. With one, the path is relative to it and may hold
+/// "." and ".."; only one that begins with "settings", as "settings/audio" does, stands for itself.
+QString completePath(QString path, const QString& directory);
 
 /// What parsing comes to.
 struct ParsedLine
@@ -89,8 +91,9 @@ struct ParsedLine
 
 /// Parses the words of the program's command line, without the program's name.
 ParsedLine parseCommandLine(const QStringList& words);
-/// Parses the words of a line of the shell, which takes no general options.
-ParsedLine parseShellLine(const QStringList& words);
+/// Parses the words of a line of the shell, which takes no general options. Its paths are relative
+/// to `directory`, which may be empty: see completePath().
+ParsedLine parseShellLine(const QStringList& words, const QString& directory);
 
 /// The whole number that an option names; `fallback` when it is not set. Prints an error and
 /// returns none when it is not a number.

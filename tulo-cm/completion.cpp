@@ -247,6 +247,9 @@ private:
         case WordKind::Path:
             addPaths();
             break;
+        case WordKind::SettingsDirectory:
+            addPaths(false);
+            break;
         case WordKind::Role:
             addRoles();
             break;
@@ -333,9 +336,10 @@ private:
     // A path as it was typed, in full.
     QString fullPath(const QString& typed) const
     {
-        const QString path = typed.startsWith(QLatin1Char('/'))
-            ? typed
-            : m_place.directory + QLatin1Char('/') + typed;
+        const bool isRelative = !typed.isEmpty() && !typed.startsWith(QLatin1Char('/'));
+        const QString path = isRelative ? completePath(typed, m_place.directory)
+            : typed.isEmpty()           ? m_place.directory
+                                        : typed;
         QStringList names;
         for (const QString& name : path.split(QLatin1Char('/'), Qt::SkipEmptyParts)) {
             if (name == QLatin1String("..") && !names.isEmpty())
@@ -347,7 +351,7 @@ private:
     }
 
     // One level: the rows of the directory that the word names up to its last "/".
-    void addPaths()
+    void addPaths(bool withSettings = true)
     {
         if (m_place.source == nullptr)
             return;
@@ -364,8 +368,10 @@ private:
         if (!isAtOrBelow(directory, topPath()))
             return;
         const QVector<Row> rows = m_place.source->rows(directory, m_word.mid(typed.size()));
-        for (const Row& row : rows)
-            addPath(typed, row.name, row.isDirectory, row.roles.value(title).toString());
+        for (const Row& row : rows) {
+            if (row.isDirectory || withSettings)
+                addPath(typed, row.name, row.isDirectory, row.roles.value(title).toString());
+        }
     }
 
     void addPath(const QString& directory, const QString& name, bool isDirectory,

@@ -148,7 +148,7 @@ void TstShell::lines_data()
     QTest::newRow("third line")
         << QByteArray("\n# two\ngte") << QByteArray()
         << QByteArray(
-               "tulo-cm: line 3: unknown command 'gte'; commands are: get, ls, tree, find, describe, explain, diff, set, op, reset, watch, unwatch, dump, flush, drop-cache, check, status, wait, help, quit\n")
+               "tulo-cm: line 3: unknown command 'gte'; commands are: get, ls, tree, find, describe, explain, diff, set, op, reset, watch, unwatch, dump, flush, drop-cache, check, status, cd, wait, help, quit\n")
         << 2;
     QTest::newRow("error of the second line")
         << QByteArray("\nset /settings/audio 1") << QByteArray()
@@ -226,7 +226,7 @@ void TstShell::jsonLines_data()
         << QByteArray(
                R"({"error":{"message":"unknown command 'gte'; commands are: get, ls, tree, )"
                R"(find, describe, explain, diff, )"
-               R"(set, op, reset, watch, unwatch, dump, flush, drop-cache, check, status, wait, help, quit",)"
+               R"(set, op, reset, watch, unwatch, dump, flush, drop-cache, check, status, cd, wait, help, quit",)"
                R"("name":"Usage","title":"Error"},"path":""})"
                "\n")
         << 2;

@@ -226,7 +226,7 @@ int run(Context& context, const Arguments& arguments)
 {
     Output& output = context.output;
     const Paging paging(output);
-    const QString path = arguments.positional.value(0, topPath());
+    const QString path = arguments.positional.value(0, context.start());
     if (arguments.isSet(markdownOption)) {
         return output.isJson()
             ? output.reportUsage(QStringLiteral("'--markdown' and '--json' exclude each other"))

@@ -147,7 +147,8 @@ int run(Context& context, const Arguments& arguments)
     const Paging paging(context.output);
     const QString word = arguments.positional.value(0);
     if (!arguments.isSet(treeOption))
-        return printChanges(context, word.isEmpty() ? topPath() : completePath(word));
+        return printChanges(
+            context, word.isEmpty() ? context.start() : completePath(word, context.directory));
     if (word.isEmpty())
         return context.output.reportUsage(QStringLiteral("'--tree OLD' needs the newer tree"));
     const QString product = arguments.isSet(general::product) ? arguments.value(general::product)

@@ -62,7 +62,7 @@ int run(Context& context, const Arguments& arguments)
     const auto last = numberOption(context, arguments, lastOption, INT_MAX);
     if (!first || !last)
         return Usage;
-    const QString path = arguments.positional.value(0, topPath());
+    const QString path = arguments.positional.value(0, context.start());
     const QStringList roles = chosenRoles(arguments);
 
     const Listing listing = list(context, path, *first, *last, neededRoles(output, roles, true));

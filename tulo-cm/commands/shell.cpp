@@ -80,7 +80,7 @@ bool isComment(const QByteArray& line)
 
 int runWords(Context& context, const QStringList& words)
 {
-    const ParsedLine line = parseShellLine(words);
+    const ParsedLine line = parseShellLine(words, context.directory);
     if (!line.error.isEmpty()) {
         const int exitCode = context.output.reportUsage(line.error);
         suggest(context.output, line.suggestion);

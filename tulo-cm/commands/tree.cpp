@@ -31,7 +31,7 @@ int run(Context& context, const Arguments& arguments)
         }
         return !output.isClosed() && !output.hasFailed();
     };
-    const int exitCode = walk(*context.settings, arguments.positional.value(0, topPath()),
+    const int exitCode = walk(*context.settings, arguments.positional.value(0, context.start()),
                               neededRoles(output, { roles::value() }, true), output, print);
     output.table({}, lines);
     return exitCode;
