@@ -114,7 +114,10 @@ QString overview(bool inShell)
     if (inShell) {
         return result
             + text("\n'help COMMAND' explains one. Words are separated by blanks; quote with\n"
-                   "'...', \"...\" or \\. A line that begins with # is a comment.\n");
+                   "'...', \"...\" or \\. A line that begins with # is a comment. After 'cd', paths\n"
+                   "without / in front are relative; on a terminal they always are. There Tab\n"
+                   "completes, Ctrl-R searches the history, Ctrl-C drops the line or ends the\n"
+                   "command, and Ctrl-D leaves. A line that begins with a blank is not remembered.\n");
     }
     return result
         + text("\n'tulo-cm help COMMAND' explains one, 'tulo-cm help' all of them with examples,\n"

@@ -232,8 +232,15 @@ void Output::printError(const QByteArray& line)
     }
     // First what came before, for a terminal that shows both streams.
     flush();
+    announceWriting();
     const ProgressPause pause;
     writeError(line);
+}
+
+void Output::announceWriting() const
+{
+    if (m_beforeWriting)
+        m_beforeWriting();
 }
 
 void Output::flush()
@@ -244,6 +251,7 @@ void Output::flush()
     results.swap(m_pending);
     if (m_closed || m_failed || results.isEmpty())
         return;
+    announceWriting();
     const ProgressPause pause;
     if (writeAll(STDOUT_FILENO, results))
         return;

@@ -11,6 +11,7 @@
 #include <QVariant>
 #include <QVector>
 
+#include <functional>
 #include <utility>
 
 namespace tulo {
@@ -65,6 +66,9 @@ public:
     /// From now on what is reported for people names this line of the input; none for 0.
     void setInputLine(int line) { m_inputLine = line; }
 
+    /// Called before anything is written; null for none.
+    void setBeforeWriting(const std::function<void()>& before) { m_beforeWriting = before; }
+
     /// One line of text for people.
     void line(const QString& text, Style style = Style::Plain);
     /// Text of the program itself, which may have several lines.
@@ -108,6 +112,7 @@ public:
 private:
     friend class Paging;
 
+    void announceWriting() const;
     void reportObject(const QVariantMap& object);
     void error(const QString& text, Style style);
     void printError(const QByteArray& line);
@@ -126,6 +131,7 @@ private:
     QByteArray m_pending;
     QString m_unknownPath;
     QByteArray m_pendingErrors; ///< while paging
+    std::function<void()> m_beforeWriting;
 };
 
 /// Long results of a command: what is printed while the object lives goes through a pager when it

@@ -19,6 +19,9 @@ namespace {
 
 // What the handler may touch.
 volatile std::sig_atomic_t endCame = 0; // the signal's number
+volatile std::sig_atomic_t isInteractive = 0;
+volatile std::sig_atomic_t interruptionCame = 0;
+volatile std::sig_atomic_t terminalChanged = 0;
 int wakePipe[2] = { -1, -1 };
 
 std::atomic<const char*> toWrite[STDERR_FILENO + 1] = {}; // by descriptor
@@ -35,8 +38,15 @@ void tidyTerminal()
 void handleSignal(int number)
 {
     const int errorBefore = errno;
-    tidyTerminal();
-    endCame = number;
+    if (number == SIGWINCH || number == SIGCONT) {
+        terminalChanged = 1;
+    } else if (number != SIGQUIT) {
+        tidyTerminal();
+        if (number == SIGINT && isInteractive != 0)
+            interruptionCame = 1;
+        else
+            endCame = number;
+    }
     // A full pipe wakes the event loop just as well.
     (void)!::write(wakePipe[1], "", 1);
     errno = errorBefore;
@@ -56,6 +66,21 @@ void endBySignal(int number)
     tidyTerminal();
     setHandler(number, SIG_DFL);
     ::raise(number);
+}
+
+bool take(volatile std::sig_atomic_t* flag)
+{
+    const bool wasSet = *flag != 0;
+    *flag = 0;
+    return wasSet;
+}
+
+void endInteraction()
+{
+    for (const int number : { SIGQUIT, SIGWINCH, SIGCONT })
+        setHandler(number, SIG_DFL);
+    isInteractive = 0;
+    interruptionCame = 0;
 }
 
 bool isIgnored(int number)
@@ -90,6 +115,7 @@ SignalHandler::~SignalHandler()
     setHandler(SIGTERM, endBySignal);
     if (!isIgnored(SIGHUP))
         setHandler(SIGHUP, endBySignal);
+    endInteraction();
     ::close(wakePipe[0]);
     ::close(wakePipe[1]);
     endCame = 0;
@@ -97,13 +123,31 @@ SignalHandler::~SignalHandler()
 
 bool SignalHandler::isEndRequested()
 {
-    return endCame != 0;
+    return endCame != 0 || interruptionCame != 0;
+}
+
+void SignalHandler::setInteractive()
+{
+    isInteractive = 1;
+    for (const int number : { SIGQUIT, SIGWINCH, SIGCONT })
+        setHandler(number, handleSignal);
+}
+
+bool SignalHandler::takeInterruption()
+{
+    return take(&interruptionCame);
+}
+
+bool SignalHandler::takeTerminalChange()
+{
+    return take(&terminalChanged);
 }
 
 void SignalHandler::forget()
 {
     // It follows the end of the input when the terminal is closed.
     setHandler(SIGHUP, SIG_IGN);
+    endInteraction();
     endCame = 0;
 }
 

@@ -21,7 +21,16 @@ public:
     /// True when a signal to end came since the object was made, or since forget(); false without
     /// an object.
     static bool isEndRequested();
-    /// From now on only the next SIGINT or SIGTERM counts: no terminal can be closed twice.
+    /// From now on a SIGINT is an interruption: it counts as a signal to end until it is taken.
+    /// SIGQUIT does nothing.
+    static void setInteractive();
+    /// Tells whether an interruption came since the last call.
+    [[nodiscard]] static bool takeInterruption();
+    /// Tells whether the terminal got another size, or the process went on after having been
+    /// stopped, since the last call; only after setInteractive().
+    [[nodiscard]] static bool takeTerminalChange();
+    /// Ends what setInteractive() began. From now on only the next SIGINT or SIGTERM counts: no
+    /// terminal can be closed twice.
     static void forget();
     /// Ends the process by the signal that came, as if there had been no object.
     [[noreturn]] static void endProcess();

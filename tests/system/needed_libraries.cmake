@@ -5,4 +5,4 @@ include(${CMAKE_CURRENT_LIST_DIR}/plugin_checks.cmake)
 
 check_needed(${PLUGIN} libtulo_framework.so.0)
 check_needed(${FRAMEWORK})
-check_needed(${PROGRAM} libtulo_framework.so.0 libtulo-settings.so.0)
+check_needed(${PROGRAM} libedit.so.2 libtulo_framework.so.0 libtulo-settings.so.0)
