@@ -41,11 +41,6 @@ void emptyFile(int descriptor)
     Q_UNUSED(result)
 }
 
-bool isSame(const struct stat& one, const struct stat& other)
-{
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
-
 } // namespace
 
 OwnerLock::~OwnerLock()
@@ -124,6 +119,8 @@ OwnerLock::Status OwnerLock::openBoth()
         return Status::Failed;
     }
 
+    m_directoryId = { tree.st_dev, tree.st_ino };
+
     // What root writes, the tree's owner could not use.
     if (::geteuid() == 0 && tree.st_uid != 0) {
         m_message = QStringLiteral("The writable tree '%1' belongs to user '%2'; run as that user")
@@ -136,12 +133,18 @@ OwnerLock::Status OwnerLock::openBoth()
         UniqueFd(::openat(m_directory.get(), lockName,
                           O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600));
     if (!m_file) {
+        if (errno == EROFS || errno == ENOSPC || errno == EDQUOT) {
+            m_message = QStringLiteral("Lock file '%1' cannot be opened: %2")
+                            .arg(fileName(m_writePath), qt_error_string(errno));
+            return Status::NotWritable;
+        }
         return fail(errno == ELOOP ? QStringLiteral("is a symbolic link")
                                    : QStringLiteral("cannot be opened: ") + qt_error_string(errno));
     }
     struct stat file = {};
     if (::fstat(m_file.get(), &file) != 0)
         return fail(QStringLiteral("cannot be examined: ") + qt_error_string(errno));
+    m_fileId = { file.st_dev, file.st_ino };
     if (!S_ISREG(file.st_mode))
         return fail(QStringLiteral("is not a regular file"));
     // What is written below must not land in another file of ours that was linked here.
@@ -199,24 +202,18 @@ void OwnerLock::release()
 
 QString OwnerLock::displacement() const
 {
-    struct stat held = {};
-    struct stat found = {};
     if (!m_isOwned)
         return QString();
-    if (::stat(QFile::encodeName(m_writePath).constData(), &found) != 0
-        || ::fstat(m_directory.get(), &held) != 0) {
+    struct stat found = {};
+    if (::stat(QFile::encodeName(m_writePath).constData(), &found) != 0) {
         return QStringLiteral("The writable tree '%1' cannot be examined: %2")
             .arg(m_writePath, qt_error_string(errno));
     }
-    if (!isSame(held, found)) {
-        return QStringLiteral("The writable tree '%1' has been replaced; restart to use the new "
-                              "one")
-            .arg(m_writePath);
-    }
+    if (FileId(found.st_dev, found.st_ino) != m_directoryId)
+        return QStringLiteral("The writable tree '%1' has been replaced").arg(m_writePath);
     if (::fstatat(m_directory.get(), lockName, &found, AT_SYMLINK_NOFOLLOW) != 0
-        || ::fstat(m_file.get(), &held) != 0 || !isSame(held, found)) {
-        return QStringLiteral("Lock file '%1' has been removed or replaced; restart to lock the "
-                              "tree again")
+        || FileId(found.st_dev, found.st_ino) != m_fileId) {
+        return QStringLiteral("Lock file '%1' has been removed or replaced")
             .arg(fileName(m_writePath));
     }
     return QString();

@@ -5,6 +5,9 @@
 #include <QString>
 
 #include <optional>
+#include <utility>
+
+#include <sys/types.h>
 
 namespace tulo {
 
@@ -31,7 +34,12 @@ namespace tulo {
 class OwnerLock
 {
 public:
-    enum class Status { Owned, InUse, Failed };
+    enum class Status {
+        Owned,
+        InUse,
+        NotWritable, ///< its file system is read-only, or has no room for the lock file
+        Failed
+    };
 
     OwnerLock() = default;
     /// Releases.
@@ -50,7 +58,7 @@ public:
     QString displacement() const;
     /// After InUse: the holder's process id, 0 when it is not known.
     qint64 holder() const;
-    /// After InUse or Failed: one line that names the file or the tree.
+    /// Unless it is owned: one line that names the file or the tree.
     QString message() const;
 
     /// The process id of the tree's owner, 0 when it is not known; nothing when the tree has no
@@ -64,9 +72,13 @@ private:
     Status fail(const QString& reason);
     Status inUse(qint64 holder);
 
+    using FileId = std::pair<dev_t, ino_t>;
+
     QString m_writePath;
     UniqueFd m_directory;
     UniqueFd m_file;
+    FileId m_directoryId;
+    FileId m_fileId;
     bool m_isOwned = false;
     qint64 m_holder = 0;
     QString m_message;

@@ -74,7 +74,9 @@ public:
             // The three constants are the bits of a mode.
             if ((int(file.st_mode >> shift) & wanted) == wanted)
                 return QString();
-        } else if (::faccessat(AT_FDCWD, fileName.constData(), wanted, AT_EACCESS) == 0) {
+        } else if (mayAccess(fileName, wanted)
+                   // Of the whole file system, and may change.
+                   || (errno == EROFS && mayAccess(fileName, wanted & ~W_OK))) {
             return QString();
         } else if (errno != EACCES) {
             return qt_error_string(errno);
@@ -87,6 +89,11 @@ public:
     }
 
 private:
+    static bool mayAccess(const QByteArray& fileName, int wanted)
+    {
+        return ::faccessat(AT_FDCWD, fileName.constData(), wanted, AT_EACCESS) == 0;
+    }
+
     static QString verbs(int wanted)
     {
         if ((wanted & W_OK) == 0)
