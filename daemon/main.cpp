@@ -52,6 +52,24 @@ int checkTrees(const LocalSettings& settings)
     return exitCode;
 }
 
+void logNotes(const LocalSettings& settings)
+{
+    const QStringList notes = settings.notes();
+    for (const QString& note : notes)
+        LOG4CPLUS_WARN(daemonLogger(), note.toStdString());
+}
+
+void logRefusal(const LocalSettings& settings)
+{
+    if (!settings.changeRefusal().isEmpty()) {
+        LOG4CPLUS_WARN(
+            daemonLogger(),
+            (QStringLiteral("no change is accepted: ") + settings.changeRefusal()).toStdString());
+    } else {
+        LOG4CPLUS_INFO(daemonLogger(), "changes are accepted again");
+    }
+}
+
 std::unique_ptr<LocalSettings> openSettings(const DaemonOptions& options, int* exitCode)
 {
     EngineOptions engineOptions;
@@ -63,6 +81,8 @@ std::unique_ptr<LocalSettings> openSettings(const DaemonOptions& options, int* e
     engineOptions.language = options.language;
     engineOptions.catalogues = options.catalogues;
     engineOptions.access = EngineOptions::Access::Own;
+    engineOptions.waitsForTree = true;
+    engineOptions.waitsForMount = options.waitsForMount;
     EngineFailure failure;
     std::unique_ptr<LocalSettings> settings = LocalSettings::open(engineOptions, &failure);
     if (!settings) {
@@ -70,9 +90,9 @@ std::unique_ptr<LocalSettings> openSettings(const DaemonOptions& options, int* e
                          failure.message);
         return nullptr;
     }
-    const QStringList notes = settings->notes();
-    for (const QString& note : notes)
-        LOG4CPLUS_WARN(daemonLogger(), note.toStdString());
+    logNotes(*settings);
+    if (!settings->changeRefusal().isEmpty())
+        logRefusal(*settings);
     // As the tree's owner, but before anything is read or served.
     *exitCode = checkTrees(*settings);
     if (*exitCode != Done)
@@ -145,6 +165,19 @@ int serve(const DaemonOptions& options, const Signals& signalSource)
     QTimer watchdog;
     QObject::connect(settings.get(), &LocalSettings::unsavedChanged, &adaptor,
                      &BusAdaptor::refreshStatus);
+    QObject::connect(settings.get(), &LocalSettings::refusalChanged, &adaptor,
+                     [&] { logRefusal(*settings); });
+    QObject::connect(settings.get(), &LocalSettings::refusalChanged, &adaptor,
+                     &BusAdaptor::refreshStatus);
+    // Too late to end for what is found: requests for it fail.
+    QObject::connect(settings.get(), &LocalSettings::openedAnew, &adaptor, [&] {
+        LOG4CPLUS_INFO(daemonLogger(),
+                       QStringLiteral("opened the writable tree '%1' anew")
+                           .arg(settings->currentStatus().writePath)
+                           .toStdString());
+        logNotes(*settings);
+        (void)checkTrees(*settings);
+    });
     QObject::connect(&signalSource, &Signals::endRequested, &adaptor,
                      [] { QCoreApplication::exit(Done); });
     QObject::connect(&signalSource, &Signals::hangUp, &adaptor,
@@ -155,7 +188,7 @@ int serve(const DaemonOptions& options, const Signals& signalSource)
     QObject::connect(&bus, &BusThread::offered, &adaptor, [&] {
         LOG4CPLUS_INFO(daemonLogger(),
                        QStringLiteral("serving '%1' over '%2'; process %3")
-                           .arg(settings->writePath(), settings->defaultPath(),
+                           .arg(settings->currentStatus().writePath, settings->defaultPath(),
                                 QString::number(QCoreApplication::applicationPid()))
                            .toStdString());
         sd_notify(0, "READY=1");

@@ -37,8 +37,9 @@ QString check(const DaemonOptions& options)
     QString reason = checkBus(options.bus);
     if (!reason.isEmpty())
         return reason;
-    QStringList directories =
-        QStringList { options.defaultPath, options.writePath } + options.catalogues;
+    QStringList directories = QStringList { options.defaultPath } + options.catalogues;
+    if (!options.waitsForMount || options.writePath.isEmpty())
+        directories.append(options.writePath);
     if (!options.migrations.isEmpty())
         directories.append(options.migrations);
     for (const QString& directory : directories) {
@@ -79,6 +80,10 @@ std::optional<DaemonOptions> parseOptions(const QStringList& words, QString* rea
         QStringLiteral("Directory of the writable tree, %1 if not given.")
             .arg(Engine::builtInWritePath()),
         QStringLiteral("DIR"));
+    const QCommandLineOption waitForMount(
+        QStringLiteral("wait-for-mount"),
+        QStringLiteral("Serve defaults and refuse changes while the writable tree is missing or on "
+                       "the root file system."));
     const QCommandLineOption product(
         QStringLiteral("product"),
         QStringLiteral("Prefer files with this postfix. Empty: no product variant."),
@@ -129,8 +134,8 @@ std::optional<DaemonOptions> parseOptions(const QStringList& words, QString* rea
         QStringLiteral("Serves the settings of a device on D-Bus, until SIGTERM or SIGINT.\n"
                        "Ends with 0, or with 2: wrong usage, 6: not everything could be saved,\n"
                        "7: no bus, or the trees cannot be used, 8: a file in them is wrong."));
-    parser.addOptions({ defaultPath, writePath, product, migrations, language, catalogues, bus,
-                        changesPerMinute, plugin, logLevel, logConfig, adopt });
+    parser.addOptions({ defaultPath, writePath, waitForMount, product, migrations, language,
+                        catalogues, bus, changesPerMinute, plugin, logLevel, logConfig, adopt });
     parser.addHelpOption();
     parser.addVersionOption();
     if (!parser.parse(words)) {
@@ -155,6 +160,7 @@ std::optional<DaemonOptions> parseOptions(const QStringList& words, QString* rea
     const bool isBuiltIn = !parser.isSet(defaultPath);
     options.defaultPath = isBuiltIn ? Engine::builtInDefaultPath() : parser.value(defaultPath);
     options.writePath = isBuiltIn ? Engine::builtInWritePath() : parser.value(writePath);
+    options.waitsForMount = parser.isSet(waitForMount);
     options.product = parser.value(product);
     options.migrations = parser.value(migrations);
     options.language = parser.value(language);

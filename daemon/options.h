@@ -17,6 +17,7 @@ struct DaemonOptions
     QString language;
     QStringList catalogues;
     QString bus;
+    bool waitsForMount = false; ///< of the writable tree's partition
     int changesPerMinute = 0; ///< of one user; zero: any number
     QString plugin;
     QString logLevel; ///< null: the default

@@ -5,12 +5,14 @@
 #include "engine/loader.h"
 #include "trees/factoryreset.h"
 #include "trees/migrator.h"
+#include "trees/partition.h"
 #include "trees/separator.h"
 #include "trees/writtenfiles.h"
 
 #include "api/core/language.h"
 #include "api/core/tulo.h"
 
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
@@ -31,6 +33,11 @@ namespace {
 bool isBelow(const QString& path, const QString& directory)
 {
     return path.startsWith(directory.endsWith(separator) ? directory : directory + separator);
+}
+
+QString readOnlyText(const QString& writePath)
+{
+    return QStringLiteral("The file system of the writable tree '%1' is read-only").arg(writePath);
 }
 
 bool fail(EngineFailure* failure, EngineFailure::Kind kind, const QString& message)
@@ -105,7 +112,12 @@ bool Engine::chooseDirectories(EngineFailure* failure)
                                    "apart")
                         .arg(m_defaultPath, m_writePath));
     }
-    if (m_options.access == EngineOptions::Access::Own && !writeTree.isWritable()) {
+    if (m_options.access != EngineOptions::Access::Own)
+        return true;
+    errno = 0;
+    if (::access(QFile::encodeName(m_writePath).constData(), W_OK) != 0) {
+        if (errno == EROFS)
+            return fail(failure, Kind::NotWritable, readOnlyText(m_writePath));
         return fail(failure, Kind::NoAccess,
                     QStringLiteral("Directory '%1' cannot be written").arg(writeTree.filePath()));
     }
@@ -134,6 +146,8 @@ bool Engine::takeTree(EngineFailure* failure)
     case OwnerLock::Status::InUse:
         failure->holder = m_lock.holder();
         return fail(failure, EngineFailure::Kind::InUse, m_lock.message());
+    case OwnerLock::Status::NotWritable:
+        return fail(failure, EngineFailure::Kind::NotWritable, m_lock.message());
     case OwnerLock::Status::Failed:
         break;
     }
@@ -146,7 +160,7 @@ void Engine::note(const JournalResult& result)
     if (!result.message.isEmpty())
         m_notes.append(QStringLiteral("'%1': %2").arg(m_writePath, result.message));
     if (result.status == JournalResult::Status::Unfinished)
-        m_readOnlyReason = noChangeReason(result.message);
+        refuseUntilFinished(result.message);
 }
 
 // What it changed is in the tree before the worker reads it. When it fails, the values are served
@@ -162,12 +176,15 @@ void Engine::migrateTree()
     if (!result.message.isEmpty() && result.status != MigrationResult::Status::BrokenImage)
         m_notes.append(QStringLiteral("Migration failed: ") + result.message);
     if (result.status == MigrationResult::Status::Unfinished)
-        m_readOnlyReason = noChangeReason(result.message);
+        refuseUntilFinished(result.message);
 }
 
-QString Engine::noChangeReason(const QString& reason) const
+// What is written before could be undone by that.
+void Engine::refuseUntilFinished(const QString& reason)
 {
-    return QStringLiteral("The writable tree '%1' admits no change: %2").arg(m_writePath, reason);
+    m_isUnfinished = true;
+    m_readOnlyReason =
+        QStringLiteral("The writable tree '%1' admits no change: %2").arg(m_writePath, reason);
 }
 
 std::unique_ptr<CMWorker> Engine::newWorker(EngineFailure* failure) const
@@ -204,7 +221,10 @@ bool Engine::createWorker(EngineFailure* failure)
     m_guard = std::make_unique<Guard>(m_worker.get(), m_defaultPath, m_writePath,
                                       m_options.productPostfix);
     m_router.setRowCheck([this](const CMPath& path) { return m_guard->checkFiles(path); });
-    m_guard->setReadOnly(m_readOnlyReason);
+    m_guard->setRefusal([this] {
+        lookAtTree();
+        return changeRefusal();
+    });
     m_dispatcher = std::make_unique<Dispatcher>(&m_router, m_guard.get());
     QObject::connect(m_dispatcher.get(), &Dispatcher::changeAccepted, m_writes.get(),
                      &WriteTracker::addPending);
@@ -215,6 +235,88 @@ bool Engine::createWorker(EngineFailure* failure)
             Language::instance()->setLocale(m_options.language, m_options.catalogues);
     }
     return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The tree that is owned may be unmounted, mounted over, read-only or full at any time.
+// ---------------------------------------------------------------------------------------------
+
+void Engine::lookAtTree()
+{
+    if (!m_lock.isOwned())
+        return;
+    m_treeReason = m_lock.displacement();
+    m_isTreeReplaced = !m_treeReason.isEmpty();
+    if (m_treeReason.isEmpty() && isReadOnly(m_lock.directory()))
+        m_treeReason = readOnlyText(m_writePath);
+}
+
+bool Engine::lookForRoom()
+{
+    lookAtTree();
+    if (!m_lock.isOwned() || !m_treeReason.isEmpty())
+        return false;
+    const bool hadRoom = std::exchange(m_noRoomReason, QString()).isEmpty();
+    switch (tryWriting(m_lock.directory())) {
+    case ENOSPC:
+        m_noRoomReason =
+            QStringLiteral("The file system of the writable tree '%1' is full").arg(m_writePath);
+        break;
+    case EDQUOT:
+        m_noRoomReason =
+            QStringLiteral("The disk quota of the writable tree '%1' is used up").arg(m_writePath);
+        break;
+    case EROFS:
+        // Some do not say so until they are written to.
+        m_noRoomReason = readOnlyText(m_writePath);
+        break;
+    default:
+        break;
+    }
+    return !hadRoom && m_noRoomReason.isEmpty();
+}
+
+bool Engine::lacksRoom() const
+{
+    return !m_noRoomReason.isEmpty();
+}
+
+QString Engine::changeRefusal() const
+{
+    if (!m_readOnlyReason.isEmpty())
+        return m_readOnlyReason;
+    return m_treeReason.isEmpty() ? m_noRoomReason : m_treeReason;
+}
+
+void Engine::setReadOnlyReason(const QString& reason)
+{
+    m_readOnlyReason = reason;
+}
+
+QStringList Engine::filePaths() const
+{
+    // Ends in "/", as the first one is a link.
+    const QString tree = m_lock.isOwned()
+        ? QStringLiteral("/proc/self/fd/%1/").arg(m_lock.directory())
+        : m_writePath + separator;
+    QStringList paths;
+    QDirIterator files(tree, QDir::Files | QDir::NoSymLinks, QDirIterator::Subdirectories);
+    while (files.hasNext()) {
+        const QString path = m_worker->addPrefix(separator + files.next().mid(tree.size())).text();
+        if (!checkPath(path))
+            paths.append(path);
+    }
+    return paths;
+}
+
+bool Engine::isTreeReplaced() const
+{
+    return m_isTreeReplaced;
+}
+
+bool Engine::isUnfinished() const
+{
+    return m_isUnfinished;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -422,9 +524,7 @@ Error Engine::carryOut(Reset* reset)
     TULO_ASSERT(errorCode(error) == ErrorCode::None);
     if (result.status == JournalResult::Status::Done)
         return {};
-    // The next opening of the tree finishes it; what is written before could be undone by that.
-    m_readOnlyReason = noChangeReason(result.message);
-    m_guard->setReadOnly(m_readOnlyReason);
+    refuseUntilFinished(result.message);
     return { ErrorCode::NotSaved, m_readOnlyReason, QString() };
 }
 
@@ -437,10 +537,8 @@ JournalResult Engine::resetWithoutRoom()
                                     m_options.productPostfix);
     }
     // As at an opening: which rules are behind the tree was recorded, too.
-    if (result.status == JournalResult::Status::Done) {
+    if (result.status == JournalResult::Status::Done)
         migrateTree();
-        m_guard->setReadOnly(m_readOnlyReason);
-    }
     return result;
 }
 
@@ -485,14 +583,29 @@ bool Engine::stop()
         const FlushResult result = m_flusher->flushNow();
         m_isSaved = result.error.isEmpty() && result.unsaved == 0;
     }
+    end();
+    if (!m_options.language.isEmpty())
+        Language::instance()->setLocale(QString(), QStringList());
+    return m_isSaved;
+}
+
+QVector<WriteTracker::Change> Engine::abandon()
+{
+    if (!m_flusher)
+        return {};
+    const QVector<WriteTracker::Change> changes = m_writes->unconfirmedChanges();
+    m_isSaved = changes.isEmpty();
+    end();
+    return changes;
+}
+
+void Engine::end()
+{
     m_flusher.reset();
     m_dispatcher->close();
     m_router.removeWorker(m_worker.get());
     m_worker.reset();
     m_lock.release();
-    if (!m_options.language.isEmpty())
-        Language::instance()->setLocale(QString(), QStringList());
-    return m_isSaved;
 }
 
 Dispatcher& Engine::dispatcher()
@@ -549,7 +662,7 @@ QString Engine::writePath() const
 
 bool Engine::ownsTree() const
 {
-    return m_lock.isOwned() && m_readOnlyReason.isEmpty();
+    return m_lock.isOwned() && changeRefusal().isEmpty();
 }
 
 int Engine::treeDirectory() const

@@ -40,6 +40,9 @@ struct EngineOptions
     QString language; ///< a locale such as "de"; empty: the source texts
     QStringList catalogues; ///< directories to look for the language's catalogues in
     Access access = Access::Read;
+    // Of an owner; for LocalSettings, which says what is served meanwhile.
+    bool waitsForTree = false; ///< at the start, while its file system cannot be written
+    bool waitsForMount = false; ///< while the writable tree is missing or on the root file system
 };
 
 /// Why an engine could not be opened.
@@ -50,6 +53,7 @@ struct EngineFailure
         Usage, ///< the directories are not two separate, existing ones
         NoPlugin, ///< the plug-in gives no worker
         NoAccess, ///< a directory cannot be read or written
+        NotWritable, ///< the file system of the writable tree is read-only or has no room
         InUse ///< another process owns the writable tree
     };
 
@@ -121,12 +125,32 @@ public:
     /// when the error is that the rest could not be: nothing when nothing was.
     Error carryOut(Reset* reset);
 
+    /// The paths of all files of the tree that is served that may be of settings, unordered; of the
+    /// tree that is owned, also while its path leads somewhere else.
+    QStringList filePaths() const;
+
     // Canonical.
     QString defaultPath() const;
     QString writePath() const;
 
     /// Tells whether changes are admitted.
     bool ownsTree() const;
+    /// Why changes are refused, as it was seen last; empty when they are admitted.
+    QString changeRefusal() const;
+    /// Looks whether the writable tree is still there and its file system can be written, as is
+    /// done before each change.
+    void lookAtTree();
+    /// Looks whether its file system has room, too. To be called when a write has failed: from then
+    /// on changes are refused while it has none. Returns whether it has room again.
+    bool lookForRoom();
+    /// Whether it had none when it was last looked for.
+    bool lacksRoom() const;
+    /// Whether the path of the writable tree led somewhere else when it was last looked at.
+    bool isTreeReplaced() const;
+    /// The reason that changeRefusal() gives from now on; for an engine that only reads.
+    void setReadOnlyReason(const QString& reason);
+    /// Whether a change of several files has begun, which the next opening of the tree finishes.
+    bool isUnfinished() const;
     /// A descriptor of the writable tree, as long as it is owned; otherwise -1.
     int treeDirectory() const;
     /// What was found and done when the tree was opened for changes, one line each, for the
@@ -138,6 +162,10 @@ public:
     /// Catalogues found for the language; 0 when texts stay as they are.
     int catalogueCount() const;
 
+    /// Ends at once, because the tree is no longer where its path leads: writes nothing, destroys
+    /// the worker and gives the tree back. Returns what was accepted and is not confirmed to be on
+    /// the disk. A language stays in use.
+    [[nodiscard]] QVector<WriteTracker::Change> abandon();
     /// Ends in order: flushes if anything accepted may not be safely on disk, answers every
     /// flush() that waits, takes no more requests, destroys the worker, gives the tree back.
     /// Returns whether everything accepted is on disk. A later call changes nothing and returns
@@ -151,7 +179,8 @@ private:
     bool takeTree(EngineFailure* failure);
     void note(const JournalResult& result);
     void migrateTree();
-    QString noChangeReason(const QString& reason) const;
+    void refuseUntilFinished(const QString& reason);
+    void end();
     bool createWorker(EngineFailure* failure);
     std::unique_ptr<CMWorker> newWorker(EngineFailure* failure) const;
     void replaceWorker(std::unique_ptr<CMWorker> successor);
@@ -165,7 +194,11 @@ private:
     OwnerLock m_lock;
     std::optional<qint64> m_otherOwner;
     QStringList m_notes;
-    QString m_readOnlyReason; ///< why the tree admits no change
+    QString m_readOnlyReason; ///< why the tree admits no change; empty: as it was looked at
+    bool m_isUnfinished = false; ///< a change of several files has begun
+    QString m_noRoomReason; ///< since a write failed
+    QString m_treeReason; ///< what was seen when the tree was last looked at
+    bool m_isTreeReplaced = false;
     int m_catalogueCount = 0;
 
     // In the order of construction; each uses those before it.

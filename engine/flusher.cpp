@@ -140,8 +140,10 @@ void Flusher::startSync()
 
 void Flusher::on_sync_finished(const QString& error)
 {
-    const QString reason =
-        error.isEmpty() ? QString() : QStringLiteral("The file system did not sync: ") + error;
+    // What was written since the tree was replaced went elsewhere.
+    const QString reason = error.isEmpty()
+        ? m_lock->displacement()
+        : QStringLiteral("The file system did not sync: ") + error;
     m_writes->endSync(m_syncNumber, reason);
     if (m_coversServed && !m_served.isEmpty())
         answer(reason);

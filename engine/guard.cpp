@@ -194,9 +194,9 @@ void Guard::setWorker(CMWorker* worker)
     m_worker = worker;
 }
 
-void Guard::setReadOnly(const QString& message)
+void Guard::setRefusal(const std::function<QString()>& refusal)
 {
-    m_readOnlyMessage = message;
+    m_refusal = refusal;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -422,8 +422,9 @@ CMError Guard::checkTarget(const CMPath& path, Target* target)
 {
     if (!isServed(path))
         return CMAbstractWorker::createErrorInvalidPath(path);
-    if (!m_readOnlyMessage.isEmpty())
-        return engineError(ErrorCode::Unavailable, m_readOnlyMessage);
+    const QString refused = m_refusal ? m_refusal() : QString();
+    if (!refused.isEmpty())
+        return engineError(ErrorCode::Unavailable, refused);
     const QString settingPath = settingPathOf(path);
     // The worker answers for the flush action as if it were a setting.
     const CMPath node = m_worker->addPrefix(settingPath);
@@ -451,8 +452,9 @@ CMError Guard::checkReset(const CMPath& path, bool isRecursive)
         return engineError(ofPath.code, ofPath.message);
     if (!isServed(path))
         return CMAbstractWorker::createErrorInvalidPath(path);
-    if (!m_readOnlyMessage.isEmpty())
-        return engineError(ErrorCode::Unavailable, m_readOnlyMessage);
+    const QString refused = m_refusal ? m_refusal() : QString();
+    if (!refused.isEmpty())
+        return engineError(ErrorCode::Unavailable, refused);
     const QString settingPath = settingPathOf(path);
     if (isAction(m_worker->addPrefix(settingPath)))
         return refusal(QStringLiteral("Path '%1' is an action"), path);

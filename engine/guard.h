@@ -13,6 +13,7 @@
 #include <QString>
 #include <QVariant>
 
+#include <functional>
 #include <optional>
 
 namespace tulo {
@@ -73,9 +74,9 @@ public:
 
     /// From now on it stands in front of this worker, which serves the same directories.
     void setWorker(CMWorker* worker);
-    /// From now on every change is refused with the code Unavailable and this message; an empty one
-    /// admits changes again. The two actions stay admitted.
-    void setReadOnly(const QString& message);
+    /// From now on each change is refused with the code Unavailable and the message that `refusal`
+    /// returns for it, unless that is empty. The two actions stay admitted.
+    void setRefusal(const std::function<QString()>& refusal);
 
     /// Returns the request to hand to the worker: `request` itself, or one that shares its reply
     /// and asks for fewer rows or changes to another value. Sets `error` and returns an empty
@@ -149,7 +150,7 @@ private:
     const QString m_writePath;
     const QString m_productPostfix;
     FileProbe m_files;
-    QString m_readOnlyMessage;
+    std::function<QString()> m_refusal;
 
     // Settings that only the writable tree holds: names by directory, in setting paths. Filled
     // when the first one is to be made.

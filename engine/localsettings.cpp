@@ -18,6 +18,7 @@
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QEvent>
+#include <QFileInfo>
 #include <QPointer>
 #include <QSet>
 #include <QThread>
@@ -65,6 +66,11 @@ Error destroyedError()
     return { ErrorCode::Cancelled, QStringLiteral("cancelled"), QString() };
 }
 
+QString treePath(const EngineOptions& options)
+{
+    return options.writePath.isEmpty() ? Engine::builtInWritePath() : options.writePath;
+}
+
 QString absolute(const QString& path)
 {
     return path.startsWith(separator) ? path : separator + path;
@@ -79,28 +85,38 @@ QString absolute(const QString& path)
 std::unique_ptr<LocalSettings> LocalSettings::open(const EngineOptions& options,
                                                    EngineFailure* failure)
 {
-    std::unique_ptr<Engine> engine = Engine::open(options, failure);
-    if (!engine)
+    Opening opening = options.waitsForTree ? openTree(options, Place::Nothing) : openOwned(options);
+    *failure = opening.failure;
+    // Whatever else keeps it from being owned is for somebody to mend.
+    const bool isWaitedFor = failure->kind == EngineFailure::Kind::None
+        || failure->kind == EngineFailure::Kind::NotWritable;
+    if (!opening.engine || !isWaitedFor)
         return nullptr;
-    return std::unique_ptr<LocalSettings>(new LocalSettings(options, std::move(engine)));
+    *failure = EngineFailure();
+    return std::unique_ptr<LocalSettings>(new LocalSettings(options, std::move(opening)));
 }
 
-LocalSettings::LocalSettings(const EngineOptions& options, std::unique_ptr<Engine> engine)
-    : m_product(options.productPostfix)
-    , m_engine(std::move(engine))
+LocalSettings::LocalSettings(const EngineOptions& options, Opening opening)
+    : m_options(options)
 {
-    m_engine->addObserver(this);
-    // Inside a log call of the worker, so it only looks: with each change, too, an event would be
-    // too much.
-    connect(
-        &m_engine->writes(), &WriteTracker::changed, this,
-        [this] {
-            const int revision = m_engine->writes().revision();
-            if (m_unsavedRevision.exchange(revision) != revision)
-                QMetaObject::invokeMethod(this, &LocalSettings::unsavedChanged,
-                                          Qt::QueuedConnection);
-        },
-        Qt::DirectConnection);
+    use(std::move(opening));
+    m_refusal = m_engine->changeRefusal();
+    if (m_options.access != EngineOptions::Access::Own)
+        return;
+    m_treeCheck.setInterval(treeCheckMs);
+    m_treeCheck.setSingleShot(true);
+    connect(&m_treeCheck, &QTimer::timeout, this, &LocalSettings::checkTree);
+    connect(this, &LocalSettings::unsavedChanged, this, &LocalSettings::checkTree);
+    if (m_options.waitsForTree) {
+        m_mounts = std::make_unique<MountWatch>();
+        connect(m_mounts.get(), &MountWatch::changed, this, &LocalSettings::checkTree);
+    }
+    if (m_refusal.isEmpty())
+        return;
+    // It may be for that that a change is not finished.
+    m_engine->lookForRoom();
+    m_engine->writes().setError(m_refusal);
+    m_treeCheck.start();
 }
 
 LocalSettings::~LocalSettings()
@@ -115,10 +131,11 @@ LocalSettings::~LocalSettings()
 bool LocalSettings::stop()
 {
     if (m_isStopped)
-        return m_engine->stop();
+        return m_engine->stop() && m_carried.isEmpty();
     m_isStopped = true;
-    m_engine->removeObserver(this);
-    const bool isSaved = m_engine->stop();
+    if (m_place != Place::Nothing)
+        m_engine->removeObserver(this);
+    const bool isSaved = m_engine->stop() && m_carried.isEmpty();
     if (!m_isDestroyed)
         emit stateChanged(State::Away);
     return isSaved;
@@ -161,22 +178,231 @@ int LocalSettings::treeDirectory() const
 
 bool LocalSettings::hasUnwrittenChanges() const
 {
-    return std::as_const(*m_engine).writes().needsFlush();
+    return !m_carried.isEmpty() || std::as_const(*m_engine).writes().needsFlush();
 }
 
 QStringList LocalSettings::notSavedPaths() const
 {
-    return m_engine->writes().unsavedPaths();
+    if (m_carried.isEmpty())
+        return m_engine->writes().unsavedPaths();
+    QStringList paths;
+    for (const WriteTracker::Change& change : m_carried)
+        paths.append(change.path.text());
+    paths.sort();
+    return paths;
+}
+
+QString LocalSettings::changeRefusal() const
+{
+    return m_engine->changeRefusal();
 }
 
 QString LocalSettings::lastWriteError() const
 {
-    return m_engine->writes().lastError();
+    const QString error = std::as_const(*m_engine).writes().lastError();
+    return error.isEmpty() ? m_lastWriteError : error;
 }
 
 void LocalSettings::followLog()
 {
     m_engine->writes().attach();
+}
+
+// ---------------------------------------------------------------------------------------------
+// The tree, which may come late, go, or admit no change for a time. What becomes of it is found out
+// in the event loop, between two requests.
+// ---------------------------------------------------------------------------------------------
+
+LocalSettings::Opening LocalSettings::openOwned(const EngineOptions& options)
+{
+    Opening opening;
+    opening.engine = Engine::open(options, &opening.failure);
+    opening.place = opening.engine ? Place::Owned : Place::Nothing;
+    return opening;
+}
+
+// Opens as much of the tree as possible; nothing when that is already served, from `present`.
+LocalSettings::Opening LocalSettings::openTree(const EngineOptions& options, Place present)
+{
+    Opening opening;
+    const bool isMissing = options.waitsForMount && !isOnOwnFileSystem(treePath(options));
+    if (isMissing) {
+        opening.refusal = QStringLiteral("The partition of the writable tree '%1' is not mounted")
+                              .arg(treePath(options));
+    } else {
+        opening = openOwned(options);
+        opening.refusal = opening.failure.message;
+    }
+    if (opening.engine)
+        return opening;
+
+    EngineOptions reading = options;
+    reading.access = EngineOptions::Access::Read;
+    EngineFailure failure;
+    if (!isMissing) {
+        opening.place = Place::Read;
+        if (present == Place::Read && QFileInfo(treePath(options)).isReadable())
+            return opening;
+        opening.engine = Engine::open(reading, &failure);
+    }
+    if (!opening.engine) {
+        opening.place = Place::Substitute;
+        if (present == Place::Substitute)
+            return opening;
+        opening.substitute = std::make_unique<QTemporaryDir>();
+        reading.defaultPath =
+            options.defaultPath.isEmpty() ? Engine::builtInDefaultPath() : options.defaultPath;
+        reading.writePath = opening.substitute->path();
+        opening.engine = Engine::open(reading, &failure);
+    }
+    if (!opening.engine) {
+        opening.place = Place::Nothing;
+        opening.failure = failure;
+    }
+    return opening;
+}
+
+void LocalSettings::use(Opening opening)
+{
+    m_place = opening.place;
+    if (!opening.engine)
+        return;
+    m_engine = std::move(opening.engine);
+    m_substitute = std::move(opening.substitute);
+    if (m_place != Place::Owned && m_options.access == EngineOptions::Access::Own)
+        m_engine->setReadOnlyReason(opening.refusal);
+    // Once it was mounted, what is there while it is not is another place.
+    if (m_place == Place::Owned || m_place == Place::Read)
+        m_options.waitsForMount = m_options.waitsForMount || isOnOwnFileSystem(writePath());
+    m_engine->addObserver(this);
+    // Inside a log call of the worker, so it only looks: with each change, too, an event would be
+    // too much.
+    const WriteTracker* const writes = &m_engine->writes();
+    m_unsavedRevision = writes->revision();
+    connect(
+        writes, &WriteTracker::changed, this,
+        [this, writes] {
+            const int revision = writes->revision();
+            if (m_unsavedRevision.exchange(revision) != revision)
+                QMetaObject::invokeMethod(this, &LocalSettings::unsavedChanged,
+                                          Qt::QueuedConnection);
+        },
+        Qt::DirectConnection);
+}
+
+void LocalSettings::checkTree()
+{
+    if (m_isStopped)
+        return;
+    if (m_place != Place::Owned) {
+        openAnew();
+        return;
+    }
+    bool hasRoomAgain = false;
+    if (m_engine->writes().unsavedCount() > 0 || m_engine->lacksRoom())
+        hasRoomAgain = m_engine->lookForRoom();
+    else
+        m_engine->lookAtTree();
+    if (m_engine->isTreeReplaced() || (hasRoomAgain && m_engine->isUnfinished()))
+        openAnew();
+    else
+        noteRefusal();
+}
+
+void LocalSettings::noteRefusal()
+{
+    const QString refusal = m_engine->changeRefusal();
+    if (!refusal.isEmpty())
+        m_treeCheck.start();
+    if (refusal == m_refusal)
+        return;
+    m_refusal = refusal;
+    if (!refusal.isEmpty())
+        m_engine->writes().setError(refusal);
+    else
+        flushUnasked();
+    emit refusalChanged();
+}
+
+// What was accepted for the tree of before is stored in that of now. Without one it is only shown.
+void LocalSettings::openAnew()
+{
+    const bool wasOwned = m_place == Place::Owned;
+    QStringList paths;
+    Opening opening;
+    if (wasOwned) {
+        // First, as it may be the same tree, which has one owner at a time.
+        paths = m_engine->filePaths();
+        m_engine->removeObserver(this);
+        m_carried = m_engine->abandon();
+        opening = openTree(m_options, Place::Nothing);
+    } else {
+        opening = openTree(m_options, m_place);
+        if (!opening.engine && opening.place == m_place) {
+            m_engine->setReadOnlyReason(opening.refusal);
+            noteRefusal();
+            return;
+        }
+        if (m_place != Place::Nothing) {
+            paths = m_engine->filePaths();
+            m_engine->removeObserver(this);
+            (void)m_engine->abandon();
+        }
+    }
+    if (opening.engine) {
+        m_lastWriteError = lastWriteError();
+        m_counters.writes += m_engine->writes().writeCount();
+        m_counters.writeErrors += m_engine->writes().errorCount();
+    }
+    const QString refusal = opening.refusal;
+    use(std::move(opening));
+    m_keptValues.clear();
+    if (m_place == Place::Nothing) {
+        m_engine->setReadOnlyReason(refusal);
+        noteRefusal();
+        return;
+    }
+    for (const WriteTracker::Change& change : qAsConst(m_carried)) {
+        paths.append(change.path.text());
+        if (m_place == Place::Read)
+            continue;
+        const CMError error = m_engine->dispatcher().storeAgain(change.path, change.roles).error();
+        if (errorCode(error) != ErrorCode::None)
+            m_engine->writes().setError(error.message().toString());
+    }
+    if (m_place == Place::Owned)
+        m_carried.clear();
+    announceFiles(paths + m_engine->filePaths());
+    flushUnasked();
+    emit openedAnew();
+    noteRefusal();
+    emit unsavedChanged();
+}
+
+// What happens to it is in the status.
+void LocalSettings::flushUnasked()
+{
+    if (m_engine->ownsTree() && m_engine->writes().needsFlush())
+        m_engine->flush([](const FlushResult& /*result*/) {});
+}
+
+// Announces that any of these settings, and the directories that they are in, may read differently.
+void LocalSettings::announceFiles(const QStringList& paths)
+{
+    QStringList settings = paths;
+    settings.removeDuplicates();
+    settings.sort();
+    QSet<QString> directories;
+    for (const QString& path : qAsConst(settings)) {
+        announceDifference(path, {});
+        for (QString above = parentOf(path); !above.isEmpty(); above = parentOf(above))
+            directories.insert(above);
+    }
+    for (const QString& directory : qAsConst(directories)) {
+        // With a version left out, so that clients list it again.
+        ++m_rowsVersions[directory];
+        rowsChanged(CMPath(directory), QStringLiteral("0"), 0);
+    }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -222,7 +448,10 @@ void LocalSettings::customEvent(QEvent*)
     // Before the request, whose handlers may run an event loop or destroy this.
     if (!m_requests.empty())
         post();
-    request(m_isStopped ? stoppedError() : Error());
+    if (m_place == Place::Nothing)
+        request({ ErrorCode::Unavailable, m_refusal, QString() });
+    else
+        request(m_isStopped ? stoppedError() : Error());
 }
 
 // The events of a change come before its answer, and a handler may destroy this.
@@ -231,6 +460,8 @@ void LocalSettings::answer(const Promise<T>& promise, const Error& error, const 
 {
     const QPointer<LocalSettings> self(this);
     m_counters.failed += error ? 1 : 0;
+    if (m_engine->changeRefusal() != m_refusal)
+        QMetaObject::invokeMethod(this, &LocalSettings::checkTree, Qt::QueuedConnection);
     deliverEvents();
     if (!self)
         promise.fail(destroyedError());
@@ -454,7 +685,7 @@ Error LocalSettings::explain(const QString& path, QVector<RoleOrigin>* origins)
     if (error)
         return error;
     const CMPath full(absolute(path));
-    const TreeReader trees(defaultPath(), writePath(), m_product);
+    const TreeReader trees(defaultPath(), writePath(), m_options.productPostfix);
     const bool isPending = std::as_const(*m_engine).writes().pendingPaths().contains(full.text());
     // Without files, a template is not about this path.
     if (isPending || trees.exists(full.base()))
@@ -940,6 +1171,10 @@ Reply<QStringList> LocalSettings::reset(const QStringList& paths, const ResetOpt
 Reply<int> LocalSettings::flush()
 {
     return enqueue<int>([this](const Promise<int>& promise) {
+        if (!m_carried.isEmpty()) {
+            answer(promise, { ErrorCode::NotSaved, m_refusal, QString() }, 0);
+            return;
+        }
         m_engine->flush([this, promise](const FlushResult& result) {
             // In a later turn, as it may come from stop().
             ++m_counters.flushes;
@@ -972,13 +1207,14 @@ Status LocalSettings::currentStatus() const
     const WriteTracker& writes = std::as_const(*m_engine).writes();
     Status status;
     status.version = QStringLiteral(TULO_VERSION);
-    status.product = m_product;
+    status.product = m_options.productPostfix;
     status.defaultPath = defaultPath();
-    status.writePath = writePath();
+    status.writePath =
+        m_place == Place::Owned || m_place == Place::Read ? writePath() : treePath(m_options);
     status.isWritable = m_engine->ownsTree();
-    status.pendingWrites = writes.pendingCount();
-    status.unsavedCount = writes.unsavedCount();
-    status.lastWriteError = writes.lastError();
+    status.pendingWrites = m_carried.isEmpty() ? writes.pendingCount() : 0;
+    status.unsavedCount = m_carried.isEmpty() ? writes.unsavedCount() : m_carried.size();
+    status.lastWriteError = lastWriteError();
     status.processId = QCoreApplication::applicationPid();
     return status;
 }
@@ -1013,8 +1249,8 @@ Reply<QVariantMap> LocalSettings::statistics()
             { QStringLiteral("resets"), m_counters.resets },
             { QStringLiteral("announcements"), m_counters.announcements },
             { QStringLiteral("flushes"), m_counters.flushes },
-            { QStringLiteral("writes"), writes.writeCount() },
-            { QStringLiteral("writeErrors"), writes.errorCount() },
+            { QStringLiteral("writes"), m_counters.writes + writes.writeCount() },
+            { QStringLiteral("writeErrors"), m_counters.writeErrors + writes.errorCount() },
             { QStringLiteral("keptValues"), qint64(m_keptValues.size()) },
         };
         answer(promise, Error(), numbers);
@@ -1024,7 +1260,7 @@ Reply<QVariantMap> LocalSettings::statistics()
 Reply<QStringList> LocalSettings::unsavedPaths(int maximum)
 {
     return enqueue<QStringList>([this, maximum](const Promise<QStringList>& promise) {
-        const QStringList paths = std::as_const(*m_engine).writes().unsavedPaths();
+        const QStringList paths = notSavedPaths();
         answer(promise, Error(), QStringList(paths.mid(0, qMax(maximum, 0))));
     });
 }

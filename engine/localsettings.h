@@ -2,6 +2,7 @@
 
 #include "engine/dispatcher.h"
 #include "engine/engine.h"
+#include "trees/partition.h"
 
 #include <tulo/settings.h>
 
@@ -11,6 +12,8 @@
 #include <QHash>
 #include <QMap>
 #include <QString>
+#include <QTemporaryDir>
+#include <QTimer>
 #include <QVector>
 
 #include <atomic>
@@ -33,6 +36,15 @@ namespace tulo {
 ///
 /// Opened for reading it takes no lock, and changes fail with Unavailable.
 ///
+/// The owner of a tree keeps an eye on it. While its file system is read-only, has no room (since a
+/// write failed), or is not mounted, and when something else is found at the tree's path, changes
+/// fail with Unavailable and the reason, reading goes on, and what was accepted before is kept. The
+/// state is looked at again every few seconds and when something is mounted. Then what was kept is
+/// stored, in the tree that the path leads to now: it is opened anew if it is another one, and
+/// everything in either is announced. While there is no tree, an empty directory stands for it: the
+/// settings read as the default tree has them, and nothing is written where the tree is missing.
+/// A tree that was on another file system than the root directory is missing while it is not.
+///
 /// The worker keeps few settings loaded. As the owner of the tree, which hears of every change,
 /// this keeps the small values of more, so that programs that read a thousand settings again cost
 /// no thousand files. Like the worker's, they are read from files again after dropCache().
@@ -46,6 +58,8 @@ public:
     /// Values that are kept, about 250 bytes each; a text has at most so many characters.
     static constexpr int maximumKeptValues = 16384;
     static constexpr int maximumKeptCharacters = 100;
+    /// How often a tree that admits no change is looked at.
+    static constexpr int treeCheckMs = 5000;
 
     /// Null when they cannot be opened; `failure` says why.
     static std::unique_ptr<LocalSettings> open(const EngineOptions& options,
@@ -82,7 +96,7 @@ public:
 
     // Of the engine, also after stop().
     QString defaultPath() const; ///< canonical
-    QString writePath() const; ///< canonical
+    QString writePath() const; ///< canonical; while the tree is missing, what stands for it
     /// The process that owned the tree when it was opened for reading, 0 when it had not said its
     /// process id; none when nobody owned it.
     std::optional<qint64> otherOwner() const;
@@ -90,6 +104,8 @@ public:
     int catalogueCount() const;
     QStringList notes() const; ///< see Engine::notes()
     int treeDirectory() const; ///< see Engine::treeDirectory()
+    /// Why changes are refused, as it was seen last; empty when they are admitted.
+    QString changeRefusal() const;
     /// What status() answers, at once.
     Status currentStatus() const;
     /// Whether a flush has anything to do.
@@ -105,6 +121,10 @@ public:
 signals:
     /// The status' unsavedCount or lastWriteError may read differently. From the event loop.
     void unsavedChanged();
+    /// changeRefusal() reads differently.
+    void refusalChanged();
+    /// Another tree is served, or one as its owner: paths and notes() may read differently.
+    void openedAnew();
 
 protected:
     void watchAdded(Watch* watch) override;
@@ -117,7 +137,25 @@ private:
     struct Order;
     struct AdmittedChange;
 
-    LocalSettings(const EngineOptions& options, std::unique_ptr<Engine> engine);
+    /// What is served.
+    enum class Place {
+        Owned, ///< the tree
+        Read, ///< the tree, without a lock
+        Substitute, ///< an empty directory
+        Nothing
+    };
+    struct Opening
+    {
+        Place place = Place::Nothing;
+        std::unique_ptr<Engine> engine; ///< null when nothing can be served, or what already is
+        std::unique_ptr<QTemporaryDir> substitute;
+        QString refusal; ///< why changes are refused; empty: they are not
+        EngineFailure failure; ///< when nothing can be served, or the tree cannot be owned
+    };
+
+    LocalSettings(const EngineOptions& options, Opening opening);
+    static Opening openTree(const EngineOptions& options, Place present);
+    static Opening openOwned(const EngineOptions& options);
 
     template<typename T, typename Work>
     Reply<T> enqueue(Work work);
@@ -126,6 +164,13 @@ private:
     void post();
     void deliverEvents();
     void append(const Event& event);
+
+    void use(Opening opening);
+    void checkTree();
+    void noteRefusal();
+    void flushUnasked();
+    void openAnew();
+    void announceFiles(const QStringList& paths);
 
     Error read(const QString& path, const QStringList& roles, QVariantMap* values);
     bool readKept(const QString& path, const QStringList& roles, QVariantMap* values);
@@ -164,10 +209,21 @@ private:
         qint64 resets = 0; ///< settings
         qint64 announcements = 0;
         qint64 flushes = 0;
+        // Of trees that were served before.
+        qint64 writes = 0;
+        qint64 writeErrors = 0;
     };
 
-    const QString m_product;
-    const std::unique_ptr<Engine> m_engine;
+    EngineOptions m_options;
+    Place m_place = Place::Nothing;
+    std::unique_ptr<QTemporaryDir> m_substitute;
+    std::unique_ptr<Engine> m_engine;
+    QString m_refusal; ///< that was announced
+    /// Accepted, and not confirmed to be in a tree that is not there; while it is not owned again.
+    QVector<WriteTracker::Change> m_carried;
+    QString m_lastWriteError; ///< in a tree that was served before
+    QTimer m_treeCheck;
+    std::unique_ptr<MountWatch> m_mounts;
     std::deque<Request> m_requests;
     bool m_isPosted = false; ///< the event that carries the next request out
     std::deque<Event> m_events; ///< announced and not yet delivered

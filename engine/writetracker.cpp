@@ -305,6 +305,17 @@ QVector<WriteTracker::Change> WriteTracker::unsavedChanges() const
     return changes;
 }
 
+QVector<WriteTracker::Change> WriteTracker::unconfirmedChanges() const
+{
+    const QMutexLocker locker(&m_mutex);
+    QVector<Change> changes;
+    for (auto change = m_changes.cbegin(); change != m_changes.cend(); ++change) {
+        if (!change->roles.__isEmpty())
+            changes.append({ CMPath(change.key()), change->roles });
+    }
+    return changes;
+}
+
 int WriteTracker::pendingCount() const
 {
     const QMutexLocker locker(&m_mutex);

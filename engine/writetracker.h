@@ -79,6 +79,8 @@ public:
     int unsavedCount() const;
     /// The unsaved changes that are not pending again, by path.
     QVector<Change> unsavedChanges() const;
+    /// Everything that was changed and is not confirmed to be on the disk, by path.
+    QVector<Change> unconfirmedChanges() const;
     /// The last failure to write or to sync, empty when there was none.
     QString lastError() const;
     /// Files that were written, and writes and syncs that failed.

@@ -421,7 +421,8 @@ void TstServicePackaging::unitTurnsItsVariablesIntoOptions_data()
                          << QString::fromUtf8("s \"Lautst\303\244rke\"") << QStringLiteral("x 45");
 }
 
-// As systemd.service(5) has it: ${NAME} is one word, empty when the variable is.
+// As systemd.service(5) has it: ${NAME} is one word, empty when the variable is, and $NAME as many
+// as the variable has.
 void TstServicePackaging::unitTurnsItsVariablesIntoOptions()
 {
     QFETCH(const QString, product);
@@ -452,6 +453,7 @@ void TstServicePackaging::unitTurnsItsVariablesIntoOptions()
             word = m_root.path() + word;
     }
     QCOMPARE(replaced, variables.size());
+    QCOMPARE(words.removeAll(QStringLiteral("$TULO_OPTIONS")), 1);
     const TemporaryTree written;
     const PrivateBus bus;
     words << QStringLiteral("--default-path") << QStringLiteral(TULO_EXAMPLE_TREE)

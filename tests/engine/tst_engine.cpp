@@ -125,6 +125,7 @@ private slots:
     void changeWithoutAValueIsStoredAgainWithoutOne();
     void replacedTreeIsNotSaved();
     void replacedTreeIsNoticedAfterAWrite();
+    void changeToAReplacedTreeIsRefused();
     void workersSlotForWritingHasItsName();
     void stopFlushesWhatIsPending();
     void stopSyncsWhatTheTimerWrote();
@@ -776,11 +777,27 @@ void tst_engine::replacedTreeIsNoticedAfterAWrite()
 {
     const std::unique_ptr<Engine> engine = openEngine();
     const QString tree = m_tree->writePath();
+    sendValue(engine->dispatcher(), volume, number(1));
     QVERIFY(QDir().rename(tree, tree + QLatin1String(".old")));
     QVERIFY(QDir().mkdir(tree));
-    sendValue(engine->dispatcher(), volume, number(1));
 
     QTRY_VERIFY_WITH_TIMEOUT(engine->writes().lastError().contains(tree), replyWaitMs);
+}
+
+void tst_engine::changeToAReplacedTreeIsRefused()
+{
+    const std::unique_ptr<Engine> engine = openEngine();
+    const QString tree = m_tree->writePath();
+    QVERIFY(QDir().rename(tree, tree + QLatin1String(".old")));
+    QVERIFY(QDir().mkdir(tree));
+
+    QCOMPARE(errorText(sendValue(engine->dispatcher(), volume, number(1))),
+             QStringLiteral("Unavailable: The writable tree '%1' has been replaced").arg(tree));
+
+    QVERIFY(!engine->ownsTree());
+    QVERIFY(engine->isTreeReplaced());
+    QVERIFY(engine->stop());
+    QVERIFY(QDir(tree).isEmpty(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot));
 }
 
 void tst_engine::stopFlushesWhatIsPending()

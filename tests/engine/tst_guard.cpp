@@ -1156,7 +1156,7 @@ void tst_guard::rowsTellWhichOfThemCannotBeServed()
 
 void tst_guard::readOnlyGuardRefusesChangesOnly()
 {
-    m_guard->setReadOnly(QStringLiteral("The tree is somebody else's"));
+    m_guard->setRefusal([] { return QStringLiteral("The tree is somebody else's"); });
 
     QCOMPARE(errorText(setData(volume, TuloRoles::Value(), intValue(1))),
              QStringLiteral("Unavailable: The tree is somebody else's"));
@@ -1166,7 +1166,7 @@ void tst_guard::readOnlyGuardRefusesChangesOnly()
     QCOMPARE(errorText(m_dispatcher->getRows(CMPath(directory), 0, 1, {})), QString());
     QCOMPARE(errorText(m_dispatcher->dropCache()), QString());
 
-    m_guard->setReadOnly(QString());
+    m_guard->setRefusal({});
     QCOMPARE(errorText(setData(volume, TuloRoles::Value(), intValue(1))), QString());
 }
 

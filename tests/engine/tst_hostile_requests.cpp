@@ -205,7 +205,7 @@ void tst_HostileRequests::readOnlyHostRefusesEveryChange()
     Router router;
     router.addWorker(stage.worker.get());
     Dispatcher dispatcher(&router, &guard);
-    guard.setReadOnly(QStringLiteral("The tree is in use"));
+    guard.setRefusal([] { return QStringLiteral("The tree is in use"); });
 
     const auto set = sendChange(dispatcher, CMPath(volume), TuloRoles::Value(), intValue(8));
     const auto get = dispatcher.getData(CMPath(volume), { TuloRoles::Value() });

@@ -1,5 +1,6 @@
 #include "tests/settings/settingscontract.h"
 
+#include "tests/support/replywaiter.h"
 #include "trees/treestamp.h"
 
 #include <QCoreApplication>
@@ -2003,6 +2004,11 @@ void SettingsContract::replacedTreeIsNotSaved()
     const Reply<Status> status = settings().status();
     QVERIFY(status.wait());
     QCOMPARE(status.value().lastWriteError, flush.error().message);
+
+    // What was accepted is stored in the new one.
+    QTRY_COMPARE_WITH_TIMEOUT(answerOf(settings().flush()), QStringLiteral("0"), replyWaitMs);
+    QVERIFY(tree().readWritten(QStringLiteral("/audio/volume")).contains(R"("value":{"int":40})"));
+    QCOMPARE(answerOf(settings().get(volume, valueRole)), QStringLiteral("{value: x 40}"));
 }
 
 void SettingsContract::treeDigestTellsDefaultTreesApart()
