@@ -162,6 +162,8 @@ void SignalHandler::endProcess()
 void writeOnSignal(int descriptor, const char* bytes)
 {
     toWrite[descriptor] = bytes;
+    if (bytes == nullptr)
+        return;
     // Not in the place of a SignalHandler, and not where the signal is ignored.
     for (const int number : { SIGINT, SIGTERM, SIGHUP }) {
         struct sigaction action = {};
