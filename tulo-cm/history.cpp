@@ -21,7 +21,7 @@ namespace {
 
 constexpr int maximumLines = 1000;
 // A file of this size was not written by us.
-constexpr qint64 maximumBytes = 64 * 1024 * 1024;
+constexpr int maximumBytes = 64 * 1024 * 1024;
 
 QString systemError(const QString& fileName)
 {
@@ -59,7 +59,7 @@ QString checkOwner(const struct stat& status, const QString& name)
 QString makePrivate(int descriptor, const struct stat& status, const QString& name)
 {
     constexpr mode_t rightsOfOthers = S_IRWXG | S_IRWXO;
-    const QString reason = checkOwner(status, name);
+    QString reason = checkOwner(status, name);
     const bool isNarrow = (status.st_mode & rightsOfOthers) == 0;
     if (!reason.isEmpty() || isNarrow || ::fchmod(descriptor, status.st_mode & S_IRWXU) == 0)
         return reason;
@@ -257,7 +257,7 @@ QString History::add(const QString& line, Keep keep)
     insert(&m_lines, line);
     if (keep == Keep::Here || !m_file || addLine(m_file.get(), line))
         return QString();
-    const QString reason = qt_error_string(errno);
+    QString reason = qt_error_string(errno);
     m_file.reset();
     return reason;
 }
