@@ -206,10 +206,10 @@ void LineEditor::bindKeys()
     ::el_wset(m_editor, EL_ADDFN, L"drop-line", L"Drop the line", dropLine);
     for (const auto& key : keys)
         ::el_wset(m_editor, EL_BIND, key[0], key[1], nullptr);
-    // ^S is a key as any other, and a command that ^C ends leaves no "^C" where the next line
-    // begins.
+    // ^S is a key as any other. What is typed or pasted while a command runs, a ^C among it, shows
+    // where the next line is edited, not in the middle of the command's output as well.
     ::el_wset(m_editor, EL_SETTY, L"-d", L"-ixon", nullptr);
-    ::el_wset(m_editor, EL_SETTY, L"-x", L"-echoctl", nullptr);
+    ::el_wset(m_editor, EL_SETTY, L"-x", L"-echo", nullptr);
 }
 
 void LineEditor::setHistory(const QStringList& lines)

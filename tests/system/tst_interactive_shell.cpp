@@ -84,8 +84,7 @@ QString lines(std::initializer_list<const char*> rows)
     return texts.join(QLatin1Char('\n'));
 }
 
-/// Types a line and waits until it was run. What is typed before the prompt is there is echoed by
-/// the terminal, as everywhere.
+/// Types a line and waits until it was run.
 bool enter(Terminal* terminal, const QByteArray& line)
 {
     terminal->type(line);
@@ -130,6 +129,7 @@ private slots:
     void endOfInputLeaves();
     void exitLeavesWithTheFirstFailure();
     void quitSignalIsIgnored();
+    void linesTypedAheadAreShownOnce();
     void directoryIsInThePrompt();
     void pathsAreRelative_data();
     void pathsAreRelative();
@@ -725,6 +725,20 @@ void TstInteractiveShell::quitSignalIsIgnored()
 // ---------------------------------------------------------------------------------------------
 // Directories.
 // ---------------------------------------------------------------------------------------------
+
+void TstInteractiveShell::linesTypedAheadAreShownOnce()
+{
+    const Person person;
+    Terminal terminal;
+    person.sitDownAt(&terminal);
+    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+
+    terminal.type("wait 300\rget audio/volume\rcd audio\rget volume");
+
+    COMPARE_SCREEN(terminal,
+                   lines({ "/settings> wait 300", "/settings> get audio/volume", "35",
+                           "/settings> cd audio", "/settings/audio> get volume|" }));
+}
 
 void TstInteractiveShell::directoryIsInThePrompt()
 {
