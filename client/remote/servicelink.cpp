@@ -362,14 +362,20 @@ Error ServiceLink::errorOf(sd_bus_message* answer, const QString& path) const
         return { ErrorCode::Unavailable, QStringLiteral("no service on %1").arg(where()), path };
     if (isOneOf({ SD_BUS_ERROR_ACCESS_DENIED })) {
         return { ErrorCode::Unavailable,
-                 QStringLiteral("the bus does not permit it: %1").arg(message), path };
+                 QStringLiteral("the bus does not permit it: %1; members of the group 'tulo-read' "
+                                "may read, those of 'tulo' also change")
+                     .arg(message),
+                 path };
     }
     if (isOneOf({ SD_BUS_ERROR_NO_REPLY, SD_BUS_ERROR_TIMEOUT, SD_BUS_ERROR_DISCONNECTED,
                   "org.freedesktop.DBus.Error.TimedOut" })) {
         return { ErrorCode::Unavailable,
                  QStringLiteral("the service gave no answer: %1").arg(message), path };
     }
-    if (QByteArray(error->name).startsWith("org.freedesktop.DBus.Error.Spawn.")) {
+    // The second are those of systemd, such as that the unit is masked.
+    const QByteArray name(error->name);
+    if (name.startsWith("org.freedesktop.DBus.Error.Spawn.")
+        || name.startsWith("org.freedesktop.systemd1.")) {
         return { ErrorCode::Unavailable,
                  QStringLiteral("the service cannot be started: %1").arg(message), path };
     }

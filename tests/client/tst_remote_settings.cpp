@@ -808,10 +808,13 @@ void tst_RemoteSettings::errorsKeepTheirCode_data()
     row("org.freedesktop.DBus.Error.ServiceUnknown", ErrorCode::Unavailable,
         QStringLiteral("no service on the bus '%1'").arg(m_bus.address()));
     row("org.freedesktop.DBus.Error.AccessDenied", ErrorCode::Unavailable,
-        QStringLiteral("the bus does not permit it: so it is"));
+        QStringLiteral("the bus does not permit it: so it is; members of the group 'tulo-read' "
+                       "may read, those of 'tulo' also change"));
     row("org.freedesktop.DBus.Error.NoReply", ErrorCode::Unavailable,
         QStringLiteral("the service gave no answer: so it is"));
     row("org.freedesktop.DBus.Error.Spawn.ChildExited", ErrorCode::Unavailable,
+        QStringLiteral("the service cannot be started: so it is"));
+    row("org.freedesktop.systemd1.UnitMasked", ErrorCode::Unavailable,
         QStringLiteral("the service cannot be started: so it is"));
     row("org.freedesktop.DBus.Error.LimitsExceeded", ErrorCode::Limits,
         QStringLiteral("the bus refuses it: so it is"));
