@@ -75,6 +75,7 @@ private slots:
     void wordsOfTheTreeAreEscaped();
     void misspeltWordGetsAHint_data();
     void misspeltWordGetsAHint();
+    void settingIsNotListed();
     void hintIsForATerminal();
     void watchOfATreeNamesRows();
 
@@ -310,6 +311,19 @@ void TstPeople::misspeltWordGetsAHint()
     if (!hint.isNull())
         lines.insert(1, "tulo-cm: did you mean '" + hint + "'?");
     QCOMPARE(terminal.output(), lines.join('\n'));
+}
+
+void TstPeople::settingIsNotListed()
+{
+    Terminal terminal(200, 10);
+    terminal.setVariable("NO_COLOR", "1");
+
+    terminal.start(program, m_cli.arguments(words("ls /settings/audio/volume")));
+
+    QCOMPARE(terminal.wait(), 3);
+    QCOMPARE(terminal.output(),
+             QByteArray("tulo-cm: Invalid path '/settings/audio/volume'\n"
+                        "tulo-cm: '/settings/audio/volume' is a setting, not a directory\n"));
 }
 
 void TstPeople::hintIsForATerminal()
