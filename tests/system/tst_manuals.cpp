@@ -1,6 +1,7 @@
 #include "tests/support/childprocess.h"
 #include "tests/system/commandline.h"
 
+#include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -21,6 +22,7 @@ private Q_SLOTS:
     void optionsAreTheSameEverywhere_data();
     void optionsAreTheSameEverywhere();
     void everyNameOfTheInterfaceHasAnEntry();
+    void pagesNeedNoUtf8();
 
 private:
     const CommandLine m_cli;
@@ -179,6 +181,20 @@ void TstManuals::everyNameOfTheInterfaceHasAnEntry()
     QCOMPARE(sorted(members - terms), QStringList());
     // What was refused is named in the page as it is on the bus.
     QVERIFY(terms.contains(QStringLiteral("NotModifiable")));
+}
+
+// In another locale man warns of what it cannot show.
+void TstManuals::pagesNeedNoUtf8()
+{
+    const QStringList names { QStringLiteral("*.scd") };
+    const QDir directory(QStringLiteral(TULO_SOURCE_DIR "/docs/man"));
+    const QStringList files = directory.entryList(names, QDir::Files);
+    QVERIFY(!files.isEmpty());
+    for (const QString& file : files) {
+        const QStringList others = matches(page(qPrintable(file)), "([^\\x00-\\x7f]+)").values();
+        QVERIFY2(others.isEmpty(),
+                 qPrintable(file + QLatin1String(": ") + others.join(QLatin1Char(' '))));
+    }
 }
 
 QTEST_GUILESS_MAIN(TstManuals)
