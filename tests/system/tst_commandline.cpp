@@ -1019,7 +1019,7 @@ void TstCommandline::helpAsJson()
                  R"(value --role title","name":"get","options":[{"description":"a role to print; )"
                  R"(can be given more than once","name":"role","value":"ROLE"},{"description":)"
                  R"("all known roles that the node has","name":"all","value":""}],"summary":)"
-                 R"("Prints roles of settings: the value when no role is named."})"
+                 R"("Prints values of settings, or the roles that are named."})"
                  "\n"));
     QCOMPARE(ChildProcess::run(program, words("get --json -h")).standardOutput, get.standardOutput);
     QCOMPARE(jsonOf(ChildProcess::run(program, words("--json --help"))), general);

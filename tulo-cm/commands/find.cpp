@@ -178,7 +178,7 @@ Command find()
         "",
         { { "TEXT" } },
         { changedOption, inOption },
-        "Prints the settings and directories in whose path, title or description TEXT "
+        "Searches settings and directories: prints those in whose path, title or description TEXT "
         "occurs, in any\ncase, with their values and titles. /TEXT/ is a Perl-compatible "
         "regular expression; (?i) at\nits beginning ignores case. Ends with 0 when nothing "
         "is found, too. Values of encrypted\nsettings are not printed. On a terminal \"*\" marks changed settings, \"=\" "

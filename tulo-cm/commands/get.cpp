@@ -123,7 +123,7 @@ Command get()
              "",
              { { "PATH", Argument::Count::OneOrMore, Argument::Kind::Path } },
              { roleOption, allOption },
-             "Prints roles of settings: the value when no role is named.",
+             "Prints values of settings, or the roles that are named.",
              "get /settings/audio/volume --role value --role title",
              Command::Where::Anywhere,
              Command::Needs::Settings,
