@@ -2,6 +2,7 @@
 
 #include "tulo-cm/linereader.h"
 #include "tulo-cm/signalhandler.h"
+#include "tulo-cm/terminal.h"
 
 #include <QCoreApplication>
 #include <QThread>
@@ -150,8 +151,7 @@ private:
 
 bool LineEditor::isPossible()
 {
-    const QByteArray terminal = qgetenv("TERM");
-    return !terminal.isEmpty() && terminal != "dumb";
+    return !qEnvironmentVariableIsEmpty("TERM") && !isDumbTerminal();
 }
 
 LineEditor::LineEditor(Output& output, Completer completer)

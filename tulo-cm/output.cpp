@@ -272,7 +272,7 @@ Paging::Paging(Output& output)
     , m_isFirst(!output.m_isPaging)
 {
     if (!m_isFirst || !output.m_mayPage || !output.isForPeople() || ::isatty(STDIN_FILENO) != 1
-        || qgetenv("TERM") == "dumb")
+        || isDumbTerminal())
         return;
     output.flush();
     output.m_isPaging = true;

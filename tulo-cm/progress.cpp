@@ -79,7 +79,7 @@ void draw()
 
 bool isPossible()
 {
-    return ::isatty(STDERR_FILENO) == 1 && qgetenv("TERM") != "dumb";
+    return ::isatty(STDERR_FILENO) == 1 && !isDumbTerminal();
 }
 
 // Signals are for the main thread.

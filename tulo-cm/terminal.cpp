@@ -20,6 +20,11 @@ TerminalSize terminalSize(int descriptor)
     return { orNamed(window.ws_col, "COLUMNS"), orNamed(window.ws_row, "LINES") };
 }
 
+bool isDumbTerminal()
+{
+    return qgetenv("TERM") == "dumb";
+}
+
 // ---------------------------------------------------------------------------------------------
 // Columns.
 // ---------------------------------------------------------------------------------------------
@@ -116,7 +121,7 @@ bool usesColours(Colours colours, int descriptor)
 {
     if (colours != Colours::Auto)
         return colours == Colours::Always;
-    return qEnvironmentVariableIsEmpty("NO_COLOR") && qgetenv("TERM") != "dumb"
+    return qEnvironmentVariableIsEmpty("NO_COLOR") && !isDumbTerminal()
         && ::isatty(descriptor) == 1;
 }
 

@@ -15,6 +15,9 @@ struct TerminalSize
 /// Of the terminal that `descriptor` is; what it does not say, by COLUMNS and LINES.
 TerminalSize terminalSize(int descriptor);
 
+/// Tells whether the terminal can only add text: no colours, and no line that is drawn again.
+bool isDumbTerminal();
+
 /// Columns that a terminal uses for `text`, which is escaped().
 int widthOf(const QString& text);
 /// `text` in at most `columns`: "…" takes the place of its end where it is longer, or with
