@@ -3,8 +3,10 @@
 #include "tulo-cm/commandline.h"
 #include "tulo-cm/completion.h"
 #include "tulo-cm/roles.h"
+#include "tulo-cm/settingssource.h"
 #include "tulo-cm/signalhandler.h"
 #include "tulo-cm/textinput.h"
+#include "tulo-cm/typedwords.h"
 
 #include "engine/engine.h"
 #include "trees/plainroles.h"
@@ -180,7 +182,7 @@ std::unique_ptr<CompletionSource> sourceFor(const Arguments& typed)
 Completion completeWords(const QStringList& words)
 {
     CompletionPlace place;
-    const auto source = sourceFor(readTyped(words.mid(0, words.size() - 1)));
+    const auto source = sourceFor(readTyped(words.mid(0, words.size() - 1)).arguments);
     place.source = source.get();
     return complete(words, place);
 }

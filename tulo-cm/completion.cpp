@@ -3,7 +3,7 @@
 #include "tulo-cm/commandline.h"
 #include "tulo-cm/help.h"
 #include "tulo-cm/roles.h"
-#include "tulo-cm/signalhandler.h"
+#include "tulo-cm/typedwords.h"
 #include "tulo-cm/verbs.h"
 
 #include "trees/plainjson.h"
@@ -17,147 +17,12 @@
 #include <algorithm>
 
 namespace tulo {
-
-// ---------------------------------------------------------------------------------------------
-// Asking settings.
-// ---------------------------------------------------------------------------------------------
-
-SettingsSource::SettingsSource(Settings& settings, int milliseconds)
-    : m_settings(settings)
-    , m_deadline(milliseconds)
-{
-}
-
-template<typename T>
-T SettingsSource::answer(const Reply<T>& reply) const
-{
-    serveEvents(int(m_deadline.remainingTime()), [&reply] { return reply.isFinished(); });
-    reply.cancel();
-    return reply.value();
-}
-
-QVector<Row> SettingsSource::rows(const QString& path, const QString&)
-{
-    // A request would start a service that is away.
-    if (m_settings.state() != Settings::State::Ready)
-        return {};
-    const QStringList roles { QStringLiteral("title") };
-    QVector<Row> rows;
-    int count = 0;
-    do {
-        const int first = rows.size();
-        const Rows page =
-            answer(m_settings.rows(path, first, first + Settings::maximumRows - 1, roles));
-        count = page.count;
-        if (page.rows.isEmpty())
-            break;
-        rows += page.rows;
-    } while (rows.size() < count);
-    // Some of them would be taken for all.
-    return rows.size() < count ? QVector<Row>() : rows;
-}
-
-QVariantMap SettingsSource::roles(const QString& path, const QStringList& roles)
-{
-    if (m_settings.state() != Settings::State::Ready)
-        return {};
-    return answer(m_settings.get(path, roles));
-}
-
 namespace {
-
-// ---------------------------------------------------------------------------------------------
-// What has been typed before the word.
-// ---------------------------------------------------------------------------------------------
-
-struct Typed
-{
-    Arguments arguments;
-    const Option* pending = nullptr; ///< the word is its value
-    bool isPositional = false; ///< after "--"
-};
-
-bool looksLikeOption(const QString& word)
-{
-    return word.size() > 1 && word.startsWith(QLatin1Char('-')) && !looksNegative(word);
-}
-
-// The command's own first: the same name may stand for another option elsewhere.
-const Option* findOption(const Command* command, const QString& name)
-{
-    const auto find = [&name](const QVector<Option>& options) -> const Option* {
-        const auto found =
-            std::find_if(options.cbegin(), options.cend(), [&name](const Option& option) {
-                return name == QLatin1String(option.name)
-                    || (!name.isEmpty() && name == QLatin1String(option.letter));
-            });
-        return found == options.cend() ? nullptr : found;
-    };
-    const Option* const own = command == nullptr ? nullptr : find(command->options);
-    return own != nullptr ? own : find(allOptions());
-}
-
-void addValue(const Option& option, const QString& value, Arguments* arguments)
-{
-    arguments->set(option, arguments->values(option) + QStringList(value));
-}
-
-// "--name", "--name=value", or letters behind one "-".
-void readOption(const QString& word, Typed* typed)
-{
-    Arguments& arguments = typed->arguments;
-    QStringList names;
-    if (word.startsWith(QLatin1String("--"))) {
-        names.append(word.mid(2).section(QLatin1Char('='), 0, 0));
-    } else {
-        for (const QChar letter : word.mid(1))
-            names.append(letter);
-    }
-    for (const QString& name : names) {
-        const Option* const option = findOption(arguments.command, name);
-        if (option == nullptr)
-            continue;
-        if (*option->valueName == 0)
-            arguments.set(*option, {});
-        else if (word.contains(QLatin1Char('=')))
-            addValue(*option, word.section(QLatin1Char('='), 1), &arguments);
-        else
-            typed->pending = option;
-    }
-}
-
-Typed readWords(const QStringList& words)
-{
-    Typed typed;
-    Arguments& arguments = typed.arguments;
-    for (const QString& word : words) {
-        if (typed.pending != nullptr) {
-            addValue(*typed.pending, word, &arguments);
-            typed.pending = nullptr;
-        } else if (!typed.isPositional && word == QLatin1String("--")) {
-            typed.isPositional = true;
-        } else if (!typed.isPositional && looksLikeOption(word)) {
-            readOption(word, &typed);
-        } else if (arguments.command == nullptr && arguments.positional.isEmpty()) {
-            arguments.command = findCommand(word);
-            // An unknown command takes what nobody knows.
-            if (arguments.command == nullptr)
-                arguments.positional.append(word);
-        } else {
-            arguments.positional.append(word);
-        }
-    }
-    return typed;
-}
-
-// ---------------------------------------------------------------------------------------------
-// Completing one word.
-// ---------------------------------------------------------------------------------------------
 
 class Completer
 {
 public:
-    Completer(const Typed& typed, const QString& word, const CompletionPlace& place)
+    Completer(const TypedWords& typed, const QString& word, const CompletionPlace& place)
         : m_arguments(typed.arguments)
         , m_place(place)
         , m_word(word)
@@ -490,14 +355,9 @@ private:
 
 } // namespace
 
-Arguments readTyped(const QStringList& words)
-{
-    return readWords(words).arguments;
-}
-
 Completion complete(const QStringList& words, const CompletionPlace& place)
 {
-    const Typed typed = readWords(words.mid(0, words.size() - 1));
+    const TypedWords typed = readTyped(words.mid(0, words.size() - 1));
     const QString word = words.value(words.size() - 1);
     Completer completer(typed, word, place);
     const int equals = word.indexOf(QLatin1Char('='));

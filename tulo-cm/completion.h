@@ -4,7 +4,6 @@
 
 #include <tulo/settings.h>
 
-#include <QDeadlineTimer>
 #include <QString>
 #include <QStringList>
 #include <QVariantMap>
@@ -52,27 +51,6 @@ public:
     /// The product postfixes of the default tree.
     virtual QStringList products() { return {}; }
 };
-
-/// Asks settings, and serves events while it waits for them, for so long in all.
-class SettingsSource : public CompletionSource
-{
-public:
-    SettingsSource(Settings& settings, int milliseconds);
-
-    QVector<Row> rows(const QString& path, const QString& prefix) override;
-    QVariantMap roles(const QString& path, const QStringList& roles) override;
-
-private:
-    template<typename T>
-    T answer(const Reply<T>& reply) const;
-
-    Settings& m_settings;
-    const QDeadlineTimer m_deadline;
-};
-
-/// The command and the options among words that were typed before the one that is being typed,
-/// whatever is wrong with them.
-Arguments readTyped(const QStringList& words);
 
 /// Where a line is typed.
 struct CompletionPlace

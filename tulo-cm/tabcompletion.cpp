@@ -1,6 +1,7 @@
 #include "tulo-cm/tabcompletion.h"
 
 #include "tulo-cm/completion.h"
+#include "tulo-cm/settingssource.h"
 #include "tulo-cm/textinput.h"
 
 #include <algorithm>
