@@ -69,7 +69,7 @@ JournalResult commitChanges(int directory, const QVector<FileChange>& changes,
 JournalResult redoJournal(int directory);
 
 /// Removes the written files of these settings, these directories (deepest first) if they are empty
-/// then, these records, and a journal that is there: without a journal of its own, so without room.
+/// then, these records, and a journal that is there: writes no journal, so it needs no room.
 /// For a removal whose decision the caller has on the disk and which begins again until it is done.
 /// Returns an empty text when it is on the disk, else one line that says why not.
 [[nodiscard]] QString removeDecided(int directory, const QStringList& settingPaths,

@@ -197,7 +197,7 @@ void LineEditor::bindKeys()
         { L"\\e[3~", L"ed-delete-next-char" },
         { L"\\e[1;5C", L"em-next-word" },
         { L"\\e[1;5D", L"ed-prev-word" },
-        // Would take commands for libedit itself, on a line of their own.
+        // Would take commands for libedit itself, on a separate line.
         { L"\\ex", L"ed-unassigned" },
         { L"\\eX", L"ed-unassigned" },
     };

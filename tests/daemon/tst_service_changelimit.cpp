@@ -29,7 +29,7 @@ QString set(const BusClient& client, int value)
 
 } // namespace
 
-/// A service that limits changes. Each test has a service of its own; within a minute of its start,
+/// A service that limits changes. Each test has a separate service; within a minute of its start,
 /// the third change of a user is too much.
 class TstServiceChangeLimit : public QObject
 {

@@ -36,7 +36,7 @@ public:
     Q_DISABLE_COPY(SilentBus)
 
     QString address() const { return QStringLiteral("unix:path=") + fileName(); }
-    /// Whoever is connected is not any more.
+    /// Ends the connections, too.
     void close()
     {
         if (m_socket >= 0)
