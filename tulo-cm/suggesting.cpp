@@ -43,11 +43,6 @@ QStringList namesIn(Settings& settings, const QString& directory)
     return names;
 }
 
-bool isThere(Settings& settings, const QString& path)
-{
-    return !finished(settings.get(path, { roles::type() })).error();
-}
-
 /// A path like `path` that exists; empty when none is near. Lists one directory at most.
 QString nearestPath(Settings& settings, const QString& path)
 {
@@ -62,7 +57,8 @@ QString nearestPath(Settings& settings, const QString& path)
     // Or it is listed and not served.
     if (names.at(known).isEmpty() || whole == path)
         return QString();
-    return isThere(settings, whole) ? whole : pathOf(names, known + 1);
+    const bool isThere = !finished(settings.get(whole, { roles::type() })).error();
+    return isThere ? whole : pathOf(names, known + 1);
 }
 
 } // namespace
@@ -71,12 +67,7 @@ int runWithHints(Context& context, const Arguments& arguments)
 {
     const int exitCode = arguments.command->run(context, arguments);
     const QString path = context.output.takeUnknownPath();
-    if (path.isEmpty() || context.settings == nullptr || !context.output.showsHints())
-        return exitCode;
-    // Listing it fails as if there were nothing.
-    if (isThere(*context.settings, path))
-        context.output.note(QStringLiteral("'%1' is a setting, not a directory").arg(path));
-    else
+    if (!path.isEmpty() && context.settings != nullptr && context.output.showsHints())
         suggest(context.output, nearestPath(*context.settings, path));
     return exitCode;
 }

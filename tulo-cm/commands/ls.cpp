@@ -3,6 +3,9 @@
 #include "tulo-cm/progress.h"
 #include "tulo-cm/roles.h"
 #include "tulo-cm/shownroles.h"
+#include "tulo-cm/waiting.h"
+
+#include <tulo/settings.h>
 
 #include <climits>
 
@@ -55,6 +58,14 @@ Listing list(Context& context, const QString& path, int first, int last, const Q
     return listRows(*context.settings, path, first, last, roles, progress);
 }
 
+// For a person, as listing a setting fails as if there were nothing.
+void noteSetting(Context& context, const QString& path)
+{
+    Output& output = context.output;
+    if (output.showsHints() && !finished(context.settings->get(path, { roles::type() })).error())
+        output.note(QStringLiteral("'%1' is a setting, not a directory").arg(path));
+}
+
 int run(Context& context, const Arguments& arguments)
 {
     Output& output = context.output;
@@ -66,8 +77,11 @@ int run(Context& context, const Arguments& arguments)
     const QStringList roles = chosenRoles(arguments);
 
     const Listing listing = list(context, path, *first, *last, neededRoles(output, roles, true));
-    if (listing.error)
-        return output.report(listing.error);
+    if (listing.error) {
+        const int exitCode = output.report(listing.error);
+        noteSetting(context, path);
+        return exitCode;
+    }
     const QString error = validate(roles, listing.rows.rows);
     if (!error.isEmpty())
         return output.reportUsage(error);
