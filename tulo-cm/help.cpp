@@ -88,10 +88,15 @@ QString optionLines(const QVector<Option>& options)
     return result;
 }
 
-QString shownExample(const Command& command)
+// As it can be typed there.
+QString shownExample(const Command& command, bool inShell)
 {
-    return (command.where == Command::Where::Shell ? QString() : text("tulo-cm "))
-        + text(command.example);
+    return (inShell ? QString() : text("tulo-cm ")) + text(command.example);
+}
+
+bool isForShell(const Command& command)
+{
+    return command.where == Command::Where::Shell;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -133,20 +138,19 @@ QString generalHelp()
         if (isTaken(command, false)) {
             result += text("  ") + synopsis(command) + indent
                 + text(command.summary).replace(QLatin1Char('\n'), indent) + indent
-                + shownExample(command) + QLatin1Char('\n');
+                + shownExample(command, false) + QLatin1Char('\n');
         }
     }
     return result + text("\nOptions:\n") + optionLines(generalOptions()) + exitCodes();
 }
 
-QString helpOf(const Command& command)
+QString helpOf(const Command& command, bool inShell)
 {
-    const bool inShell = command.where == Command::Where::Shell;
     QString result = text("Usage: ") + (inShell ? QString() : text("tulo-cm [OPTION]... "))
         + synopsis(command) + text("\n\n") + text(command.summary) + QLatin1Char('\n');
     if (!command.options.isEmpty())
         result += text("\nOptions:\n") + optionLines(command.options);
-    return result + text("\nExample:\n  ") + shownExample(command) + QLatin1Char('\n');
+    return result + text("\nExample:\n  ") + shownExample(command, inShell) + QLatin1Char('\n');
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -173,7 +177,7 @@ QVariantMap helpObject(const Command& command)
              { text("arguments"), shownArguments(command) },
              { text("summary"),
                text(command.summary).replace(QLatin1Char('\n'), QLatin1Char(' ')) },
-             { text("example"), shownExample(command) },
+             { text("example"), shownExample(command, isForShell(command)) },
              { text("options"), optionObjects(command.options) } };
 }
 
@@ -233,7 +237,8 @@ int printGeneralHelp(const Context& context)
 
 int printHelp(const Context& context, const Command& command)
 {
-    return print(context.output, helpOf(command), helpObject(command));
+    return print(context.output, helpOf(command, context.inShell || isForShell(command)),
+                 helpObject(command));
 }
 
 } // namespace tulo

@@ -35,6 +35,7 @@ private slots:
     void jsonLines();
     void lastLineNeedsNoLineEnd();
     void errorsDoNotEndIt();
+    void helpIsWhatCanBeTypedThere();
     void endOfInputFlushes();
     void quitFlushes();
     void signalFlushes_data();
@@ -273,6 +274,22 @@ void TstShell::errorsDoNotEndIt()
 
     QCOMPARE(result.standardOutput, QByteArray("X1\n"));
     QCOMPARE(result.exitCode, 3); // of the first
+}
+
+void TstShell::helpIsWhatCanBeTypedThere()
+{
+    const CommandLine cli;
+
+    const ChildResult result = cli.run("shell", "help flush\nflush --help\n");
+
+    const QByteArray help = "Usage: flush\n"
+                            "\n"
+                            "Writes all pending changes and syncs the file systems.\n"
+                            "\n"
+                            "Example:\n"
+                            "  flush\n";
+    QCOMPARE(result.standardOutput, help + help);
+    QCOMPARE(result.exitCode, 0);
 }
 
 void TstShell::endOfInputFlushes()

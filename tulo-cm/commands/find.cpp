@@ -173,22 +173,20 @@ namespace commands {
 
 Command find()
 {
-    return {
-        "find",
-        "",
-        { { "TEXT" } },
-        { changedOption, inOption },
-        "Searches settings and directories: prints those in whose path, title or description TEXT "
-        "occurs, in any\ncase, with their values and titles. /TEXT/ is a Perl-compatible "
-        "regular expression; (?i) at\nits beginning ignores case. Ends with 0 when nothing "
-        "is found, too. Values of encrypted\nsettings are not printed. On a terminal \"*\" marks changed settings, \"=\" "
-        "read-only ones.",
-        "find volume --in path,title",
-        Command::Where::Anywhere,
-        Command::Needs::Settings,
-        Command::Runs::ToItsEnd,
-        run
-    };
+    return { "find",
+             "",
+             { { "TEXT" } },
+             { changedOption, inOption },
+             "Searches settings and directories: prints those in whose path, title or description "
+             "TEXT\noccurs, in any case, with their values and titles. /TEXT/ is a Perl-compatible "
+             "regular\nexpression; (?i) at its beginning ignores case. Ends with 0 when nothing is "
+             "found, too.\nValues of encrypted settings are not printed. On a terminal \"*\" marks "
+             "changed settings,\n\"=\" read-only ones.",
+             "find volume --in path,title",
+             Command::Where::Anywhere,
+             Command::Needs::Settings,
+             Command::Runs::ToItsEnd,
+             run };
 }
 
 } // namespace commands
