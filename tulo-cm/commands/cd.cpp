@@ -17,10 +17,8 @@ int checkDirectory(Context& context, const QString& path)
         return context.output.report(node.error());
     if (isDirectory(node.value()))
         return Done;
-    // Says all there is to say: the path exists.
-    const auto& code = describe(ErrorCode::InvalidPath);
-    return context.output.report(code.exitCode, code.name,
-                                 QStringLiteral("'%1' is not a directory").arg(path), path);
+    return context.output.report(
+        { ErrorCode::InvalidPath, QStringLiteral("'%1' is not a directory").arg(path), path });
 }
 
 int run(Context& context, const Arguments& arguments)
