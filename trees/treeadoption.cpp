@@ -301,8 +301,7 @@ AdoptionResult adoptTree(const QString& writePath, const QString& user)
 
     const Mark mark = readMark(tree.get(), name);
     const bool isOwn = top.st_uid == own.user;
-    // On a file system without owners the mark is not root's.
-    if (isOwn && mark.numbers == QVector<Numbers> { own })
+    if (isOwn && mark.isOfRoot && mark.numbers == QVector<Numbers> { own })
         return {};
     const QVector<Numbers> marked = mark.isOfRoot ? mark.numbers : QVector<Numbers>();
     if (!isOwn && !hasUser(marked, top.st_uid))

@@ -84,6 +84,7 @@ private slots:
     void initTestCase();
 
     void treeOfTheUserIsMarkedOnce();
+    void markThatWasGivenAwayIsRootsAgain();
     void oldNumbersFollowTheUser();
     void othersKeepWhatIsTheirs();
     void treeOfAnotherUserIsLeftAlone_data();
@@ -130,6 +131,21 @@ void tst_TreeAdoption::treeOfTheUserIsMarkedOnce()
     QCOMPARE(int(adopt(tree).status), int(Status::Done));
     QCOMPARE(::stat(encoded(tree, markName).constData(), &after), 0);
     QCOMPARE(after.st_ino, before.st_ino);
+}
+
+// By "chown -R", of a restored backup for example. The next image would not believe it.
+void tst_TreeAdoption::markThatWasGivenAwayIsRootsAgain()
+{
+    const TemporaryTree tree;
+    tree.writeWritten(markName, "daemon 1:1\n");
+    giveTo(tree, markName, own);
+    giveTo(tree, QString(), own);
+
+    const AdoptionResult result = adopt(tree);
+
+    QVERIFY2(result.status == Status::Done, qPrintable(result.message));
+    QCOMPARE(ownerOf(tree, markName), QByteArray("0:0"));
+    QCOMPARE(tree.readWritten(markName), QByteArray("daemon 1:1\n"));
 }
 
 void tst_TreeAdoption::oldNumbersFollowTheUser()
