@@ -17,6 +17,7 @@
 
 #include <QCoreApplication>
 #include <QDateTime>
+#include <QDir>
 #include <QEvent>
 #include <QFileInfo>
 #include <QPointer>
@@ -250,6 +251,16 @@ LocalSettings::Opening LocalSettings::openTree(const EngineOptions& options, Pla
         if (present == Place::Substitute)
             return opening;
         opening.substitute = std::make_unique<QTemporaryDir>();
+        if (!opening.substitute->isValid()) {
+            opening.place = Place::Nothing;
+            opening.failure = {
+                EngineFailure::Kind::NotWritable,
+                QStringLiteral("%1; no temporary directory can be made in '%2' to stand for it: %3")
+                    .arg(opening.refusal, QDir::tempPath(), opening.substitute->errorString())
+            };
+            opening.refusal = opening.failure.message;
+            return opening;
+        }
         reading.defaultPath =
             options.defaultPath.isEmpty() ? Engine::builtInDefaultPath() : options.defaultPath;
         reading.writePath = opening.substitute->path();
@@ -274,6 +285,8 @@ void LocalSettings::use(Opening opening)
     // Once it was mounted, what is there while it is not is another place.
     if (m_place == Place::Owned || m_place == Place::Read)
         m_options.waitsForMount = m_options.waitsForMount || isOnOwnFileSystem(writePath());
+    if (m_place == Place::Read)
+        m_readTree = directoryId(writePath());
     m_engine->addObserver(this);
     // Inside a log call of the worker, so it only looks: with each change, too, an event would be
     // too much.
@@ -337,7 +350,9 @@ void LocalSettings::openAnew()
         m_carried = m_engine->abandon();
         opening = openTree(m_options, Place::Nothing);
     } else {
-        opening = openTree(m_options, m_place);
+        const bool isReplaced =
+            m_place == Place::Read && directoryId(treePath(m_options)) != m_readTree;
+        opening = openTree(m_options, isReplaced ? Place::Nothing : m_place);
         if (!opening.engine && opening.place == m_place) {
             m_engine->setReadOnlyReason(opening.refusal);
             noteRefusal();

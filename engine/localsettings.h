@@ -216,6 +216,7 @@ private:
 
     EngineOptions m_options;
     Place m_place = Place::Nothing;
+    DirectoryId m_readTree; ///< that is read without a lock
     std::unique_ptr<QTemporaryDir> m_substitute;
     std::unique_ptr<Engine> m_engine;
     QString m_refusal; ///< that was announced

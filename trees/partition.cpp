@@ -27,6 +27,14 @@ bool isOnOwnFileSystem(const QString& directory)
         && tree.st_dev != root.st_dev;
 }
 
+DirectoryId directoryId(const QString& directory)
+{
+    struct stat found = {};
+    if (::stat(QFile::encodeName(directory).constData(), &found) != 0)
+        return {};
+    return { found.st_dev, found.st_ino, found.st_ctim.tv_sec, found.st_ctim.tv_nsec };
+}
+
 bool isReadOnly(int directory)
 {
     struct statvfs fileSystem = {};

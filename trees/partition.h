@@ -7,6 +7,9 @@
 #include <QString>
 
 #include <memory>
+#include <tuple>
+
+#include <sys/types.h>
 
 // The file system that the writable tree is on: whether it is there, and can be written.
 
@@ -14,6 +17,11 @@ namespace tulo {
 
 /// Tells whether `directory` exists on another file system than the root directory.
 bool isOnOwnFileSystem(const QString& directory);
+
+/// Tells a directory from another that is found at its path later, on another file system for
+/// example. Another one, too, once its entries have changed.
+using DirectoryId = std::tuple<dev_t, ino_t, time_t, long>;
+DirectoryId directoryId(const QString& directory);
 
 /// Tells whether nothing can be written to the file system of the open `directory`.
 bool isReadOnly(int directory);

@@ -71,6 +71,8 @@ private slots:
     void stopWhileThePartitionIsAwayTellsWhatIsNotSaved();
     void partitionMountedOverTheTreeIsServed();
     void readOnlyPartitionIsRead();
+    void readOnlyPartitionThatIsReplacedIsReadAnew();
+    void withoutATemporaryDirectoryNoOtherTreeIsServed();
     void partitionThatTurnsReadOnlyKeepsWhatWasAccepted();
     void fullPartitionRefusesChangesUntilThereIsRoom();
     void killLosesNothingThatWasFlushed_data();
@@ -305,6 +307,50 @@ void TstServicePartition::readOnlyPartitionIsRead()
                  + "\nINFO  tulo-settingsd: opened the writable tree '" + tree.toUtf8()
                  + "' anew\nINFO  tulo-settingsd: changes are accepted again\n");
     QCOMPARE(result.exitCode, 0);
+}
+
+void TstServicePartition::readOnlyPartitionThatIsReplacedIsReadAnew()
+{
+    const QTemporaryDir elsewhere;
+    Partition first;
+    Partition second;
+    NEEDS_MOUNTS(first);
+    const QString tree = trees()->tree.writePath();
+    QVERIFY(first.write(volumeFile, fileOf(45)));
+    QVERIFY(first.appearAt(tree));
+    QVERIFY(first.setReadOnly(true));
+    QVERIFY(second.write(volumeFile, fileOf(60)));
+    QVERIFY(second.appearAt(elsewhere.path()));
+    QVERIFY(second.setReadOnly(true));
+    ServiceProcess service(*trees(), m_bus->address());
+    QVERIFY2(service.serve(), service.standardError());
+    const BusClient client(m_bus->address());
+    SignalRecorder recorder(client.connection());
+    QCOMPARE(client.value(volume), QStringLiteral("x 45"));
+
+    // Read-only from the first moment, as nobody opens it for writing.
+    QVERIFY(::mount(QFile::encodeName(elsewhere.path()).constData(),
+                    QFile::encodeName(tree).constData(), nullptr, MS_BIND, nullptr)
+            == 0);
+
+    QVERIFY(recorder.waitFor(QStringLiteral("ValueChanged %1 x 60").arg(volume)));
+    QCOMPARE(client.value(volume), QStringLiteral("x 60"));
+    QCOMPARE(client.property("Writable"), QStringLiteral("b false"));
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+// What is at another path is not this tree.
+void TstServicePartition::withoutATemporaryDirectoryNoOtherTreeIsServed()
+{
+    QVERIFY(QDir().rmdir(trees()->tree.writePath()));
+    ServiceProcess service(*trees(), m_bus->address(), waiting,
+                           { QStringLiteral("env"), QStringLiteral("TMPDIR=/proc") });
+
+    QVERIFY(!service.serve());
+
+    const ChildResult result = service.end();
+    QVERIFY2(result.standardError.contains("'/proc'"), result.standardError);
+    QCOMPARE(result.exitCode, 7);
 }
 
 // As after an error of the disk: ext4 with errors=remount-ro.
