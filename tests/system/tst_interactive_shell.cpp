@@ -84,6 +84,19 @@ QString lines(std::initializer_list<const char*> rows)
     return texts.join(QLatin1Char('\n'));
 }
 
+/// The first line of a shell once these keys were typed.
+void compareLineAfter(const QByteArray& keys, const QString& line)
+{
+    const Person person;
+    Terminal terminal;
+    person.sitDownAt(&terminal);
+    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+
+    terminal.type(keys);
+
+    COMPARE_SCREEN(terminal, lines({ "/settings> " }) + line);
+}
+
 /// Types a line and waits until it was run.
 bool enter(Terminal* terminal, const QByteArray& line)
 {
@@ -190,14 +203,8 @@ void TstInteractiveShell::lineIsEdited()
 {
     QFETCH(const QByteArray, keys);
     QFETCH(const QString, line);
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
 
-    terminal.type(keys);
-
-    COMPARE_SCREEN(terminal, lines({ "/settings> " }) + line);
+    compareLineAfter(keys, line);
 }
 
 void TstInteractiveShell::longLineIsEditedOverRows()
@@ -437,14 +444,8 @@ void TstInteractiveShell::tabCompletesTheWord()
 {
     QFETCH(const QByteArray, keys);
     QFETCH(const QString, line);
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
 
-    terminal.type(keys);
-
-    COMPARE_SCREEN(terminal, lines({ "/settings> " }) + line);
+    compareLineAfter(keys, line);
 }
 
 void TstInteractiveShell::tabListsWhatIsPossible()
