@@ -485,8 +485,11 @@ Error Engine::writeAccepted()
 Error Engine::carryOut(Reset* reset)
 {
     const Reset planned = std::exchange(*reset, Reset());
-    if (planned.settings.isEmpty() && planned.directories.isEmpty() && planned.records.isEmpty())
+    if (planned.settings.isEmpty() && planned.directories.isEmpty() && planned.records.isEmpty()) {
+        if (planned.isEverything)
+            withdrawFactoryReset(m_lock.directory());
         return {};
+    }
     const WrittenFiles files(m_defaultPath, m_writePath, m_options.productPostfix);
     QStringList settingPaths;
     for (const QString& path : planned.settings)
@@ -522,8 +525,12 @@ Error Engine::carryOut(Reset* reset)
     // The guard's as well.
     const CMError error = m_dispatcher->dropCache().error();
     TULO_ASSERT(errorCode(error) == ErrorCode::None);
-    if (result.status == JournalResult::Status::Done)
+    if (result.status == JournalResult::Status::Done) {
+        // Or the next start would do it again, to what is set until then.
+        if (planned.isEverything)
+            withdrawFactoryReset(m_lock.directory());
         return {};
+    }
     refuseUntilFinished(result.message);
     return { ErrorCode::NotSaved, m_readOnlyReason, QString() };
 }

@@ -64,12 +64,24 @@ JournalResult requestFactoryReset(int directory)
                                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, ownerOnly));
     if (file && ::fsync(file.get()) == 0 && ::fsync(directory) == 0)
         return {};
+    QString problem;
+    if (!file && errno == EEXIST && isRequested(directory, &problem) && problem.isEmpty()
+        && ::fsync(directory) == 0)
+        return {};
     const QString reason = QStringLiteral("cannot write '%1' in the writable tree: %2")
                                .arg(QLatin1String(requestName), qt_error_string(errno));
     // Nobody knows whether it would be there after a power cut, so it must not.
     if (file && ::unlinkat(directory, requestName, 0) != 0)
         return unfinished(reason);
     return { Status::Refused, reason };
+}
+
+void withdrawFactoryReset(int directory)
+{
+    QString problem;
+    if (isRequested(directory, &problem) && problem.isEmpty()
+        && ::unlinkat(directory, requestName, 0) == 0)
+        (void)::fsync(directory);
 }
 
 JournalResult finishFactoryReset(int directory, const QString& defaultPath,

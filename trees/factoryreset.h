@@ -10,8 +10,11 @@
 
 namespace tulo {
 
-/// Asks for a factory reset; Refused when the file is not on the disk.
+/// Asks for a factory reset, unless it is asked for; Refused when the file is not on the disk.
 JournalResult requestFactoryReset(int directory);
+
+/// Takes the request away, if there is one that counts: everything has been reset since.
+void withdrawFactoryReset(int directory);
 
 /// Does what a factory reset is asked to, if it is: removes the written files that belong to
 /// settings, see WrittenFiles, the directories that the default tree does not have if they are

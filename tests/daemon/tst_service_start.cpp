@@ -1,6 +1,8 @@
 #include "tests/daemon/servicefixture.h"
 
 #include <QCryptographicHash>
+#include <QDBusConnection>
+#include <QDBusMessage>
 #include <QDir>
 #include <QFile>
 #include <QTest>
@@ -44,6 +46,8 @@ private slots:
     void staleTemporaryFileIsReusedByTheNextWrite();
     void interruptedChangeIsFinishedAtTheStart();
     void factoryResetIsDoneBeforeAnythingIsServed();
+    void resetOfEverythingFulfilsTheRequestOfAFactoryReset_data();
+    void resetOfEverythingFulfilsTheRequestOfAFactoryReset();
     void damagedJournalIsToldAndServed();
     void changeThatCannotBeFinishedIsToldAndServedForReading();
     void defaultFileThatBreaksLaterIsNamedAtTheNextStart();
@@ -379,6 +383,39 @@ void TstServiceStart::factoryResetIsDoneBeforeAnythingIsServed()
                  .toUtf8());
     QCOMPARE(trees.tree.writtenEntries(),
              QStringList({ QStringLiteral("/.tulo-cm.lock"), QStringLiteral("/audio/") }));
+}
+
+void TstServiceStart::resetOfEverythingFulfilsTheRequestOfAFactoryReset_data()
+{
+    QTest::addColumn<bool>("isAnythingChanged");
+    QTest::newRow("something is changed") << true;
+    QTest::newRow("nothing is changed") << false;
+}
+
+// The next start would reset what has been set since.
+void TstServiceStart::resetOfEverythingFulfilsTheRequestOfAFactoryReset()
+{
+    QFETCH(const bool, isAnythingChanged);
+    const CommandLine trees;
+    const PrivateBus bus;
+    const QString request = QStringLiteral("/.tulo-cm.factory-reset");
+    if (isAnythingChanged)
+        trees.tree.writeWritten(QStringLiteral("/audio/volume"), R"({"value":{"int":40}})");
+    ServiceProcess service(trees, bus.address());
+    QVERIFY2(service.serve(), service.standardError());
+    trees.tree.writeWritten(request, "");
+    const BusClient client(bus.address());
+
+    QDBusMessage reset = BusClient::message(QStringLiteral("Reset"));
+    reset =
+        QDBusMessage::createMethodCall(reset.service(), reset.path(),
+                                       reset.service() + QStringLiteral(".Admin"), reset.member())
+        << QStringList(QStringLiteral("/settings")) << QVariantMap();
+    const QDBusMessage answer = client.connection().call(reset);
+
+    QCOMPARE(BusClient::errorOf(answer), QString());
+    QVERIFY(!trees.tree.writtenEntries().contains(request));
+    QCOMPARE(service.end().exitCode, 0);
 }
 
 void TstServiceStart::damagedJournalIsToldAndServed()

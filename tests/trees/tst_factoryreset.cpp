@@ -74,6 +74,7 @@ private slots:
     void damagedFilesOfSettingsGo();
     void fullDiskIsNoObstacle();
     void whatCannotBeRemovedKeepsTheRequest();
+    void requestThatIsThereIsEnough();
     void requestThatCannotBeMadeIsRefused();
 };
 
@@ -242,6 +243,15 @@ void tst_FactoryReset::whatCannotBeRemovedKeepsTheRequest()
     QVERIFY(tree.writtenEntries().contains(request));
     QCOMPARE(finishReset(tree).status, Status::Done);
     QCOMPARE(tree.writtenEntries(), untouched);
+}
+
+void tst_FactoryReset::requestThatIsThereIsEnough()
+{
+    const ChangedTree tree;
+
+    QCOMPARE(requestFactoryReset(opened(tree).get()).message, QString());
+
+    QVERIFY(tree.writtenEntries().contains(request));
 }
 
 void tst_FactoryReset::requestThatCannotBeMadeIsRefused()
