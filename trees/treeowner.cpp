@@ -69,7 +69,9 @@ QString keepRightToChangeOwners()
     __user_cap_header_struct header = { _LINUX_CAPABILITY_VERSION_3, 0 };
     __user_cap_data_struct rights[_LINUX_CAPABILITY_U32S_3] = {};
     if (::syscall(SYS_capget, &header, rights) == 0) {
-        const __u32 kept = rights[0].permitted & ((1U << CAP_CHOWN) | (1U << CAP_DAC_OVERRIDE));
+        // A file that runs as its owner loses that with the owner, which is a change of its mode.
+        const __u32 kept = rights[0].permitted
+            & ((1U << CAP_CHOWN) | (1U << CAP_DAC_OVERRIDE) | (1U << CAP_FOWNER));
         rights[0] = { kept, kept, 0 };
         rights[1] = {};
         // A program that is executed gets none back either.

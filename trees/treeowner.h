@@ -16,8 +16,8 @@ QString userName(uid_t id);
 /// Returns an empty text, or one line that says why the process still is root.
 [[nodiscard]] QString becomeOwner(const QString& writePath);
 
-/// Gives up, for good and for this thread, every right of root but those to change owners and to
-/// reach every file. Returns an empty text, or one line that says why they
+/// Gives up, for good and for this thread, every right of root but those to change owners and
+/// modes and to reach every file. Returns an empty text, or one line that says why they
 /// are still there.
 [[nodiscard]] QString keepRightToChangeOwners();
 

@@ -86,6 +86,7 @@ private slots:
     void treeOfTheUserIsMarkedOnce();
     void markThatWasGivenAwayIsRootsAgain();
     void oldNumbersFollowTheUser();
+    void filesThatRunAsTheirOwnerFollowTheUserAndDoSoNoLonger();
     void othersKeepWhatIsTheirs();
     void treeOfAnotherUserIsLeftAlone_data();
     void treeOfAnotherUserIsLeftAlone();
@@ -166,6 +167,28 @@ void tst_TreeAdoption::oldNumbersFollowTheUser()
     QCOMPARE(tree.readWritten(markName), QByteArray("daemon 1:1\n"));
     QCOMPARE(tree.readWritten(QStringLiteral("/audio/volume")), QByteArray("{}"));
     QVERIFY(!tree.writtenEntries().contains(markName + QLatin1String(".new")));
+}
+
+// As after "chmod -R g+s"; to take such a bit away is another right than to change the owner.
+void tst_TreeAdoption::filesThatRunAsTheirOwnerFollowTheUserAndDoSoNoLonger()
+{
+    const OldTree tree;
+    const QString name = QStringLiteral("/audio/volume");
+    QCOMPARE(::chmod(encoded(tree, name).constData(), 06755), 0);
+    QCOMPARE(::chmod(encoded(tree, QStringLiteral("/audio")).constData(), 02755), 0);
+
+    const ChildResult child = ChildProcess::runInChild([&tree, &name] {
+        QCOMPARE(keepRightToChangeOwners(), QString());
+        const AdoptionResult result = adopt(tree);
+        QVERIFY2(result.status == Status::Done, qPrintable(result.message));
+        struct stat file = {};
+        QCOMPARE(::stat(encoded(tree, name).constData(), &file), 0);
+        QCOMPARE(file.st_mode, mode_t(S_IFREG | 0755));
+        for (const char* part : { "", "/audio", "/audio/volume", "/.tulo-cm.lock" })
+            QCOMPARE(ownerOf(tree, QLatin1String(part)), ownOwner);
+    });
+
+    QVERIFY2(child.exitCode == 0, child.standardOutput);
 }
 
 void tst_TreeAdoption::othersKeepWhatIsTheirs()
@@ -393,8 +416,8 @@ void tst_TreeAdoption::threadKeepsTheRightToChangeOwnersOnly()
         QFile status(QStringLiteral("/proc/thread-self/status"));
         QVERIFY(status.open(QIODevice::ReadOnly));
         const QByteArray text = status.readAll();
-        // CAP_CHOWN and CAP_DAC_OVERRIDE.
-        QVERIFY2(text.contains("\nCapPrm:\t0000000000000003\nCapEff:\t0000000000000003\n"), text);
+        // CAP_CHOWN, CAP_DAC_OVERRIDE and CAP_FOWNER.
+        QVERIFY2(text.contains("\nCapPrm:\t000000000000000b\nCapEff:\t000000000000000b\n"), text);
         QVERIFY2(text.contains("\nNoNewPrivs:\t1\n"), text);
     });
     QVERIFY2(child.exitCode == 0, child.standardOutput);
