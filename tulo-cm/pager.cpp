@@ -56,6 +56,9 @@ QProcessEnvironment pagerEnvironment()
     insert("LESS", "FRX");
     // What is printed is UTF-8 whatever the locale says.
     insert("LESSCHARSET", "utf-8");
+    // Who may run this program by sudo should not get a shell of root with less.
+    if (environment.contains(QStringLiteral("SUDO_UID")))
+        insert("LESSSECURE", "1");
     return environment;
 }
 

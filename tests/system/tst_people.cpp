@@ -83,6 +83,7 @@ private slots:
     void shortOutputGoesThroughNoPager();
     void pagerIsChosenByTheEnvironment_data();
     void pagerIsChosenByTheEnvironment();
+    void pagerStartsNoShellUnderSudo();
     void pagerThatDoesNotStartCostsNothing();
     void pagerThatEndsEarlyIsNoError();
     void errorsFollowThePagedOutput();
@@ -448,6 +449,18 @@ void TstPeople::pagerIsChosenByTheEnvironment()
 
     QCOMPARE(terminal.wait(), 0);
     QCOMPARE(terminal.output().left(1), first);
+}
+
+void TstPeople::pagerStartsNoShellUnderSudo()
+{
+    Terminal terminal(80, 5);
+    terminal.setVariable("SUDO_UID", "1000");
+    terminal.setVariable("TULO_PAGER", "echo \"secure=$LESSSECURE.\"; cat >/dev/null");
+
+    terminal.start(program, m_cli.arguments(words("tree")));
+
+    QCOMPARE(terminal.wait(), 0);
+    QVERIFY2(terminal.output().contains("secure=1."), terminal.output());
 }
 
 void TstPeople::pagerThatDoesNotStartCostsNothing()
