@@ -65,7 +65,7 @@ public:
     void announce(const wire::Signal& signal, const QVariantList& arguments, bool isAnswerComing);
     void announceProperties();
 
-    /// Calls that the limit of changes has refused; none while there is no limit.
+    /// Calls that the limit of changes has refused; 0 without a limit.
     std::optional<qint64> limitedCount() const;
 
     /// Hands out no more calls: those that wait, and those that come, fail with Unavailable.
@@ -103,7 +103,7 @@ private:
         const wire::Method* method = nullptr;
         QVariantList arguments; ///< until it is handed out
         QByteArray sender;
-        int changes = 0; ///< that the limit counts; none while there is no limit
+        int changes = 0; ///< that the limit counts; 0 without a limit
         MessagePointer message; ///< null when no answer is wanted, or none can be sent any more
     };
 
