@@ -130,11 +130,11 @@ void TstChangeLimit::anyNumberOfUsersIsKnownInBoundedMemory()
 {
     ChangeLimit limit(60);
 
-    for (uint user = 0; user < 20000; ++user)
+    for (uint user = 2000; user < 22000; ++user)
         QVERIFY(!limit.count(user, 1, start));
     QVERIFY(limit.userCount() <= ChangeLimit::maximumUsers);
 
-    // All of them are idle by then.
+    // All of them are idle by then, and which of them are known is left to chance.
     QVERIFY(!limit.count(anna, 1, start + 10min));
     QCOMPARE(limit.userCount(), 1);
 }
