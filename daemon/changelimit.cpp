@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <tuple>
 
 namespace tulo {
 
@@ -59,7 +60,8 @@ void ChangeLimit::makeRoom(Clock::time_point now)
         return;
     m_users.erase(
         std::min_element(m_users.begin(), m_users.end(), [](const User& left, const User& right) {
-            return left.countedUntil < right.countedUntil;
+            return std::tie(left.countedUntil, left.reported)
+                < std::tie(right.countedUntil, right.reported);
         }));
 }
 

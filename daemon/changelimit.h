@@ -1,6 +1,6 @@
 #pragma once
 
-#include <QHash>
+#include <QMap>
 #include <QString>
 
 #include <chrono>
@@ -16,7 +16,8 @@ namespace tulo {
 /// full. What one user does takes nothing from another.
 ///
 /// Keeps what it knows of the last users only, and forgets those first who may make the most
-/// changes. A plain data structure; lives on the bus thread.
+/// changes; of equals those who were not reported, then those with the lowest numbers. A plain
+/// data structure; lives on the bus thread.
 class ChangeLimit
 {
 public:
@@ -51,7 +52,7 @@ private:
     void makeRoom(Clock::time_point now);
 
     const int m_changesPerMinute;
-    QHash<uint, User> m_users;
+    QMap<uint, User> m_users;
 };
 
 } // namespace tulo

@@ -46,6 +46,7 @@ private slots:
     void refusalIsNewsOnceAMinute();
     void anyNumberOfUsersIsKnownInBoundedMemory();
     void usersWhoWaitAreNotForgotten();
+    void oneOfEqualsIsForgottenByNumberAndReportedOnesLast();
     void largestNumbersAreCounted();
 };
 
@@ -134,7 +135,7 @@ void TstChangeLimit::anyNumberOfUsersIsKnownInBoundedMemory()
         QVERIFY(!limit.count(user, 1, start));
     QVERIFY(limit.userCount() <= ChangeLimit::maximumUsers);
 
-    // All of them are idle by then, and which of them are known is left to chance.
+    // All of them are idle by then.
     QVERIFY(!limit.count(anna, 1, start + 10min));
     QCOMPARE(limit.userCount(), 1);
 }
@@ -148,6 +149,28 @@ void TstChangeLimit::usersWhoWaitAreNotForgotten()
         QVERIFY(!limit.count(user, 1, start));
 
     QVERIFY(limit.count(anna, 1, start));
+}
+
+void TstChangeLimit::oneOfEqualsIsForgottenByNumberAndReportedOnesLast()
+{
+    constexpr uint first = 2000;
+    constexpr uint behindLast = first + ChangeLimit::maximumUsers;
+    constexpr uint reported = first + 1;
+    ChangeLimit limit(60);
+    for (uint user = first; user < behindLast; ++user)
+        QVERIFY(!limit.count(user, 1, start));
+    for (uint user = first; user <= reported; ++user)
+        QVERIFY(limit.count(user, 60, start)->isNews);
+
+    QVERIFY(!limit.count(anna, 60, start));
+    QVERIFY(!limit.count(ben, 60, start));
+
+    for (uint user = first; user <= reported; ++user)
+        QVERIFY(!limit.count(user, 60, start)->isNews);
+    for (uint user = reported + 3; user < behindLast; ++user)
+        QVERIFY(limit.count(user, 60, start));
+    for (uint user = reported + 1; user < reported + 3; ++user)
+        QVERIFY(!limit.count(user, 60, start));
 }
 
 void TstChangeLimit::largestNumbersAreCounted()
