@@ -101,17 +101,12 @@ bool writeMark(int tree, const QByteArray& user, const QVector<Numbers>& numbers
 {
     constexpr mode_t ownerOnly = 0600;
     const QByteArray text = textOf(user, numbers);
-    const UniqueFd file(::openat(
-        tree, newMarkName, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, ownerOnly));
-    struct stat opened = {};
-    if (!file || ::fstat(file.get(), &opened) != 0)
-        return false;
-    if (!S_ISREG(opened.st_mode) || opened.st_nlink != 1 || opened.st_uid != ::geteuid()) {
-        errno = EEXIST;
-        return false;
-    }
-    return ::ftruncate(file.get(), 0) == 0
-        && ::write(file.get(), text.constData(), size_t(text.size())) == text.size()
+    // One that was interrupted. It may have been given away since, so another process may have it
+    // open: that file must not become the mark.
+    (void)::unlinkat(tree, newMarkName, 0);
+    const UniqueFd file(::openat(tree, newMarkName,
+                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, ownerOnly));
+    return file && ::write(file.get(), text.constData(), size_t(text.size())) == text.size()
         && ::fsync(file.get()) == 0 && ::renameat(tree, newMarkName, tree, markName) == 0
         && ::fsync(tree) == 0;
 }
@@ -286,6 +281,9 @@ AdoptionResult handOver(const QString& writePath, int tree, const QByteArray& us
 
 AdoptionResult adoptTree(const QString& writePath, const QString& user)
 {
+    // The mark of another user would not be believed.
+    if (::geteuid() != 0)
+        return failed(writePath, QStringLiteral("only root can do that"));
     const QByteArray name = user.toLocal8Bit();
     const struct passwd* const entry = ::getpwnam(name.constData());
     if (entry == nullptr || entry->pw_uid == 0)

@@ -18,7 +18,8 @@ struct [[nodiscard]] AdoptionResult
 };
 
 /// Gives a tree back to the user `user`, to whom this image gave another number than the one
-/// before: the data partition keeps the old one. For root, before anything else opens the tree.
+/// before: the data partition keeps the old one. For root alone, before anything else opens the
+/// tree.
 ///
 /// That the old number was the user's is what the file ".tulo-cm.owner" in the tree tells, which
 /// belongs to root. It is written here whenever the tree belongs to the user, so a tree of another

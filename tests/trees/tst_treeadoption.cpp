@@ -85,6 +85,8 @@ private slots:
 
     void treeOfTheUserIsMarkedOnce();
     void markThatWasGivenAwayIsRootsAgain();
+    void markThatCouldNotBeWrittenIsNotInTheWay_data();
+    void markThatCouldNotBeWrittenIsNotInTheWay();
     void oldNumbersFollowTheUser();
     void filesThatRunAsTheirOwnerFollowTheUserAndDoSoNoLonger();
     void othersKeepWhatIsTheirs();
@@ -94,6 +96,7 @@ private slots:
     void otherMountsAreNotEntered();
     void whatAnInterruptionLeftIsDoneByEitherImage();
     void treeThatIsNotThereIsNothing();
+    void onlyRootAdopts();
     void treeInUseIsLeftAlone();
     void fullDiskHindersNothing();
     void treeThatMayNotBeChangedIsTold();
@@ -147,6 +150,43 @@ void tst_TreeAdoption::markThatWasGivenAwayIsRootsAgain()
     QVERIFY2(result.status == Status::Done, qPrintable(result.message));
     QCOMPARE(ownerOf(tree, markName), QByteArray("0:0"));
     QCOMPARE(tree.readWritten(markName), QByteArray("daemon 1:1\n"));
+}
+
+void tst_TreeAdoption::markThatCouldNotBeWrittenIsNotInTheWay_data()
+{
+    QTest::addColumn<uid_t>("owner");
+    QTest::addColumn<bool>("isLink");
+    QTest::newRow("of root") << uid_t(0) << false;
+    QTest::newRow("given away by chown -R") << own << false;
+    QTest::newRow("link") << own << true;
+}
+
+// For want of room, for example.
+void tst_TreeAdoption::markThatCouldNotBeWrittenIsNotInTheWay()
+{
+    QFETCH(const uid_t, owner);
+    QFETCH(const bool, isLink);
+    const QString newMarkName = markName + QLatin1String(".new");
+    const TemporaryTree tree;
+    giveTo(tree, QString(), own);
+    tree.writeDefault(QStringLiteral("/other"), "{}");
+    if (isLink)
+        QVERIFY(QFile::link(tree.defaultPath() + QLatin1String("/other"),
+                            tree.writePath() + newMarkName));
+    else
+        tree.writeWritten(newMarkName, "daem");
+    giveTo(tree, newMarkName, owner);
+
+    const AdoptionResult result = adopt(tree);
+
+    QCOMPARE(result.message, QString());
+    QCOMPARE(result.status, Status::Done);
+    QCOMPARE(tree.writtenEntries(), QStringList(markName));
+    QCOMPARE(tree.readWritten(markName), QByteArray("daemon 1:1\n"));
+    QCOMPARE(ownerOf(tree, markName), QByteArray("0:0"));
+    QFile other(tree.defaultPath() + QLatin1String("/other"));
+    QVERIFY(other.open(QIODevice::ReadOnly));
+    QCOMPARE(other.readAll(), QByteArray("{}"));
 }
 
 void tst_TreeAdoption::oldNumbersFollowTheUser()
@@ -326,6 +366,26 @@ void tst_TreeAdoption::treeThatIsNotThereIsNothing()
                             "user' is not a user who can own it")
                  .arg(tree.writePath()));
     QCOMPARE(root.status, Status::Failed);
+    QCOMPARE(tree.writtenEntries(), QStringList());
+}
+
+// The mark that another user would make is not believed later.
+void tst_TreeAdoption::onlyRootAdopts()
+{
+    const TemporaryTree tree;
+    giveTo(tree, QString(), own);
+
+    const ChildResult child = ChildProcess::runInChild([&tree] {
+        QCOMPARE(::seteuid(own), 0);
+        const AdoptionResult result = adopt(tree);
+        QCOMPARE(result.message,
+                 QStringLiteral("the owner of the writable tree '%1' cannot be corrected: only "
+                                "root can do that")
+                     .arg(tree.writePath()));
+        QCOMPARE(result.status, Status::Failed);
+    });
+
+    QVERIFY2(child.exitCode == 0, child.standardOutput);
     QCOMPARE(tree.writtenEntries(), QStringList());
 }
 
