@@ -1,6 +1,7 @@
 #include "remote/clientconnection.h"
 #include "tests/client/scriptedservice.h"
 #include "tests/daemon/servicefixture.h"
+#include "tests/support/waituntil.h"
 
 #include "wire/codec.h"
 #include "wire/names.h"
@@ -8,14 +9,11 @@
 #include <QDBusError>
 #include <QDBusMessage>
 #include <QDBusPendingCall>
-#include <QDeadlineTimer>
-#include <QEventLoop>
 #include <QSignalSpy>
 #include <QTest>
 #include <QTimer>
 
 #include <algorithm>
-#include <functional>
 #include <memory>
 
 using namespace tulo;
@@ -23,16 +21,6 @@ using namespace tulo;
 namespace {
 
 const QString path = QStringLiteral("/settings/audio/volume");
-
-bool waitUntil(const std::function<bool()>& isDone)
-{
-    QDeadlineTimer deadline(ChildProcess::waitMs);
-    QTimer wake;
-    wake.start(50);
-    while (!isDone() && !deadline.hasExpired())
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    return isDone();
-}
 
 QByteArray errorName(sd_bus_message* message)
 {

@@ -2,15 +2,14 @@
 #include "tests/daemon/servicefixture.h"
 #include "tests/support/childprocess.h"
 #include "tests/support/temporarytree.h"
+#include "tests/support/waituntil.h"
 
 #include "wire/messages.h"
 #include "wire/names.h"
 
 #include <tulo/remotesettings.h>
 
-#include <QDeadlineTimer>
 #include <QElapsedTimer>
-#include <QEventLoop>
 #include <QFile>
 #include <QPointer>
 #include <QSignalSpy>
@@ -36,17 +35,6 @@ const QStringList valueRole { QStringLiteral("value") };
 QVariantMap valueRoles(qlonglong value)
 {
     return { { QStringLiteral("value"), value } };
-}
-
-/// Serves events until `isDone`; false when that takes too long.
-bool waitUntil(const std::function<bool()>& isDone)
-{
-    QDeadlineTimer deadline(ChildProcess::waitMs);
-    QTimer wake;
-    wake.start(50);
-    while (!isDone() && !deadline.hasExpired())
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    return isDone();
 }
 
 bool waitForState(const Settings& settings, Settings::State state)
