@@ -3,9 +3,9 @@
 #include "trees/factoryreset.h"
 #include "trees/uniquefd.h"
 
-#include <QDir>
+#include "tests/support/files.h"
+
 #include <QFile>
-#include <QFileInfo>
 #include <QString>
 #include <QStringList>
 
@@ -31,23 +31,14 @@ inline QString requestFile(const QString& tree)
     return tree + QLatin1String("/.tulo-cm.factory-reset");
 }
 
-inline bool writeFile(const QString& name, const QByteArray& content)
-{
-    QFile file(name);
-    return QDir().mkpath(QFileInfo(name).path()) && file.open(QIODevice::WriteOnly)
-        && file.write(content) == content.size();
-}
-
 /// Default tree and written files.
-inline bool prepareReset(const QString& defaultPath, const QString& tree)
+inline void prepareReset(const QString& defaultPath, const QString& tree)
 {
-    bool isPrepared = writeFile(defaultPath + QLatin1String("/audio/volume"), "{}");
+    writeFile(defaultPath + QLatin1String("/audio/volume"), "{}");
     for (const QString& name : resetNames()) {
         const bool isJournal = name.endsWith(QLatin1String("journal"));
-        isPrepared = writeFile(tree + name, isJournal ? "tulo-journal 1" : R"({"timestamp":1})")
-            && isPrepared;
+        writeFile(tree + name, isJournal ? "tulo-journal 1" : R"({"timestamp":1})");
     }
-    return isPrepared;
 }
 
 inline JournalResult finishReset(const QString& defaultPath, const QString& tree)

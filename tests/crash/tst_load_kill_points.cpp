@@ -2,11 +2,11 @@
 #include "tests/crash/killpoints.h"
 
 #include "tests/support/childprocess.h"
+#include "tests/support/files.h"
 #include "tests/support/inmemory.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/temporarytree.h"
 
-#include <QFile>
 #include <QMap>
 #include <QTest>
 
@@ -65,17 +65,16 @@ void prepare(const TemporaryTree& tree)
     tree.writeDefault(QStringLiteral("/audio/presets/.meta"), QByteArrayLiteral("{}"));
     for (auto file = filesBefore().cbegin(); file != filesBefore().cend(); ++file)
         tree.writeWritten(file.key(), *file);
-    QFile dump(tree.path() + QLatin1String("/dump"));
-    QVERIFY(dump.open(QIODevice::WriteOnly));
-    dump.write(R"({"count":3,"path":"/settings/audio","product":"","secrets":false,"tree":"",)"
-               R"("tulo":1})"
-               "\n"
-               R"({"path":"/settings/audio/balance","timestamp":3,"value":3})"
-               "\n"
-               R"({"path":"/settings/audio/presets/mine","timestamp":4,"value":4})"
-               "\n"
-               R"({"path":"/settings/audio/volume","timestamp":22222,"value":22222})"
-               "\n");
+    writeFile(tree.path() + QLatin1String("/dump"),
+              R"({"count":3,"path":"/settings/audio","product":"","secrets":false,"tree":"",)"
+              R"("tulo":1})"
+              "\n"
+              R"({"path":"/settings/audio/balance","timestamp":3,"value":3})"
+              "\n"
+              R"({"path":"/settings/audio/presets/mine","timestamp":4,"value":4})"
+              "\n"
+              R"({"path":"/settings/audio/volume","timestamp":22222,"value":22222})"
+              "\n");
 }
 
 QStringList load(const TemporaryTree& tree, const QString& option)

@@ -7,6 +7,7 @@
 #include "trees/migrator.h"
 #include "trees/ownerlock.h"
 
+#include "tests/support/files.h"
 #include "tests/support/inmemory.h"
 #include "tests/support/repeats.h"
 #include "tests/support/temporarytree.h"
@@ -35,14 +36,6 @@ QByteArray json(const QVariant& content)
     return TuloJson::serialize(content);
 }
 
-void put(const QString& fileName, const QByteArray& content)
-{
-    QFile file(fileName);
-    if (!QDir().mkpath(QFileInfo(file).path()) || !file.open(QIODevice::WriteOnly)
-        || file.write(content) != content.size())
-        qFatal("cannot write %s", qPrintable(fileName));
-}
-
 /// An image in a directory: default tree and rules.
 struct ImagePlace
 {
@@ -51,11 +44,11 @@ struct ImagePlace
     QString defaultPath() const { return directory + QStringLiteral("/settings-default"); }
     void putDefault(const QString& path, const QByteArray& roles) const
     {
-        put(defaultPath() + path, roles);
+        writeFile(defaultPath() + path, roles);
     }
     void putRules(const QByteArray& rules) const
     {
-        put(directory + QStringLiteral("/settings-migrations/0001-all.json"), rules);
+        writeFile(directory + QStringLiteral("/settings-migrations/0001-all.json"), rules);
     }
 };
 

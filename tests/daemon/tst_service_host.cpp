@@ -1,5 +1,7 @@
 #include "tests/daemon/servicefixture.h"
 
+#include "tests/support/files.h"
+
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
@@ -69,8 +71,7 @@ QByteArray TstServiceHost::bridgeTo(const PrivateBus& bus) const
 
 QByteArray TstServiceHost::written(const char* name) const
 {
-    QFile file(path(name));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return readFile(path(name));
 }
 
 void TstServiceHost::prepare(ChildProcess* command) const

@@ -1,5 +1,7 @@
 #include "tests/daemon/servicefixture.h"
 
+#include "tests/support/files.h"
+
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -12,12 +14,6 @@
 #include <unistd.h>
 
 namespace {
-
-QByteArray contentOf(const QString& name)
-{
-    QFile file(name);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 /// Every entry of a directory and the directory itself, one a line: name, owner, rights, times.
 QByteArray listing(const QString& directory)
@@ -124,10 +120,10 @@ void TstServicePackaging::filesAreInPlace()
            "share/bash-completion/completions/tulo-cm", "share/zsh/site-functions/_tulo-cm",
            "share/fish/vendor_completions.d/tulo-cm.fish",
            "share/tulo/tulo-settingsd-log.properties", "share/doc/tulo/docs/guarantees.md" })
-        QVERIFY2(!contentOf(installed(name)).isEmpty(), name);
+        QVERIFY2(!readFile(installed(name)).isEmpty(), name);
     for (const char* name : { "bin/tulo-cm", "bin/tulo-settingsd" })
         QVERIFY2(QFileInfo(installed(name)).isExecutable(), name);
-    const QByteArray unit = contentOf(installed("lib/systemd/system/tulo-settingsd.service"));
+    const QByteArray unit = readFile(installed("lib/systemd/system/tulo-settingsd.service"));
     for (const char* line :
          { "\nType=notify\n", "\nUMask=0077\n", "\nTimeoutStartSec=900\n", "\nTimeoutStopSec=120\n",
            "\nLimitCORE=0\n", "\nRequiresMountsFor=/settings /etc/tulo/settings-default\n",
@@ -155,7 +151,7 @@ void TstServicePackaging::unitNamesInstalledFiles()
     const ChildResult result = install(root.path(), prefix);
     QVERIFY2(result.exitCode == 0, result.standardError);
 
-    const QString unit = QString::fromUtf8(contentOf(
+    const QString unit = QString::fromUtf8(readFile(
         root.path() + prefix + QLatin1String("/lib/systemd/system/tulo-settingsd.service")));
 
     const auto words = [&unit](const QString& key) {
@@ -255,9 +251,7 @@ void TstServicePackaging::tmpfilesTouchNothingInTheWritableTree()
     const QTemporaryDir root;
     QDir(root.path()).mkpath(QStringLiteral("etc"));
     const auto write = [&root](const char* name, const QByteArray& content) {
-        QFile file(root.filePath(QString::fromLatin1(name)));
-        if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-            qFatal("cannot write %s", name);
+        writeFile(root.filePath(QString::fromLatin1(name)), content);
     };
     write("etc/passwd", "root:x:0:0::/:/bin/sh\ntulo-cm:x:4711:4712::/:/bin/false\n");
     write("etc/group", "root:x:0:\ntulo-cm:x:4712:\n");
@@ -336,16 +330,14 @@ void TstServicePackaging::unitIsWellFormed()
         QSKIP("needs systemd-analyze");
     // With the program where this installation has it.
     const QTemporaryDir copy;
-    QFile file(copy.filePath(name));
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(contentOf(installed("lib/systemd/system/") + name)
-                   .replace("/usr/" + program, installed(program.constData()).toUtf8()));
-    file.close();
+    writeFile(copy.filePath(name),
+              readFile(installed("lib/systemd/system/") + name)
+                  .replace("/usr/" + program, installed(program.constData()).toUtf8()));
 
     const ChildResult result =
         ChildProcess::run(QStringLiteral("systemd-analyze"),
                           { QStringLiteral("verify"), QStringLiteral("--man=no"),
-                            QStringLiteral("--recursive-errors=no"), file.fileName() });
+                            QStringLiteral("--recursive-errors=no"), copy.filePath(name) });
 
     QVERIFY2(!result.standardError.contains(name.toUtf8()), result.standardError);
     QCOMPARE(result.exitCode, 0);
@@ -354,8 +346,7 @@ void TstServicePackaging::unitIsWellFormed()
 // Nobody enables it by installing.
 void TstServicePackaging::unitOfTheMigrationIsForTheCommand()
 {
-    const QByteArray unit =
-        contentOf(installed("lib/systemd/system/tulo-settings-migrate.service"));
+    const QByteArray unit = readFile(installed("lib/systemd/system/tulo-settings-migrate.service"));
 
     QVERIFY2(unit.contains("\nType=oneshot\n"), unit);
     QVERIFY2(unit.contains("\nExecStart=/usr/bin/tulo-cm --in-process --product ${TULO_PRODUCT} "
@@ -431,7 +422,7 @@ void TstServicePackaging::unitTurnsItsVariablesIntoOptions()
     QFETCH(const QString, title);
     QFETCH(const QString, value);
     QString unit =
-        QString::fromUtf8(contentOf(installed("lib/systemd/system/tulo-settingsd.service")));
+        QString::fromUtf8(readFile(installed("lib/systemd/system/tulo-settingsd.service")));
     unit.replace(QStringLiteral("\\\n"), QString());
     QStringList words =
         QRegularExpression(QStringLiteral("^ExecStart=(.*)$"), QRegularExpression::MultilineOption)
@@ -490,7 +481,7 @@ void TstServicePackaging::interfaceFileSaysWhatTheServiceSays()
 
     const QByteArray told = answer.arguments().value(0).toString().toUtf8();
     const QByteArray committed =
-        contentOf(installed("share/dbus-1/interfaces/org.tulo.ConfigurationManager1.xml"));
+        readFile(installed("share/dbus-1/interfaces/org.tulo.ConfigurationManager1.xml"));
     const QString first = QStringLiteral("org.tulo.ConfigurationManager1");
     const QVector<QPair<QString, int>> interfaces { { first, 16 },
                                                     { first + QLatin1String(".Change"), 6 },

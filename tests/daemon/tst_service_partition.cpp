@@ -138,9 +138,8 @@ void TstServicePartition::latePartitionIsServedWhenItIsThere()
     if (!isTreeInside && tulo::isOnOwnFileSystem(mountPoint))
         QSKIP("needs a folder for temporary files on the root file system");
     const QString inside = isTreeInside ? QStringLiteral("/tree") : QString();
-    QVERIFY(partition.write(inside + volumeFile, fileOf(45)));
-    QVERIFY(partition.write(inside + QLatin1String("/presets/mine"),
-                            R"({"value":{"string":"fm:99.9"}})"));
+    partition.write(inside + volumeFile, fileOf(45));
+    partition.write(inside + QLatin1String("/presets/mine"), R"({"value":{"string":"fm:99.9"}})");
     QStringList options = waiting;
     if (isTreeInside)
         options << QStringLiteral("--write-path") << mountPoint + inside;
@@ -179,7 +178,7 @@ void TstServicePartition::latePartitionIsMigrated()
     trees()->tree.writeDefault(QStringLiteral("/../settings-migrations/0001-volume.json"),
                                R"([{"clamp": "/audio/volume"}])");
     const QString tree = trees()->tree.writePath() + QLatin1String("/tree");
-    QVERIFY(partition.write(QStringLiteral("/tree") + volumeFile, fileOf(200)));
+    partition.write(QStringLiteral("/tree") + volumeFile, fileOf(200));
     ServiceProcess service(
         *trees(), m_bus->address(),
         waiting
@@ -255,7 +254,7 @@ void TstServicePartition::partitionMountedOverTheTreeIsServed()
     Partition partition;
     NEEDS_MOUNTS(partition);
     trees()->tree.writeWritten(QStringLiteral("/audio/gain"), R"({"value":{"double":0.25}})");
-    QVERIFY(partition.write(QStringLiteral("/audio/loudness"), R"({"value":{"bool":false}})"));
+    partition.write(QStringLiteral("/audio/loudness"), R"({"value":{"bool":false}})");
     ServiceProcess service(*trees(), m_bus->address());
     QVERIFY2(service.serve(), service.standardError());
     const BusClient client(m_bus->address());
@@ -279,7 +278,7 @@ void TstServicePartition::readOnlyPartitionIsRead()
     Partition partition;
     NEEDS_MOUNTS(partition);
     const QString tree = trees()->tree.writePath();
-    QVERIFY(partition.write(volumeFile, fileOf(45)));
+    partition.write(volumeFile, fileOf(45));
     QVERIFY(partition.appearAt(tree));
     QVERIFY(partition.setReadOnly(true));
     ServiceProcess service(*trees(), m_bus->address());
@@ -316,10 +315,10 @@ void TstServicePartition::readOnlyPartitionThatIsReplacedIsReadAnew()
     Partition second;
     NEEDS_MOUNTS(first);
     const QString tree = trees()->tree.writePath();
-    QVERIFY(first.write(volumeFile, fileOf(45)));
+    first.write(volumeFile, fileOf(45));
     QVERIFY(first.appearAt(tree));
     QVERIFY(first.setReadOnly(true));
-    QVERIFY(second.write(volumeFile, fileOf(60)));
+    second.write(volumeFile, fileOf(60));
     QVERIFY(second.appearAt(elsewhere.path()));
     QVERIFY(second.setReadOnly(true));
     ServiceProcess service(*trees(), m_bus->address());
@@ -461,7 +460,7 @@ void TstServicePartition::killLosesNothingThatWasFlushed()
     Partition partition;
     NEEDS_MOUNTS(partition);
     const QString tree = trees()->tree.writePath();
-    QVERIFY(partition.write(volumeFile, fileOf(30)));
+    partition.write(volumeFile, fileOf(30));
     QVERIFY(partition.appearAt(tree));
     const bool isReadOnly = state == QLatin1String("read-only");
     if (isReadOnly)
@@ -478,7 +477,7 @@ void TstServicePartition::killLosesNothingThatWasFlushed()
             QCOMPARE(set(client, 45), accepted(45));
             QVERIFY(partition.disappear());
         } else if (state == QLatin1String("full")) {
-            QVERIFY(partition.write(QStringLiteral("/filler"), QByteArray()));
+            partition.write(QStringLiteral("/filler"), QByteArray());
             QFile filler(partition.path() + QLatin1String("/filler"));
             QVERIFY(filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
             const QByteArray page(4096, 'x');

@@ -2,6 +2,8 @@
 
 #include "daemon/tulo/bus-types.h"
 
+#include "tests/support/files.h"
+
 #include <QDBusConnectionInterface>
 #include <QDBusError>
 #include <QDBusPendingCall>
@@ -31,21 +33,6 @@ constexpr uid_t serviceUserId = 2;
 constexpr uid_t reader = 3;
 constexpr uid_t outsider = 65534;
 
-QByteArray contentOf(const QString& name)
-{
-    QFile file(name);
-    if (!file.open(QIODevice::ReadOnly))
-        qFatal("cannot read %s", qPrintable(name));
-    return file.readAll();
-}
-
-void write(const QString& name, const QByteArray& content)
-{
-    QFile file(name);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-        qFatal("cannot write %s", qPrintable(name));
-}
-
 void replaceOnce(QByteArray& text, const QByteArray& before, const QByteArray& after)
 {
     if (text.count(before) != 1)
@@ -64,18 +51,18 @@ QByteArray systemPolicy(const QString& root)
 
     const QString policyFile =
         folder + QLatin1String("system.d/org.tulo.ConfigurationManager1.conf");
-    QByteArray policy = contentOf(policyFile);
+    QByteArray policy = readFile(policyFile);
     replaceOnce(policy, "group=\"tulo-read\"", "group=\"" + readerGroup.toUtf8() + '"');
     replaceOnce(policy, "group=\"tulo\"", "group=\"" + memberGroup.toUtf8() + '"');
     replaceOnce(policy, "user=\"tulo-cm\"", "user=\"" + serviceUser.toUtf8() + '"');
-    write(policyFile, policy);
-    write(folder + QLatin1String("system.d/org.example.Neighbour.conf"), R"(<busconfig>
+    writeFile(policyFile, policy);
+    writeFile(folder + QLatin1String("system.d/org.example.Neighbour.conf"), R"(<busconfig>
   <policy context="default"><allow send_destination="org.example.Neighbour"/></policy>
   <policy user="root"><allow own="org.example.Neighbour"/></policy>
 </busconfig>)");
 
     // Without what would make it this machine's own bus.
-    QByteArray system = contentOf(QStringLiteral("/usr/share/dbus-1/system.conf"));
+    QByteArray system = readFile(QStringLiteral("/usr/share/dbus-1/system.conf"));
     for (const char* element :
          { "<user>messagebus</user>", "<fork/>", "<pidfile>/run/dbus/pid</pidfile>", "<syslog/>",
            "<standard_system_servicedirs/>",
@@ -84,7 +71,7 @@ QByteArray systemPolicy(const QString& root)
            "<includedir>/etc/dbus-1/system.d</includedir>",
            "<include ignore_missing=\"yes\">/etc/dbus-1/system-local.conf</include>" })
         replaceOnce(system, element, QByteArray());
-    write(folder + QLatin1String("system.conf"), system);
+    writeFile(folder + QLatin1String("system.conf"), system);
     return "<include>" + QFile::encodeName(folder) + "system.conf</include>\n";
 }
 

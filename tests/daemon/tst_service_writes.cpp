@@ -1,4 +1,5 @@
 #include "tests/daemon/servicefixture.h"
+#include "tests/support/files.h"
 #include "tests/support/smalldisk.h"
 
 #include <QDir>
@@ -141,9 +142,7 @@ void TstServiceWrites::flushSyncsTheFileSystemOfTheTreeAlone()
     QCOMPARE(::kill(processId, SIGTERM), 0);
     QCOMPARE(service.finish().exitCode, 0);
 
-    QFile file(traceFile);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    const QByteArray trace = file.readAll();
+    const QByteArray trace = readFile(traceFile);
     // For the flush, and for the stop.
     QCOMPARE(trace.count(" syncfs("), 2);
     QCOMPARE(trace.count(" sync("), 0);
@@ -259,21 +258,19 @@ namespace {
 
 void writeConfiguration(const QString& name, const char* workerLevel, const char* threshold)
 {
-    QFile file(name);
-    if (!file.open(QIODevice::WriteOnly))
-        qFatal("cannot write the log configuration");
-    file.write(QByteArray("log4cplus.rootLogger=INFO, STDERR\n"
-                          "log4cplus.logger.CMSettingsWorker=")
-               + workerLevel
-               + "\n"
-                 "log4cplus.appender.STDERR=log4cplus::ConsoleAppender\n"
-                 "log4cplus.appender.STDERR.logToStdErr=true\n"
-                 "log4cplus.appender.STDERR.ImmediateFlush=true\n"
-                 "log4cplus.appender.STDERR.Threshold="
-               + threshold
-               + "\n"
-                 "log4cplus.appender.STDERR.layout=log4cplus::PatternLayout\n"
-                 "log4cplus.appender.STDERR.layout.ConversionPattern=%-5p %c: %m%n\n");
+    writeFile(name,
+              QByteArray("log4cplus.rootLogger=INFO, STDERR\n"
+                         "log4cplus.logger.CMSettingsWorker=")
+                  + workerLevel
+                  + "\n"
+                    "log4cplus.appender.STDERR=log4cplus::ConsoleAppender\n"
+                    "log4cplus.appender.STDERR.logToStdErr=true\n"
+                    "log4cplus.appender.STDERR.ImmediateFlush=true\n"
+                    "log4cplus.appender.STDERR.Threshold="
+                  + threshold
+                  + "\n"
+                    "log4cplus.appender.STDERR.layout=log4cplus::PatternLayout\n"
+                    "log4cplus.appender.STDERR.layout.ConversionPattern=%-5p %c: %m%n\n");
 }
 
 // Whether the service got so far as to write this, on its way through calls of a client.

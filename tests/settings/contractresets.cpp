@@ -2,7 +2,8 @@
 
 #include "tests/settings/contracttexts.h"
 
-#include <QDir>
+#include "tests/support/files.h"
+
 #include <QFile>
 #include <QTest>
 
@@ -302,12 +303,9 @@ void SettingsContract::resetLeavesOtherFilesAlone()
     tree().writeWritten(QStringLiteral("/package"), R"({"name":"x","value":{"int":40}})");
     tree().writeDefault(QStringLiteral("/linked"), R"({"value":{"int":1}})");
     tree().writeDefault(QStringLiteral("/elsewhere/one"), R"({"value":{"int":1}})");
-    QDir().mkpath(tree().path() + QStringLiteral("/beside"));
-    QFile target(tree().path() + QStringLiteral("/beside/one"));
-    QVERIFY(target.open(QIODevice::WriteOnly));
-    QVERIFY(target.write(R"({"value":{"int":2}})") > 0);
-    target.close();
-    QVERIFY(QFile::link(target.fileName(), writable + QStringLiteral("/linked")));
+    const QString target = tree().path() + QStringLiteral("/beside/one");
+    writeFile(target, R"({"value":{"int":2}})");
+    QVERIFY(QFile::link(target, writable + QStringLiteral("/linked")));
     QVERIFY(QFile::link(tree().path() + QStringLiteral("/beside"),
                         writable + QStringLiteral("/elsewhere")));
     QStringList left = tree().writtenEntries();
@@ -316,7 +314,7 @@ void SettingsContract::resetLeavesOtherFilesAlone()
 
     left.removeAll(QStringLiteral("/audio/volume"));
     QCOMPARE(tree().writtenEntries(), left);
-    QVERIFY(target.exists());
+    QVERIFY(QFile::exists(target));
     const QString inTheWay =
         QStringLiteral("Refused: A symbolic link in the writable tree is in the way of '%1'");
     for (const char* path : { "/settings/linked", "/settings/elsewhere/one" }) {

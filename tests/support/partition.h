@@ -1,7 +1,8 @@
 #pragma once
 
+#include "tests/support/files.h"
+
 #include <QByteArray>
-#include <QDir>
 #include <QFile>
 #include <QString>
 #include <QTemporaryDir>
@@ -28,18 +29,11 @@ public:
     /// Where it is always found, for the test alone.
     QString path() const { return m_place.path(); }
     bool isMade() const { return m_isMade; }
-    bool write(const QString& name, const QByteArray& content) const
+    void write(const QString& name, const QByteArray& content) const
     {
-        const QString fileName = path() + name;
-        QDir().mkpath(fileName.left(fileName.lastIndexOf(QLatin1Char('/'))));
-        QFile file(fileName);
-        return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
+        writeFile(path() + name, content);
     }
-    QByteArray read(const QString& name) const
-    {
-        QFile file(path() + name);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    QByteArray read(const QString& name) const { return readFile(path() + name); }
 
     bool appearAt(const QString& directory)
     {

@@ -1,4 +1,5 @@
 #include "tests/support/temporarytree.h"
+#include "tests/support/files.h"
 
 #include "api/core/tulojson.h"
 
@@ -13,23 +14,6 @@ void makeDirectory(const QString& name)
 {
     if (!QDir().mkpath(name))
         qFatal("cannot make the folder %s", qPrintable(name));
-}
-
-void writeFile(const QString& name, const QByteArray& content)
-{
-    makeDirectory(QFileInfo(name).path());
-    QFile file(name);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size() || !file.flush())
-        qFatal("cannot write the file %s", qPrintable(name));
-}
-
-QByteArray readFile(const QString& name)
-{
-    QFile file(name);
-    if (!file.open(QIODevice::ReadOnly))
-        return QByteArray();
-    const QByteArray content = file.readAll();
-    return content.isNull() ? QByteArray("") : content;
 }
 
 QByteArray asJson(const QVariantHash& roles)

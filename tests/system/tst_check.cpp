@@ -2,6 +2,8 @@
 
 #include "trees/rules.h"
 
+#include "tests/support/files.h"
+
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -31,22 +33,6 @@ namespace {
 // Trees in one folder: "default", "write", and for comparisons "old".
 // ---------------------------------------------------------------------------------------------
 
-void put(const QString& name, const QByteArray& content)
-{
-    QDir().mkpath(QFileInfo(name).path());
-    QFile file(name);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-        qFatal("cannot write a file");
-}
-
-QByteArray contentOf(const QString& name)
-{
-    QFile file(name);
-    if (!file.open(QIODevice::ReadOnly))
-        qFatal("cannot read a file");
-    return file.readAll();
-}
-
 const char* const soundVolume = R"({
   "id": "AUD-1",
   "title": "Volume",
@@ -61,21 +47,24 @@ const char* const soundVolume = R"({
 // In which no rule finds anything: a setting with a variant for "sport", one without, a template.
 void putSoundTree(const QString& tree)
 {
-    put(tree + QStringLiteral("/.meta"), R"({"title": "Settings", "modifiable": false})");
-    put(tree + QStringLiteral("/audio/.meta"), R"({"title": "Audio", "modifiable": false})");
-    put(tree + QStringLiteral("/audio/volume"), soundVolume);
-    put(tree + QStringLiteral("/audio/volume_sport"), QByteArray(soundVolume).replace("35", "45"));
-    put(tree + QStringLiteral("/audio/mode"),
+    writeFile(tree + QStringLiteral("/.meta"), R"({"title": "Settings", "modifiable": false})");
+    writeFile(tree + QStringLiteral("/audio/.meta"), R"({"title": "Audio", "modifiable": false})");
+    writeFile(tree + QStringLiteral("/audio/volume"), soundVolume);
+    writeFile(tree + QStringLiteral("/audio/volume_sport"),
+              QByteArray(soundVolume).replace("35", "45"));
+    writeFile(
+        tree + QStringLiteral("/audio/mode"),
         R"({"title": "Mode", "value": {"string": "mid"}, "edit": {"values": ["low", "mid"]}})");
-    put(tree + QStringLiteral("/presets/.meta"),
+    writeFile(
+        tree + QStringLiteral("/presets/.meta"),
         R"({"title": "Preset", "value": {"string": "fm"}, "defaultValue": {"string": "fm"}})");
-    put(tree + QStringLiteral("/presets/one"), "{}");
+    writeFile(tree + QStringLiteral("/presets/one"), "{}");
 }
 
 Arrange file(const QByteArray& name, const QByteArray& content)
 {
     return [name, content](const QString& folder) {
-        put(folder + QLatin1Char('/') + QString::fromUtf8(name), content);
+        writeFile(folder + QLatin1Char('/') + QString::fromUtf8(name), content);
     };
 }
 
@@ -84,11 +73,11 @@ Arrange changed(const char* name, const char* from, const char* to)
 {
     return [=](const QString& folder) {
         const QString whole = folder + QLatin1Char('/') + QString::fromUtf8(name);
-        QByteArray content = contentOf(whole);
+        QByteArray content = readFile(whole);
         const int place = content.indexOf(from);
         if (place < 0)
             qFatal("nothing to change");
-        put(whole, content.replace(place, int(qstrlen(from)), to));
+        writeFile(whole, content.replace(place, int(qstrlen(from)), to));
     };
 }
 
@@ -138,7 +127,7 @@ QStringList words(const char* line)
 void makeCatalogue(const QString& folder)
 {
     const QString source = folder + QStringLiteral("/catalogue.ts");
-    put(source, R"(<?xml version="1.0" encoding="utf-8"?>
+    writeFile(source, R"(<?xml version="1.0" encoding="utf-8"?>
 <!DOCTYPE TS>
 <TS version="2.1" language="de">
 <context><name>@settings/audio</name>
@@ -267,9 +256,8 @@ void TstCheck::soundTreeHasNoFindings()
 // The examples of the page, in its order, are what they say they are.
 void TstCheck::filesOfTheFormatPageAreClean()
 {
-    QFile page(QStringLiteral(TULO_SOURCE_DIR "/docs/file-format.md"));
-    QVERIFY(page.open(QIODevice::ReadOnly));
-    const QList<QByteArray> lines = page.readAll().split('\n');
+    const QList<QByteArray> lines =
+        readFile(QStringLiteral(TULO_SOURCE_DIR "/docs/file-format.md")).split('\n');
     QVector<QByteArray> files;
     for (int i = 0; i < lines.size(); ++i) {
         if (lines.at(i) != "```json")
@@ -286,7 +274,7 @@ void TstCheck::filesOfTheFormatPageAreClean()
                               defaults.filePath(QStringLiteral("audio/presets/.meta")),
                               written.filePath(QStringLiteral("audio/volume")) };
     for (int i = 0; i < names.size(); ++i)
-        put(names.at(i), files.at(i));
+        writeFile(names.at(i), files.at(i));
     const QStringList trees { QStringLiteral("--default-path"), defaults.path(),
                               QStringLiteral("--write-path"), written.path() };
     const QString program = QStringLiteral(TULO_CM_PROGRAM);
@@ -633,8 +621,8 @@ void TstCheck::plantedFault()
     putSoundTree(tree.defaultPath());
     if (options.contains(QStringLiteral("--against")))
         putSoundTree(tree.path() + QStringLiteral("/old"));
-    put(tree.path() + QStringLiteral("/exceptions"),
-        "id-missing presets/one Made by the template\n");
+    writeFile(tree.path() + QStringLiteral("/exceptions"),
+              "id-missing presets/one Made by the template\n");
     if (options.contains(QStringLiteral("--catalogue")))
         makeCatalogue(tree.path());
     plant(tree.path());
@@ -854,10 +842,10 @@ void TstCheck::exceptionsBesideTheTreeAreUsed()
 {
     const TemporaryTree tree;
     putSoundTree(tree.defaultPath());
-    put(tree.defaultPath() + QStringLiteral("/audio/x/y"), R"({"value": {"int": 5}})");
-    put(tree.defaultPath() + QStringLiteral("/z"), R"({"value": {"int": 5}})");
-    put(tree.defaultPath() + QStringLiteral(".exceptions"),
-        "# Shown as icons.\n\nno-title\taudio/*  Icons, without a text.\r\n");
+    writeFile(tree.defaultPath() + QStringLiteral("/audio/x/y"), R"({"value": {"int": 5}})");
+    writeFile(tree.defaultPath() + QStringLiteral("/z"), R"({"value": {"int": 5}})");
+    writeFile(tree.defaultPath() + QStringLiteral(".exceptions"),
+              "# Shown as icons.\n\nno-title\taudio/*  Icons, without a text.\r\n");
 
     const ChildResult result = check(tree.path(), words("default/"));
     const ChildResult inside = check(tree.defaultPath(), words("."));
@@ -872,7 +860,7 @@ void TstCheck::exceptionThatMatchesNothingIsReported()
 {
     const TemporaryTree tree;
     putSoundTree(tree.defaultPath());
-    put(tree.path() + QStringLiteral("/own"), "no-title audio/mode It has one by now.\n");
+    writeFile(tree.path() + QStringLiteral("/own"), "no-title audio/mode It has one by now.\n");
 
     const ChildResult result = check(tree.path(), words("default --exceptions own --strict"));
 
@@ -886,9 +874,9 @@ void TstCheck::exceptionIsNotUnusedWhereItsRuleDidNotRun()
 {
     const TemporaryTree tree;
     putSoundTree(tree.defaultPath());
-    put(tree.path() + QStringLiteral("/default.exceptions"),
-        "written-orphan * Kept for the next image.\nremoved audio/x Never sold.\n"
-        "id-missing * Few have one.\ntext-untranslated * Later.\n");
+    writeFile(tree.path() + QStringLiteral("/default.exceptions"),
+              "written-orphan * Kept for the next image.\nremoved audio/x Never sold.\n"
+              "id-missing * Few have one.\ntext-untranslated * Later.\n");
 
     const ChildResult result = check(tree.path(), words("default --strict"));
 
@@ -900,8 +888,8 @@ void TstCheck::whatStopsTheServiceCannotBeAllowed()
 {
     const TemporaryTree tree;
     putSoundTree(tree.defaultPath());
-    put(tree.defaultPath() + QStringLiteral("/audio/x"), "{");
-    put(tree.path() + QStringLiteral("/default.exceptions"), "syntax * Later.\n");
+    writeFile(tree.defaultPath() + QStringLiteral("/audio/x"), "{");
+    writeFile(tree.path() + QStringLiteral("/default.exceptions"), "syntax * Later.\n");
 
     const ChildResult result = check(tree.path(), words("default --rule syntax=off"));
 
@@ -919,11 +907,11 @@ void TstCheck::productRestrictsTheVariants()
     const TemporaryTree tree;
     putSoundTree(tree.defaultPath());
     // Below "sport" two settings share an id; a setting of another product has no title.
-    put(tree.defaultPath() + QStringLiteral("/audio/mode_sport"),
-        R"({"title": "Mode", "id": "AUD-1", "value": {"string": "low"},
+    writeFile(tree.defaultPath() + QStringLiteral("/audio/mode_sport"),
+              R"({"title": "Mode", "id": "AUD-1", "value": {"string": "low"},
             "edit": {"values": ["low", "mid"]}})");
-    put(tree.defaultPath() + QStringLiteral("/audio/mode_eco"),
-        R"({"title": "Mode", "value": {"string": "low"}})");
+    writeFile(tree.defaultPath() + QStringLiteral("/audio/mode_eco"),
+              R"({"title": "Mode", "value": {"string": "low"}})");
     const QStringList rules = words("--rule variant-other-id=off");
 
     const ChildResult all = check(tree.path(), words("default") + rules);
@@ -967,15 +955,15 @@ void TstCheck::migrationCoversADifference()
     changed("default/audio/volume", "100", "80")(tree.path());
     changed("default/audio/volume_sport", "100", "80")(tree.path());
     const QByteArray rules = R"([{"clamp": "/audio/volume"}])";
-    put(tree.path() + QStringLiteral("/rules/0001-volume.json"), rules);
+    writeFile(tree.path() + QStringLiteral("/rules/0001-volume.json"), rules);
 
     const ChildResult without = check(tree.path(), words("default --against old"));
     const ChildResult named =
         check(tree.path(), words("default --against old --migrations rules --strict"));
-    put(tree.path() + QStringLiteral("/settings-migrations/0001-volume.json"), rules);
+    writeFile(tree.path() + QStringLiteral("/settings-migrations/0001-volume.json"), rules);
     const ChildResult found = check(tree.path(), words("default --against old"));
     const ChildResult inside = check(tree.defaultPath(), words(". --against ../old"));
-    put(tree.path() + QStringLiteral("/settings-migrations/0001-volume.json"), "{");
+    writeFile(tree.path() + QStringLiteral("/settings-migrations/0001-volume.json"), "{");
     const ChildResult broken = check(tree.path(), words("default --against old"));
 
     QCOMPARE(without.exitCode, 8);
@@ -999,12 +987,12 @@ void TstCheck::outputHoldsNoControlCharacters()
     const TemporaryTree tree;
     putSoundTree(tree.defaultPath());
     putSoundTree(tree.path() + QStringLiteral("/old"));
-    put(tree.defaultPath() + QStringLiteral("/audio/\u001b[31m\n\u202e"), "{}");
-    put(tree.defaultPath() + QStringLiteral("/audio/mode"),
-        R"({"title": "Mode", "\u001b[31m\n": 1, "value": {"string": "\u001b\u202e"},)"
-        R"( "edit": {"kind": "string", "maxLength": 1, "\n": 1}, "id": "\u001b]0;x\u0007"})");
-    put(tree.defaultPath() + QStringLiteral("/audio/twice"),
-        R"({"title": "Twice", "value": {"int": 1}, "id": "\u001b]0;x\u0007"})");
+    writeFile(tree.defaultPath() + QStringLiteral("/audio/\u001b[31m\n\u202e"), "{}");
+    writeFile(tree.defaultPath() + QStringLiteral("/audio/mode"),
+              R"({"title": "Mode", "\u001b[31m\n": 1, "value": {"string": "\u001b\u202e"},)"
+              R"( "edit": {"kind": "string", "maxLength": 1, "\n": 1}, "id": "\u001b]0;x\u0007"})");
+    writeFile(tree.defaultPath() + QStringLiteral("/audio/twice"),
+              R"({"title": "Twice", "value": {"int": 1}, "id": "\u001b]0;x\u0007"})");
 
     for (const char* format : { "text", "json" }) {
         const ChildResult result =
@@ -1098,8 +1086,8 @@ void TstCheck::usageErrors()
     QFETCH(const QByteArray, error);
     const TemporaryTree tree;
     putSoundTree(tree.defaultPath());
-    put(tree.path() + QStringLiteral("/unknown-rule"), "# Reasons\nno-titel * Icons.\n");
-    put(tree.path() + QStringLiteral("/no-reason"), "no-title *\n");
+    writeFile(tree.path() + QStringLiteral("/unknown-rule"), "# Reasons\nno-titel * Icons.\n");
+    writeFile(tree.path() + QStringLiteral("/no-reason"), "no-title *\n");
 
     const ChildResult result = check(tree.path(), line);
 
@@ -1228,7 +1216,7 @@ void TstCheck::shellChecksItsOwnTrees()
     const TemporaryTree tree;
     putSoundTree(tree.defaultPath());
     putSoundTree(tree.path() + QStringLiteral("/other"));
-    put(tree.path() + QStringLiteral("/other/z"), R"({"value": {"int": 5}})");
+    writeFile(tree.path() + QStringLiteral("/other/z"), R"({"value": {"int": 5}})");
     tree.writeWritten(QStringLiteral("/audio/volume"), QByteArray("5"));
 
     const ChildResult result = ChildProcess::run(

@@ -1,4 +1,5 @@
 #include "tests/support/childprocess.h"
+#include "tests/support/files.h"
 
 #include <tulo/testsettings.h>
 
@@ -17,28 +18,13 @@ namespace {
 
 const QString volumePath = QStringLiteral("/settings/audio/volume");
 
-QByteArray read(const QString& name)
-{
-    QFile file(name);
-    if (!file.open(QIODevice::ReadOnly))
-        qFatal("cannot read %s", qPrintable(name));
-    return file.readAll();
-}
-
-void write(const QString& name, const QByteArray& content)
-{
-    QFile file(name);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-        qFatal("cannot write %s", qPrintable(name));
-}
-
 /// The blocks of a document that are marked as being of a language, in order.
 QList<QByteArray> blocks(const QString& document, const QByteArray& language)
 {
     QList<QByteArray> blocks;
     bool isBlock = false;
     bool isWanted = false;
-    const QByteArray text = read(QStringLiteral(TULO_SOURCE_DIR "/") + document);
+    const QByteArray text = readFile(QStringLiteral(TULO_SOURCE_DIR "/") + document);
     for (const QByteArray& line : text.split('\n')) {
         if (line.startsWith("```")) {
             isBlock = !isBlock;
@@ -268,7 +254,7 @@ void TstClientPrograms::readmeShowsAProgramThatRuns()
     const QList<QByteArray> programs = blocks(QStringLiteral("README.md"), "cpp");
     QCOMPARE(programs.size(), 1);
     const QString directory = makeDirectory(QStringLiteral("readme"));
-    write(directory + QStringLiteral("/program.cpp"), programs.first());
+    writeFile(directory + QStringLiteral("/program.cpp"), programs.first());
     QVERIFY(buildByPkgConfig(directory + QStringLiteral("/program.cpp"),
                              directory + QStringLiteral("/program")));
     TestSettings test;
@@ -301,14 +287,14 @@ void TstClientPrograms::documentShowsATestThatPasses()
     const QList<QByteArray> lines = blocks(QStringLiteral("docs/clients.md"), "cmake");
     QCOMPARE(lines.size(), 2);
     const QString directory = makeDirectory(QStringLiteral("test"));
-    write(directory + QStringLiteral("/volumetest.cpp"), test);
-    write(directory + QStringLiteral("/CMakeLists.txt"),
-          "cmake_minimum_required(VERSION 3.25)\n"
-          "project(test LANGUAGES CXX)\n"
-          "set(CMAKE_AUTOMOC ON)\n"
-          "find_package(TuloSettings 0.1 REQUIRED)\n"
-          "add_executable(volumetest volumetest.cpp)\n"
-              + lines.last());
+    writeFile(directory + QStringLiteral("/volumetest.cpp"), test);
+    writeFile(directory + QStringLiteral("/CMakeLists.txt"),
+              "cmake_minimum_required(VERSION 3.25)\n"
+              "project(test LANGUAGES CXX)\n"
+              "set(CMAKE_AUTOMOC ON)\n"
+              "find_package(TuloSettings 0.1 REQUIRED)\n"
+              "add_executable(volumetest volumetest.cpp)\n"
+                  + lines.last());
 
     QVERIFY(buildByCMake(directory, directory + QStringLiteral("/build")));
 
@@ -334,7 +320,7 @@ void TstClientPrograms::documentShowsWhatCompiles()
     QVERIFY(count > 0);
     text += "};\nint main() {}\n";
     const QString directory = makeDirectory(QStringLiteral("parts"));
-    write(directory + QStringLiteral("/parts.cpp"), text);
+    writeFile(directory + QStringLiteral("/parts.cpp"), text);
 
     QVERIFY(buildByPkgConfig(directory + QStringLiteral("/parts.cpp"),
                              directory + QStringLiteral("/parts")));

@@ -1,5 +1,7 @@
 #include "tests/system/commandline.h"
 
+#include "tests/support/files.h"
+
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
@@ -853,28 +855,24 @@ void TstCommandline::logConfigurationDecides()
 {
     const CommandLine cli;
     const QString log = cli.tree.path() + QStringLiteral("/log");
-    QFile configuration(cli.tree.path() + QStringLiteral("/log.properties"));
-    QVERIFY(configuration.open(QIODevice::WriteOnly));
-    configuration.write("log4cplus.rootLogger=ERROR, file\n"
-                        "log4cplus.logger.CMSettingsWorker=OFF, file\n"
-                        "log4cplus.appender.file=log4cplus::FileAppender\n"
-                        "log4cplus.appender.file.File="
-                        + log.toUtf8()
-                        + "\nlog4cplus.appender.file.Threshold=INFO\n"
-                          "log4cplus.appender.file.layout=log4cplus::PatternLayout\n"
-                          "log4cplus.appender.file.layout.ConversionPattern=%m%n\n");
-    configuration.close();
+    const QString configuration = cli.tree.path() + QStringLiteral("/log.properties");
+    writeFile(configuration,
+              "log4cplus.rootLogger=ERROR, file\n"
+              "log4cplus.logger.CMSettingsWorker=OFF, file\n"
+              "log4cplus.appender.file=log4cplus::FileAppender\n"
+              "log4cplus.appender.file.File="
+                  + log.toUtf8()
+                  + "\nlog4cplus.appender.file.Threshold=INFO\n"
+                    "log4cplus.appender.file.layout=log4cplus::PatternLayout\n"
+                    "log4cplus.appender.file.layout.ConversionPattern=%m%n\n");
 
-    const ChildResult result =
-        cli.run(QStringList { QStringLiteral("--log-config"), configuration.fileName() }
-                + words("set /settings/audio/volume 40"));
+    const ChildResult result = cli.run(QStringList { QStringLiteral("--log-config"), configuration }
+                                       + words("set /settings/audio/volume 40"));
 
     // The configuration switched these records off; that the file is on disk is noticed anyway.
     QCOMPARE(result.standardError, QByteArray());
     QCOMPARE(result.exitCode, 0);
-    QFile written(log);
-    QVERIFY(written.open(QIODevice::ReadOnly));
-    QVERIFY(written.readAll().contains("written file: "));
+    QVERIFY(readFile(log).contains("written file: "));
 }
 
 void TstCommandline::brokenWrittenFileIsToldAndOverwritten()

@@ -1,3 +1,4 @@
+#include "tests/support/files.h"
 #include "tests/support/terminal.h"
 #include "tests/system/commandline.h"
 
@@ -78,10 +79,7 @@ private:
 
     void write(const char* name, const QByteArray& content) const
     {
-        QFile file(m_directory.filePath(QLatin1String(name)));
-        if (!QDir().mkpath(QFileInfo(file).path()) || !file.open(QIODevice::WriteOnly)
-            || file.write(content) != content.size())
-            qFatal("cannot write %s", name);
+        writeFile(m_directory.filePath(QLatin1String(name)), content);
     }
 
     const QTemporaryDir m_directory;

@@ -1,8 +1,8 @@
 #include "tests/daemon/servicefixture.h"
+#include "tests/support/files.h"
 #include "tests/support/terminal.h"
 #include "tests/system/commandline.h"
 
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
@@ -49,19 +49,9 @@ public:
         return home.path() + QLatin1String("/.local/state/tulo-cm/history");
     }
 
-    QByteArray history() const
-    {
-        QFile file(historyFile());
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    QByteArray history() const { return readFile(historyFile()); }
 
-    void writeHistory(const QByteArray& content) const
-    {
-        QDir().mkpath(QFileInfo(historyFile()).path());
-        QFile file(historyFile());
-        if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-            qFatal("cannot write the history");
-    }
+    void writeHistory(const QByteArray& content) const { writeFile(historyFile(), content); }
 
     /// Opens a shell.
     void sitDownAt(Terminal* terminal, const QStringList& options = {}) const
@@ -375,9 +365,7 @@ void TstInteractiveShell::otherHistoryIsNotUsed()
 
     COMPARE_SCREEN(terminal,
                    note + lines({ "\n/settings> get serial\nX1\n/settings> get serial|" }));
-    QFile other(person.home.path() + QLatin1String("/else"));
-    QVERIFY(other.open(QIODevice::ReadOnly));
-    QCOMPARE(other.readAll(), QByteArray("kept\n"));
+    QCOMPARE(readFile(person.home.path() + QLatin1String("/else")), QByteArray("kept\n"));
 }
 
 void TstInteractiveShell::namedStateDirectoryIsUsed()
@@ -391,9 +379,8 @@ void TstInteractiveShell::namedStateDirectoryIsUsed()
     terminal.type("exit\r");
 
     QCOMPARE(terminal.wait(), 0);
-    QFile file(person.home.path() + QLatin1String("/state/tulo-cm/history"));
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), QByteArray("exit\n"));
+    QCOMPARE(readFile(person.home.path() + QLatin1String("/state/tulo-cm/history")),
+             QByteArray("exit\n"));
     QVERIFY(!QFileInfo::exists(person.historyFile()));
 }
 

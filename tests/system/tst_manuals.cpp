@@ -1,8 +1,8 @@
 #include "tests/support/childprocess.h"
+#include "tests/support/files.h"
 #include "tests/system/commandline.h"
 
 #include <QDir>
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -37,8 +37,8 @@ const QString general = QStringLiteral("general");
 
 QString page(const char* name)
 {
-    QFile file(QStringLiteral(TULO_SOURCE_DIR "/docs/man/") + QLatin1String(name));
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    return QString::fromUtf8(
+        readFile(QStringLiteral(TULO_SOURCE_DIR "/docs/man/") + QLatin1String(name)));
 }
 
 QStringList sorted(const Names& names)
@@ -167,9 +167,8 @@ void TstManuals::optionsAreTheSameEverywhere()
 
 void TstManuals::everyNameOfTheInterfaceHasAnEntry()
 {
-    QFile file(QStringLiteral(TULO_SOURCE_DIR "/daemon/org.tulo.ConfigurationManager1.xml"));
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    const QString description = QString::fromUtf8(file.readAll());
+    const QString description = QString::fromUtf8(
+        readFile(QStringLiteral(TULO_SOURCE_DIR "/daemon/org.tulo.ConfigurationManager1.xml")));
     const QString manual = page("org.tulo.ConfigurationManager1.5.scd");
 
     const Names interfaces = matches(description, "<interface name=\"([^\"]+)\"");

@@ -1,5 +1,6 @@
 #include "tests/daemon/servicefixture.h"
 #include "tests/support/childprocess.h"
+#include "tests/support/files.h"
 #include "tests/support/temporarytree.h"
 #include "trees/ownerlock.h"
 
@@ -31,11 +32,9 @@ public:
     }
     void put(const char* image, const char* name, const QByteArray& content) const
     {
-        QFile file(
-            m_directory.filePath(QLatin1String(image) + QLatin1Char('/') + QLatin1String(name)));
-        if (!QDir().mkpath(QFileInfo(file).path()) || !file.open(QIODevice::WriteOnly)
-            || file.write(content) != content.size())
-            qFatal("cannot write %s", name);
+        writeFile(
+            m_directory.filePath(QLatin1String(image) + QLatin1Char('/') + QLatin1String(name)),
+            content);
     }
 
     QStringList trees(const char* image) const
@@ -193,9 +192,9 @@ void TstMigrate::resetOfEverythingReachesTheRecord()
 
     QCOMPARE(device.run("b", "reset --all").exitCode, 0);
 
-    QFile record(device.writePath() + QStringLiteral("/.tulo-cm.migrations"));
-    QVERIFY(record.open(QIODevice::ReadOnly));
-    QVERIFY(!record.readAll().contains("secret"));
+    const QByteArray record = readFile(device.writePath() + QStringLiteral("/.tulo-cm.migrations"));
+    QVERIFY(!record.isNull());
+    QVERIFY(!record.contains("secret"));
     for (const char* name : { "owner", "caller", "network" })
         QCOMPARE(device.valueUnder("a", (QByteArray("/settings/phone/") + name).constData()),
                  QByteArray("nobody"));
@@ -399,9 +398,7 @@ void TstMigrate::lastRunIsTakenBack()
 
     QCOMPARE(result.standardOutput,
              QByteArray("/driving/mode -> /vehicle/drive-mode (undo id 'VEH-0602')\n"));
-    QFile file(device.writePath() + QStringLiteral("/vehicle/drive-mode"));
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), content);
+    QCOMPARE(readFile(device.writePath() + QStringLiteral("/vehicle/drive-mode")), content);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -429,20 +426,16 @@ void TstMigrate::serviceMigratesBeforeItServes()
 void TstMigrate::serviceStartsAndTellsWhenMigrationFails()
 {
     const CommandLine trees;
-    const QString rules = trees.tree.path() + QStringLiteral("/settings-migrations");
-    QVERIFY(QDir().mkpath(rules));
-    QFile rule(rules + QStringLiteral("/0001-a.json"));
-    QVERIFY(rule.open(QIODevice::WriteOnly));
-    rule.write("[{}]");
-    rule.close();
+    const QString rules = trees.tree.path() + QStringLiteral("/settings-migrations/0001-a.json");
+    writeFile(rules, "[{}]");
     const PrivateBus bus;
     ServiceProcess service(trees, bus.address());
 
     QVERIFY2(service.serve(), service.standardError());
 
     const ChildResult result = service.end();
-    QVERIFY2(result.standardError.contains("WARN  tulo-settingsd: Migration failed: "
-                                           + rule.fileName().toUtf8() + ":1:2: a step is"),
+    QVERIFY2(result.standardError.contains(
+                 "WARN  tulo-settingsd: Migration failed: " + rules.toUtf8() + ":1:2: a step is"),
              result.standardError);
     QCOMPARE(result.exitCode, 0);
 }

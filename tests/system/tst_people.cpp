@@ -1,3 +1,4 @@
+#include "tests/support/files.h"
 #include "tests/support/terminal.h"
 #include "tests/system/commandline.h"
 
@@ -342,18 +343,17 @@ void TstPeople::watchOfATreeNamesRows()
 {
     const CommandLine cli;
     QTemporaryDir folder;
-    QFile script(folder.filePath(QStringLiteral("script")));
-    QVERIFY(script.open(QIODevice::WriteOnly));
-    script.write("watch -r /settings/presets\n"
-                 "set /settings/presets/two fm:99.9\n"
-                 "set /settings/presets/four fm:99.9\n"
-                 "set /settings/presets/one fm:90.1\n"
-                 "reset -r /settings/presets\n");
-    script.close();
+    const QString script = folder.filePath(QStringLiteral("script"));
+    writeFile(script,
+              "watch -r /settings/presets\n"
+              "set /settings/presets/two fm:99.9\n"
+              "set /settings/presets/four fm:99.9\n"
+              "set /settings/presets/one fm:90.1\n"
+              "reset -r /settings/presets\n");
     const QStringList arguments { QStringLiteral("-c"),
                                   QStringLiteral("'%1' %2 shell < '%3'")
                                       .arg(program, cli.arguments({}).join(QLatin1Char(' ')),
-                                           script.fileName()) };
+                                           script) };
     Terminal terminal(80, 40);
 
     terminal.start(QStringLiteral("/bin/sh"), arguments);

@@ -1,4 +1,5 @@
 #include "tests/support/childprocess.h"
+#include "tests/support/files.h"
 
 #include <QDir>
 #include <QFile>
@@ -39,8 +40,7 @@ QVector<Step> readSteps(const QByteArray& text)
 
 QByteArray readPage(const char* name)
 {
-    QFile page(QStringLiteral(TULO_SOURCE_DIR "/") + QLatin1String(name));
-    return page.open(QIODevice::ReadOnly) ? page.readAll() : QByteArray();
+    return readFile(QStringLiteral(TULO_SOURCE_DIR "/") + QLatin1String(name));
 }
 
 bool writeScript(const QString& fileName, const QByteArray& arguments)

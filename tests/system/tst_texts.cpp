@@ -1,4 +1,5 @@
 #include "tests/support/childprocess.h"
+#include "tests/support/files.h"
 #include "tests/support/temporarytree.h"
 
 #include <QFile>
@@ -19,11 +20,7 @@ public:
 
     QString catalogueName() const { return tree.path() + QStringLiteral("/settings_de.ts"); }
 
-    QByteArray catalogue() const
-    {
-        QFile file(catalogueName());
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    QByteArray catalogue() const { return readFile(catalogueName()); }
 
     // Gives a text without a translation one.
     bool translate(const QByteArray& source, const QByteArray& translation) const
@@ -35,8 +32,8 @@ public:
         if (message < 0 || place < 0)
             return false;
         content.replace(place, missing.size(), "<translation>" + translation + "</translation>");
-        QFile file(catalogueName());
-        return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
+        writeFile(catalogueName(), content);
+        return true;
     }
 
     TemporaryTree tree;
@@ -239,9 +236,7 @@ void TstTexts::unusualCharactersSurvive()
     QCOMPARE(catalogue.count("<translation type=\"unfinished\"></translation>"), 1);
     catalogue.replace("<translation type=\"unfinished\"></translation>",
                       "<translation>found</translation>");
-    QFile file(translations.catalogueName());
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(catalogue) == catalogue.size());
-    file.close();
+    writeFile(translations.catalogueName(), catalogue);
     QCOMPARE(ChildProcess::run(QStringLiteral("lrelease"),
                                { QStringLiteral("-silent"), translations.catalogueName() })
                  .exitCode,
@@ -292,9 +287,7 @@ void TstTexts::brokenCatalogueStays()
 {
     const Translations translations;
     translations.tree.writeDefault(QStringLiteral("/volume"), R"({"title":"Volume"})");
-    QFile file(translations.catalogueName());
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write("<TS") == 3);
-    file.close();
+    writeFile(translations.catalogueName(), "<TS");
 
     const ChildResult result = translations.update();
 

@@ -1,14 +1,16 @@
 #include "trees/factoryreset.h"
 #include "trees/uniquefd.h"
 
+#include "tests/support/readonlyplace.h"
 #include "tests/support/smalldisk.h"
 #include "tests/support/temporarytree.h"
 
 #include <QFile>
 #include <QTest>
 
+#include <memory>
+
 #include <fcntl.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -226,15 +228,13 @@ void tst_FactoryReset::fullDiskIsNoObstacle()
 void tst_FactoryReset::whatCannotBeRemovedKeepsTheRequest()
 {
     const ChangedTree tree;
-    const QByteArray place = encoded(tree, QStringLiteral("/presets"));
-    if (::mount(place.constData(), place.constData(), nullptr, MS_BIND, nullptr) != 0
-        || ::mount(nullptr, place.constData(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr)
-            != 0)
+    auto place = std::make_unique<ReadOnlyPlace>(tree.writePath() + QLatin1String("/presets"));
+    if (!place->isReadOnly())
         QSKIP("needs root to mount a file system");
 
     const JournalResult result = finishReset(tree);
 
-    QCOMPARE(::umount2(place.constData(), MNT_DETACH), 0);
+    place.reset();
     QCOMPARE(result.status, Status::Unfinished);
     QCOMPARE(result.message,
              QStringLiteral("a factory reset is asked for and is done when the tree is opened for "

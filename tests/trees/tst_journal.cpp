@@ -3,6 +3,7 @@
 #include "trees/uniquefd.h"
 
 #include "tests/support/childprocess.h"
+#include "tests/support/files.h"
 #include "tests/support/temporarytree.h"
 
 #include <QCryptographicHash>
@@ -563,10 +564,7 @@ void tst_Journal::aJournalThatIsNotAFileIsLeftAlone()
     QFETCH(const QString, command);
     const TemporaryTree tree;
     prepare(tree);
-    QFile outside(tree.path() + QLatin1String("/journal"));
-    QVERIFY(outside.open(QIODevice::WriteOnly));
-    outside.write(journalOf("{\"path\":\"/audio/volume\"}\n"));
-    outside.close();
+    writeFile(tree.path() + QLatin1String("/journal"), journalOf("{\"path\":\"/audio/volume\"}\n"));
     const ChildResult made = ChildProcess::run(
         QStringLiteral("sh"),
         { QStringLiteral("-c"), QStringLiteral("cd '%1' && %2").arg(tree.writePath(), command) });

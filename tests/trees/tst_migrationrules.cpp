@@ -1,7 +1,8 @@
 #include "trees/migrationrules.h"
 
+#include "tests/support/files.h"
+
 #include <QDir>
-#include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -176,9 +177,7 @@ namespace {
 
 void put(const QTemporaryDir& directory, const char* name, const char* text)
 {
-    QFile file(directory.filePath(QLatin1String(name)));
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QCOMPARE(file.write(text), qint64(qstrlen(text)));
+    writeFile(directory.filePath(QLatin1String(name)), text);
 }
 
 } // namespace

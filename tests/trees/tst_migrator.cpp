@@ -1,5 +1,6 @@
 #include "trees/migrator.h"
 
+#include "tests/support/files.h"
 #include "tests/support/temporarytree.h"
 #include "trees/ownerlock.h"
 #include "trees/treecheck.h"
@@ -90,11 +91,7 @@ void tst_migrator::cleanup()
 
 void tst_migrator::putRule(const char* name, const char* text) const
 {
-    const QString directory = m_tree->path() + path("/settings-migrations/");
-    QVERIFY(QDir().mkpath(directory));
-    QFile file(directory + path(name));
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QCOMPARE(file.write(text), qint64(qstrlen(text)));
+    writeFile(m_tree->path() + path("/settings-migrations/") + path(name), text);
 }
 
 MigrationPlace tst_migrator::place() const
@@ -294,11 +291,7 @@ void tst_migrator::brokenInputChangesNothing()
     const QString name = QString(file)
                              .replace(QRegularExpression(path("^default")), m_tree->defaultPath())
                              .replace(QRegularExpression(path("^write")), m_tree->writePath());
-    QFile broken(QDir(m_tree->path()).absoluteFilePath(name));
-    QVERIFY(QDir().mkpath(QFileInfo(broken).path()));
-    QVERIFY(broken.open(QIODevice::WriteOnly));
-    QCOMPARE(broken.write(content), qint64(content.size()));
-    broken.close();
+    writeFile(QDir(m_tree->path()).absoluteFilePath(name), content);
 
     const MigrationResult result = run();
 

@@ -2,6 +2,8 @@
 #include "trees/treeowner.h"
 
 #include "tests/support/childprocess.h"
+#include "tests/support/files.h"
+#include "tests/support/readonlyplace.h"
 #include "tests/support/smalldisk.h"
 #include "tests/support/temporarytree.h"
 
@@ -184,9 +186,7 @@ void tst_TreeAdoption::markThatCouldNotBeWrittenIsNotInTheWay()
     QCOMPARE(tree.writtenEntries(), QStringList(markName));
     QCOMPARE(tree.readWritten(markName), QByteArray("daemon 1:1\n"));
     QCOMPARE(ownerOf(tree, markName), QByteArray("0:0"));
-    QFile other(tree.defaultPath() + QLatin1String("/other"));
-    QVERIFY(other.open(QIODevice::ReadOnly));
-    QCOMPARE(other.readAll(), QByteArray("{}"));
+    QCOMPARE(readFile(tree.defaultPath() + QLatin1String("/other")), QByteArray("{}"));
 }
 
 void tst_TreeAdoption::oldNumbersFollowTheUser()
@@ -435,19 +435,13 @@ void tst_TreeAdoption::fullDiskHindersNothing()
 void tst_TreeAdoption::treeThatMayNotBeChangedIsTold()
 {
     const OldTree tree;
-    const QByteArray place = encoded(tree, QString());
-    const auto mountReadOnly = [&place] {
-        return ::mount(place.constData(), place.constData(), nullptr, MS_BIND, nullptr) == 0
-            && ::mount(nullptr, place.constData(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY,
-                       nullptr)
-            == 0;
-    };
-    if (!mountReadOnly())
+    auto place = std::make_unique<ReadOnlyPlace>(tree.writePath());
+    if (!place->isReadOnly())
         QSKIP("needs the right to mount");
 
     const AdoptionResult result = adopt(tree);
 
-    QCOMPARE(::umount2(place.constData(), MNT_DETACH), 0);
+    place.reset();
     QCOMPARE(result.status, Status::Failed);
     QCOMPARE(result.message,
              QStringLiteral("the owner of the writable tree '%1' cannot be corrected: cannot write "
@@ -458,9 +452,10 @@ void tst_TreeAdoption::treeThatMayNotBeChangedIsTold()
     // Where there is nothing to correct, there is nothing to tell.
     giveTo(tree, QString(), own);
     QVERIFY(QFile::remove(tree.writePath() + markName));
-    QVERIFY(mountReadOnly());
+    place = std::make_unique<ReadOnlyPlace>(tree.writePath());
+    QVERIFY(place->isReadOnly());
     const AdoptionResult owned = adopt(tree);
-    QCOMPARE(::umount2(place.constData(), MNT_DETACH), 0);
+    place.reset();
     QCOMPARE(owned.message, QString());
     QCOMPARE(owned.status, Status::Done);
 }
@@ -473,9 +468,7 @@ void tst_TreeAdoption::threadKeepsTheRightToChangeOwnersOnly()
         QCOMPARE(keepRightToChangeOwners(), QString());
         QCOMPARE(::lchown(name.constData(), old, old), 0);
         QCOMPARE(::mount("tmpfs", name.constData(), "tmpfs", 0, nullptr), -1);
-        QFile status(QStringLiteral("/proc/thread-self/status"));
-        QVERIFY(status.open(QIODevice::ReadOnly));
-        const QByteArray text = status.readAll();
+        const QByteArray text = readFile(QStringLiteral("/proc/thread-self/status"));
         // CAP_CHOWN, CAP_DAC_OVERRIDE and CAP_FOWNER.
         QVERIFY2(text.contains("\nCapPrm:\t000000000000000b\nCapEff:\t000000000000000b\n"), text);
         QVERIFY2(text.contains("\nNoNewPrivs:\t1\n"), text);

@@ -2,6 +2,8 @@
 
 #include "trees/treecheck.h"
 
+#include "tests/support/files.h"
+
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
@@ -52,10 +54,7 @@ void tst_treestamp::cleanup()
 
 void tst_treestamp::put(const QString& name, const QByteArray& content) const
 {
-    QFile file(m_directory->filePath(name));
-    QVERIFY(QDir().mkpath(QFileInfo(file).path()));
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QCOMPARE(file.write(content), qint64(content.size()));
+    writeFile(m_directory->filePath(name), content);
 }
 
 QByteArray tst_treestamp::digest() const
