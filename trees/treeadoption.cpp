@@ -148,9 +148,13 @@ bool examine(int file, struct statx* found)
     return ::statx(file, "", AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, found) == 0;
 }
 
-bool isOtherDevice(const struct statx& one, const struct statx& other)
+// Device numbers tell only where the kernel does not: on an overlay those of files differ from
+// those of their directories.
+bool isMount(const struct statx& found, const struct statx& above)
 {
-    return one.stx_dev_major != other.stx_dev_major || one.stx_dev_minor != other.stx_dev_minor;
+    if ((found.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0)
+        return (found.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+    return found.stx_dev_major != above.stx_dev_major || found.stx_dev_minor != above.stx_dev_minor;
 }
 
 bool Handover::fail(const char* what, const QByteArray& name)
@@ -194,7 +198,7 @@ bool Handover::giveEntry(int directory, const QByteArray& entryName, const QByte
         return true;
     if (!file || !examine(file.get(), &found) || !examine(directory, &above))
         return fail("examine", path);
-    if ((found.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0 || isOtherDevice(found, above))
+    if (isMount(found, above))
         return true;
     // Deeper than any setting is nothing of ours.
     const bool isEntered = S_ISDIR(found.stx_mode) && depth < maximumLevels;

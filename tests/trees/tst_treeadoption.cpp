@@ -96,6 +96,7 @@ private slots:
     void treeOfAnotherUserIsLeftAlone();
     void linksAreNotFollowed();
     void otherMountsAreNotEntered();
+    void filesOnAnOverlayFollowTheUser();
     void whatAnInterruptionLeftIsDoneByEitherImage();
     void treeThatIsNotThereIsNothing();
     void onlyRootAdopts();
@@ -332,6 +333,33 @@ void tst_TreeAdoption::otherMountsAreNotEntered()
     QCOMPARE(result.status, Status::Done);
     QCOMPARE(bound, oldOwner);
     QCOMPARE(below, oldOwner);
+}
+
+// Files have other device numbers than their directories there.
+void tst_TreeAdoption::filesOnAnOverlayFollowTheUser()
+{
+    const OldTree tree;
+    const TemporaryTree upper;
+    const SmallDisk disk(upper.writePath());
+    upper.makeWriteDirectory(QStringLiteral("/upper"));
+    upper.makeWriteDirectory(QStringLiteral("/work"));
+    giveTo(upper, QStringLiteral("/upper"), old);
+    const QByteArray place = encoded(tree, QString());
+    const QByteArray layers = "lowerdir=" + place
+        + ",upperdir=" + encoded(upper, QStringLiteral("/upper"))
+        + ",workdir=" + encoded(upper, QStringLiteral("/work"));
+    if (!disk.isMounted()
+        || ::mount("overlay", place.constData(), "overlay", 0, layers.constData()) != 0)
+        QSKIP("needs the right to mount");
+
+    const AdoptionResult result = adopt(tree);
+
+    QList<QByteArray> owners;
+    for (const char* name : { "", "/audio", "/audio/volume", "/.tulo-cm.lock" })
+        owners.append(ownerOf(tree, QLatin1String(name)));
+    QCOMPARE(::umount2(place.constData(), MNT_DETACH), 0);
+    QCOMPARE(result.status, Status::Done);
+    QCOMPARE(owners, QList<QByteArray>({ ownOwner, ownOwner, ownOwner, ownOwner }));
 }
 
 // The one with the new number, or the one before, which comes back.
