@@ -113,12 +113,26 @@ void Terminal::type(const QByteArray& keys)
 
 void Terminal::resize(int columns, int rows)
 {
-    m_columns = columns;
+    // The emulator crashes on a wide character in a single column: it gets two, the program one.
+    m_columns = qMax(columns, 2);
     m_rows = rows;
-    ::vterm_set_size(m_emulator, rows, columns);
+    ::vterm_set_size(m_emulator, rows, m_columns);
+    keepCursorOnScreen();
     const winsize size = sizeOf(columns, rows);
     if (::ioctl(m_descriptor, TIOCSWINSZ, &size) != 0)
         qFatal("cannot resize the terminal");
+}
+
+// Where text below the cursor has to give way, the emulator leaves the cursor above the first row,
+// and crashes on what is written there.
+void Terminal::keepCursorOnScreen()
+{
+    VTermPos cursor;
+    ::vterm_state_get_cursorpos(::vterm_obtain_state(m_emulator), &cursor);
+    if (cursor.row >= 0)
+        return;
+    const QByteArray moveToFirstRow = "\x1b[1;" + QByteArray::number(cursor.col + 1) + 'H';
+    ::vterm_input_write(m_emulator, moveToFirstRow.constData(), size_t(moveToFirstRow.size()));
 }
 
 void Terminal::hangUp()

@@ -57,6 +57,7 @@ public:
     int wait();
 
 private:
+    void keepCursorOnScreen();
     bool readUntil(const std::function<bool()>& condition);
 
     VTerm* const m_emulator;

@@ -3,6 +3,7 @@
 #include "tests/support/logcapture.h"
 #include "tests/support/replywaiter.h"
 #include "tests/support/temporarytree.h"
+#include "tests/support/terminal.h"
 
 #include <QDir>
 #include <QFile>
@@ -56,6 +57,9 @@ private slots:
 
     void waiterServesEvents();
     void waiterGivesUp();
+
+    void terminalThatGetsLowerKeepsItsCursor();
+    void terminalOfOneColumnTakesWideCharacters();
 };
 
 void tst_support::unexpectedRecordFails_data()
@@ -345,6 +349,36 @@ void tst_support::waiterGivesUp()
     QVERIFY(!waiter.wait(1));
     QVERIFY(!waiter.waitServingEvents(1));
     QCOMPARE(waiter.count(), 0);
+}
+
+void tst_support::terminalThatGetsLowerKeepsItsCursor()
+{
+    Terminal terminal(10, 6);
+    terminal.start(QStringLiteral("/bin/sh"),
+                   { QStringLiteral("-c"),
+                     QStringLiteral("printf '1\\n2\\n3\\n4\\n5\\033[H'; read -r line;"
+                                    "printf '\\033[Jend'") });
+    COMPARE_SCREEN(terminal, QStringLiteral("|1\n2\n3\n4\n5"));
+
+    terminal.resize(10, 2);
+    terminal.type("\r");
+
+    QVERIFY(terminal.waitForEnd(QStringLiteral("\nend")));
+    QCOMPARE(terminal.wait(), 0);
+}
+
+void tst_support::terminalOfOneColumnTakesWideCharacters()
+{
+    Terminal terminal;
+    terminal.start(
+        QStringLiteral("/bin/sh"),
+        { QStringLiteral("-c"), QStringLiteral("read -r line; stty size; echo \u97f3") });
+
+    terminal.resize(1, 5);
+    terminal.type("\r");
+
+    QVERIFY(terminal.waitForOutput("5 1\r\n\xe9\x9f\xb3\r\n"));
+    QCOMPARE(terminal.wait(), 0);
 }
 
 QTEST_GUILESS_MAIN(tst_support)
