@@ -193,7 +193,7 @@ void tst_ResetClients::clientsEndWithWhatTheServiceHas()
     service.setVariable(QStringLiteral("LD_PRELOAD"), QStringLiteral(TULO_SCRIPTED_SYNC));
     service.setVariable(QStringLiteral("TULO_TEST_SYNC"), QStringLiteral("true"));
     QVERIFY(service.start() && service.waitForError("serving '"));
-    const unsigned seed = std::random_device()();
+    const unsigned seed = randomSeed();
     qInfo("seed %u", seed);
     std::mt19937 random(seed);
     std::vector<std::unique_ptr<Client>> clients;
