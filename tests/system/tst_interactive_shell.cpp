@@ -74,17 +74,35 @@ QString lines(std::initializer_list<const char*> rows)
     return texts.join(QLatin1Char('\n'));
 }
 
+/// A shell that serves the trees itself, and the person at it.
+struct Shell
+{
+    explicit Shell(int columns = 80, int rows = 24)
+        : terminal(columns, rows)
+    {
+    }
+
+    /// Opens it and waits for the prompt.
+    bool begin()
+    {
+        person.sitDownAt(&terminal);
+        const QString prompt = lines({ "/settings> |" });
+        return terminal.screenSoon(prompt) == prompt;
+    }
+
+    const Person person;
+    Terminal terminal;
+};
+
 /// The first line of a shell once these keys were typed.
 void compareLineAfter(const QByteArray& keys, const QString& line)
 {
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+    Shell shell;
+    QVERIFY(shell.begin());
 
-    terminal.type(keys);
+    shell.terminal.type(keys);
 
-    COMPARE_SCREEN(terminal, lines({ "/settings> " }) + line);
+    COMPARE_SCREEN(shell.terminal, lines({ "/settings> " }) + line);
 }
 
 /// Types a line and waits until it was run.
@@ -148,14 +166,12 @@ private slots:
 
 void TstInteractiveShell::lineIsTypedAndRun()
 {
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+    Shell shell;
+    QVERIFY(shell.begin());
 
-    terminal.type("get /settings/audio/volume\r");
+    shell.terminal.type("get /settings/audio/volume\r");
 
-    COMPARE_SCREEN(terminal,
+    COMPARE_SCREEN(shell.terminal,
                    lines({ "/settings> get /settings/audio/volume", "35", "/settings> |" }));
 }
 
@@ -199,14 +215,12 @@ void TstInteractiveShell::lineIsEdited()
 
 void TstInteractiveShell::longLineIsEditedOverRows()
 {
-    const Person person;
-    Terminal terminal(20, 6);
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+    Shell shell(20, 6);
+    QVERIFY(shell.begin());
 
-    terminal.type(QByteArray("set audio/mode one-two-three") + homeKey + deletion + "S");
+    shell.terminal.type(QByteArray("set audio/mode one-two-three") + homeKey + deletion + "S");
 
-    COMPARE_SCREEN(terminal, lines({ "/settings> S|et audio", "/mode one-two-three" }));
+    COMPARE_SCREEN(shell.terminal, lines({ "/settings> S|et audio", "/mode one-two-three" }));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -245,67 +259,60 @@ void TstInteractiveShell::historyIsThatOfAllShells()
 
 void TstInteractiveShell::historyHoldsNoLineTwiceAndAThousand()
 {
-    const Person person;
+    Shell shell;
     QByteArray before;
     for (int i = 0; i < 1000; ++i)
         before += "get " + QByteArray::number(i) + '\n';
-    person.writeHistory(before);
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+    shell.person.writeHistory(before);
+    QVERIFY(shell.begin());
 
-    QVERIFY(enter(&terminal, "cd"));
-    QVERIFY(enter(&terminal, "wait 0"));
-    QVERIFY(enter(&terminal, "cd"));
-    terminal.type("exit\r");
+    QVERIFY(enter(&shell.terminal, "cd"));
+    QVERIFY(enter(&shell.terminal, "wait 0"));
+    QVERIFY(enter(&shell.terminal, "cd"));
+    shell.terminal.type("exit\r");
 
-    QCOMPARE(terminal.wait(), 0);
+    QCOMPARE(shell.terminal.wait(), 0);
     const QByteArray kept = before.mid(before.indexOf("get 3\n"));
-    QCOMPARE(person.history(), kept + "wait 0\ncd\nexit\n");
+    QCOMPARE(shell.person.history(), kept + "wait 0\ncd\nexit\n");
 }
 
 void TstInteractiveShell::historyHoldsNoEncryptedValue()
 {
-    const Person person;
-    person.cli.tree.writeDefault(QStringLiteral("/pin"),
-                                 R"({"encrypted":true,"edit":{"kind":"string"}})");
-    Terminal terminal(80, 40);
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+    Shell shell(80, 40);
+    shell.person.cli.tree.writeDefault(QStringLiteral("/pin"),
+                                       R"({"encrypted":true,"edit":{"kind":"string"}})");
+    QVERIFY(shell.begin());
 
     for (const char* const line :
          { "set pin 1111", "op pin append 2222", R"(set pin --roles '{"value":{"string":"3333"}}')",
            "'set' '/settings/pin' 4444", "cd audio", "set ../pin 5555", "set ../pni 6666",
            "sett ../pin 7777", "set '../pin 8888", " get volume", "# get volume", "set volume 40",
            "get volume" })
-        QVERIFY(enter(&terminal, line));
+        QVERIFY(enter(&shell.terminal, line));
 
-    QCOMPARE(person.history(), QByteArray("cd audio\nset volume 40\nget volume\n"));
+    QCOMPARE(shell.person.history(), QByteArray("cd audio\nset volume 40\nget volume\n"));
     // What was only mistyped can be called back to be corrected, but not a value that was stored.
-    terminal.type(QByteArray(search) + "6666");
-    QVERIFY(terminal.waitFor(lines({ "/settings/audio> set ../pni 6666\nbck:6666" })));
-    terminal.type(QByteArray(interrupt) + search + "5555");
-    QVERIFY(terminal.waitFor(lines({ "bck?" })));
+    shell.terminal.type(QByteArray(search) + "6666");
+    QVERIFY(shell.terminal.waitFor(lines({ "/settings/audio> set ../pni 6666\nbck:6666" })));
+    shell.terminal.type(QByteArray(interrupt) + search + "5555");
+    QVERIFY(shell.terminal.waitFor(lines({ "bck?" })));
 }
 
 void TstInteractiveShell::historyIsPrivate()
 {
-    const Person person;
-    person.writeHistory("get serial\n");
-    const QString directory = QFileInfo(person.historyFile()).path();
+    Shell shell;
+    shell.person.writeHistory("get serial\n");
+    const QString directory = QFileInfo(shell.person.historyFile()).path();
     const QFile::Permissions everybody = QFile::Permissions(0x7777);
-    QVERIFY(QFile::setPermissions(person.historyFile(), everybody));
+    QVERIFY(QFile::setPermissions(shell.person.historyFile(), everybody));
     QVERIFY(QFile::setPermissions(directory, everybody));
-    Terminal terminal;
-
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+    QVERIFY(shell.begin());
 
     const auto rightsOfOthers = QFile::Permissions(0x0077);
-    QCOMPARE(QFile::permissions(person.historyFile()) & rightsOfOthers, QFile::Permissions());
+    QCOMPARE(QFile::permissions(shell.person.historyFile()) & rightsOfOthers, QFile::Permissions());
     QCOMPARE(QFile::permissions(directory) & rightsOfOthers, QFile::Permissions());
-    terminal.type(upKey);
-    COMPARE_SCREEN(terminal, lines({ "/settings> get serial|" }));
+    shell.terminal.type(upKey);
+    COMPARE_SCREEN(shell.terminal, lines({ "/settings> get serial|" }));
 }
 
 void TstInteractiveShell::otherHistoryIsNotUsed_data()
@@ -386,17 +393,15 @@ void TstInteractiveShell::namedStateDirectoryIsUsed()
 
 void TstInteractiveShell::searchFindsALine()
 {
-    const Person person;
-    person.writeHistory("get serial\nget audio/volume\nls\n");
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+    Shell shell;
+    shell.person.writeHistory("get serial\nget audio/volume\nls\n");
+    QVERIFY(shell.begin());
 
-    terminal.type(QByteArray(search) + "ser");
-    COMPARE_SCREEN(terminal, lines({ "/settings> get |serial", "bck:ser" }));
-    terminal.type("\r");
+    shell.terminal.type(QByteArray(search) + "ser");
+    COMPARE_SCREEN(shell.terminal, lines({ "/settings> get |serial", "bck:ser" }));
+    shell.terminal.type("\r");
 
-    COMPARE_SCREEN(terminal, lines({ "/settings> get serial", "X1", "/settings> |" }));
+    COMPARE_SCREEN(shell.terminal, lines({ "/settings> get serial", "X1", "/settings> |" }));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -437,23 +442,22 @@ void TstInteractiveShell::tabCompletesTheWord()
 
 void TstInteractiveShell::tabListsWhatIsPossible()
 {
-    const Person person;
-    person.cli.tree.writeDefault(QStringLiteral("/audio/volume-limit"),
-                                 R"({"title":"Limit","value":{"int":5}})");
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
-    QVERIFY(enter(&terminal, "cd audio"));
+    Shell shell;
+    shell.person.cli.tree.writeDefault(QStringLiteral("/audio/volume-limit"),
+                                       R"({"title":"Limit","value":{"int":5}})");
+    QVERIFY(shell.begin());
+    QVERIFY(enter(&shell.terminal, "cd audio"));
 
-    terminal.type("get v\t");
-    COMPARE_SCREEN(terminal, lines({ "/settings> cd audio", "/settings/audio> get volume|" }));
-    terminal.type("\t");
-    COMPARE_SCREEN(terminal,
+    shell.terminal.type("get v\t");
+    COMPARE_SCREEN(shell.terminal,
+                   lines({ "/settings> cd audio", "/settings/audio> get volume|" }));
+    shell.terminal.type("\t");
+    COMPARE_SCREEN(shell.terminal,
                    lines({ "/settings> cd audio", "volume        Volume", "volume-limit  Limit",
                            "/settings/audio> get volume|" }));
-    terminal.type("-\t\r");
+    shell.terminal.type("-\t\r");
 
-    COMPARE_SCREEN(terminal,
+    COMPARE_SCREEN(shell.terminal,
                    lines({ "/settings> cd audio", "volume        Volume", "volume-limit  Limit",
                            "/settings/audio> get volume-limit", "5", "/settings/audio> |" }));
 }
@@ -616,18 +620,16 @@ void TstInteractiveShell::resizedTerminalGetsTheLineAgain()
 
 void TstInteractiveShell::interruptDropsTheLine()
 {
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
-    terminal.type(QByteArray("quit") + leftKey + leftKey);
-    COMPARE_SCREEN(terminal, lines({ "/settings> qu|it" }));
+    Shell shell;
+    QVERIFY(shell.begin());
+    shell.terminal.type(QByteArray("quit") + leftKey + leftKey);
+    COMPARE_SCREEN(shell.terminal, lines({ "/settings> qu|it" }));
 
-    terminal.type(interrupt);
-    COMPARE_SCREEN(terminal, lines({ "/settings> quit^C", "/settings> |" }));
-    terminal.type("get serial\r");
+    shell.terminal.type(interrupt);
+    COMPARE_SCREEN(shell.terminal, lines({ "/settings> quit^C", "/settings> |" }));
+    shell.terminal.type("get serial\r");
 
-    COMPARE_SCREEN(terminal,
+    COMPARE_SCREEN(shell.terminal,
                    lines({ "/settings> quit^C", "/settings> get serial", "X1", "/settings> |" }));
 }
 
@@ -652,62 +654,54 @@ void TstInteractiveShell::interruptThatIsNoSignalDropsTheLine()
 
 void TstInteractiveShell::interruptEndsTheCommand()
 {
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
-    terminal.type("wait 3600000\r");
-    COMPARE_SCREEN(terminal, lines({ "/settings> wait 3600000", "|" }));
+    Shell shell;
+    QVERIFY(shell.begin());
+    shell.terminal.type("wait 3600000\r");
+    COMPARE_SCREEN(shell.terminal, lines({ "/settings> wait 3600000", "|" }));
 
-    terminal.type(interrupt);
-    COMPARE_SCREEN(terminal, lines({ "/settings> wait 3600000", "/settings> |" }));
-    terminal.type("exit\r");
+    shell.terminal.type(interrupt);
+    COMPARE_SCREEN(shell.terminal, lines({ "/settings> wait 3600000", "/settings> |" }));
+    shell.terminal.type("exit\r");
 
-    QCOMPARE(terminal.wait(), 0);
+    QCOMPARE(shell.terminal.wait(), 0);
 }
 
 void TstInteractiveShell::endOfInputLeaves()
 {
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
-    terminal.type(QByteArray("x") + endOfInput);
-    COMPARE_SCREEN(terminal, lines({ "/settings> x|" }));
+    Shell shell;
+    QVERIFY(shell.begin());
+    shell.terminal.type(QByteArray("x") + endOfInput);
+    COMPARE_SCREEN(shell.terminal, lines({ "/settings> x|" }));
 
-    terminal.type(QByteArray(1, backspace[0]) + endOfInput);
+    shell.terminal.type(QByteArray(1, backspace[0]) + endOfInput);
 
-    QCOMPARE(terminal.wait(), 0);
-    QCOMPARE(terminal.screen(), lines({ "/settings> ^D", "|" }));
+    QCOMPARE(shell.terminal.wait(), 0);
+    QCOMPARE(shell.terminal.screen(), lines({ "/settings> ^D", "|" }));
 }
 
 void TstInteractiveShell::exitLeavesWithTheFirstFailure()
 {
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+    Shell shell;
+    QVERIFY(shell.begin());
 
-    QVERIFY(enter(&terminal, "get"));
-    QVERIFY(enter(&terminal, "get none"));
-    terminal.type("exit\r");
+    QVERIFY(enter(&shell.terminal, "get"));
+    QVERIFY(enter(&shell.terminal, "get none"));
+    shell.terminal.type("exit\r");
 
-    QCOMPARE(terminal.wait(), 2);
+    QCOMPARE(shell.terminal.wait(), 2);
     // Lines that were typed have no numbers.
-    QVERIFY2(terminal.output().contains("\ntulo-cm: missing arguments for 'get'"),
-             terminal.output());
+    QVERIFY2(shell.terminal.output().contains("\ntulo-cm: missing arguments for 'get'"),
+             shell.terminal.output());
 }
 
 void TstInteractiveShell::quitSignalIsIgnored()
 {
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+    Shell shell;
+    QVERIFY(shell.begin());
 
-    terminal.type("\x1cget serial\r");
+    shell.terminal.type("\x1cget serial\r");
 
-    COMPARE_SCREEN(terminal, lines({ "/settings> get serial", "X1", "/settings> |" }));
+    COMPARE_SCREEN(shell.terminal, lines({ "/settings> get serial", "X1", "/settings> |" }));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -716,30 +710,26 @@ void TstInteractiveShell::quitSignalIsIgnored()
 
 void TstInteractiveShell::linesTypedAheadAreShownOnce()
 {
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+    Shell shell;
+    QVERIFY(shell.begin());
 
-    terminal.type("wait 300\rget audio/volume\rcd audio\rget volume");
+    shell.terminal.type("wait 300\rget audio/volume\rcd audio\rget volume");
 
-    COMPARE_SCREEN(terminal,
+    COMPARE_SCREEN(shell.terminal,
                    lines({ "/settings> wait 300", "/settings> get audio/volume", "35",
                            "/settings> cd audio", "/settings/audio> get volume|" }));
 }
 
 void TstInteractiveShell::directoryIsInThePrompt()
 {
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+    Shell shell;
+    QVERIFY(shell.begin());
 
-    terminal.type(
+    shell.terminal.type(
         "cd audio/\rcd -\rcd -\rcd ..\rcd ..\rcd settings/audio\rcd volume\rcd none\rcd\r");
 
     COMPARE_SCREEN(
-        terminal,
+        shell.terminal,
         lines({ "/settings> cd audio/", "/settings/audio> cd -", "/settings> cd -",
                 "/settings/audio> cd ..", "/settings> cd ..", "/settings> cd settings/audio",
                 "/settings/audio> cd volume",
@@ -770,30 +760,26 @@ void TstInteractiveShell::pathsAreRelative()
 {
     QFETCH(const QByteArray, line);
     QFETCH(const QString, answer);
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+    Shell shell;
+    QVERIFY(shell.begin());
 
-    QVERIFY(enter(&terminal, "cd audio"));
-    QVERIFY(enter(&terminal, line));
+    QVERIFY(enter(&shell.terminal, "cd audio"));
+    QVERIFY(enter(&shell.terminal, line));
 
-    COMPARE_SCREEN(terminal,
+    COMPARE_SCREEN(shell.terminal,
                    lines({ "/settings> cd audio", "/settings/audio> " }) + QString::fromUtf8(line)
                        + QLatin1Char('\n') + answer + lines({ "\n/settings/audio> |" }));
 }
 
 void TstInteractiveShell::noPathIsTheDirectory()
 {
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
+    Shell shell;
+    QVERIFY(shell.begin());
 
-    QVERIFY(enter(&terminal, "cd audio"));
-    QVERIFY(enter(&terminal, "ls"));
+    QVERIFY(enter(&shell.terminal, "cd audio"));
+    QVERIFY(enter(&shell.terminal, "ls"));
 
-    QVERIFY(terminal.waitFor(lines({ "/settings/audio> ls\ngain " })));
+    QVERIFY(shell.terminal.waitFor(lines({ "/settings/audio> ls\ngain " })));
 }
 
 void TstInteractiveShell::scriptHasRelativePathsAfterCd()
@@ -925,40 +911,36 @@ void TstInteractiveShell::plainTerminalHasThePrompt()
 
 void TstInteractiveShell::closedTerminalSavesTheChange()
 {
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
-    QVERIFY(enter(&terminal, "set audio/volume 40"));
-    terminal.type("get ser");
-    COMPARE_SCREEN(terminal,
+    Shell shell;
+    QVERIFY(shell.begin());
+    QVERIFY(enter(&shell.terminal, "set audio/volume 40"));
+    shell.terminal.type("get ser");
+    COMPARE_SCREEN(shell.terminal,
                    lines({ "/settings> set audio/volume 40", "40", "/settings> get ser|" }));
 
-    terminal.hangUp();
+    shell.terminal.hangUp();
 
     // Not by the signal; 1, as nothing can be printed any more.
-    const int exitCode = terminal.wait();
+    const int exitCode = shell.terminal.wait();
     QVERIFY2(exitCode == 0 || exitCode == 1, QByteArray::number(exitCode));
-    QVERIFY(!person.cli.tree.readWritten(QStringLiteral("/audio/volume")).isNull());
-    QCOMPARE(person.history(), QByteArray("set audio/volume 40\n"));
+    QVERIFY(!shell.person.cli.tree.readWritten(QStringLiteral("/audio/volume")).isNull());
+    QCOMPARE(shell.person.history(), QByteArray("set audio/volume 40\n"));
 }
 
 void TstInteractiveShell::terminationSavesTheChange()
 {
-    const Person person;
-    Terminal terminal;
-    person.sitDownAt(&terminal);
-    COMPARE_SCREEN(terminal, lines({ "/settings> |" }));
-    QVERIFY(enter(&terminal, "set audio/volume 40"));
-    terminal.type(QByteArray("get ser") + leftKey);
-    COMPARE_SCREEN(terminal,
+    Shell shell;
+    QVERIFY(shell.begin());
+    QVERIFY(enter(&shell.terminal, "set audio/volume 40"));
+    shell.terminal.type(QByteArray("get ser") + leftKey);
+    COMPARE_SCREEN(shell.terminal,
                    lines({ "/settings> set audio/volume 40", "40", "/settings> get se|r" }));
 
-    terminal.sendSignal(SIGTERM);
+    shell.terminal.sendSignal(SIGTERM);
 
-    QCOMPARE(terminal.wait(), 0);
-    QVERIFY(!person.cli.tree.readWritten(QStringLiteral("/audio/volume")).isNull());
-    QCOMPARE(terminal.screen(),
+    QCOMPARE(shell.terminal.wait(), 0);
+    QVERIFY(!shell.person.cli.tree.readWritten(QStringLiteral("/audio/volume")).isNull());
+    QCOMPARE(shell.terminal.screen(),
              lines({ "/settings> set audio/volume 40", "40", "/settings> get ser", "|" }));
 }
 
