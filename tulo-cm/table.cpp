@@ -6,29 +6,40 @@
 #include <numeric>
 
 namespace tulo {
+namespace {
+
+constexpr int gap = 2;
+// So that each of the other columns still shows something beside a long name.
+constexpr int leastBesideName = 8;
+
+} // namespace
 
 QVector<int> fittedWidths(const QVector<int>& widths, int available)
 {
-    // What is narrower than an equal part of what is left keeps its width and leaves the rest to
-    // the others.
-    QVector<int> narrowFirst(widths.size());
-    std::iota(narrowFirst.begin(), narrowFirst.end(), 0);
-    std::stable_sort(narrowFirst.begin(), narrowFirst.end(),
+    if (widths.isEmpty())
+        return widths;
+    const int besideName =
+        std::accumulate(widths.cbegin() + 1, widths.cend(), 0,
+                        [](int sum, int width) { return sum + std::min(width, leastBesideName); });
+    // The name, then the narrow ones first. What is narrower than an equal part of what is left
+    // keeps its width and leaves the rest to the others.
+    QVector<int> order(widths.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::stable_sort(order.begin() + 1, order.end(),
                      [&widths](int left, int right) { return widths.at(left) < widths.at(right); });
     QVector<int> fitted = widths;
     int left = available;
     int count = widths.size();
-    for (const int column : qAsConst(narrowFirst)) {
-        const int part = std::max(1, left / count--);
-        fitted[column] = std::min(widths.at(column), part);
+    for (const int column : qAsConst(order)) {
+        const int equal = left / count--;
+        const int part = column == 0 ? std::max(equal, left - besideName) : equal;
+        fitted[column] = std::min(widths.at(column), std::max(1, part));
         left -= fitted.at(column);
     }
     return fitted;
 }
 
 namespace {
-
-constexpr int gap = 2;
 
 class Table
 {

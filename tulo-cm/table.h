@@ -26,11 +26,13 @@ struct TableForm
 
 /// Rows of cells in aligned columns, two blanks apart, a line each. The first line is a heading
 /// when `heading` is not empty. Cells are escaped here. Where they do not fit, the widest columns
-/// shrink first: a cell that was cut has "…" at its end or, when it is a path, at its beginning.
+/// shrink first, and the first one, which has the names, last: a cell that was cut has "…" at its
+/// end or, when it is a path, at its beginning.
 QStringList tableLines(const QStringList& heading, const QVector<TableRow>& rows,
                        const TableForm& form);
 
-/// The widths of columns so that all of them take at most `available`, at least 1 each.
+/// The widths of columns so that all of them take at most `available`, at least 1 each. The first
+/// one shrinks when the others have little left.
 QVector<int> fittedWidths(const QVector<int>& widths, int available);
 
 } // namespace tulo

@@ -38,8 +38,8 @@ class tst_table : public QObject
 
 private slots:
     void initTestCase();
-    void widestColumnsShrinkFirst_data();
-    void widestColumnsShrinkFirst();
+    void widestColumnsShrinkFirstAndNamesLast_data();
+    void widestColumnsShrinkFirstAndNamesLast();
     void withoutLimitNothingIsCut();
     void marksAreShownOnATerminalOnly();
     void withoutMarksThereIsNoColumnForThem();
@@ -58,7 +58,7 @@ void tst_table::initTestCase()
     QVERIFY(std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr);
 }
 
-void tst_table::widestColumnsShrinkFirst_data()
+void tst_table::widestColumnsShrinkFirstAndNamesLast_data()
 {
     QTest::addColumn<QVector<int>>("widths");
     QTest::addColumn<int>("available");
@@ -67,13 +67,16 @@ void tst_table::widestColumnsShrinkFirst_data()
     QTest::newRow("none") << Widths {} << 10 << Widths {};
     QTest::newRow("fits") << Widths { 3, 4, 5 } << 12 << Widths { 3, 4, 5 };
     QTest::newRow("widest") << Widths { 3, 40, 5 } << 20 << Widths { 3, 12, 5 };
-    QTest::newRow("two widest") << Widths { 30, 4, 50 } << 24 << Widths { 10, 4, 10 };
-    QTest::newRow("rest of a division") << Widths { 30, 30 } << 21 << Widths { 10, 11 };
+    QTest::newRow("two widest") << Widths { 4, 30, 50 } << 24 << Widths { 4, 10, 10 };
+    QTest::newRow("rest of a division") << Widths { 3, 30, 30 } << 24 << Widths { 3, 10, 11 };
+    QTest::newRow("names") << Widths { 20, 40, 40 } << 40 << Widths { 20, 10, 10 };
+    QTest::newRow("names that leave little") << Widths { 20, 3, 40 } << 30 << Widths { 19, 3, 8 };
+    QTest::newRow("names cut as the others") << Widths { 9, 9, 9 } << 21 << Widths { 7, 7, 7 };
     QTest::newRow("at least one each") << Widths { 5, 5, 5 } << 0 << Widths { 1, 1, 1 };
     QTest::newRow("less than nothing") << Widths { 5, 0 } << -7 << Widths { 1, 0 };
 }
 
-void tst_table::widestColumnsShrinkFirst()
+void tst_table::widestColumnsShrinkFirstAndNamesLast()
 {
     QFETCH(QVector<int>, widths);
     QFETCH(int, available);
@@ -120,8 +123,8 @@ void tst_table::longCellIsCutAtItsEndAPathAtItsBeginning()
     const QVector<TableRow> rows { { { QStringLiteral("/settings/audio/volume"),
                                        QStringLiteral("a rather long description") } } };
 
-    QCOMPARE(tableLines({}, rows, terminal(30)),
-             QStringList(QStringLiteral("\u2026/audio/volume  a rather long\u2026")));
+    QCOMPARE(tableLines({}, rows, terminal(24)),
+             QStringList(QStringLiteral("\u2026/audio/volume  a rathe\u2026")));
 }
 
 void tst_table::noLineExceedsTheTerminal_data()
