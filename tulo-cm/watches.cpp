@@ -178,6 +178,8 @@ void Watches::removeAll()
 
 void Watches::on_watch_changed(const QString& watched, const Event& event)
 {
+    if (event.kind == Event::Kind::Value)
+        m_entries.at(watched).newValue = event.path;
     if (event.kind != Event::Kind::Value || event.value.isValid()) {
         tell(watched, event);
         return;
@@ -283,8 +285,22 @@ void Watches::tell(const QString& watched, const Event& event)
         else if (event.kind == Event::Kind::Rows)
             listAgain(watched, event.path);
     }
+    if (isSaidAlready(entry->second, event, row))
+        return;
     print(event, row);
     count(watched);
+}
+
+// For a person: after its value the roles of a setting, after these its row in a tree.
+bool Watches::isSaidAlready(Entry& entry, const Event& event, const QString& row) const
+{
+    if (event.kind == Event::Kind::Data) {
+        const bool hasNewValue = std::exchange(entry.newValue, QString()) == event.path;
+        return hasNewValue && m_output.isForPeople();
+    }
+    const bool isNewOrGone =
+        event.command.startsWith(QLatin1Char('+')) || event.command.startsWith(QLatin1Char('-'));
+    return !row.isEmpty() && !isNewOrGone;
 }
 
 // Where one answer does not hold all of it, its rows keep their indexes.
@@ -342,9 +358,8 @@ void Watches::print(const Event& event, const QString& row)
         return;
     }
     if (!row.isEmpty()) {
-        const char* const what = event.command.startsWith(QLatin1Char('+')) ? "appeared"
-            : event.command.startsWith(QLatin1Char('-'))                    ? "gone"
-                                                                            : "changed";
+        const bool isNew = event.command.startsWith(QLatin1Char('+'));
+        const char* const what = isNew ? "appeared" : "gone";
         m_output.line(QStringLiteral("row %1 %2").arg(row, QLatin1String(what)));
         m_output.flush();
         return;

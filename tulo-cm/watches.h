@@ -20,7 +20,7 @@ struct VisitedNode;
 /// The paths whose changes are printed, and the printing. An event is printed when it comes, also
 /// in the middle of another command. After events were missed, the values that differ from those
 /// printed or read before are printed as if they had just changed. Of a tree, a person gets the
-/// paths of rows instead of their indexes.
+/// paths of rows instead of their indexes, and of each change one line that says most.
 class Watches : public QObject
 {
     Q_OBJECT
@@ -56,9 +56,11 @@ private:
         /// By path, as far as they are known: values of settings, names in directories.
         QHash<QString, QByteArray> contents;
         RowNames rowNames; ///< of a tree, for a person
+        QString newValue; ///< path of the last value event, until its data event
     };
 
     bool namesRows(const Entry& entry) const;
+    bool isSaidAlready(Entry& entry, const Event& event, const QString& row) const;
     void listAgain(const QString& watched, const QString& directory);
 
     void addEntry(const QString& path, const Request& request, const std::shared_ptr<int>& left);

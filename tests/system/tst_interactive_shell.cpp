@@ -533,12 +533,11 @@ void TstInteractiveShell::eventComesAboveTheLine()
 
     COMPARE_SCREEN(watcher.terminal,
                    lines({ "/settings> watch audio/volume", "value /settings/audio/volume 40",
-                           "data /settings/audio/volume", "/settings> get seri|al" }));
+                           "/settings> get seri|al" }));
     watcher.terminal.type("\r");
-    COMPARE_SCREEN(
-        watcher.terminal,
-        lines({ "/settings> watch audio/volume", "value /settings/audio/volume 40",
-                "data /settings/audio/volume", "/settings> get serial", "X1", "/settings> |" }));
+    COMPARE_SCREEN(watcher.terminal,
+                   lines({ "/settings> watch audio/volume", "value /settings/audio/volume 40",
+                           "/settings> get serial", "X1", "/settings> |" }));
 }
 
 void TstInteractiveShell::lineOverRowsIsRedrawnBelowAnEvent()
@@ -555,8 +554,7 @@ void TstInteractiveShell::lineOverRowsIsRedrawnBelowAnEvent()
     watcher.change(40);
 
     COMPARE_SCREEN(watcher.terminal,
-                   lines({ "/settings> watch audio/volume", "value /settings/audio/volume 40",
-                           "data /settings/audio/volume" })
+                   lines({ "/settings> watch audio/volume", "value /settings/audio/volume 40" })
                        + QLatin1Char('\n') + line);
 }
 
@@ -573,7 +571,7 @@ void TstInteractiveShell::searchSurvivesAnEvent()
 
     COMPARE_SCREEN(watcher.terminal,
                    lines({ "/settings> watch audio/volume", "value /settings/audio/volume 40",
-                           "data /settings/audio/volume", "/settings> get |serial", "bck:ser" }));
+                           "/settings> get |serial", "bck:ser" }));
 }
 
 void TstInteractiveShell::logRecordComesAboveTheLine()
@@ -876,8 +874,7 @@ void TstInteractiveShell::watchGoesOnAfterTheBusCameBack()
     const BusClient client(watcher.bus.address());
     client.call("SetValue", { QStringLiteral("/settings/audio/volume"), variantOf(40) });
 
-    QVERIFY(watcher.terminal.waitFor(
-        lines({ "value /settings/audio/volume 40\ndata /settings/audio/volume\n/settings> " })));
+    QVERIFY(watcher.terminal.waitFor(lines({ "value /settings/audio/volume 40\n/settings> " })));
     QCOMPARE(watcher.terminal.output().count("has gone"), 1);
     QCOMPARE(watcher.terminal.output().count("is back;"), 1);
 }

@@ -44,8 +44,9 @@ Command watch()
              { { "PATH", Argument::Count::OneOrMore, Argument::Kind::Path } },
              { recursiveOption, countOption, initialOption },
              "Prints the changes of settings and directories, until interrupted; in the shell\n"
-             "while it goes on. When the service comes back after a restart, it prints what\n"
-             "differs. Ends with 7 when it is interrupted while there is no service.",
+             "while it goes on. On a terminal it leaves out what says nothing more about the same\n"
+             "change. When the service comes back after a restart, it prints what differs. Ends\n"
+             "with 7 when it is interrupted while there is no service.",
              "watch /settings/audio/volume --count 1",
              Command::Where::ServiceOrShell,
              Command::Needs::Settings,
