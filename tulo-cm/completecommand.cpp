@@ -17,6 +17,7 @@
 #include <tulo/remotesettings.h>
 
 #include <QByteArray>
+#include <QDeadlineTimer>
 
 #include <algorithm>
 #include <csignal>
@@ -63,23 +64,21 @@ public:
     {
     }
 
-    QVector<Row> rows(const QString& path, const QString& prefix) override
+    QVector<KnownRow> rows(const QString& path, const QString& prefix) override
     {
-        QStringList names = m_tree.children(inTree(path));
-        const auto isOther = [&prefix](const QString& name) {
-            return !name.startsWith(prefix);
-        };
-        names.erase(std::remove_if(names.begin(), names.end(), isOther), names.end());
-        // Each costs the reading of several files.
-        constexpr int maximumTitles = 1000;
-        const bool hasTitles = names.size() <= maximumTitles;
-        QVector<Row> rows;
+        const QDeadlineTimer forTitles(limitMs() / 2);
+        QVector<KnownRow> rows;
+        const QStringList names = m_tree.children(inTree(path));
         for (const QString& name : names) {
-            const QString rowPath = pathBelow(path, name);
-            rows.append({ name,
-                          m_tree.isDirectory(inTree(rowPath)),
-                          hasTitles ? roles(rowPath, {}) : QVariantMap(),
-                          {} });
+            if (name.startsWith(prefix))
+                rows.append({ name, QString(), m_tree.isDirectory(inTree(pathBelow(path, name))) });
+        }
+        // Each costs the reading of several files.
+        for (KnownRow& row : rows) {
+            if (forTitles.hasExpired())
+                break;
+            row.title =
+                roles(pathBelow(path, row.name), {}).value(QStringLiteral("title")).toString();
         }
         return rows;
     }
@@ -116,7 +115,7 @@ public:
     {
     }
 
-    QVector<Row> rows(const QString& path, const QString& prefix) override
+    QVector<KnownRow> rows(const QString& path, const QString& prefix) override
     {
         return source().rows(path, prefix);
     }

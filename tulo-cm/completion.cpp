@@ -232,10 +232,12 @@ private:
         }
         if (!isAtOrBelow(directory, topPath()))
             return;
-        const QVector<Row> rows = m_place.source->rows(directory, m_word.mid(typed.size()));
-        for (const Row& row : rows) {
-            if (row.isDirectory || withSettings)
-                addPath(typed, row.name, row.isDirectory, row.roles.value(title).toString());
+        const QVector<KnownRow> rows = m_place.source->rows(directory, m_word.mid(typed.size()));
+        for (const KnownRow& row : rows) {
+            if (row.isBeginning)
+                add(typed + row.name, row.title, true);
+            else if (row.isDirectory || withSettings)
+                addPath(typed, row.name, row.isDirectory, row.title);
         }
     }
 

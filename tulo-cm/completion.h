@@ -2,8 +2,6 @@
 
 #include "tulo-cm/command.h"
 
-#include <tulo/settings.h>
-
 #include <QString>
 #include <QStringList>
 #include <QVariantMap>
@@ -19,7 +17,7 @@ struct Candidate
 {
     QString word; ///< all of it, without quotes; safe to print
     QString description; ///< in one line, safe to print; empty when there is nothing to say
-    bool isOpen = false; ///< more of the same word follows: a directory ends with "/"
+    bool isOpen = false; ///< more of the same word follows, as behind the "/" of a directory
 };
 
 /// What is known about the word that is being typed.
@@ -35,6 +33,15 @@ struct Completion
     Files files = Files::None;
 };
 
+/// A row of a directory, or what the names of several begin with.
+struct KnownRow
+{
+    QString name; ///< or the beginning
+    QString title; ///< where it is known; of a beginning, what there is to say
+    bool isDirectory = false;
+    bool isBeginning = false;
+};
+
 /// Where completion looks settings up. What cannot be found, or not in time, is empty.
 class CompletionSource
 {
@@ -43,9 +50,10 @@ public:
     virtual ~CompletionSource() = default;
     Q_DISABLE_COPY(CompletionSource)
 
-    /// The rows of a directory that begin with `prefix`, with their titles where these are known;
-    /// all or none. Others may be among them.
-    virtual QVector<Row> rows(const QString& path, const QString& prefix) = 0;
+    /// The rows of a directory whose names begin with `prefix`: all, as far as there is time with
+    /// titles, or none. Others may be among them. Beginnings stand for rows where there are more
+    /// than can be read in time.
+    virtual QVector<KnownRow> rows(const QString& path, const QString& prefix) = 0;
     /// Some roles of a setting or directory; no roles: all.
     virtual QVariantMap roles(const QString& path, const QStringList& roles) = 0;
     /// The product postfixes of the default tree.

@@ -86,6 +86,7 @@ private slots:
     void randomWordsAreSilentAndChangeNothing();
 
     void serviceIsAsked();
+    void manyNamesOfAServiceAreNarrowed();
     void missingServiceIsSilent();
     void serviceIsNotStarted();
     void hungServiceIsNotWaitedFor();
@@ -473,6 +474,40 @@ void TstCompletion::serviceIsAsked()
     QCOMPARE(completed(options + words("set /settings/presets/two ")),
              QByteArray("fm:87.5\tdefault\n"));
     QCOMPARE(completed(options + words("set /settings/presets ")), QByteArray());
+    QCOMPARE(service.end().exitCode, 0);
+}
+
+// More than a service can read in time.
+void TstCompletion::manyNamesOfAServiceAreNarrowed()
+{
+    constexpr int count = 1000;
+    const CommandLine trees;
+    trees.tree.makeDefaultDirectory(QStringLiteral("/many"));
+    trees.tree.makeDefaultDirectory(QStringLiteral("/many/n0-x"));
+    trees.tree.writeDefault(QStringLiteral("/many/n0"), R"({"title":"Zero"})");
+    for (int i = 0; i < count; ++i) {
+        const QString name = QStringLiteral("/many/n%1").arg(i, 4, 10, QLatin1Char('0'));
+        trees.tree.writeDefault(name, R"({"title":"Many"})");
+    }
+    const PrivateBus bus;
+    ServiceProcess service(trees, bus.address());
+    QVERIFY(service.serve());
+    const QStringList options { QStringLiteral("--bus"), bus.address() };
+    const QByteArray many("/settings/many/n0");
+    QByteArray beginnings = many + "\tZero\n" + many + "-x/\n";
+    QByteArray names;
+    for (char digit = '0'; digit <= '9'; ++digit) {
+        beginnings += many + digit + "\t100 names\n";
+        names += many + "12" + digit + "\tMany\n";
+    }
+
+    QCOMPARE(completed(options + words("get /settings/many/")), beginnings);
+    QCOMPARE(completed(options + words("get /settings/many/n0")), beginnings);
+    QCOMPARE(completed(options + words("get /settings/many/n012")), names);
+    QCOMPARE(completed(options + words("get /settings/many/n0999")),
+             QByteArray("/settings/many/n0999\tMany\n"));
+    QCOMPARE(completed(options + words("get /settings/many/o")), QByteArray());
+    QCOMPARE(completed(options + words("get /settings/many/m")), QByteArray());
     QCOMPARE(service.end().exitCode, 0);
 }
 
