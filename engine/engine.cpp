@@ -59,6 +59,11 @@ QString Engine::builtInWritePath()
     return QStringLiteral("/settings/");
 }
 
+int Engine::translate(const QString& language, const QStringList& directories)
+{
+    return Language::instance()->setLocale(language, directories);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Opening: directories, ownership, worker, and the guard in front of it.
 // ---------------------------------------------------------------------------------------------
@@ -230,10 +235,8 @@ bool Engine::createWorker(EngineFailure* failure)
                      &WriteTracker::addPending);
     m_flusher =
         std::make_unique<Flusher>(m_worker.get(), m_dispatcher.get(), &m_lock, m_writes.get());
-    if (!m_options.language.isEmpty()) {
-        m_catalogueCount =
-            Language::instance()->setLocale(m_options.language, m_options.catalogues);
-    }
+    if (!m_options.language.isEmpty())
+        m_catalogueCount = translate(m_options.language, m_options.catalogues);
     return true;
 }
 
@@ -592,7 +595,7 @@ bool Engine::stop()
     }
     end();
     if (!m_options.language.isEmpty())
-        Language::instance()->setLocale(QString(), QStringList());
+        translate(QString(), QStringList());
     return m_isSaved;
 }
 

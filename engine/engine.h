@@ -83,6 +83,9 @@ public:
     /// The directories that a worker without configuration uses.
     static QString builtInDefaultPath();
     static QString builtInWritePath();
+    /// Has the texts of this process translated by the catalogues of a language in these
+    /// directories, whose number it returns; not at all for an empty language.
+    static int translate(const QString& language, const QStringList& directories);
 
     /// Null when it cannot be opened; `failure` says why.
     static std::unique_ptr<Engine> open(const EngineOptions& options, EngineFailure* failure);

@@ -159,6 +159,9 @@ bool isLocal(const QString& bus)
 std::unique_ptr<CompletionSource> sourceFor(const Arguments& typed)
 {
     const QString product = typed.value(general::product);
+    // Texts in the language that the command will print them in.
+    if (typed.isSet(general::language))
+        Engine::translate(typed.value(general::language), typed.values(general::catalogues));
     if (typed.isSet(general::defaultPath)) {
         return std::make_unique<TreeSource>(typed.value(general::defaultPath),
                                             typed.value(general::writePath), product);

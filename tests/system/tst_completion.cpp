@@ -76,6 +76,7 @@ private slots:
     void wordIsCompleted();
     void productsAreThoseOfTheTree();
     void languagesAreThoseOfTheCatalogues();
+    void titlesAreInTheLanguageOfTheLine();
     void textsCannotControlATerminal();
     void valuesAreSpelledSoThatTheyAreStored();
     void wordForBashIsQuotedAndBeginsWhereBashReplaces_data();
@@ -271,6 +272,22 @@ void TstCompletion::languagesAreThoseOfTheCatalogues()
     QCOMPARE(completed({ QStringLiteral("--catalogues"), directory.path(),
                          QStringLiteral("--language"), QString() }),
              QByteArray("pt_BR\nde\n"));
+}
+
+void TstCompletion::titlesAreInTheLanguageOfTheLine()
+{
+    const QTemporaryDir written;
+    const QStringList trees { QStringLiteral("--default-path"), QStringLiteral(TULO_EXAMPLE_TREE),
+                              QStringLiteral("--write-path"), written.path() };
+    const QStringList german { QStringLiteral("--catalogues"), QStringLiteral(TULO_CATALOGUES),
+                               QStringLiteral("--language"), QStringLiteral("de") };
+
+    QCOMPARE(completed(trees + german + words("get /settings/audio/volume")),
+             QByteArray("/settings/audio/volume\tLautst\xc3\xa4rke\n"
+                        "/settings/audio/volume_comfort\tLautst\xc3\xa4rke\n"
+                        "/settings/audio/volume_sport\tLautst\xc3\xa4rke\n"));
+    QCOMPARE(completed(trees + words("get /settings/audio/volume_s")),
+             QByteArray("/settings/audio/volume_sport\tVolume\n"));
 }
 
 void TstCompletion::textsCannotControlATerminal()
