@@ -77,8 +77,7 @@ public:
         for (KnownRow& row : rows) {
             if (forTitles.hasExpired())
                 break;
-            row.title =
-                roles(pathBelow(path, row.name), {}).value(QStringLiteral("title")).toString();
+            row.title = roles(pathBelow(path, row.name), {}).value(roles::title()).toString();
         }
         return rows;
     }

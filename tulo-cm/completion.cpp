@@ -223,12 +223,11 @@ private:
         const QString typed = m_word.left(m_word.lastIndexOf(QLatin1Char('/')) + 1);
         const QString directory = fullPath(typed);
         const QString top = QStringLiteral("/");
-        const QString title = QStringLiteral("title");
         if (directory == top) {
-            const QVariantMap roles = m_place.source->roles(topPath(), { title });
+            const QVariantMap roles = m_place.source->roles(topPath(), { roles::title() });
             if (!roles.isEmpty())
                 addPath(m_word.isEmpty() ? top : typed, topPath().mid(1), true,
-                        roles.value(title).toString());
+                        roles.value(roles::title()).toString());
         }
         if (!isAtOrBelow(directory, topPath()))
             return;

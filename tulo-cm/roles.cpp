@@ -12,7 +12,7 @@ const QStringList& roles::known()
     static const QStringList names {
         roles::value(),
         roles::defaultValue(),
-        QStringLiteral("title"),
+        roles::title(),
         QStringLiteral("description"),
         QStringLiteral("longDescription"),
         QStringLiteral("valueUnit"),

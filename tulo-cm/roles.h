@@ -21,6 +21,11 @@ inline QString defaultValue()
     return QStringLiteral("defaultValue");
 }
 
+inline QString title()
+{
+    return QStringLiteral("title");
+}
+
 inline QString id()
 {
     return QStringLiteral("id");

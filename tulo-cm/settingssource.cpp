@@ -1,5 +1,6 @@
 #include "tulo-cm/settingssource.h"
 
+#include "tulo-cm/roles.h"
 #include "tulo-cm/signalhandler.h"
 
 #include <algorithm>
@@ -45,14 +46,14 @@ QVector<KnownRow> SettingsSource::rows(const QString& path, const QString& prefi
 
 QVector<KnownRow> SettingsSource::read(const Range& range) const
 {
-    const QString title = QStringLiteral("title");
     QVector<KnownRow> rows;
     for (int next = range.first; next < range.end;) {
-        const Rows page = answer(m_settings.rows(range.path, next, range.end - 1, { title }));
+        const Rows page =
+            answer(m_settings.rows(range.path, next, range.end - 1, { roles::title() }));
         if (page.rows.isEmpty())
             return {};
         for (const Row& row : page.rows)
-            rows.append({ row.name, row.roles.value(title).toString(), row.isDirectory });
+            rows.append({ row.name, row.roles.value(roles::title()).toString(), row.isDirectory });
         next += page.rows.size();
     }
     return rows;
