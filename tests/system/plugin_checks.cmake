@@ -42,3 +42,13 @@ function(check_needed file)
         endif()
     endforeach()
 endfunction()
+
+# Fails when a place where libraries are looked for is relative; an empty one is the current directory.
+function(check_run_path file)
+    run(dynamic readelf --dynamic --wide ${file})
+    string(REGEX MATCH "\\(R(UN)?PATH\\)[^\n]*" entry "${dynamic}")
+    string(REGEX REPLACE ".*\\[(.*)\\]$" "\\1" places "${entry}")
+    if(entry AND NOT places MATCHES "^[$/][^:]*(:[$/][^:]*)*$")
+        message(FATAL_ERROR "${file}: looks for libraries in '${places}'")
+    endif()
+endfunction()
