@@ -9,7 +9,9 @@
 #include <QDir>
 #include <QFile>
 
+#include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -21,7 +23,22 @@ void changeMode(const QString& name, mode_t mode)
         qFatal("cannot change the mode of %s", qPrintable(name));
 }
 
+bool readsNoKinds = false;
+
 } // namespace
+
+extern "C" {
+dirent* __real_readdir(DIR* directory);
+
+// As on a file system that does not tell the kinds of names.
+dirent* __wrap_readdir(DIR* directory)
+{
+    dirent* const entry = __real_readdir(directory);
+    if (entry != nullptr && readsNoKinds)
+        entry->d_type = DT_UNKNOWN;
+    return entry;
+}
+}
 
 class tst_worker_listing : public QObject
 {
@@ -31,6 +48,7 @@ private slots:
     void init() { m = std::make_unique<WorkerFixture>(); }
     void cleanup()
     {
+        readsNoKinds = false;
         m->log.verifyNothingUnexpected();
         m.reset();
     }
@@ -45,6 +63,8 @@ private slots:
     void productDefaultIsListedAsRow();
     void workingLinksAreListedAndBrokenOnesAreNot();
     void specialFilesAreNotListed();
+    void listsWhatQDirLists_data();
+    void listsWhatQDirLists();
     void topDirectoryIsListed();
 
     void directoryExistsInEitherTree_data();
@@ -215,6 +235,44 @@ void tst_worker_listing::specialFilesAreNotListed()
     QCOMPARE(::mkfifo(QFile::encodeName(pipe).constData(), 0644), 0);
 
     QCOMPARE(list(audio), names({ "file" }));
+}
+
+void tst_worker_listing::listsWhatQDirLists_data()
+{
+    QTest::addColumn<bool>("isWithoutKinds");
+    QTest::newRow("kinds are told") << false;
+    QTest::newRow("kinds are not told") << true;
+}
+
+void tst_worker_listing::listsWhatQDirLists()
+{
+    QFETCH(const bool, isWithoutKinds);
+    readsNoKinds = isWithoutKinds;
+    addDefault("file");
+    addDefault("\u00e4");
+    m->tree.makeDefaultDirectory(QStringLiteral("/audio/folder"));
+    const QByteArray folder = QFile::encodeName(m->tree.defaultPath()) + "/audio/";
+    QCOMPARE(::mkfifo((folder + "pipe").constData(), 0644), 0);
+    const auto link = [&folder](const char* target, const char* name) {
+        return ::symlink(target, (folder + name).constData()) == 0;
+    };
+    QVERIFY(link("file", "to-file"));
+    QVERIFY(link("folder", "to-folder"));
+    QVERIFY(link("to-file", "to-link"));
+    QVERIFY(link("pipe", "to-pipe"));
+    QVERIFY(link("missing", "to-nothing"));
+    QVERIFY(link("to-itself", "to-itself"));
+    QVERIFY(link("file", "not\xe4utf8"));
+    QVERIFY(link("file", ".hidden"));
+
+    const QStringList listed = list(audio);
+
+    const QDir directory(QFile::decodeName(folder));
+    QCOMPARE(listed,
+             directory.entryList(QDir::Dirs | QDir::Files | QDir::Readable | QDir::NoDotAndDotDot,
+                                 QDir::Name));
+    QCOMPARE(listed,
+             names({ "file", "folder", "to-file", "to-folder", "to-link", "to-pipe", "\u00e4" }));
 }
 
 void tst_worker_listing::topDirectoryIsListed()
