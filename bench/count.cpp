@@ -110,6 +110,8 @@ const std::map<std::string, Factory>& operations()
         { "accept_directory", onStore(oneDirectory, acceptChange) },
         { "durable", onStore(manyDirectories, durableChange) },
         { "changes_1000", onStore(manyDirectories, thousandChanges) },
+        { "read", onStore(manyDirectories, firstRead) },
+        { "judge", onStore(manyDirectories, judgedChange) },
         { "reset_1", reset(1) },
         { "reset_100", reset(100) },
         { "reset_1000", reset(1000) },

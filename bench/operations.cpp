@@ -184,6 +184,50 @@ Operation thousandChanges(const std::string& store, const Shape& shape)
 
 namespace {
 
+QStringList somePaths(const Shape& shape, int count)
+{
+    QStringList paths;
+    for (const int setting : someSettings(shape, count)) {
+        paths.append(QString::fromStdString("/settings/" + shape.directory(setting) + "/"
+                                            + shape.name(setting)));
+    }
+    return paths;
+}
+
+} // namespace
+
+Operation firstRead(const std::string& store, const Shape& shape)
+{
+    const QStringList paths = somePaths(shape, coldSet);
+    const QStringList roles { TuloRoles::Value() };
+    const std::shared_ptr<Settings> settings = openSettings(store);
+    const Operation operation = [=](int i) {
+        const Reply<QVariantMap> read = settings->get(paths.at(i + 1), roles);
+        if (!read.wait() || read.value().size() != roles.size())
+            throw std::runtime_error("a setting cannot be read");
+    };
+    // They remember their answers: each setting is read once.
+    operation(-1);
+    return operation;
+}
+
+Operation judgedChange(const std::string& store, const Shape& shape)
+{
+    const QStringList paths = somePaths(shape, workingSet);
+    const std::shared_ptr<Settings> settings = openSettings(store);
+    ChangeOptions options;
+    options.isDryRun = true;
+    return done(
+        [=](int i) {
+            const Reply<Change> change = settings->set(paths.at(i % paths.size()), i, options);
+            if (!change.wait())
+                throw std::runtime_error("the change was refused");
+        },
+        std::size_t(paths.size()));
+}
+
+namespace {
+
 // `names` are paths inside the trees.
 Operation resetOf(const std::string& store, const std::vector<std::string>& names)
 {

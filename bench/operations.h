@@ -34,6 +34,11 @@ Operation acceptChange(const std::string& store, const Shape& shape);
 Operation durableChange(const std::string& store, const Shape& shape);
 /// 1,000 changes of one setting, the last one safely on disk.
 Operation thousandChanges(const std::string& store, const Shape& shape);
+/// A value that is read for the first time by the settings of a process: with all that the service
+/// does but for the bus.
+Operation firstRead(const std::string& store, const Shape& shape);
+/// A change that is judged by them and not made, as the worker's part of it is acceptChange().
+Operation judgedChange(const std::string& store, const Shape& shape);
 /// A reset of so many settings in directories of the usual size, by the settings of a process; with
 /// the files that it removes, which are linked into their places before.
 Operation resetSettings(const std::string& store, const Shape& shape, int count);
