@@ -24,7 +24,7 @@ namespace {
 // its behalf: a parent directory, an alias.
 constexpr int rememberedNodes = 75;
 
-enum class Look { Absent, File, Directory, Unsound };
+enum class Look { Absent, File, FileWithRoles, Directory, Unsound };
 
 // Absence, not trouble. A name below a file does not exist; one that is too long cannot.
 bool isAbsent(int error)
@@ -47,17 +47,25 @@ Look unreadable(const QString& fileName, int error, QString* reason)
         reason);
 }
 
-// Zero, or the system's error, of reading `bytes` bytes.
-int readAll(int file, qint64 bytes)
+// Reads `bytes` bytes. Returns zero, or the system's error. Tells whether they can only be those of
+// an object with a member: nothing else that begins with a brace holds a text.
+int readAll(int file, qint64 bytes, bool* hasMember)
 {
     std::array<char, 4096> block; // NOLINT: filled by read()
-    while (bytes > 0) {
+    bool isObject = false;
+    for (bool isFirst = true; bytes > 0;) {
         const ssize_t count = ::read(file, block.data(), block.size());
         if (count == 0)
             break;
-        if (count < 0 && errno != EINTR)
-            return errno;
-        bytes -= std::max(count, ssize_t(0));
+        if (count < 0) {
+            if (errno != EINTR)
+                return errno;
+            continue;
+        }
+        isObject = isFirst ? block[0] == '{' : isObject;
+        *hasMember = *hasMember || (isObject && std::memchr(block.data(), '"', std::size_t(count)));
+        isFirst = false;
+        bytes -= count;
     }
     return 0;
 }
@@ -82,8 +90,11 @@ Look lookAtFile(const QString& fileName, QString* reason)
     const UniqueFd opened(::open(name.constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!opened)
         return unreadable(fileName, errno, reason);
-    const int error = readAll(opened.get(), file.st_size);
-    return error == 0 ? Look::File : unreadable(fileName, error, reason);
+    bool hasMember = false;
+    const int error = readAll(opened.get(), file.st_size, &hasMember);
+    if (error != 0)
+        return unreadable(fileName, error, reason);
+    return hasMember ? Look::FileWithRoles : Look::File;
 }
 
 Look lookAtDirectory(const QString& name, QString* reason)
@@ -128,18 +139,22 @@ FileProbe::Seen FileProbe::inspectAgain(const QString& settingPath)
     };
     const auto lookAtOwn = [&](const QString& fileName) {
         const Look found = look(fileName);
-        exists = exists || found == Look::File || found == Look::Directory;
-        return found == Look::Directory;
+        exists = exists || (found != Look::Absent && found != Look::Unsound);
+        return found;
     };
 
-    lookAtOwn(own + QLatin1Char('_') + m_productPostfix);
-    if (lookAtOwn(own)) {
+    const Look ofProduct = lookAtOwn(own + QLatin1Char('_') + m_productPostfix);
+    const Look ofAll = lookAtOwn(own);
+    if (ofAll == Look::Directory) {
         seen.isDirectory = true;
         lookAtOwn(own + meta);
     }
-    if (lookAtOwn(m_writePath + settingPath))
+    if (lookAtOwn(m_writePath + settingPath) == Look::Directory)
         seen.isDirectory = true;
-    look(m_defaultPath + parent + meta);
+    // The worker reads it only where the default file has no roles.
+    const bool isOfProduct = ofProduct == Look::File || ofProduct == Look::FileWithRoles;
+    if ((isOfProduct ? ofProduct : ofAll) != Look::FileWithRoles)
+        look(m_defaultPath + parent + meta);
     m_nodes.insert(settingPath, new bool(seen.reason.isEmpty() && exists));
     return seen;
 }

@@ -51,6 +51,8 @@ private slots:
     void soundFilesAreSound();
     void unsoundFileIsNamed_data();
     void unsoundFileIsNamed();
+    void templateIsLookedAtWhereTheWorkerReadsIt_data();
+    void templateIsLookedAtWhereTheWorkerReadsIt();
     void fileThatCannotBeOpenedAtThisMomentIsUnsoundAtThisMomentOnly();
     void directoryThatCannotBeOpenedAtThisMomentIsUnsoundAtThisMomentOnly();
     void soundNodeIsLookedAtOnceUntilForgotten();
@@ -137,7 +139,39 @@ void tst_fileprobe::unsoundFileIsNamed()
 
     QVERIFY2(reason.startsWith(QLatin1Char('\'') + name.section(QLatin1Char('/'), 0, -2)),
              qPrintable(reason));
-    QCOMPARE(m_probe->inspect(volume).isEmpty(), file != QLatin1String("default/audio/.meta"));
+    QCOMPARE(m_probe->inspect(volume), QString());
+}
+
+void tst_fileprobe::templateIsLookedAtWhereTheWorkerReadsIt_data()
+{
+    QTest::addColumn<QByteArray>("defaults"); // null: no such file
+    QTest::addColumn<QByteArray>("productDefaults");
+    QTest::addColumn<bool>("isLookedAt");
+    const QByteArray none;
+    const QByteArray roles(R"({"title":"Bass"})");
+    const QByteArray large = '{' + QByteArray(8192, ' ') + R"("title":"Bass"})";
+    QTest::newRow("no default file") << none << none << true;
+    QTest::newRow("roles") << roles << none << false;
+    QTest::newRow("roles behind a block of white space") << large << none << false;
+    QTest::newRow("no roles") << QByteArray("{}") << none << true;
+    QTest::newRow("no object") << QByteArray(R"(["title"])") << none << true;
+    QTest::newRow("roles of the product") << QByteArray("{}") << roles << false;
+    QTest::newRow("no roles of the product") << roles << QByteArray("{}") << true;
+}
+
+void tst_fileprobe::templateIsLookedAtWhereTheWorkerReadsIt()
+{
+    QFETCH(const QByteArray, defaults);
+    QFETCH(const QByteArray, productDefaults);
+    const QString bass = QStringLiteral("/audio/bass");
+    if (!defaults.isNull())
+        m_tree->writeDefault(bass, defaults);
+    if (!productDefaults.isNull())
+        m_tree->writeDefault(bass + QLatin1String("_sport"), productDefaults);
+    const QByteArray meta = QFile::encodeName(m_tree->defaultPath()) + "/audio/.meta";
+    QCOMPARE(::mkfifo(meta.constData(), 0600), 0);
+
+    QTEST(!m_probe->inspect(bass).isEmpty(), "isLookedAt");
 }
 
 void tst_fileprobe::fileThatCannotBeOpenedAtThisMomentIsUnsoundAtThisMomentOnly()
