@@ -58,6 +58,12 @@ std::string Child::readLine()
     return text;
 }
 
+void Child::readToEnd()
+{
+    std::array<char, 4096> block {};
+    while (std::fread(block.data(), 1, block.size(), m_output) > 0) { }
+}
+
 void Child::terminate() const
 {
     ::kill(m_process, SIGTERM);

@@ -21,6 +21,8 @@ public:
     void writeLine(const std::string& line);
     /// The next line of its standard output, without the line end.
     std::string readLine();
+    /// Waits for the end of its output.
+    void readToEnd();
     /// Asks it to end, for a program that does not end with its standard input.
     void terminate() const;
     /// Resident memory in bytes.

@@ -21,6 +21,7 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -37,7 +38,8 @@ constexpr int callsEach = 10;
 constexpr int changeRounds = 501;
 constexpr int readyRounds = 15;
 constexpr int coldRounds = 7;
-constexpr int memoryRounds = 11;
+constexpr int serviceRounds = 11;
+constexpr int programRounds = 11;
 constexpr int timeoutMs = 60000;
 
 std::string program(const char* name)
@@ -269,16 +271,34 @@ void measureReady(const std::string& work, Samples* samples)
     }
 }
 
-void measureMemory(const std::string& work, Samples* samples)
+void measureServiceStart(const std::string& work, Samples* samples)
+{
+    const Shape shape { 2000, 20 };
+    const std::string directory = storeDirectory(work, tuloStore, shape);
+    if (std::filesystem::create_directories(directory))
+        tuloStore.fill(directory, shape);
+    for (int round = 0; round < serviceRounds; ++round) {
+        std::unique_ptr<Service> service;
+        samples->add("service_start", "tulo", shape.settings,
+                     nanoseconds([&] { service = std::make_unique<Service>(work, shape); }));
+    }
+}
+
+// What programs take that watch settings, and how long they take to start.
+void measurePrograms(const std::string& work, Samples* samples)
 {
     const Shape shape = comparedShapes().front();
     const Service service(work, shape);
-    for (int round = 0; round < memoryRounds; ++round) {
+    for (int round = 0; round < programRounds; ++round) {
         const auto measure = [&](const char* subject, int settings,
                                  const std::vector<std::string>& command) {
-            Child child(command);
-            child.readLine();
-            samples->add("client_memory", subject, settings, child.residentBytes());
+            std::unique_ptr<Child> child;
+            const double time = nanoseconds([&] {
+                child = std::make_unique<Child>(command);
+                child->readLine();
+            });
+            samples->add("client_start", subject, settings, time);
+            samples->add("client_memory", subject, settings, child->residentBytes());
         };
         const std::string subject = program("bench_client_subject");
         measure("trivial", 0, { program("bench_client_trivial") });
@@ -295,7 +315,8 @@ void measure(const Arguments& arguments)
     echo.readLine();
     measureReady(arguments.work, &samples);
     measureBus(arguments.work, &samples, &random);
-    measureMemory(arguments.work, &samples);
+    measurePrograms(arguments.work, &samples);
+    measureServiceStart(arguments.work, &samples);
     const Service service(arguments.work, comparedShapes().front());
     measureValues(arguments.work, &samples, &random);
 }

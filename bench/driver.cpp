@@ -23,6 +23,7 @@ constexpr int burstRounds = 11;
 constexpr int burstSize = 100;
 constexpr int changes = 1000;
 constexpr int startRounds = 31;
+constexpr int checkRounds = 11;
 constexpr int memoryRounds = 11;
 
 using Random = std::mt19937;
@@ -138,6 +139,22 @@ void measureStarts(const std::string& work, Samples& samples, Random& random)
     }
 }
 
+// All files of both trees, from the start of the program to its end.
+void measureCheck(const std::string& work, Samples& samples)
+{
+    const Shape shape = comparedShapes().front();
+    const std::string directory = storeDirectory(work, tuloStore, shape);
+    for (int round = 0; round < checkRounds; ++round) {
+        const double time = nanoseconds([&directory] {
+            Child program({ TULO_CM_PROGRAM, "--default-path", defaultTree(directory),
+                            "--write-path", writableTree(directory), "check" });
+            program.readLine();
+            program.readToEnd();
+        });
+        samples.add("check", "tulo", shape.settings, time);
+    }
+}
+
 void measureMemory(const std::string& work, Samples& samples, Random& random)
 {
     std::vector<Subject> subjects { trivial("trivial") };
@@ -167,6 +184,7 @@ void measure(const Arguments& arguments)
     if (std::filesystem::create_directories(floor))
         floorStore.fill(floor, shape);
     measureStarts(arguments.work, samples, random);
+    measureCheck(arguments.work, samples);
     measureMemory(arguments.work, samples, random);
     measureWrites(arguments.work, samples, random);
 }
