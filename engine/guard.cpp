@@ -103,24 +103,47 @@ CMError checkText(const CMPath& path, const QString& text)
     return CMError();
 }
 
+CMError tooDeep(const CMPath& path)
+{
+    return overLimit(QStringLiteral("A value for '%1' nests more than %2 deep"), path,
+                     Guard::maximumDepth);
+}
+
+// What `check` finds wrong with the first key of `object` that it refuses. All are checked: a hash
+// has them in another order in each process.
+template<typename Object, typename Check>
+CMError firstRefused(const Object& object, const Check& check)
+{
+    CMError first;
+    QString firstKey;
+    for (auto member = object.begin(); member != object.end(); ++member) {
+        const CMError error = check(member.key(), *member);
+        if (isRefused(error) && (!isRefused(first) || member.key() < firstKey)) {
+            first = error;
+            firstKey = member.key();
+        }
+    }
+    return first;
+}
+
 // What JSON cannot hold, or not reliably. `depth` counts the lists and objects around `value`.
 CMError checkJson(const CMPath& path, const QVariant& value, int depth = 0)
 {
-    const auto checkMembers = [&path, depth](const auto& members) {
-        if (depth == Guard::maximumDepth) {
-            return overLimit(QStringLiteral("A value for '%1' nests more than %2 deep"), path,
-                             Guard::maximumDepth);
-        }
+    const auto checkList = [&path, depth](const QVariantList& list) {
+        if (depth == Guard::maximumDepth)
+            return tooDeep(path);
         CMError error;
-        for (auto member = members.begin(); member != members.end() && !isRefused(error); ++member)
-            error = checkJson(path, *member, depth + 1);
+        for (auto entry = list.begin(); entry != list.end() && !isRefused(error); ++entry)
+            error = checkJson(path, *entry, depth + 1);
         return error;
     };
-    const auto checkObject = [&path, &checkMembers](const auto& object) {
-        CMError error;
-        for (auto member = object.begin(); member != object.end() && !isRefused(error); ++member)
-            error = checkText(path, member.key());
-        return isRefused(error) ? error : checkMembers(object);
+    const auto checkObject = [&path, depth](const auto& object) {
+        if (depth == Guard::maximumDepth)
+            return tooDeep(path);
+        return firstRefused(object, [&path, depth](const QString& key, const QVariant& member) {
+            const CMError error = checkText(path, key);
+            return isRefused(error) ? error : checkJson(path, member, depth + 1);
+        });
     };
 
     if (!value.isValid() || value.userType() == QMetaType::Bool
@@ -134,7 +157,7 @@ CMError checkJson(const CMPath& path, const QVariant& value, int depth = 0)
     if (value.userType() == QMetaType::QString || TrString::isIn(value) || CMPath::isIn(value))
         return checkText(path, value.toString());
     if (isList(value))
-        return checkMembers(value.toList());
+        return checkList(value.toList());
     if (value.userType() == QMetaType::QVariantHash)
         return checkObject(value.toHash());
     if (value.userType() == QMetaType::QVariantMap)
@@ -382,15 +405,16 @@ CMError Guard::checkContent(const CMSetDataRequest& request)
     const QVariantHash entries = value.toHash();
     // Roles and operations both hold their value under this key.
     const QString& valueKey = TuloRoles::Value();
-    CMError error;
-    for (auto entry = entries.cbegin(); entry != entries.cend() && !isRefused(error); ++entry) {
-        error = checkText(path, entry.key());
-        // The store's own, in whatever form it comes.
-        if (!isRefused(error) && entry.key() == TuloRoles::Path())
-            error = refusal(QStringLiteral("The role 'path' of '%1' cannot be set"), path);
-        if (!isRefused(error))
-            error = entry.key() == valueKey ? checkValue(path, *entry) : checkJson(path, *entry);
-    }
+    const CMError error =
+        firstRefused(entries, [&path, &valueKey](const QString& key, const QVariant& entry) {
+            CMError bad = checkText(path, key);
+            // The store's own, in whatever form it comes.
+            if (!isRefused(bad) && key == TuloRoles::Path())
+                bad = refusal(QStringLiteral("The role 'path' of '%1' cannot be set"), path);
+            if (!isRefused(bad))
+                bad = key == valueKey ? checkValue(path, entry) : checkJson(path, entry);
+            return bad;
+        });
     return isRefused(error) ? error : checkSize(path, value);
 }
 

@@ -140,6 +140,7 @@ private slots:
     void goodValueIsAdmitted();
     void badRolesAreRefused_data();
     void badRolesAreRefused();
+    void firstBadKeyByNameIsTold();
     void badOperationIsRefused_data();
     void badOperationIsRefused();
 
@@ -964,6 +965,24 @@ void tst_guard::badRolesAreRefused()
     QFETCH(QString, error);
 
     QCOMPARE(errorText(setData(volume, TuloRoles::SetRoles(), roles)), error);
+}
+
+// In whatever order a hash has them in this process.
+void tst_guard::firstBadKeyByNameIsTold()
+{
+    const QString notFinite =
+        QStringLiteral("Refused: A number for '%1' is not finite").arg(volume);
+    for (int i = 0; i < 20; ++i) {
+        const QVariantHash bad { { QStringLiteral("a%1").arg(i),
+                                   std::numeric_limits<double>::infinity() },
+                                 { QStringLiteral("b%1").arg(i), loneSurrogate },
+                                 { TuloRoles::Path(), volume } };
+
+        QCOMPARE(errorText(setData(volume, TuloRoles::SetRoles(), bad)), notFinite);
+        QCOMPARE(errorText(setData(volume, TuloRoles::SetRoles(),
+                                   QVariantHash { { TuloRoles::Id(), bad } })),
+                 notFinite);
+    }
 }
 
 void tst_guard::badOperationIsRefused_data()
