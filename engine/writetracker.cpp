@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QMutexLocker>
 
+#include <algorithm>
 #include <array>
 #include <mutex>
 
@@ -313,6 +314,9 @@ QVector<WriteTracker::Change> WriteTracker::unconfirmedChanges() const
         if (!change->roles.__isEmpty())
             changes.append({ CMPath(change.key()), change->roles });
     }
+    std::sort(changes.begin(), changes.end(), [](const Change& left, const Change& right) {
+        return left.path.text() < right.path.text();
+    });
     return changes;
 }
 

@@ -60,6 +60,7 @@ private slots:
     void unsavedChangesHoldTheirRoles();
     void unsavedChangeThatIsPendingAgainIsLeftToTheWorker();
     void unconfirmedChangesAddUp();
+    void unconfirmedChangesAreSorted();
     void unconfirmedPathsAreCounted();
     void workersOwnSyncConfirmsNothing();
     void longErrorIsCut();
@@ -270,6 +271,21 @@ void tst_writetracker::unconfirmedChangesAddUp()
     QVERIFY(m_tracker->unsavedChanges().first().roles
             == TuloRoles(TuloHash({ { QStringLiteral("id"), QStringLiteral("A") },
                                     { QStringLiteral("timestamp"), 5 } })));
+}
+
+void tst_writetracker::unconfirmedChangesAreSorted()
+{
+    QStringList paths;
+    for (char name = 'a'; name <= 'z'; ++name)
+        paths.append(QStringLiteral("/settings/%1").arg(QLatin1Char(name)));
+    for (const QString& path : qAsConst(paths))
+        m_tracker->addPending(CMPath(path), roles);
+
+    QStringList listed;
+    const QVector<WriteTracker::Change> changes = m_tracker->unconfirmedChanges();
+    for (const WriteTracker::Change& change : changes)
+        listed.append(change.path.text());
+    QCOMPARE(listed, paths);
 }
 
 void tst_writetracker::unconfirmedPathsAreCounted()
