@@ -407,12 +407,14 @@ void LocalSettings::announceFiles(const QStringList& paths)
     QStringList settings = paths;
     settings.removeDuplicates();
     settings.sort();
-    QSet<QString> directories;
+    QStringList directories;
     for (const QString& path : qAsConst(settings)) {
         announceDifference(path, {});
         for (QString above = parentOf(path); !above.isEmpty(); above = parentOf(above))
-            directories.insert(above);
+            directories.append(above);
     }
+    directories.removeDuplicates();
+    directories.sort();
     for (const QString& directory : qAsConst(directories)) {
         // With a version left out, so that clients list it again.
         ++m_rowsVersions[directory];

@@ -159,6 +159,12 @@ void TstServicePartition::latePartitionIsServedWhenItIsThere()
     QVERIFY2(recorder.waitFor(QStringLiteral("RowsChanged /settings/presets 0 i 2")),
              qPrintable(recorder.received().join(QLatin1Char('\n'))));
     QVERIFY(becomesWritable(client, true));
+    QStringList directories;
+    for (const QString& signal : recorder.received().filter(QStringLiteral("RowsChanged ")))
+        directories.append(signal.section(QLatin1Char(' '), 1, 1));
+    QCOMPARE(directories,
+             QStringList({ QStringLiteral("/settings"), QStringLiteral("/settings/audio"),
+                           QStringLiteral("/settings/presets") }));
     QCOMPARE(client.value(volume), QStringLiteral("x 45"));
     QCOMPARE(client.value(QStringLiteral("/settings/presets/mine")),
              QStringLiteral("s \"fm:99.9\""));
