@@ -26,10 +26,10 @@ struct [[nodiscard]] AdoptionResult
 /// user, such as another framework's, never has one that fits, and stays as it is.
 ///
 /// Changed are directories, symbolic links themselves, and regular files with one name, if their
-/// owner is an old number of the user; and of those the group, if it is the old group. Everything
-/// else in the tree stays. No link is followed, no other file system or mount entered. The tree's
-/// own directory comes last, when the rest is on the disk: what was interrupted is done again,
-/// also by an image with the old number.
+/// owner is an old number of the user; and of those and of the user's the group, if it is an old
+/// one. Everything else in the tree stays, as does what lies deeper than any setting. No link is
+/// followed, no other file system or mount entered. The tree's own directory comes last, when the
+/// rest is on the disk: what was interrupted is done again, also by an image with the old number.
 AdoptionResult adoptTree(const QString& writePath, const QString& user);
 
 } // namespace tulo

@@ -71,6 +71,7 @@ private slots:
     void otherFilesStay();
     void withoutARequestNothingIsRemoved();
     void requestOfAnotherKindOrUserIsRefused();
+    void requestOfTheTreesOwnerCounts();
     void emptyDefaultTreeIsWaitedFor();
     void interruptedChangeIsDiscarded();
     void damagedFilesOfSettingsGo();
@@ -155,6 +156,21 @@ void tst_FactoryReset::requestOfAnotherKindOrUserIsRefused()
         QCOMPARE(::chown(name.constData(), another, another), 0);
         verifyRefused("belongs to another user");
     }
+}
+
+// Also when root does what it asks for.
+void tst_FactoryReset::requestOfTheTreesOwnerCounts()
+{
+    if (::geteuid() != 0)
+        QSKIP("needs root, to give files away");
+    const ChangedTree tree;
+    for (const QString& name : { QString(), request })
+        QCOMPARE(::chown(encoded(tree, name).constData(), another, another), 0);
+
+    const JournalResult result = finishReset(tree);
+
+    QVERIFY2(result.status == Status::Done, qPrintable(result.message));
+    QCOMPARE(tree.writtenEntries(), untouched);
 }
 
 // Its partition is not mounted, for example: then nobody knows what belongs to a setting.

@@ -1,6 +1,8 @@
 #include "trees/treeadoption.h"
 #include "trees/treeowner.h"
 
+#include "client/base/checks.h"
+
 #include "tests/support/childprocess.h"
 #include "tests/support/files.h"
 #include "tests/support/readonlyplace.h"
@@ -92,6 +94,8 @@ private slots:
     void oldNumbersFollowTheUser();
     void filesThatRunAsTheirOwnerFollowTheUserAndDoSoNoLonger();
     void othersKeepWhatIsTheirs();
+    void filesOfTheNewNumberLoseTheOldGroup();
+    void whatIsDeeperThanASettingStays();
     void treeOfAnotherUserIsLeftAlone_data();
     void treeOfAnotherUserIsLeftAlone();
     void linksAreNotFollowed();
@@ -256,6 +260,37 @@ void tst_TreeAdoption::othersKeepWhatIsTheirs()
     QCOMPARE(ownerOf(tree, linked), oldOwner);
     QCOMPARE(ownerOf(tree, pipe), oldOwner);
     QCOMPARE(ownerOf(tree, QString()), ownOwner);
+}
+
+// As "chown USER" without a group leaves them.
+void tst_TreeAdoption::filesOfTheNewNumberLoseTheOldGroup()
+{
+    const OldTree tree;
+    const QString name = QStringLiteral("/audio/volume");
+    QCOMPARE(::lchown(encoded(tree, name).constData(), own, old), 0);
+
+    QCOMPARE(adopt(tree).status, Status::Done);
+
+    QCOMPARE(ownerOf(tree, name), ownOwner);
+}
+
+void tst_TreeAdoption::whatIsDeeperThanASettingStays()
+{
+    const OldTree tree;
+    QString path;
+    QStringList paths;
+    for (int level = 0; level < 40; ++level) {
+        path += QLatin1String("/d");
+        tree.makeWriteDirectory(path);
+        giveTo(tree, path, old);
+        paths.append(path);
+    }
+
+    QCOMPARE(adopt(tree).status, Status::Done);
+
+    for (int level = 0; level < maximumLevels; ++level)
+        QCOMPARE(ownerOf(tree, paths.at(level)), ownOwner);
+    QCOMPARE(ownerOf(tree, paths.last()), oldOwner);
 }
 
 void tst_TreeAdoption::treeOfAnotherUserIsLeftAlone_data()
