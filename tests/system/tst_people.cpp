@@ -52,6 +52,13 @@ private:
     int m_socket = -1;
 };
 
+/// Catches the key that interrupts and ends with the line that is typed after it, whether the signal
+/// comes while it reads or just before.
+constexpr char pagerThatReads[] = "trap 'echo caught' INT; cat > /dev/null; "
+                                  "stty -echo < /dev/tty; echo reads; "
+                                  "until read line < /dev/tty; do :; done; "
+                                  "stty echo < /dev/tty; echo left";
+
 QStringList words(const char* line)
 {
     return QString::fromUtf8(line).split(QLatin1Char(' '), Qt::SkipEmptyParts);
@@ -504,13 +511,11 @@ void TstPeople::errorsFollowThePagedOutput()
 void TstPeople::interruptionIsThePagers()
 {
     Terminal terminal(80, 5);
-    terminal.setVariable("TULO_PAGER",
-                         "trap 'echo caught' INT; cat > /dev/null; echo reads; "
-                         "read key < /dev/tty; echo left");
+    terminal.setVariable("TULO_PAGER", pagerThatReads);
     terminal.start(program, m_cli.arguments(words("tree")));
     QVERIFY(terminal.waitForOutput("reads"));
 
-    terminal.type("\x03");
+    terminal.type("\x03\r");
 
     QCOMPARE(terminal.wait(), 0);
     QVERIFY2(terminal.output().endsWith("caught\nleft\n"), terminal.output());
@@ -523,9 +528,7 @@ void TstPeople::shellServesEventsWhileThePagerRuns()
     const QTemporaryDir state;
     Terminal terminal(80, 10);
     terminal.setVariable("XDG_STATE_HOME", QFile::encodeName(state.path()));
-    terminal.setVariable("TULO_PAGER",
-                         "trap 'echo caught' INT; cat > /dev/null; echo reads; "
-                         "read key < /dev/tty; echo left");
+    terminal.setVariable("TULO_PAGER", pagerThatReads);
     terminal.start(program, cli.arguments(words("shell")));
     QVERIFY(terminal.waitFor(QStringLiteral("/settings> ")));
     terminal.type("set /settings/audio/volume 40\r");
@@ -536,7 +539,7 @@ void TstPeople::shellServesEventsWhileThePagerRuns()
     QTRY_VERIFY_WITH_TIMEOUT(!cli.tree.readWritten(QStringLiteral("/audio/volume")).isNull(),
                              ChildProcess::waitMs);
 
-    terminal.type("\x03");
+    terminal.type("\x03\r");
     QVERIFY(terminal.waitFor(QStringLiteral("caught\nleft\n/settings> ")));
     terminal.type("get /settings/serial\r");
     QVERIFY(terminal.waitFor(QStringLiteral("\nX1\n")));
