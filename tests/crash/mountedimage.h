@@ -14,7 +14,8 @@
 
 namespace tulo {
 
-/// An image file, mounted as long as the object lives.
+/// An image file, mounted as long as the object lives; what a process has still open in it stays
+/// usable until it is closed.
 class MountedImage
 {
 public:
@@ -32,7 +33,7 @@ public:
     ~MountedImage()
     {
         if (m_isMounted)
-            ChildProcess::run(QStringLiteral("umount"), { m_directory });
+            ChildProcess::run(QStringLiteral("umount"), { QStringLiteral("--lazy"), m_directory });
     }
     Q_DISABLE_COPY(MountedImage)
 
