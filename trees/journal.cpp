@@ -9,14 +9,12 @@
 
 #include <QCryptographicHash>
 #include <QFile>
+#include <QMap>
 #include <QSet>
 #include <QVariant>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <iterator>
-#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -415,15 +413,17 @@ JournalResult unfinished(const QString& reason)
 }
 
 // What the journal in the tree says, which is on the disk.
-JournalResult finish(int tree, Entries entries)
+JournalResult finish(int tree, const Entries& entries)
 {
-    std::stable_sort(entries.begin(), entries.end(), [](const Entry& left, const Entry& right) {
-        return left.directory < right.directory;
-    });
+    QMap<QByteArray, Entries> entriesByDirectory;
+    for (const Entry& entry : entries)
+        entriesByDirectory[entry.directory].append(entry);
     Entries written;
     Entries removed;
-    for (const Entry& entry : qAsConst(entries))
-        (entry.content ? written : removed).append(entry);
+    for (const Entries& inDirectory : qAsConst(entriesByDirectory)) {
+        for (const Entry& entry : inDirectory)
+            (entry.content ? written : removed).append(entry);
+    }
     // First, so that the value of a setting that moves is always in one of its places.
     QString error = write(tree, written);
     if (error.isEmpty())
@@ -711,20 +711,20 @@ JournalResult redoJournal(int directory)
     text = reader.read(maximumJournalBytes + 1);
     if (reader.error() != QFileDevice::NoError)
         return unfinished(failed("read", journalName));
-    std::optional<Entries> entries = entriesOf(text);
+    const std::optional<Entries> entries = entriesOf(text);
     if (!entries)
         return left(QStringLiteral("is damaged, or was not written by this program"));
-    const auto firstChanged =
-        std::stable_partition(entries->begin(), entries->end(), [directory](const Entry& entry) {
-            return !isChangedSince(directory, entry);
-        });
-    const auto changed = int(std::distance(firstChanged, entries->end()));
-    entries->erase(firstChanged, entries->end());
+    Entries unchanged;
+    for (const Entry& entry : *entries) {
+        if (!isChangedSince(directory, entry))
+            unchanged.append(entry);
+    }
 
-    JournalResult result = finish(directory, *entries);
+    JournalResult result = finish(directory, unchanged);
     if (result.status == Status::Done) {
         result.message = QStringLiteral("finished a change of %1 files that was interrupted")
-                             .arg(entries->size());
+                             .arg(unchanged.size());
+        const int changed = entries->size() - unchanged.size();
         if (changed > 0) {
             result.message +=
                 QStringLiteral("; left out are %1 that were changed since").arg(changed);
