@@ -7,6 +7,7 @@
 #include "trees/migrator.h"
 #include "trees/partition.h"
 #include "trees/separator.h"
+#include "trees/treepreparation.h"
 #include "trees/writtenfiles.h"
 
 #include "api/core/language.h"
@@ -141,12 +142,7 @@ bool Engine::takeTree(EngineFailure* failure)
     }
     switch (m_lock.acquire(m_writePath)) {
     case OwnerLock::Status::Owned:
-        note(finishFactoryReset(m_lock.directory(), m_defaultPath, m_writePath,
-                                m_options.productPostfix));
-        if (m_readOnlyReason.isEmpty())
-            note(redoJournal(m_lock.directory()));
-        if (m_readOnlyReason.isEmpty())
-            migrateTree();
+        prepareTree();
         return true;
     case OwnerLock::Status::InUse:
         failure->holder = m_lock.holder();
@@ -159,22 +155,27 @@ bool Engine::takeTree(EngineFailure* failure)
     return fail(failure, EngineFailure::Kind::NoAccess, m_lock.message());
 }
 
-// Of what comes before the tree is read.
-void Engine::note(const JournalResult& result)
+MigrationPlace Engine::migrationPlace() const
 {
-    if (!result.message.isEmpty())
-        m_notes.append(QStringLiteral("'%1': %2").arg(m_writePath, result.message));
-    if (result.status == JournalResult::Status::Unfinished)
-        refuseUntilFinished(result.message);
+    return { m_defaultPath, m_writePath, m_options.productPostfix, m_options.migrationsPath };
 }
 
-// What it changed is in the tree before the worker reads it. When it fails, the values are served
-// as they are.
-void Engine::migrateTree()
+// Before the worker reads the tree.
+void Engine::prepareTree()
 {
-    const MigrationPlace place { m_defaultPath, m_writePath, m_options.productPostfix,
-                                 m_options.migrationsPath };
-    const MigrationResult result = migrate(m_lock.directory(), place, MigrationRun::Migrate);
+    const TreePreparation done =
+        tulo::prepareTree(m_lock.directory(), migrationPlace(), MigrationRun::Migrate);
+    for (const QString& message : done.messages)
+        m_notes.append(QStringLiteral("'%1': %2").arg(m_writePath, message));
+    if (done.obstacle.isEmpty())
+        note(done.migration);
+    else
+        refuseUntilFinished(done.obstacle);
+}
+
+// When it failed, the values are served as they are.
+void Engine::note(const MigrationResult& result)
+{
     for (const PlannedMigration& value : result.values)
         m_notes.append(QStringLiteral("Migrated: ") + describe(value));
     // A broken default file stops the service, or the worker that reads it, with its own message.
@@ -548,7 +549,7 @@ JournalResult Engine::resetWithoutRoom()
     }
     // As at an opening: which rules are behind the tree was recorded, too.
     if (result.status == JournalResult::Status::Done)
-        migrateTree();
+        note(migrate(m_lock.directory(), migrationPlace(), MigrationRun::Migrate));
     return result;
 }
 

@@ -6,6 +6,7 @@
 #include "engine/router.h"
 #include "engine/writetracker.h"
 #include "trees/journal.h"
+#include "trees/migrator.h"
 #include "trees/ownerlock.h"
 
 #include <tulo/settings.h>
@@ -65,11 +66,10 @@ struct EngineFailure
 /// Hosts the settings worker: loads it, stands guard, owns the writable tree, and stops in
 /// order.
 ///
-/// Opening for changes goes in this order: the tree's lock, a factory reset that was asked for (see
-/// trees/factoryreset.h), what an interrupted change of several files left to finish (see
-/// trees/journal.h), the migration to this image (see trees/migrator.h),
-/// the worker. When a change cannot be finished, because the disk is full for example, settings can
-/// be read and changes are refused: the next opening would write older values over them.
+/// Opening for changes goes in this order: the tree's lock, what is to be done to the tree before
+/// it is read (see trees/treepreparation.h), the worker. When a change cannot be finished, because
+/// the disk is full for example, settings can be read and changes are refused: the next opening
+/// would write older values over them.
 ///
 /// The worker falls back silently to the device's own directories when one that it was given
 /// does not exist, so the engine checks both before, and again after the worker has chosen.
@@ -180,8 +180,9 @@ private:
 
     bool chooseDirectories(EngineFailure* failure);
     bool takeTree(EngineFailure* failure);
-    void note(const JournalResult& result);
-    void migrateTree();
+    void prepareTree();
+    MigrationPlace migrationPlace() const;
+    void note(const MigrationResult& result);
     void refuseUntilFinished(const QString& reason);
     void end();
     bool createWorker(EngineFailure* failure);

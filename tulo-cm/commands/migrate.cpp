@@ -3,12 +3,11 @@
 #include "tulo-cm/progress.h"
 #include "tulo-cm/waiting.h"
 
-#include "trees/factoryreset.h"
-#include "trees/journal.h"
 #include "trees/migrator.h"
 #include "trees/ownerlock.h"
 #include "trees/plainjson.h"
 #include "trees/plainroles.h"
+#include "trees/treepreparation.h"
 #include "trees/treestamp.h"
 
 #include <tulo/settings.h>
@@ -83,18 +82,12 @@ int migrateOwned(const MigrationPlace& place, MigrationRun kind, Output& output)
     OwnerLock lock;
     if (lock.acquire(place.writePath) != OwnerLock::Status::Owned)
         return output.report({ ErrorCode::Unavailable, lock.message(), QString() });
-    JournalResult before = finishFactoryReset(lock.directory(), place.defaultPath, place.writePath,
-                                              place.productPostfix);
-    if (!before.message.isEmpty())
-        output.note(before.message);
-    if (before.status != JournalResult::Status::Unfinished) {
-        before = redoJournal(lock.directory());
-        if (!before.message.isEmpty())
-            output.note(before.message);
-    }
-    if (before.status == JournalResult::Status::Unfinished)
-        return output.report({ ErrorCode::NotSaved, before.message, QString() });
-    return report(migrate(lock.directory(), place, kind), output);
+    const TreePreparation done = prepareTree(lock.directory(), place, kind);
+    for (const QString& message : done.messages)
+        output.note(message);
+    if (!done.obstacle.isEmpty())
+        return output.report({ ErrorCode::NotSaved, done.obstacle, QString() });
+    return report(done.migration, output);
 }
 
 int plan(const MigrationPlace& place, MigrationRun kind, Output& output)
