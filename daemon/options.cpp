@@ -3,38 +3,24 @@
 #include "client/base/checks.h"
 #include "daemon/changelimit.h"
 #include "engine/engine.h"
-#include "trees/nodenames.h"
+#include "trees/treeoptions.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
-#include <QFileInfo>
 
 namespace tulo {
 
 namespace {
 
-QString checkDirectory(const QString& path)
-{
-    // An empty name would stand for the built-in directory further down.
-    const QFileInfo directory(path);
-    if (path.isEmpty() || !directory.exists())
-        return QStringLiteral("directory '%1' does not exist").arg(path);
-    if (!directory.isDir())
-        return QStringLiteral("'%1' is not a directory").arg(path);
-    return QString();
-}
-
 QString check(const DaemonOptions& options)
 {
-    if (!options.product.isEmpty() && !isListable(options.product)) {
-        return QStringLiteral(
-                   "'%1' is not a product postfix, which has only letters, digits, '_' and '-'")
-            .arg(options.product);
-    }
+    QString reason = checkProduct(options.product);
+    if (!reason.isEmpty())
+        return reason;
     if (!options.language.isEmpty() && options.catalogues.isEmpty())
         return QStringLiteral("'--language' needs '--catalogues'");
-    QString reason = checkBus(options.bus);
+    reason = checkBus(options.bus);
     if (!reason.isEmpty())
         return reason;
     QStringList directories = QStringList { options.defaultPath } + options.catalogues;

@@ -3,13 +3,12 @@
 #include "tulo-cm/commandline.h"
 
 #include "client/base/checks.h"
-#include "trees/nodenames.h"
+#include "trees/treeoptions.h"
 
 #include <tulo/remotesettings.h>
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFileInfo>
 
 namespace tulo {
 namespace {
@@ -64,21 +63,15 @@ QString validateService(const Arguments& arguments)
 
 QString validateWorker(const Arguments& arguments)
 {
-    const QString product = arguments.value(general::product);
-    if (!product.isEmpty() && !isListable(product)) {
-        return QStringLiteral("'%1' is not a product postfix, which has only letters, digits, '_' "
-                              "and '-'")
-            .arg(product);
-    }
-    if (arguments.isSet(general::migrations)) {
-        QString error = validateDirectory(arguments.value(general::migrations));
-        if (!error.isEmpty())
-            return error;
-    }
+    QString error = checkProduct(arguments.value(general::product));
+    if (error.isEmpty() && arguments.isSet(general::migrations))
+        error = checkDirectory(arguments.value(general::migrations));
+    if (!error.isEmpty())
+        return error;
     if (arguments.isSet(general::language) && !arguments.isSet(general::catalogues))
         return QStringLiteral("'--language' needs '--catalogues'");
     for (const QString& directory : arguments.values(general::catalogues)) {
-        QString error = validateDirectory(directory);
+        error = checkDirectory(directory);
         if (!error.isEmpty())
             return error;
     }
@@ -138,7 +131,7 @@ EngineOptions engineOptions(const Arguments& arguments)
 QString validateEngine(const Arguments& arguments, const EngineOptions& options)
 {
     for (const QString& directory : { options.defaultPath, options.writePath }) {
-        QString error = directory.isNull() ? QString() : validateDirectory(directory);
+        QString error = directory.isNull() ? QString() : checkDirectory(directory);
         if (!error.isEmpty())
             return error;
     }
@@ -167,17 +160,6 @@ std::optional<Place> placeOf(const Arguments& arguments, QString* error)
         place = servicePlace(arguments, error);
     }
     return error->isEmpty() ? std::optional<Place>(place) : std::nullopt;
-}
-
-QString validateDirectory(const QString& path)
-{
-    // An empty name would stand for the built-in directory further down.
-    const QFileInfo directory(path);
-    if (path.isEmpty() || !directory.exists())
-        return QStringLiteral("directory '%1' does not exist").arg(path);
-    if (!directory.isDir())
-        return QStringLiteral("'%1' is not a directory").arg(path);
-    return QString();
 }
 
 } // namespace tulo

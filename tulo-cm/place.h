@@ -28,7 +28,4 @@ struct Place
 /// `error` says what is wrong then. Opens nothing.
 std::optional<Place> placeOf(const Arguments& arguments, QString* error);
 
-/// Returns what is wrong with the name of a directory; empty when there is one.
-QString validateDirectory(const QString& path);
-
 } // namespace tulo

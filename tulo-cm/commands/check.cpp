@@ -9,6 +9,7 @@
 #include "trees/rules.h"
 #include "trees/treecheck.h"
 #include "trees/treecompare.h"
+#include "trees/treeoptions.h"
 #include "trees/treestamp.h"
 
 #include <tulo/settings.h>
@@ -358,7 +359,7 @@ int run(Context& context, const Arguments& arguments)
     TreesToCheck trees;
     trees.catalogues = arguments.values(catalogueOption);
     const QString oldTree = arguments.value(againstOption);
-    const QString problem = oldTree.isNull() ? QString() : validateDirectory(oldTree);
+    const QString problem = oldTree.isNull() ? QString() : checkDirectory(oldTree);
     if (!problem.isEmpty())
         return output.reportUsage(problem);
     Error error = findTrees(context, arguments, &trees);

@@ -4,6 +4,7 @@
 #include "tulo-cm/roles.h"
 
 #include "trees/treedifference.h"
+#include "trees/treeoptions.h"
 #include "trees/treereader.h"
 
 namespace tulo {
@@ -121,7 +122,7 @@ int compare(Context& context, const QString& older, const QString& newer, const 
 {
     Output& output = context.output;
     for (const QString& directory : { older, newer }) {
-        const QString problem = validateDirectory(directory);
+        const QString problem = checkDirectory(directory);
         if (!problem.isEmpty())
             return output.reportUsage(problem);
     }

@@ -1,9 +1,9 @@
 #include "tulo-cm/command.h"
 #include "tulo-cm/listing.h"
-#include "tulo-cm/place.h"
 #include "tulo-cm/progress.h"
 
 #include "trees/texts.h"
+#include "trees/treeoptions.h"
 #include "trees/treereader.h"
 
 #include <QFile>
@@ -50,7 +50,7 @@ void print(const QString& fileName, const CatalogueState& state, Output& output)
 int run(Context& context, const Arguments& arguments)
 {
     const QString tree = arguments.positional.first();
-    const QString problem = validateDirectory(tree);
+    const QString problem = checkDirectory(tree);
     if (!problem.isEmpty())
         return context.output.reportUsage(problem);
     const Progress progress(QStringLiteral("reading texts"));
