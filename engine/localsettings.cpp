@@ -17,9 +17,7 @@
 
 #include <QCoreApplication>
 #include <QDateTime>
-#include <QDir>
 #include <QEvent>
-#include <QFileInfo>
 #include <QPointer>
 #include <QSet>
 #include <QThread>
@@ -67,11 +65,6 @@ Error destroyedError()
     return { ErrorCode::Cancelled, QStringLiteral("cancelled"), QString() };
 }
 
-QString treePath(const EngineOptions& options)
-{
-    return options.writePath.isEmpty() ? Engine::builtInWritePath() : options.writePath;
-}
-
 QString absolute(const QString& path)
 {
     return path.startsWith(separator) ? path : separator + path;
@@ -86,38 +79,25 @@ QString absolute(const QString& path)
 std::unique_ptr<LocalSettings> LocalSettings::open(const EngineOptions& options,
                                                    EngineFailure* failure)
 {
-    Opening opening = options.waitsForTree ? openTree(options, Place::Nothing) : openOwned(options);
-    *failure = opening.failure;
-    // Whatever else keeps it from being owned is for somebody to mend.
-    const bool isWaitedFor = failure->kind == EngineFailure::Kind::None
-        || failure->kind == EngineFailure::Kind::NotWritable;
-    if (!opening.engine || !isWaitedFor)
+    std::unique_ptr<ServedTree> tree = ServedTree::open(options, failure);
+    if (!tree)
         return nullptr;
-    *failure = EngineFailure();
-    return std::unique_ptr<LocalSettings>(new LocalSettings(options, std::move(opening)));
+    return std::unique_ptr<LocalSettings>(
+        new LocalSettings(std::move(tree), options.productPostfix));
 }
 
-LocalSettings::LocalSettings(const EngineOptions& options, Opening opening)
-    : m_options(options)
+LocalSettings::LocalSettings(std::unique_ptr<ServedTree> tree, const QString& productPostfix)
+    : m_productPostfix(productPostfix)
+    , m_tree(std::move(tree))
 {
-    use(std::move(opening));
-    m_refusal = m_engine->changeRefusal();
-    if (m_options.access != EngineOptions::Access::Own)
-        return;
-    m_treeCheck.setInterval(treeCheckMs);
-    m_treeCheck.setSingleShot(true);
-    connect(&m_treeCheck, &QTimer::timeout, this, &LocalSettings::checkTree);
-    connect(this, &LocalSettings::unsavedChanged, this, &LocalSettings::checkTree);
-    if (m_options.waitsForTree) {
-        m_mounts = std::make_unique<MountWatch>();
-        connect(m_mounts.get(), &MountWatch::changed, this, &LocalSettings::checkTree);
-    }
-    if (m_refusal.isEmpty())
-        return;
-    // It may be for that that a change is not finished.
-    m_engine->lookForRoom();
-    m_engine->writes().setError(m_refusal);
-    m_treeCheck.start();
+    m_tree->observe(this);
+    connect(m_tree.get(), &ServedTree::changed, this, [this](const QStringList& paths) {
+        m_keptValues.clear();
+        announceFiles(paths);
+        emit openedAnew();
+    });
+    connect(m_tree.get(), &ServedTree::refusalChanged, this, &LocalSettings::refusalChanged);
+    connect(m_tree.get(), &ServedTree::unsavedChanged, this, &LocalSettings::unsavedChanged);
 }
 
 LocalSettings::~LocalSettings()
@@ -131,13 +111,9 @@ LocalSettings::~LocalSettings()
 
 bool LocalSettings::stop()
 {
-    if (m_isStopped)
-        return m_engine->stop() && m_carried.isEmpty();
-    m_isStopped = true;
-    if (m_place != Place::Nothing)
-        m_engine->removeObserver(this);
-    const bool isSaved = m_engine->stop() && m_carried.isEmpty();
-    if (!m_isDestroyed)
+    const bool wasStopped = std::exchange(m_isStopped, true);
+    const bool isSaved = m_tree->stop();
+    if (!wasStopped && !m_isDestroyed)
         emit stateChanged(State::Away);
     return isSaved;
 }
@@ -149,277 +125,57 @@ Settings::State LocalSettings::state() const
 
 QString LocalSettings::defaultPath() const
 {
-    return m_engine->defaultPath();
+    return m_tree->engine().defaultPath();
 }
 
 QString LocalSettings::writePath() const
 {
-    return m_engine->writePath();
+    return m_tree->engine().writePath();
 }
 
 std::optional<qint64> LocalSettings::otherOwner() const
 {
-    return m_engine->otherOwner();
+    return m_tree->engine().otherOwner();
 }
 
 int LocalSettings::catalogueCount() const
 {
-    return m_engine->catalogueCount();
+    return m_tree->engine().catalogueCount();
 }
 
 QStringList LocalSettings::notes() const
 {
-    return m_engine->notes();
+    return m_tree->engine().notes();
 }
 
 int LocalSettings::treeDirectory() const
 {
-    return m_engine->treeDirectory();
+    return m_tree->engine().treeDirectory();
 }
 
 bool LocalSettings::hasUnwrittenChanges() const
 {
-    return !m_carried.isEmpty() || std::as_const(*m_engine).writes().needsFlush();
+    return m_tree->hasUnwrittenChanges();
 }
 
 QStringList LocalSettings::notSavedPaths() const
 {
-    if (m_carried.isEmpty())
-        return m_engine->writes().unsavedPaths();
-    QStringList paths;
-    for (const WriteTracker::Change& change : m_carried)
-        paths.append(change.path.text());
-    paths.sort();
-    return paths;
+    return m_tree->unsavedPaths();
 }
 
 QString LocalSettings::changeRefusal() const
 {
-    return m_engine->changeRefusal();
+    return m_tree->engine().changeRefusal();
 }
 
 QString LocalSettings::lastWriteError() const
 {
-    const QString error = std::as_const(*m_engine).writes().lastError();
-    return error.isEmpty() ? m_lastWriteError : error;
+    return m_tree->lastWriteError();
 }
 
 void LocalSettings::followLog()
 {
-    m_engine->writes().attach();
-}
-
-// ---------------------------------------------------------------------------------------------
-// The tree, which may come late, go, or admit no change for a time. What becomes of it is found out
-// in the event loop, between two requests.
-// ---------------------------------------------------------------------------------------------
-
-LocalSettings::Opening LocalSettings::openOwned(const EngineOptions& options)
-{
-    Opening opening;
-    opening.engine = Engine::open(options, &opening.failure);
-    opening.place = opening.engine ? Place::Owned : Place::Nothing;
-    return opening;
-}
-
-// Opens as much of the tree as possible; nothing when that is already served, from `present`.
-LocalSettings::Opening LocalSettings::openTree(const EngineOptions& options, Place present)
-{
-    Opening opening;
-    const bool isMissing = options.waitsForMount && !isOnOwnFileSystem(treePath(options));
-    if (isMissing) {
-        opening.refusal = QStringLiteral("The partition of the writable tree '%1' is not mounted")
-                              .arg(treePath(options));
-    } else {
-        opening = openOwned(options);
-        opening.refusal = opening.failure.message;
-    }
-    if (opening.engine)
-        return opening;
-
-    EngineOptions reading = options;
-    reading.access = EngineOptions::Access::Read;
-    EngineFailure failure;
-    if (!isMissing) {
-        opening.place = Place::Read;
-        if (present == Place::Read && QFileInfo(treePath(options)).isReadable())
-            return opening;
-        opening.engine = Engine::open(reading, &failure);
-    }
-    if (!opening.engine) {
-        opening.place = Place::Substitute;
-        if (present == Place::Substitute)
-            return opening;
-        opening.substitute = std::make_unique<QTemporaryDir>();
-        if (!opening.substitute->isValid()) {
-            opening.place = Place::Nothing;
-            opening.failure = {
-                EngineFailure::Kind::NotWritable,
-                QStringLiteral("%1; no temporary directory can be made in '%2' to stand for it: %3")
-                    .arg(opening.refusal, QDir::tempPath(), opening.substitute->errorString())
-            };
-            opening.refusal = opening.failure.message;
-            return opening;
-        }
-        reading.defaultPath =
-            options.defaultPath.isEmpty() ? Engine::builtInDefaultPath() : options.defaultPath;
-        reading.writePath = opening.substitute->path();
-        opening.engine = Engine::open(reading, &failure);
-    }
-    if (!opening.engine) {
-        opening.place = Place::Nothing;
-        opening.failure = failure;
-    }
-    return opening;
-}
-
-void LocalSettings::use(Opening opening)
-{
-    m_place = opening.place;
-    if (!opening.engine)
-        return;
-    m_engine = std::move(opening.engine);
-    m_substitute = std::move(opening.substitute);
-    if (m_place != Place::Owned && m_options.access == EngineOptions::Access::Own)
-        m_engine->setReadOnlyReason(opening.refusal);
-    // Once it was mounted, what is there while it is not is another place.
-    if (m_place == Place::Owned || m_place == Place::Read)
-        m_options.waitsForMount = m_options.waitsForMount || isOnOwnFileSystem(writePath());
-    if (m_place == Place::Read)
-        m_readTree = directoryId(writePath());
-    m_engine->addObserver(this);
-    // Inside a log call of the worker, so it only looks: with each change, too, an event would be
-    // too much.
-    const WriteTracker* const writes = &m_engine->writes();
-    m_unsavedRevision = writes->revision();
-    connect(
-        writes, &WriteTracker::changed, this,
-        [this, writes] {
-            const int revision = writes->revision();
-            if (m_unsavedRevision.exchange(revision) != revision)
-                QMetaObject::invokeMethod(this, &LocalSettings::unsavedChanged,
-                                          Qt::QueuedConnection);
-        },
-        Qt::DirectConnection);
-}
-
-void LocalSettings::checkTree()
-{
-    if (m_isStopped)
-        return;
-    if (m_place != Place::Owned) {
-        openAnew();
-        return;
-    }
-    bool hasRoomAgain = false;
-    if (m_engine->writes().unsavedCount() > 0 || m_engine->lacksRoom())
-        hasRoomAgain = m_engine->lookForRoom();
-    else
-        m_engine->lookAtTree();
-    if (m_engine->isTreeReplaced() || (hasRoomAgain && m_engine->isUnfinished()))
-        openAnew();
-    else
-        noteRefusal();
-}
-
-void LocalSettings::noteRefusal()
-{
-    const QString refusal = m_engine->changeRefusal();
-    if (!refusal.isEmpty())
-        m_treeCheck.start();
-    if (refusal == m_refusal)
-        return;
-    m_refusal = refusal;
-    if (!refusal.isEmpty())
-        m_engine->writes().setError(refusal);
-    else
-        flushUnasked();
-    emit refusalChanged();
-}
-
-// What was accepted for the tree of before is stored in that of now. Without one it is only shown.
-void LocalSettings::openAnew()
-{
-    const bool wasOwned = m_place == Place::Owned;
-    QStringList paths;
-    Opening opening;
-    if (wasOwned) {
-        // First, as it may be the same tree, which has one owner at a time.
-        paths = m_engine->filePaths();
-        m_engine->removeObserver(this);
-        m_carried = m_engine->abandon();
-        opening = openTree(m_options, Place::Nothing);
-    } else {
-        const bool isReplaced =
-            m_place == Place::Read && directoryId(treePath(m_options)) != m_readTree;
-        opening = openTree(m_options, isReplaced ? Place::Nothing : m_place);
-        if (!opening.engine && opening.place == m_place) {
-            m_engine->setReadOnlyReason(opening.refusal);
-            noteRefusal();
-            return;
-        }
-        if (m_place != Place::Nothing) {
-            paths = m_engine->filePaths();
-            m_engine->removeObserver(this);
-            (void)m_engine->abandon();
-        }
-    }
-    if (opening.engine) {
-        m_lastWriteError = lastWriteError();
-        m_counters.writes += m_engine->writes().writeCount();
-        m_counters.writeErrors += m_engine->writes().errorCount();
-    }
-    const QString refusal = opening.refusal;
-    use(std::move(opening));
-    m_keptValues.clear();
-    if (m_place == Place::Nothing) {
-        m_engine->setReadOnlyReason(refusal);
-        noteRefusal();
-        return;
-    }
-    for (const WriteTracker::Change& change : qAsConst(m_carried)) {
-        paths.append(change.path.text());
-        if (m_place == Place::Read)
-            continue;
-        const CMError error = m_engine->dispatcher().storeAgain(change.path, change.roles).error();
-        if (errorCode(error) != ErrorCode::None)
-            m_engine->writes().setError(error.message().toString());
-    }
-    if (m_place == Place::Owned)
-        m_carried.clear();
-    announceFiles(paths + m_engine->filePaths());
-    flushUnasked();
-    emit openedAnew();
-    noteRefusal();
-    emit unsavedChanged();
-}
-
-// What happens to it is in the status.
-void LocalSettings::flushUnasked()
-{
-    if (m_engine->ownsTree() && m_engine->writes().needsFlush())
-        m_engine->flush([](const FlushResult& /*result*/) {});
-}
-
-// Announces that any of these settings, and the directories that they are in, may read differently.
-void LocalSettings::announceFiles(const QStringList& paths)
-{
-    QStringList settings = paths;
-    settings.removeDuplicates();
-    settings.sort();
-    QStringList directories;
-    for (const QString& path : qAsConst(settings)) {
-        announceDifference(path, {});
-        for (QString above = parentOf(path); !above.isEmpty(); above = parentOf(above))
-            directories.append(above);
-    }
-    directories.removeDuplicates();
-    directories.sort();
-    for (const QString& directory : qAsConst(directories)) {
-        // With a version left out, so that clients list it again.
-        ++m_rowsVersions[directory];
-        rowsChanged(CMPath(directory), QStringLiteral("0"), 0);
-    }
+    m_tree->engine().writes().attach();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -465,10 +221,10 @@ void LocalSettings::customEvent(QEvent*)
     // Before the request, whose handlers may run an event loop or destroy this.
     if (!m_requests.empty())
         post();
-    if (m_place == Place::Nothing)
-        request({ ErrorCode::Unavailable, m_refusal, QString() });
-    else
+    if (m_tree->isServed())
         request(m_isStopped ? stoppedError() : Error());
+    else
+        request({ ErrorCode::Unavailable, changeRefusal(), QString() });
 }
 
 // The events of a change come before its answer, and a handler may destroy this.
@@ -477,8 +233,7 @@ void LocalSettings::answer(const Promise<T>& promise, const Error& error, const 
 {
     const QPointer<LocalSettings> self(this);
     m_counters.failed += error ? 1 : 0;
-    if (m_engine->changeRefusal() != m_refusal)
-        QMetaObject::invokeMethod(this, &LocalSettings::checkTree, Qt::QueuedConnection);
+    m_tree->noticeRefusal();
     deliverEvents();
     if (!self)
         promise.fail(destroyedError());
@@ -507,7 +262,7 @@ bool isSmall(const QVariant& value)
 // that is kept.
 bool LocalSettings::readKept(const QString& path, const QStringList& roles, QVariantMap* values)
 {
-    if (roles.size() != 1 || std::as_const(*m_engine).writes().unsavedCount() > 0)
+    if (roles.size() != 1 || std::as_const(*m_tree).engine().writes().unsavedCount() > 0)
         return false;
     const QVariant* const value = m_keptValues.object(path);
     if (value == nullptr || roles.first() != TuloRoles::Value())
@@ -519,7 +274,7 @@ bool LocalSettings::readKept(const QString& path, const QStringList& roles, QVar
 void LocalSettings::keep(const QString& path, const QStringList& roles, const QVariantMap& values)
 {
     const QVariant value = values.value(TuloRoles::Value());
-    const bool isPossible = roles.size() == 1 && m_engine->ownsTree() && value.isValid()
+    const bool isPossible = roles.size() == 1 && m_tree->engine().ownsTree() && value.isValid()
         && path.startsWith(QLatin1Char('/'));
     if (isPossible && isSmall(value))
         m_keptValues.insert(path, new QVariant(value));
@@ -530,7 +285,8 @@ Error LocalSettings::read(const QString& path, const QStringList& roles, QVarian
     if (readKept(path, roles, values))
         return {};
     const QStringList& names = roles.isEmpty() ? TuloRoles::keys() : roles;
-    const CMGetDataRequest::Reply reply = m_engine->dispatcher().getData(CMPath(path), names);
+    const CMGetDataRequest::Reply reply =
+        m_tree->engine().dispatcher().getData(CMPath(path), names);
     Error error = errorOf(reply.error(), path);
     if (error)
         return error;
@@ -580,7 +336,7 @@ Error LocalSettings::readRows(const QString& path, int first, int last, const QS
 {
     CMError failure;
     const DirectoryRows answer =
-        m_engine->dispatcher().rows(CMPath(path), first, last, roles, &failure);
+        m_tree->engine().dispatcher().rows(CMPath(path), first, last, roles, &failure);
     Error error = errorOf(failure, path);
     if (error)
         return error;
@@ -702,8 +458,9 @@ Error LocalSettings::explain(const QString& path, QVector<RoleOrigin>* origins)
     if (error)
         return error;
     const CMPath full(absolute(path));
-    const TreeReader trees(defaultPath(), writePath(), m_options.productPostfix);
-    const bool isPending = std::as_const(*m_engine).writes().pendingPaths().contains(full.text());
+    const TreeReader trees(defaultPath(), writePath(), m_productPostfix);
+    const bool isPending =
+        std::as_const(*m_tree).engine().writes().pendingPaths().contains(full.text());
     // Without files, a template is not about this path.
     if (isPending || trees.exists(full.base()))
         *origins = trees.explain(full.base());
@@ -891,7 +648,7 @@ Error LocalSettings::admit(const Order& order, AdmittedChange* admitted)
     if (error)
         return error;
     const CMPath path(order.path);
-    Guard& guard = m_engine->guard();
+    Guard& guard = m_tree->engine().guard();
     admitted->path = order.path;
     error = errorOf(guard.checkTarget(path, &admitted->target), order.path);
     if (!error)
@@ -912,11 +669,11 @@ Error LocalSettings::carryOut(const AdmittedChange& admitted, bool isDryRun, Cha
 {
     TuloRoles stored;
     if (isDryRun) {
-        m_engine->guard().retract(admitted.target);
+        m_tree->engine().guard().retract(admitted.target);
         stored = storedBy(CMSetDataRequest(admitted.request), admitted.target.roles);
     } else {
         m_carriedOut = &admitted;
-        m_engine->dispatcher().serveAdmitted(admitted.request);
+        m_tree->engine().dispatcher().serveAdmitted(admitted.request);
         m_carriedOut = nullptr;
         const CMSetDataRequest::Reply reply = CMSetDataRequest(admitted.request).reply();
         Error error = errorOf(reply.error(), admitted.path);
@@ -1044,7 +801,7 @@ Error LocalSettings::admitAll(const QVector<Assignment>& assignments,
     }
     if (error) {
         for (const AdmittedChange& change : qAsConst(*admitted))
-            m_engine->guard().retract(change.target);
+            m_tree->engine().guard().retract(change.target);
     }
     return error;
 }
@@ -1089,8 +846,8 @@ int indexOf(const QStringList& names, const QString& name)
 QStringList LocalSettings::listedNames(const CMPath& directory)
 {
     CMError failure;
-    const int count = m_engine->dispatcher().rows(directory, 1, 0, {}, &failure).count;
-    QStringList names = m_engine->guard().listedNames(directory);
+    const int count = m_tree->engine().dispatcher().rows(directory, 1, 0, {}, &failure).count;
+    QStringList names = m_tree->engine().guard().listedNames(directory);
     if (errorCode(failure) != ErrorCode::None || count != names.size())
         ++m_rowsVersions[directory.text()];
     return names;
@@ -1122,7 +879,7 @@ void LocalSettings::announceReset(const Engine::Reset& reset,
 {
     QMap<QString, QSet<QString>> names;
     for (auto entry = namesBefore.cbegin(); entry != namesBefore.cend(); ++entry) {
-        const QStringList present = m_engine->guard().listedNames(CMPath(entry.key()));
+        const QStringList present = m_tree->engine().guard().listedNames(CMPath(entry.key()));
         names.insert(entry.key(), QSet<QString>(present.cbegin(), present.cend()));
     }
     // The rows that stay come first, as long as the indexes of before hold.
@@ -1148,7 +905,7 @@ Error LocalSettings::carryOutReset(const QStringList& paths, const ResetOptions&
                                    QStringList* settings)
 {
     Engine::Reset reset;
-    Error error = m_engine->planReset(paths, options, &reset);
+    Error error = m_tree->engine().planReset(paths, options, &reset);
     if (error)
         return error;
     QHash<QString, QVariantMap> before;
@@ -1163,7 +920,7 @@ Error LocalSettings::carryOutReset(const QStringList& paths, const ResetOptions&
         if (!namesBefore.contains(directory))
             namesBefore.insert(directory, listedNames(CMPath(directory)));
     }
-    error = m_engine->carryOut(&reset);
+    error = m_tree->engine().carryOut(&reset);
     m_keptValues.clear();
     // After an error, too: one that was interrupted has removed some.
     announceReset(reset, before, namesBefore);
@@ -1188,11 +945,11 @@ Reply<QStringList> LocalSettings::reset(const QStringList& paths, const ResetOpt
 Reply<int> LocalSettings::flush()
 {
     return enqueue<int>([this](const Promise<int>& promise) {
-        if (!m_carried.isEmpty()) {
-            answer(promise, { ErrorCode::NotSaved, m_refusal, QString() }, 0);
+        if (m_tree->keepsChanges()) {
+            answer(promise, { ErrorCode::NotSaved, changeRefusal(), QString() }, 0);
             return;
         }
-        m_engine->flush([this, promise](const FlushResult& result) {
+        m_tree->engine().flush([this, promise](const FlushResult& result) {
             // In a later turn, as it may come from stop().
             ++m_counters.flushes;
             m_counters.failed += result.error.isEmpty() ? 0 : 1;
@@ -1214,23 +971,21 @@ Reply<bool> LocalSettings::dropCache()
     return enqueue<bool>([this](const Promise<bool>& promise) {
         m_keptValues.clear();
         m_treeDigest.clear();
-        const CMSetDataRequest::Reply reply = m_engine->dispatcher().dropCache();
+        const CMSetDataRequest::Reply reply = m_tree->engine().dispatcher().dropCache();
         answer(promise, errorOf(reply.error(), QString()), true);
     });
 }
 
 Status LocalSettings::currentStatus() const
 {
-    const WriteTracker& writes = std::as_const(*m_engine).writes();
     Status status;
     status.version = QStringLiteral(TULO_VERSION);
-    status.product = m_options.productPostfix;
+    status.product = m_productPostfix;
     status.defaultPath = defaultPath();
-    status.writePath =
-        m_place == Place::Owned || m_place == Place::Read ? writePath() : treePath(m_options);
-    status.isWritable = m_engine->ownsTree();
-    status.pendingWrites = m_carried.isEmpty() ? writes.pendingCount() : 0;
-    status.unsavedCount = m_carried.isEmpty() ? writes.unsavedCount() : m_carried.size();
+    status.writePath = m_tree->path();
+    status.isWritable = m_tree->engine().ownsTree();
+    status.pendingWrites = m_tree->pendingCount();
+    status.unsavedCount = m_tree->unsavedCount();
     status.lastWriteError = lastWriteError();
     status.processId = QCoreApplication::applicationPid();
     return status;
@@ -1258,7 +1013,6 @@ Reply<QString> LocalSettings::treeDigest()
 Reply<QVariantMap> LocalSettings::statistics()
 {
     return enqueue<QVariantMap>([this](const Promise<QVariantMap>& promise) {
-        const WriteTracker& writes = std::as_const(*m_engine).writes();
         const QVariantMap numbers {
             { QStringLiteral("requests"), m_counters.requests },
             { QStringLiteral("failed"), m_counters.failed },
@@ -1266,8 +1020,8 @@ Reply<QVariantMap> LocalSettings::statistics()
             { QStringLiteral("resets"), m_counters.resets },
             { QStringLiteral("announcements"), m_counters.announcements },
             { QStringLiteral("flushes"), m_counters.flushes },
-            { QStringLiteral("writes"), m_counters.writes + writes.writeCount() },
-            { QStringLiteral("writeErrors"), m_counters.writeErrors + writes.errorCount() },
+            { QStringLiteral("writes"), m_tree->writeCount() },
+            { QStringLiteral("writeErrors"), m_tree->writeErrorCount() },
             { QStringLiteral("keptValues"), qint64(m_keptValues.size()) },
         };
         answer(promise, Error(), numbers);
@@ -1313,6 +1067,27 @@ void LocalSettings::deliverEvents()
         const Event event = std::move(m_events.front());
         m_events.pop_front();
         deliver(event);
+    }
+}
+
+// Announces that any of these settings, and the directories that they are in, may read differently.
+void LocalSettings::announceFiles(const QStringList& paths)
+{
+    QStringList settings = paths;
+    settings.removeDuplicates();
+    settings.sort();
+    QStringList directories;
+    for (const QString& path : qAsConst(settings)) {
+        announceDifference(path, {});
+        for (QString above = parentOf(path); !above.isEmpty(); above = parentOf(above))
+            directories.append(above);
+    }
+    directories.removeDuplicates();
+    directories.sort();
+    for (const QString& directory : qAsConst(directories)) {
+        // With a version left out, so that clients list it again.
+        ++m_rowsVersions[directory];
+        rowsChanged(CMPath(directory), QStringLiteral("0"), 0);
     }
 }
 

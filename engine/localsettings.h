@@ -2,7 +2,7 @@
 
 #include "engine/dispatcher.h"
 #include "engine/engine.h"
-#include "trees/partition.h"
+#include "engine/servedtree.h"
 
 #include <tulo/settings.h>
 
@@ -12,11 +12,8 @@
 #include <QHash>
 #include <QMap>
 #include <QString>
-#include <QTemporaryDir>
-#include <QTimer>
 #include <QVector>
 
-#include <atomic>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -36,14 +33,9 @@ namespace tulo {
 ///
 /// Opened for reading it takes no lock, and changes fail with Unavailable.
 ///
-/// The owner of a tree keeps an eye on it. While its file system is read-only, has no room (since a
-/// write failed), or is not mounted, and when something else is found at the tree's path, changes
-/// fail with Unavailable and the reason, reading goes on, and what was accepted before is kept. The
-/// state is looked at again every few seconds and when something is mounted. Then what was kept is
-/// stored, in the tree that the path leads to now: it is opened anew if it is another one, and
-/// everything in either is announced. While there is no tree, an empty directory stands for it: the
-/// settings read as the default tree has them, and nothing is written where the tree is missing.
-/// A tree that was on another file system than the root directory is missing while it is not.
+/// While the tree admits no change, changes fail with Unavailable and the reason: see ServedTree.
+/// When it comes, goes or is replaced, everything in what was served before and in what is served
+/// from then on is announced.
 ///
 /// The worker keeps few settings loaded. As the owner of the tree, which hears of every change,
 /// this keeps the small values of more, so that programs that read a thousand settings again cost
@@ -58,8 +50,6 @@ public:
     /// Values that are kept, about 250 bytes each; a text has at most so many characters.
     static constexpr int maximumKeptValues = 16384;
     static constexpr int maximumKeptCharacters = 100;
-    /// How often a tree that admits no change is looked at.
-    static constexpr int treeCheckMs = 5000;
 
     /// Null when they cannot be opened; `failure` says why.
     static std::unique_ptr<LocalSettings> open(const EngineOptions& options,
@@ -137,25 +127,7 @@ private:
     struct Order;
     struct AdmittedChange;
 
-    /// What is served.
-    enum class Place {
-        Owned, ///< the tree
-        Read, ///< the tree, without a lock
-        Substitute, ///< an empty directory
-        Nothing
-    };
-    struct Opening
-    {
-        Place place = Place::Nothing;
-        std::unique_ptr<Engine> engine; ///< null when nothing can be served, or what already is
-        std::unique_ptr<QTemporaryDir> substitute;
-        QString refusal; ///< why changes are refused; empty: they are not
-        EngineFailure failure; ///< when nothing can be served, or the tree cannot be owned
-    };
-
-    LocalSettings(const EngineOptions& options, Opening opening);
-    static Opening openTree(const EngineOptions& options, Place present);
-    static Opening openOwned(const EngineOptions& options);
+    LocalSettings(std::unique_ptr<ServedTree> tree, const QString& productPostfix);
 
     template<typename T, typename Work>
     Reply<T> enqueue(Work work);
@@ -164,13 +136,6 @@ private:
     void post();
     void deliverEvents();
     void append(const Event& event);
-
-    void use(Opening opening);
-    void checkTree();
-    void noteRefusal();
-    void flushUnasked();
-    void openAnew();
-    void announceFiles(const QStringList& paths);
 
     Error read(const QString& path, const QStringList& roles, QVariantMap* values);
     bool readKept(const QString& path, const QStringList& roles, QVariantMap* values);
@@ -199,6 +164,7 @@ private:
     void dataChanged(const CMPath& path) override;
     void rowsChanged(const CMPath& path, const QString& command, int version) override;
     bool isEncrypted(const CMPath& path);
+    void announceFiles(const QStringList& paths);
 
     /// Since the settings were opened.
     struct Counters
@@ -209,22 +175,10 @@ private:
         qint64 resets = 0; ///< settings
         qint64 announcements = 0;
         qint64 flushes = 0;
-        // Of trees that were served before.
-        qint64 writes = 0;
-        qint64 writeErrors = 0;
     };
 
-    EngineOptions m_options;
-    Place m_place = Place::Nothing;
-    DirectoryId m_readTree; ///< that is read without a lock
-    std::unique_ptr<QTemporaryDir> m_substitute;
-    std::unique_ptr<Engine> m_engine;
-    QString m_refusal; ///< that was announced
-    /// Accepted, and not confirmed to be in a tree that is not there; while it is not owned again.
-    QVector<WriteTracker::Change> m_carried;
-    QString m_lastWriteError; ///< in a tree that was served before
-    QTimer m_treeCheck;
-    std::unique_ptr<MountWatch> m_mounts;
+    const QString m_productPostfix;
+    const std::unique_ptr<ServedTree> m_tree;
     std::deque<Request> m_requests;
     bool m_isPosted = false; ///< the event that carries the next request out
     std::deque<Event> m_events; ///< announced and not yet delivered
@@ -232,7 +186,6 @@ private:
     QHash<QString, int> m_rowsVersions; ///< by path; those of a worker begin again with it
     QCache<QString, QVariant> m_keptValues { maximumKeptValues }; ///< by path
     const AdmittedChange* m_carriedOut = nullptr; ///< while the worker makes it
-    std::atomic<int> m_unsavedRevision { 0 }; ///< that unsavedChanged() is emitted for
     Counters m_counters;
     bool m_isStopped = false;
     bool m_isDestroyed = false;
