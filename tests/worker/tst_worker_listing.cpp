@@ -8,6 +8,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QScopeGuard>
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -65,6 +66,9 @@ private slots:
     void specialFilesAreNotListed();
     void listsWhatQDirLists_data();
     void listsWhatQDirLists();
+    void nameWithAByteOrderMarkIsNotListed();
+    void readableIsWhatTheRealUserReads();
+    void pathWithANullCharacterListsNothing();
     void topDirectoryIsListed();
 
     void directoryExistsInEitherTree_data();
@@ -263,6 +267,8 @@ void tst_worker_listing::listsWhatQDirLists()
     QVERIFY(link("missing", "to-nothing"));
     QVERIFY(link("to-itself", "to-itself"));
     QVERIFY(link("file", "not\xe4utf8"));
+    // QTemporaryDir does not find it.
+    const auto removed = qScopeGuard([&folder] { ::unlink((folder + "not\xe4utf8").constData()); });
     QVERIFY(link("file", ".hidden"));
 
     const QStringList listed = list(audio);
@@ -273,6 +279,53 @@ void tst_worker_listing::listsWhatQDirLists()
                                  QDir::Name));
     QCOMPARE(listed,
              names({ "file", "folder", "to-file", "to-folder", "to-link", "to-pipe", "\u00e4" }));
+}
+
+void tst_worker_listing::nameWithAByteOrderMarkIsNotListed()
+{
+    const QString mark(QChar::ByteOrderMark);
+    for (const QString& name : { mark, mark + QLatin1String("a"), QStringLiteral("b") })
+        m->tree.writeDefault(audio + QLatin1Char('/') + name, QByteArray("{}"));
+
+    QCOMPARE(list(audio), names({ "b" }));
+}
+
+// The real user can read all of them, but the effective one cannot follow the link.
+void tst_worker_listing::readableIsWhatTheRealUserReads()
+{
+    if (::geteuid() != 0)
+        QSKIP("needs root to become another user");
+    const QString closed = m->tree.defaultPath() + QLatin1String("/closed");
+    m->tree.writeDefault(QStringLiteral("/closed/file"), QByteArray("{}"));
+    addDefault("file");
+    addDefault("secret");
+    changeMode(m->tree.defaultPath() + QLatin1String("/audio/secret"), 0600);
+    QVERIFY(QFile::link(closed + QLatin1String("/file"),
+                        m->tree.defaultPath() + QLatin1String("/audio/link")));
+    changeMode(closed, 0700);
+
+    const ChildResult child = ChildProcess::runInChild([this] {
+        constexpr uid_t nobody = 65534;
+        QCOMPARE(::seteuid(nobody), 0);
+        QCOMPARE(list(audio), names({ "file", "secret" }));
+    });
+
+    QVERIFY2(child.exitCode == 0, child.standardOutput.constData());
+    QCOMPARE(list(audio), names({ "file", "link", "secret" }));
+}
+
+void tst_worker_listing::pathWithANullCharacterListsNothing()
+{
+    addDefault("file");
+    addWritten("file");
+    // Of both trees.
+    for (int i = 0; i < 2; ++i)
+        QTest::ignoreMessage(QtWarningMsg, "Broken filename passed to function");
+    bool exists = true;
+
+    QCOMPARE(list(audio + QChar(QChar::Null) + QLatin1String("x"), &exists), QStringList());
+
+    QVERIFY(!exists);
 }
 
 void tst_worker_listing::topDirectoryIsListed()

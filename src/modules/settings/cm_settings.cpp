@@ -25,6 +25,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 #include <utility>
 
@@ -154,26 +155,34 @@ bool holdsPatiently(const QString& fileName, bool (QFileInfo::*question)() const
     return answer;
 }
 
-// Adds what QDir::entryList() gives with QDir::Dirs, Files, Readable and NoDotAndDotDot: neither
-// hidden names nor special files, but links to whatever there is. It makes a file information of
-// each name, which costs six times as much as all that is done here.
+// Adds what QDir::entryList() gives with QDir::Dirs, Files, Readable and NoDotAndDotDot, as far as
+// isListedName() lets it pass: neither hidden names nor special files, but links to whatever there
+// is. It makes a file information of each name, which costs six times as much as all that is done
+// here.
 void addNames(const QString& directory, QSet<QString>* names)
 {
+    // The system would take what is in front of it for the name.
+    if (directory.contains(QChar::Null))
+        return;
     DIR* const stream = ::opendir(QFile::encodeName(directory).constData());
     if (stream == nullptr)
         return;
     const int file = ::dirfd(stream);
     while (const dirent* const entry = ::readdir(stream)) {
-        if (entry->d_name[0] == '.')
+        const char* const name = entry->d_name;
+        // decodeName() drops a leading byte order mark, so that another name would be listed.
+        if (name[0] == '.' || std::strncmp(name, "\xEF\xBB\xBF", 3) == 0)
             continue;
         unsigned char kind = entry->d_type;
         struct stat status = {};
         // Some file systems leave it to this call.
-        if (kind == DT_UNKNOWN && ::fstatat(file, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0)
+        if (kind == DT_UNKNOWN && ::fstatat(file, name, &status, AT_SYMLINK_NOFOLLOW) == 0)
             kind = IFTODT(status.st_mode);
+        // A link is followed as the effective user, but who may read is asked for the real one.
+        const bool isBroken = kind == DT_LNK && ::fstatat(file, name, &status, 0) != 0;
         const bool isSpecial = kind != DT_REG && kind != DT_DIR && kind != DT_LNK;
-        if (!isSpecial && ::faccessat(file, entry->d_name, R_OK, 0) == 0)
-            names->insert(QFile::decodeName(entry->d_name));
+        if (!isBroken && !isSpecial && ::faccessat(file, name, R_OK, 0) == 0)
+            names->insert(QFile::decodeName(name));
     }
     ::closedir(stream);
 }
