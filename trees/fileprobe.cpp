@@ -151,9 +151,9 @@ FileProbe::Seen FileProbe::inspectAgain(const QString& settingPath)
     }
     if (lookAtOwn(m_writePath + settingPath) == Look::Directory)
         seen.isDirectory = true;
-    // The worker reads it only where the default file has no roles.
+    // The worker reads it only for a setting whose default file has no roles.
     const bool isOfProduct = ofProduct == Look::File || ofProduct == Look::FileWithRoles;
-    if ((isOfProduct ? ofProduct : ofAll) != Look::FileWithRoles)
+    if (!seen.isDirectory && (isOfProduct ? ofProduct : ofAll) != Look::FileWithRoles)
         look(m_defaultPath + parent + meta);
     m_nodes.insert(settingPath, new bool(seen.reason.isEmpty() && exists));
     return seen;

@@ -53,6 +53,7 @@ private slots:
     void unsoundFileIsNamed();
     void templateIsLookedAtWhereTheWorkerReadsIt_data();
     void templateIsLookedAtWhereTheWorkerReadsIt();
+    void templateIsNotLookedAtForADirectory();
     void fileThatCannotBeOpenedAtThisMomentIsUnsoundAtThisMomentOnly();
     void directoryThatCannotBeOpenedAtThisMomentIsUnsoundAtThisMomentOnly();
     void soundNodeIsLookedAtOnceUntilForgotten();
@@ -172,6 +173,18 @@ void tst_fileprobe::templateIsLookedAtWhereTheWorkerReadsIt()
     QCOMPARE(::mkfifo(meta.constData(), 0600), 0);
 
     QTEST(!m_probe->inspect(bass).isEmpty(), "isLookedAt");
+}
+
+void tst_fileprobe::templateIsNotLookedAtForADirectory()
+{
+    m_tree->makeDefaultDirectory(QStringLiteral("/audio/plain"));
+    m_tree->makeWriteDirectory(QStringLiteral("/audio/made"));
+    const QByteArray meta = QFile::encodeName(m_tree->defaultPath()) + "/audio/.meta";
+    QCOMPARE(::mkfifo(meta.constData(), 0600), 0);
+
+    QCOMPARE(m_probe->inspect(QStringLiteral("/audio/plain")), QString());
+    QCOMPARE(m_probe->inspect(QStringLiteral("/audio/made")), QString());
+    QVERIFY(!m_probe->inspect(QStringLiteral("/audio")).isEmpty());
 }
 
 void tst_fileprobe::fileThatCannotBeOpenedAtThisMomentIsUnsoundAtThisMomentOnly()
