@@ -52,8 +52,8 @@ private:
     int m_socket = -1;
 };
 
-/// Catches the key that interrupts and ends with the line that is typed after it, whether the signal
-/// comes while it reads or just before.
+/// Catches the key that interrupts and ends with the line that is typed after it, whether the
+/// signal comes while it reads or just before.
 constexpr char pagerThatReads[] = "trap 'echo caught' INT; cat > /dev/null; "
                                   "stty -echo < /dev/tty; echo reads; "
                                   "until read line < /dev/tty; do :; done; "
