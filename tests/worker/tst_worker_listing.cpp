@@ -8,11 +8,8 @@
 
 #include <QDir>
 #include <QFile>
-#include <QScopeGuard>
 
-#include <dirent.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -24,22 +21,7 @@ void changeMode(const QString& name, mode_t mode)
         qFatal("cannot change the mode of %s", qPrintable(name));
 }
 
-bool readsNoKinds = false;
-
 } // namespace
-
-extern "C" {
-dirent* __real_readdir(DIR* directory);
-
-// As on a file system that does not tell the kinds of names.
-dirent* __wrap_readdir(DIR* directory)
-{
-    dirent* const entry = __real_readdir(directory);
-    if (entry != nullptr && readsNoKinds)
-        entry->d_type = DT_UNKNOWN;
-    return entry;
-}
-}
 
 class tst_worker_listing : public QObject
 {
@@ -49,7 +31,6 @@ private slots:
     void init() { m = std::make_unique<WorkerFixture>(); }
     void cleanup()
     {
-        readsNoKinds = false;
         m->log.verifyNothingUnexpected();
         m.reset();
     }
@@ -64,11 +45,6 @@ private slots:
     void productDefaultIsListedAsRow();
     void workingLinksAreListedAndBrokenOnesAreNot();
     void specialFilesAreNotListed();
-    void listsWhatQDirLists_data();
-    void listsWhatQDirLists();
-    void nameWithAByteOrderMarkIsNotListed();
-    void readableIsWhatTheRealUserReads();
-    void pathWithANullCharacterListsNothing();
     void topDirectoryIsListed();
 
     void directoryExistsInEitherTree_data();
@@ -239,93 +215,6 @@ void tst_worker_listing::specialFilesAreNotListed()
     QCOMPARE(::mkfifo(QFile::encodeName(pipe).constData(), 0644), 0);
 
     QCOMPARE(list(audio), names({ "file" }));
-}
-
-void tst_worker_listing::listsWhatQDirLists_data()
-{
-    QTest::addColumn<bool>("isWithoutKinds");
-    QTest::newRow("kinds are told") << false;
-    QTest::newRow("kinds are not told") << true;
-}
-
-void tst_worker_listing::listsWhatQDirLists()
-{
-    QFETCH(const bool, isWithoutKinds);
-    readsNoKinds = isWithoutKinds;
-    addDefault("file");
-    addDefault("\u00e4");
-    m->tree.makeDefaultDirectory(QStringLiteral("/audio/folder"));
-    const QByteArray folder = QFile::encodeName(m->tree.defaultPath()) + "/audio/";
-    QCOMPARE(::mkfifo((folder + "pipe").constData(), 0644), 0);
-    const auto link = [&folder](const char* target, const char* name) {
-        return ::symlink(target, (folder + name).constData()) == 0;
-    };
-    QVERIFY(link("file", "to-file"));
-    QVERIFY(link("folder", "to-folder"));
-    QVERIFY(link("to-file", "to-link"));
-    QVERIFY(link("pipe", "to-pipe"));
-    QVERIFY(link("missing", "to-nothing"));
-    QVERIFY(link("to-itself", "to-itself"));
-    QVERIFY(link("file", "not\xe4utf8"));
-    // QTemporaryDir does not find it.
-    const auto removed = qScopeGuard([&folder] { ::unlink((folder + "not\xe4utf8").constData()); });
-    QVERIFY(link("file", ".hidden"));
-
-    const QStringList listed = list(audio);
-
-    const QDir directory(QFile::decodeName(folder));
-    QCOMPARE(listed,
-             directory.entryList(QDir::Dirs | QDir::Files | QDir::Readable | QDir::NoDotAndDotDot,
-                                 QDir::Name));
-    QCOMPARE(listed,
-             names({ "file", "folder", "to-file", "to-folder", "to-link", "to-pipe", "\u00e4" }));
-}
-
-void tst_worker_listing::nameWithAByteOrderMarkIsNotListed()
-{
-    const QString mark(QChar::ByteOrderMark);
-    for (const QString& name : { mark, mark + QLatin1String("a"), QStringLiteral("b") })
-        m->tree.writeDefault(audio + QLatin1Char('/') + name, QByteArray("{}"));
-
-    QCOMPARE(list(audio), names({ "b" }));
-}
-
-// The real user can read all of them, but the effective one cannot follow the link.
-void tst_worker_listing::readableIsWhatTheRealUserReads()
-{
-    if (::geteuid() != 0)
-        QSKIP("needs root to become another user");
-    const QString closed = m->tree.defaultPath() + QLatin1String("/closed");
-    m->tree.writeDefault(QStringLiteral("/closed/file"), QByteArray("{}"));
-    addDefault("file");
-    addDefault("secret");
-    changeMode(m->tree.defaultPath() + QLatin1String("/audio/secret"), 0600);
-    QVERIFY(QFile::link(closed + QLatin1String("/file"),
-                        m->tree.defaultPath() + QLatin1String("/audio/link")));
-    changeMode(closed, 0700);
-
-    const ChildResult child = ChildProcess::runInChild([this] {
-        constexpr uid_t nobody = 65534;
-        QCOMPARE(::seteuid(nobody), 0);
-        QCOMPARE(list(audio), names({ "file", "secret" }));
-    });
-
-    QVERIFY2(child.exitCode == 0, child.standardOutput.constData());
-    QCOMPARE(list(audio), names({ "file", "link", "secret" }));
-}
-
-void tst_worker_listing::pathWithANullCharacterListsNothing()
-{
-    addDefault("file");
-    addWritten("file");
-    // Of both trees.
-    for (int i = 0; i < 2; ++i)
-        QTest::ignoreMessage(QtWarningMsg, "Broken filename passed to function");
-    bool exists = true;
-
-    QCOMPARE(list(audio + QChar(QChar::Null) + QLatin1String("x"), &exists), QStringList());
-
-    QVERIFY(!exists);
 }
 
 void tst_worker_listing::topDirectoryIsListed()

@@ -25,13 +25,10 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cstring>
 #include <iterator>
 #include <utility>
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 // ---------------------------------------------------------------------------------------------
@@ -153,38 +150,6 @@ bool holdsPatiently(const QString& fileName, bool (QFileInfo::*question)() const
         return answer ? 0 : errno;
     });
     return answer;
-}
-
-// Adds what QDir::entryList() gives with QDir::Dirs, Files, Readable and NoDotAndDotDot, as far as
-// isListedName() lets it pass: neither hidden names nor special files, but links to whatever there
-// is. It makes a file information of each name, which costs six times as much as all that is done
-// here.
-void addNames(const QString& directory, QSet<QString>* names)
-{
-    // The system would take what is in front of it for the name.
-    if (directory.contains(QChar::Null))
-        return;
-    DIR* const stream = ::opendir(QFile::encodeName(directory).constData());
-    if (stream == nullptr)
-        return;
-    const int file = ::dirfd(stream);
-    while (const dirent* const entry = ::readdir(stream)) {
-        const char* const name = entry->d_name;
-        // decodeName() drops a leading byte order mark, so that another name would be listed.
-        if (name[0] == '.' || std::strncmp(name, "\xEF\xBB\xBF", 3) == 0)
-            continue;
-        unsigned char kind = entry->d_type;
-        struct stat status = {};
-        // Some file systems leave it to this call.
-        if (kind == DT_UNKNOWN && ::fstatat(file, name, &status, AT_SYMLINK_NOFOLLOW) == 0)
-            kind = IFTODT(status.st_mode);
-        // A link is followed as the effective user, but who may read is asked for the real one.
-        const bool isBroken = kind == DT_LNK && ::fstatat(file, name, &status, 0) != 0;
-        const bool isSpecial = kind != DT_REG && kind != DT_DIR && kind != DT_LNK;
-        if (!isBroken && !isSpecial && ::faccessat(file, name, R_OK, 0) == 0)
-            names->insert(QFile::decodeName(name));
-    }
-    ::closedir(stream);
 }
 
 // Letters, marks, digits, "_" and "-": what "^[\w-_]*$" stands for in a QRegExp, whose matching
@@ -650,14 +615,19 @@ QStringList CMSettingsWorker::getDir(const QString& path, bool* exists)
 {
     auto cached = m_dirCache.constFind(path);
     if (cached == m_dirCache.cend()) {
-        const QString defaultDirectory = m_defaultPath + separator + path;
-        const QString writeDirectory = m_writePath + separator + path;
+        const QDir defaultDirectory(m_defaultPath + separator + path);
+        const QDir writeDirectory(m_writePath + separator + path);
         DirCacheRecord record;
-        record.exists = QDir(defaultDirectory).exists() || QDir(writeDirectory).exists();
+        record.exists = defaultDirectory.exists() || writeDirectory.exists();
 
-        QSet<QString> names;
-        addNames(defaultDirectory, &names);
-        addNames(writeDirectory, &names);
+        // Without QDir::Hidden and QDir::System: no ".meta" and no broken links.
+        const QDir::Filters filters =
+            QDir::Dirs | QDir::Files | QDir::Readable | QDir::NoDotAndDotDot;
+        const QStringList defaultNames = defaultDirectory.entryList(filters, QDir::NoSort);
+        const QStringList writtenNames = writeDirectory.entryList(filters, QDir::NoSort);
+        QSet<QString> names(defaultNames.cbegin(), defaultNames.cend());
+        names.unite(QSet<QString>(writtenNames.cbegin(), writtenNames.cend()));
+
         std::copy_if(names.cbegin(), names.cend(), std::back_inserter(record.entries),
                      isListedName);
         record.entries.sort(Qt::CaseSensitive);
