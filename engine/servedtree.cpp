@@ -276,8 +276,8 @@ void ServedTree::openAnew()
     if (m_place == Place::Owned)
         m_carried.clear();
     paths += m_engine->filePaths();
-    flushUnasked();
     emit changed(paths);
+    flushUnasked();
     noteRefusal();
     emit unsavedChanged();
 }
