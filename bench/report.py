@@ -226,7 +226,7 @@ floors = {"get": "get_floor", "load": "load_floor", "json_parse": "json_floor",
 causes = {
     "get": "each get makes a request, a reply and a list of values: none of the allocations is the "
            "store's own",
-    "rows": "each of the 20 rows is a get of its own, routed, with a request and a reply",
+    "rows": "each of the 20 rows is a separate get, routed, with a request and a reply",
     "load": "two files are parsed and merged role by role; four calls ask what lies at a path that "
             "is asked for the first time",
     "json_parse": "the parser looks at each byte several times and hands on one member at a time",
